@@ -1,0 +1,26 @@
+# Compiler settings shared by every target of the tree.
+add_library(vekx_options INTERFACE)
+target_compile_features(vekx_options INTERFACE cxx_std_20)
+
+if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
+  target_compile_options(vekx_options INTERFACE
+    -Wall -Wextra -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wimplicit-fallthrough
+    -Wno-missing-field-initializers)
+  if(VEKX_WERROR)
+    target_compile_options(vekx_options INTERFACE -Werror)
+  endif()
+endif()
+
+if(VEKX_SANITIZE)
+  target_compile_options(vekx_options INTERFACE -fsanitize=${VEKX_SANITIZE} -fno-omit-frame-pointer
+                                                -fno-sanitize-recover=all)
+  target_link_options(vekx_options INTERFACE -fsanitize=${VEKX_SANITIZE})
+endif()
+
+if(WIN32)
+  # Windows 7 API level, UTF-16 Win32 calls, and no min/max macros in our way.
+  target_compile_definitions(vekx_options INTERFACE _WIN32_WINNT=0x0601 UNICODE _UNICODE NOMINMAX
+                                                    WIN32_LEAN_AND_MEAN)
+  # Test and tool executables carry their own runtime so that Wine needs no MinGW DLLs.
+  set(VEKX_STATIC_RUNTIME_FLAGS -static -static-libgcc -static-libstdc++)
+endif()

@@ -1,0 +1,116 @@
+#include "serverlink/message_buffer.h"
+
+#include <cassert>
+#include <cstring>
+#include <new>
+#include <utility>
+
+namespace qv {
+
+namespace {
+
+size_t RoundUpToStep(size_t size) {
+  return (size + MessageBuffer::kGrowthStep - 1) / MessageBuffer::kGrowthStep *
+         MessageBuffer::kGrowthStep;
+}
+
+}  // namespace
+
+MessageBuffer::MessageBuffer(const void* data, size_t size) {
+  if (size == 0) return;
+  const size_t capacity = RoundUpToStep(size);
+  base_ = new (std::nothrow) uint8_t[capacity];
+  if (base_ == nullptr) {
+    valid_ = false;
+    return;
+  }
+  capacity_ = capacity;
+  std::memcpy(base_, data, size);
+  write_ = size;
+}
+
+MessageBuffer::MessageBuffer(MessageBuffer&& other) noexcept
+    : base_(std::exchange(other.base_, nullptr)),
+      capacity_(std::exchange(other.capacity_, 0)),
+      read_(std::exchange(other.read_, 0)),
+      write_(std::exchange(other.write_, 0)),
+      valid_(std::exchange(other.valid_, true)) {}
+
+MessageBuffer& MessageBuffer::operator=(MessageBuffer&& other) noexcept {
+  if (this != &other) {
+    delete[] base_;
+    base_ = std::exchange(other.base_, nullptr);
+    capacity_ = std::exchange(other.capacity_, 0);
+    read_ = std::exchange(other.read_, 0);
+    write_ = std::exchange(other.write_, 0);
+    valid_ = std::exchange(other.valid_, true);
+  }
+  return *this;
+}
+
+MessageBuffer::~MessageBuffer() {
+  delete[] base_;
+}
+
+// When the free room is short, the capacity grows by the shortfall rounded up to the growth step,
+// and only the unread bytes move to the start of the new block.
+bool MessageBuffer::EnsureRoom(size_t size) {
+  const size_t room = capacity_ - write_;
+  if (room >= size) return true;
+  const size_t shortfall = size - room;
+  if (shortfall > SIZE_MAX - kGrowthStep - capacity_) return false;
+  const size_t capacity = capacity_ + RoundUpToStep(shortfall);
+  auto* block = new (std::nothrow) uint8_t[capacity];
+  if (block == nullptr) return false;
+  const size_t unread = write_ - read_;
+  if (unread != 0) std::memcpy(block, base_ + read_, unread);
+  delete[] base_;
+  base_ = block;
+  capacity_ = capacity;
+  read_ = 0;
+  write_ = unread;
+  return true;
+}
+
+bool MessageBuffer::Write(const void* data, size_t size) {
+  if (size == 0) return true;
+  if (!EnsureRoom(size)) return false;
+  std::memcpy(base_ + write_, data, size);
+  write_ += size;
+  return true;
+}
+
+uint8_t* MessageBuffer::Reserve(size_t size) {
+  if (!EnsureRoom(size)) return nullptr;
+  // An empty reservation on a buffer without a block still answers non-null: null means failure.
+  static uint8_t no_bytes;
+  if (base_ == nullptr) return &no_bytes;
+  uint8_t* start = base_ + write_;
+  write_ += size;
+  return start;
+}
+
+void MessageBuffer::WriteAt(size_t offset, const void* data, size_t size) {
+  assert(offset + size <= write_);
+  std::memcpy(base_ + offset, data, size);
+}
+
+bool MessageBuffer::Read(void* dest, size_t size) {
+  if (!Peek(dest, size)) return false;
+  read_ += size;
+  return true;
+}
+
+bool MessageBuffer::Peek(void* dest, size_t size) const {
+  if (size > write_ - read_) return false;
+  if (size != 0) std::memcpy(dest, base_ + read_, size);
+  return true;
+}
+
+bool MessageBuffer::Skip(size_t size) {
+  if (size > write_ - read_) return false;
+  read_ += size;
+  return true;
+}
+
+}  // namespace qv

@@ -1,0 +1,66 @@
+#pragma once
+// Where responses wait for their callers. A caller registers its sequence number as awaited before
+// its request is written; the read thread hands each arriving response in; the caller blocks until
+// its own entry is ready or the connection ends.
+//
+// Locks: the awaited set and the store have one mutex each; the read thread takes the first,
+// lets it go, then takes the second, so no path holds both.
+//
+// Each connection is an epoch. Reset starts a new one; a waiter whose epoch has passed leaves
+// with kWaitAbort even when a new connection has already cleared the abort mark, so a caller can
+// never miss the end of the connection its request went out on.
+
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <system_error>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "serverlink/messages.h"
+#include "serverlink/wait_error.h"
+
+namespace qv {
+
+class PendingResponseStore {
+ public:
+  // Starts a new connection: forgets every entry and awaited number, clears the abort mark and
+  // wakes the waiters of the previous epoch. Returns the new epoch.
+  uint64_t Reset();
+  // The epoch that requests sent now belong to.
+  uint64_t Epoch() const;
+
+  // Marks `sequence` as awaited. False only when memory runs out.
+  bool Await(uint32_t sequence);
+  // Withdraws an awaited number whose request never went out.
+  void Forget(uint32_t sequence);
+
+  // Read thread: files a response under its Sequence and wakes the waiters. A response nobody
+  // awaits is dropped and false returned.
+  bool Deliver(std::shared_ptr<CResponse> response);
+
+  // Blocks until the response for `sequence` has arrived (kWaitSuccess, response filled in) or
+  // the connection of `epoch` has ended (kWaitAbort). kWaitAbandoned when memory runs out.
+  std::error_code Wait(uint32_t sequence, uint64_t epoch, std::shared_ptr<CResponse>& response);
+
+  // The connection ended: every waiter wakes with kWaitAbort.
+  void Abort();
+
+ private:
+  struct Entry {
+    bool ready = false;
+    std::shared_ptr<CResponse> response;
+  };
+
+  mutable std::mutex awaited_mutex_;
+  std::unordered_set<uint32_t> awaited_;  // guarded by awaited_mutex_
+
+  mutable std::mutex store_mutex_;
+  std::condition_variable arrived_;
+  std::unordered_map<uint32_t, Entry> entries_;  // guarded by store_mutex_
+  uint64_t epoch_ = 0;                           // guarded by store_mutex_
+  bool aborted_ = false;                         // guarded by store_mutex_
+};
+
+}  // namespace qv
