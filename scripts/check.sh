@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# The whole test run: formatting, the Linux build and tests, the ASan+UBSan build and tests,
+# bounded fuzzing of every decoder, and the Windows build with its tests under Wine.
+# Build trees go to ${VEKX_BUILD_ROOT:-build}. Set VEKX_FUZZ_SECONDS to change the fuzzing time.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+out=${VEKX_BUILD_ROOT:-$root/build}
+fuzz_seconds=${VEKX_FUZZ_SECONDS:-60}
+jobs=$(nproc)
+mkdir -p "$out"
+
+step() { printf '\n== %s\n' "$*"; }
+
+step "format"
+cd "$root"
+git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
+
+step "linux (gcc)"
+cmake -S "$root" -B "$out/linux" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVEKX_WERROR=ON \
+  -DVEKX_BUILD_BENCH=ON >/dev/null
+cmake --build "$out/linux" -j "$jobs"
+ctest --test-dir "$out/linux" --output-on-failure -j "$jobs"
+"$out/linux/bench/bench_wire_encoding" --benchmark_min_time=0.01 >/dev/null
+
+step "linux (clang, address and undefined behaviour sanitizers)"
+cmake -S "$root" -B "$out/asan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
+  -DVEKX_WERROR=ON -DVEKX_SANITIZE=address,undefined >/dev/null
+cmake --build "$out/asan" -j "$jobs"
+ASAN_OPTIONS=detect_leaks=1 ctest --test-dir "$out/asan" --output-on-failure -j "$jobs"
+
+step "fuzzing (${fuzz_seconds}s per target)"
+cmake -S "$root" -B "$out/fuzz" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_CXX_COMPILER=clang++ -DVEKX_SANITIZE=address,undefined -DVEKX_BUILD_TESTS=OFF \
+  -DVEKX_BUILD_FUZZ=ON >/dev/null
+cmake --build "$out/fuzz" -j "$jobs"
+for fuzzer in decoders lumo_stream; do
+  corpus="$out/fuzz/corpus_$fuzzer"
+  mkdir -p "$corpus"
+  "$out/fuzz/fuzz/fuzz_$fuzzer" -max_total_time="$fuzz_seconds" -rss_limit_mb=2048 \
+    -max_len=4096 -print_final_stats=1 "$corpus" 2>"$out/fuzz/fuzz_$fuzzer.log" ||
+    { tail -n 60 "$out/fuzz/fuzz_$fuzzer.log"; exit 1; }
+  grep -E 'stat::number_of_executed_units' "$out/fuzz/fuzz_$fuzzer.log" || true
+done
+
+step "windows (MinGW-w64, tests under Wine)"
+cmake -S "$root" -B "$out/windows" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVEKX_WERROR=ON \
+  -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" >/dev/null
+cmake --build "$out/windows" -j "$jobs"
+export WINEPREFIX="$out/windows/wineprefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
+[ -d "$WINEPREFIX" ] || wineboot --init >/dev/null 2>&1 || true
+ctest --test-dir "$out/windows" --output-on-failure

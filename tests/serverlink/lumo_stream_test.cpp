@@ -1,0 +1,157 @@
+#include "serverlink/lumo_stream.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "serverlink/wire_fields.h"
+
+namespace qv {
+namespace {
+
+using ByteVector = std::vector<uint8_t>;
+
+ByteVector Bytes(const MessageBuffer& buffer) {
+  return ByteVector(buffer.Data(), buffer.Data() + buffer.Size());
+}
+
+// Writes a block holding `fields` u32 values after its length placeholder.
+void WriteBlock(CLumoOStream& out, std::initializer_list<uint32_t> fields) {
+  ASSERT_TRUE(out.BeginBlock());
+  ASSERT_TRUE(WriteField<uint32_t>(out.Buffer(), 0));  // length placeholder
+  for (uint32_t field : fields)
+    ASSERT_TRUE(WriteField(out.Buffer(), field));
+  ASSERT_TRUE(out.EndBlock());
+}
+
+TEST(LumoStreamTest, BlockLengthCountsItselfAndTheContentsButNotThePadding) {
+  MessageBuffer buffer;
+  CLumoOStream out(buffer);
+  ASSERT_TRUE(out.BeginBlock());
+  ASSERT_TRUE(WriteField<uint32_t>(buffer, 0));
+  const uint8_t contents[5] = {1, 2, 3, 4, 5};
+  ASSERT_TRUE(buffer.Write(contents, sizeof contents));
+  ASSERT_TRUE(out.EndBlock());
+  EXPECT_EQ(Bytes(buffer), (ByteVector{9, 0, 0, 0, 1, 2, 3, 4, 5, 0, 0, 0}));
+
+  // The reader lands after the ninth byte: it skips to the recorded end, not over the padding.
+  CLumoIStream in(buffer);
+  ASSERT_TRUE(in.BeginBlock());
+  uint32_t length = 0;
+  ASSERT_TRUE(ReadField(buffer, length));
+  EXPECT_EQ(length, 9u);
+  ASSERT_TRUE(in.EndBlock());
+  EXPECT_EQ(buffer.ReadOffset(), 9u);
+  EXPECT_FALSE(in.Failed());
+}
+
+TEST(LumoStreamTest, AReaderThatKnowsFewerFieldsLandsAtTheBlockEnd) {
+  MessageBuffer buffer;
+  CLumoOStream out(buffer);
+  WriteBlock(out, {10, 20, 30});
+  WriteBlock(out, {40});
+
+  CLumoIStream in(buffer);
+  uint32_t value = 0;
+  ASSERT_TRUE(in.BeginBlock());
+  ASSERT_TRUE(ReadField(buffer, value));  // length
+  ASSERT_TRUE(ReadField(buffer, value));
+  EXPECT_EQ(value, 10u);
+  ASSERT_TRUE(in.EndBlock());
+  EXPECT_FALSE(in.Failed());
+
+  ASSERT_TRUE(in.BeginBlock());
+  ASSERT_TRUE(ReadField(buffer, value));
+  ASSERT_TRUE(ReadField(buffer, value));
+  EXPECT_EQ(value, 40u);
+  ASSERT_TRUE(in.EndBlock());
+  EXPECT_EQ(buffer.Size(), 0u);
+}
+
+TEST(LumoStreamTest, ReadingPastABlockSetsAStickyFailure) {
+  MessageBuffer buffer;
+  CLumoOStream out(buffer);
+  WriteBlock(out, {1});
+  WriteBlock(out, {2, 3});
+
+  CLumoIStream in(buffer);
+  uint32_t value = 0;
+  ASSERT_TRUE(in.BeginBlock());
+  for (int i = 0; i < 3; ++i)
+    ASSERT_TRUE(ReadField(buffer, value));  // one word too many
+  EXPECT_FALSE(in.EndBlock());
+  EXPECT_TRUE(in.Failed());
+  EXPECT_FALSE(in.BeginBlock());  // stays failed even though a block follows
+  EXPECT_TRUE(in.Failed());
+}
+
+TEST(LumoStreamTest, BlocksThatCannotBeReadFail) {
+  const ByteVector short_length{9, 0};
+  MessageBuffer truncated_word(short_length.data(), short_length.size());
+  CLumoIStream no_length(truncated_word);
+  EXPECT_FALSE(no_length.BeginBlock());
+  EXPECT_TRUE(no_length.Failed());
+
+  // A length that claims more than the buffer holds fails at EndBlock.
+  const ByteVector claims_more{40, 0, 0, 0, 1, 2};
+  MessageBuffer buffer(claims_more.data(), claims_more.size());
+  CLumoIStream in(buffer);
+  ASSERT_TRUE(in.BeginBlock());
+  EXPECT_FALSE(in.EndBlock());
+  EXPECT_TRUE(in.Failed());
+
+  MessageBuffer empty;
+  CLumoIStream unbalanced(empty);
+  EXPECT_FALSE(unbalanced.EndBlock());
+  CLumoOStream unbalanced_out(empty);
+  EXPECT_FALSE(unbalanced_out.EndBlock());
+  EXPECT_FALSE(unbalanced_out.EndAligned());
+}
+
+TEST(LumoStreamTest, NestedBlocksPatchTheirOwnLengths) {
+  MessageBuffer buffer;
+  CLumoOStream out(buffer);
+  ASSERT_TRUE(out.BeginBlock());
+  ASSERT_TRUE(WriteField<uint32_t>(buffer, 0));
+  WriteBlock(out, {7});
+  ASSERT_TRUE(buffer.Write("x", 1));
+  ASSERT_TRUE(out.EndBlock());
+  EXPECT_EQ(Bytes(buffer), (ByteVector{13, 0, 0, 0, 8, 0, 0, 0, 7, 0, 0, 0, 'x', 0, 0, 0}));
+}
+
+TEST(LumoStreamTest, AlignedRegionsPadToWholeWords) {
+  for (size_t length = 0; length < 9; ++length) {
+    MessageBuffer buffer;
+    CLumoOStream out(buffer);
+    ASSERT_TRUE(WriteField<uint8_t>(buffer, 0xEE));  // regions start at any offset
+    ASSERT_TRUE(out.BeginAligned());
+    const ByteVector contents(length, 0xAB);
+    ASSERT_TRUE(buffer.Write(contents.data(), contents.size()));
+    ASSERT_TRUE(out.EndAligned());
+    const size_t padded = (length + 3) / 4 * 4;
+    ASSERT_EQ(buffer.Size(), 1 + padded) << length;
+    for (size_t i = 1 + length; i < buffer.Size(); ++i)
+      EXPECT_EQ(buffer.Data()[i], 0);
+
+    uint8_t first = 0;
+    CLumoIStream in(buffer);
+    ASSERT_TRUE(ReadField(buffer, first));
+    ASSERT_TRUE(in.BeginAligned());
+    ASSERT_TRUE(buffer.Skip(length));
+    ASSERT_TRUE(in.EndAligned());
+    EXPECT_EQ(buffer.Size(), 0u);
+  }
+}
+
+TEST(LumoStreamTest, AnAlignedSkipThatRunsOutFailsWithoutSettingTheFlag) {
+  const ByteVector bytes{1, 2, 3};
+  MessageBuffer buffer(bytes.data(), bytes.size());
+  CLumoIStream in(buffer);
+  ASSERT_TRUE(in.BeginAligned());
+  ASSERT_TRUE(buffer.Skip(3));  // one byte of padding is owed and missing
+  EXPECT_FALSE(in.EndAligned());
+  EXPECT_FALSE(in.Failed());
+}
+
+}  // namespace
+}  // namespace qv

@@ -1,0 +1,125 @@
+#include "serverlink/pending_responses.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace qv {
+namespace {
+
+std::shared_ptr<CResponse> ResponseFor(uint32_t sequence) {
+  auto response = std::make_shared<CResponse>();
+  response->Sequence = sequence;
+  return response;
+}
+
+TEST(PendingResponseStoreTest, AResponseReachesItsWaiterBeforeOrAfterTheWaitStarts) {
+  PendingResponseStore store;
+  const uint64_t epoch = store.Reset();
+  ASSERT_TRUE(store.Await(1));
+  ASSERT_TRUE(store.Await(2));
+  ASSERT_TRUE(store.Deliver(ResponseFor(1)));
+
+  std::shared_ptr<CResponse> response;
+  EXPECT_EQ(store.Wait(1, epoch, response), WaitError::kWaitSuccess);
+  ASSERT_NE(response, nullptr);
+  EXPECT_EQ(response->Sequence, 1u);
+
+  std::thread late([&] { store.Deliver(ResponseFor(2)); });
+  EXPECT_EQ(store.Wait(2, epoch, response), WaitError::kWaitSuccess);
+  EXPECT_EQ(response->Sequence, 2u);
+  late.join();
+}
+
+TEST(PendingResponseStoreTest, UnawaitedResponsesAreDroppedAndLaterOnesStillArrive) {
+  PendingResponseStore store;
+  const uint64_t epoch = store.Reset();
+  ASSERT_TRUE(store.Await(5));
+  EXPECT_FALSE(store.Deliver(ResponseFor(4)));  // nobody awaits 4
+  EXPECT_TRUE(store.Deliver(ResponseFor(5)));
+  EXPECT_FALSE(store.Deliver(ResponseFor(5)));  // awaited once, answered once
+  std::shared_ptr<CResponse> response;
+  EXPECT_EQ(store.Wait(5, epoch, response), WaitError::kWaitSuccess);
+
+  store.Forget(6);
+  ASSERT_TRUE(store.Await(6));
+  store.Forget(6);
+  EXPECT_FALSE(store.Deliver(ResponseFor(6)));
+}
+
+TEST(PendingResponseStoreTest, AbortWakesEveryWaiterWithWaitAbort) {
+  PendingResponseStore store;
+  const uint64_t epoch = store.Reset();
+  std::vector<std::thread> waiters;
+  std::vector<std::error_code> results(3);
+  for (uint32_t i = 0; i < 3; ++i) {
+    ASSERT_TRUE(store.Await(i));
+    waiters.emplace_back([&, i] {
+      std::shared_ptr<CResponse> response;
+      results[i] = store.Wait(i, epoch, response);
+    });
+  }
+  store.Abort();
+  for (auto& waiter : waiters)
+    waiter.join();
+  for (const auto& result : results) {
+    EXPECT_EQ(result, WaitError::kWaitAbort);
+    EXPECT_EQ(result.message(), "WaitAbort");
+  }
+  // Until the next connection resets it, the store stays aborted.
+  std::shared_ptr<CResponse> response;
+  EXPECT_EQ(store.Wait(9, epoch, response), WaitError::kWaitAbort);
+}
+
+TEST(PendingResponseStoreTest, AWaiterOfAnEndedConnectionNeverWaitsOnTheNextOne) {
+  PendingResponseStore store;
+  const uint64_t old_epoch = store.Reset();
+  ASSERT_TRUE(store.Await(1));
+  std::error_code result;
+  std::thread waiter([&] {
+    std::shared_ptr<CResponse> response;
+    result = store.Wait(1, old_epoch, response);
+  });
+  // The connection ends and a new one starts before the waiter notices the abort.
+  store.Abort();
+  const uint64_t new_epoch = store.Reset();
+  waiter.join();
+  EXPECT_NE(new_epoch, old_epoch);
+  EXPECT_EQ(result, WaitError::kWaitAbort);
+  // Reset forgot the awaited numbers of the old connection.
+  EXPECT_FALSE(store.Deliver(ResponseFor(1)));
+}
+
+TEST(PendingResponseStoreTest, ManyConcurrentCallersEachGetTheirOwnResponse) {
+  constexpr uint32_t kCallers = 32;
+  PendingResponseStore store;
+  const uint64_t epoch = store.Reset();
+  std::vector<uint32_t> order(kCallers);
+  for (uint32_t i = 0; i < kCallers; ++i) {
+    order[i] = i * 7 + 3;
+    ASSERT_TRUE(store.Await(order[i]));
+  }
+  std::vector<uint32_t> received(kCallers);
+  std::vector<std::thread> callers;
+  for (uint32_t i = 0; i < kCallers; ++i) {
+    callers.emplace_back([&, i] {
+      std::shared_ptr<CResponse> response;
+      if (store.Wait(order[i], epoch, response) == WaitError::kWaitSuccess) {
+        received[i] = response->Sequence;
+      }
+    });
+  }
+  std::vector<uint32_t> shuffled = order;
+  std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(42));
+  for (uint32_t sequence : shuffled)
+    EXPECT_TRUE(store.Deliver(ResponseFor(sequence)));
+  for (auto& caller : callers)
+    caller.join();
+  EXPECT_EQ(received, order);
+}
+
+}  // namespace
+}  // namespace qv
