@@ -157,8 +157,8 @@ AppObjectInfoRecord SomeAppObjects() {
   return info;
 }
 
-// A value's encoding and a decoder for it: Decode reads a fresh value from the bytes and says
-// whether that succeeded using every byte and gave back the original.
+// A value's encoding, and two ways to decode bytes into a fresh value: whether that gives back the
+// original using every byte, and whether it succeeds at all.
 struct Sample {
   const char* name;
   ByteVector bytes;
