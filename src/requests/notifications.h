@@ -2,6 +2,9 @@
 // Every notification the server pushes, as a class qv::C<Name>Notification generated from the
 // rows of notifications.def, and the factory that makes them from a type number.
 
+#include <cstddef>
+#include <cstdint>
+
 #include "requests/debug_records.h"
 #include "requests/notification_bases.h"
 #include "requests/wire_types.h"
@@ -10,10 +13,34 @@
 
 namespace qv {
 
+// The event groups that deliver notifications to sinks, in the order in which the private client
+// lays out their locks and registries. None marks a notification that reaches no sink.
+enum class EventGroup : uint32_t {
+  CacheUpdate,
+  ConsoleOutput,
+  Controller,
+  Debug,
+  GenericProtocol,
+  HighFreqFileCopy,
+  LowFreqFileCopy,
+  Trickle,
+  ProcessLock,
+  Server,
+  Target,
+  Viewer,
+  None,
+};
+
+// The groups that have sinks: every value before None.
+inline constexpr size_t kEventGroupCount = static_cast<size_t>(EventGroup::None);
+
 #define VEKX_NOTIFICATION(Camel, WIRE, number, Base, Group, Slot, SinkInterface, SinkMethod, \
                           DispId, fields)                                                    \
   VEKX_NOTIFICATION_CLASS(Camel, WIRE, number, Base, fields)
 #include "requests/notifications.def"
+
+// The number of notifications in the catalogue.
+inline constexpr size_t kNotificationCount = 94;
 
 // Makes notifications from type numbers.
 const MessageFactory<CNotification>& NotificationFactory();

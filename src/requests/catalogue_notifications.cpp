@@ -1,0 +1,63 @@
+// The notification factory.
+#include <array>
+#include <cstdint>
+
+#include "requests/notifications.h"
+
+namespace qv {
+
+namespace {
+
+// Sorted at compile time; a type number used twice stops the build.
+constexpr auto kNotificationEntries = SortByTypeNumber(std::array{
+#define VEKX_NOTIFICATION(Camel, WIRE, number, Base, Group, Slot, SinkInterface, SinkMethod, \
+                          DispId, fields)                                                    \
+  MessageFactoryEntry<CNotification>{number, C##Camel##Notification::kName,                  \
+                                     &MakeMessage<CNotification, C##Camel##Notification>},
+#include "requests/notifications.def"
+});
+
+static_assert(kNotificationEntries.size() == kNotificationCount);
+static_assert(!HasDuplicateTypeNumbers(kNotificationEntries),
+              "two notifications share a type number");
+
+// Where each notification is delivered: a group's notify client has one slot per notification,
+// so two rows on the same slot of a group would be a transcription error.
+struct DeliveryRoute {
+  EventGroup group;
+  uint32_t slot;
+};
+
+constexpr std::array kDeliveryRoutes{
+#define VEKX_NOTIFICATION(Camel, WIRE, number, Base, Group, Slot, SinkInterface, SinkMethod, \
+                          DispId, fields)                                                    \
+  DeliveryRoute{EventGroup::Group, Slot},
+#include "requests/notifications.def"
+};
+
+constexpr bool RoutesAreSound() {
+  for (size_t i = 0; i < kDeliveryRoutes.size(); ++i) {
+    const DeliveryRoute& route = kDeliveryRoutes[i];
+    // Slots count from 1; only a notification that reaches no sink has none.
+    if ((route.slot == 0) != (route.group == EventGroup::None)) return false;
+    for (size_t j = 0; j < i; ++j) {
+      if (route.group != EventGroup::None && kDeliveryRoutes[j].group == route.group &&
+          kDeliveryRoutes[j].slot == route.slot) {
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+static_assert(RoutesAreSound(), "a delivery slot is used twice or a delivered row has no slot");
+
+constexpr MessageFactory<CNotification> kNotificationFactory{kNotificationEntries};
+
+}  // namespace
+
+const MessageFactory<CNotification>& NotificationFactory() {
+  return kNotificationFactory;
+}
+
+}  // namespace qv
