@@ -21,6 +21,8 @@ if(WIN32)
   # Windows 7 API level, UTF-16 Win32 calls, and no min/max macros in our way.
   target_compile_definitions(vekx_options INTERFACE _WIN32_WINNT=0x0601 UNICODE _UNICODE NOMINMAX
                                                     WIN32_LEAN_AND_MEAN)
+  # The catalogue's translation units hold more sections than a plain COFF object allows.
+  target_compile_options(vekx_options INTERFACE -Wa,-mbig-obj)
   # Test and tool executables carry their own runtime so that Wine needs no MinGW DLLs.
   set(VEKX_STATIC_RUNTIME_FLAGS -static -static-libgcc -static-libstdc++)
 endif()

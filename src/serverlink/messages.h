@@ -84,7 +84,6 @@ class CNotification {
   virtual uint32_t GetTargetKey() const = 0;
 
   // No fields of its own, so derived field lists start here.
-  static constexpr size_t kWireMinSize = 0;
   template <class Self, class Visitor>
   static void VisitFields(Self&, Visitor&&) {}
 };
