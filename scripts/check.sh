@@ -16,6 +16,13 @@ step "format"
 cd "$root"
 git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
 
+step "OS headers stay in the platform layer"
+if git grep -nE '#include <(windows|winsock2|ws2tcpip|unistd|pthread|fcntl|poll|pwd|dlfcn|oleauto|objbase|ole2|oaidl|ocidl)\.h>|#include <sys/' \
+  -- src ':!src/platform' ':!src/host'; then
+  echo "OS headers outside src/platform"
+  exit 1
+fi
+
 step "linux (gcc)"
 cmake -S "$root" -B "$out/linux" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVEKX_WERROR=ON \
   -DVEKX_BUILD_BENCH=ON >/dev/null

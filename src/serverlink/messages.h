@@ -9,6 +9,7 @@
 // Notification:      its own fields; every delivered one starts with the target key.
 
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -98,12 +99,19 @@ bool WriteAllFields(MessageBuffer& buffer, const Message& message) {
   return ok;
 }
 
+// Decoding allocates strings and arrays, bounded by the bytes present; when even that cannot be
+// had, the message fails to decode instead of throwing out of the wire path. (Encoding allocates
+// nothing but buffer room, which reports failure itself.)
 template <class Message>
-bool ReadAllFields(MessageBuffer& buffer, Message& message) {
-  bool ok = true;
-  Message::VisitFields(message,
-                       [&](const char*, auto& field) { ok = ok && ReadField(buffer, field); });
-  return ok;
+bool ReadAllFields(MessageBuffer& buffer, Message& message) noexcept {
+  try {
+    bool ok = true;
+    Message::VisitFields(message,
+                         [&](const char*, auto& field) { ok = ok && ReadField(buffer, field); });
+    return ok;
+  } catch (const std::exception&) {
+    return false;
+  }
 }
 
 template <class Message>
