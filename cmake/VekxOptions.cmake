@@ -17,6 +17,11 @@ if(VEKX_SANITIZE)
   target_link_options(vekx_options INTERFACE -fsanitize=${VEKX_SANITIZE})
 endif()
 
+if(VEKX_BUILD_FUZZ)
+  # Coverage for libFuzzer in everything the fuzzers link; the fuzz targets add the driver.
+  target_compile_options(vekx_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
 if(WIN32)
   # Windows 7 API level, UTF-16 Win32 calls, and no min/max macros in our way.
   target_compile_definitions(vekx_options INTERFACE _WIN32_WINNT=0x0601 UNICODE _UNICODE NOMINMAX

@@ -30,24 +30,20 @@ cmake --build "$out/linux" -j "$jobs"
 ctest --test-dir "$out/linux" --output-on-failure -j "$jobs"
 "$out/linux/bench/bench_wire_encoding" --benchmark_min_time=0.01 >/dev/null
 
-step "linux (clang, address and undefined behaviour sanitizers)"
+step "linux (clang, address and undefined behaviour sanitizers, fuzzers)"
 cmake -S "$root" -B "$out/asan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
-  -DVEKX_WERROR=ON -DVEKX_SANITIZE=address,undefined >/dev/null
+  -DVEKX_WERROR=ON -DVEKX_SANITIZE=address,undefined -DVEKX_BUILD_FUZZ=ON >/dev/null
 cmake --build "$out/asan" -j "$jobs"
 ASAN_OPTIONS=detect_leaks=1 ctest --test-dir "$out/asan" --output-on-failure -j "$jobs"
 
 step "fuzzing (${fuzz_seconds}s per target)"
-cmake -S "$root" -B "$out/fuzz" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_CXX_COMPILER=clang++ -DVEKX_SANITIZE=address,undefined -DVEKX_BUILD_TESTS=OFF \
-  -DVEKX_BUILD_FUZZ=ON >/dev/null
-cmake --build "$out/fuzz" -j "$jobs"
 for fuzzer in decoders lumo_stream; do
-  corpus="$out/fuzz/corpus_$fuzzer"
+  corpus="$out/asan/corpus_$fuzzer"
+  log="$out/asan/fuzz_$fuzzer.log"
   mkdir -p "$corpus"
-  "$out/fuzz/fuzz/fuzz_$fuzzer" -max_total_time="$fuzz_seconds" -rss_limit_mb=2048 \
-    -max_len=4096 -print_final_stats=1 "$corpus" 2>"$out/fuzz/fuzz_$fuzzer.log" ||
-    { tail -n 60 "$out/fuzz/fuzz_$fuzzer.log"; exit 1; }
-  grep -E 'stat::number_of_executed_units' "$out/fuzz/fuzz_$fuzzer.log" || true
+  "$out/asan/fuzz/fuzz_$fuzzer" -max_total_time="$fuzz_seconds" -rss_limit_mb=2048 \
+    -max_len=4096 -print_final_stats=1 "$corpus" 2>"$log" || { tail -n 60 "$log"; exit 1; }
+  grep -E 'stat::number_of_executed_units' "$log" || true
 done
 
 step "windows (MinGW-w64, tests under Wine)"

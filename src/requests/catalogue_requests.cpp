@@ -9,7 +9,7 @@ namespace qv {
 namespace {
 
 // Sorted at compile time; a type number used twice stops the build.
-constexpr auto kRequestEntries = SortByTypeNumber(std::array{
+constexpr auto kRequestEntries = SortByTypeNumber(std::to_array<MessageFactoryEntry<CRequest>>({
 #define VEKX_OPERATION(Camel, WIRE, number, request_fields, response_fields) \
   MessageFactoryEntry<CRequest>{number, C##Camel##Request::kName,            \
                                 &MakeMessage<CRequest, C##Camel##Request>},
@@ -18,7 +18,7 @@ constexpr auto kRequestEntries = SortByTypeNumber(std::array{
   MessageFactoryEntry<CRequest>{number, C##Camel##Request::kName,            \
                                 &MakeMessage<CRequest, C##Camel##Request>},
 #include "requests/debug_operations.def"
-});
+}));
 
 static_assert(kRequestEntries.size() == kOperationCount);
 static_assert(!HasDuplicateTypeNumbers(kRequestEntries), "two operations share a type number");

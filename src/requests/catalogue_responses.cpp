@@ -7,7 +7,7 @@ namespace qv {
 
 namespace {
 
-constexpr auto kResponseEntries = SortByTypeNumber(std::array{
+constexpr auto kResponseEntries = SortByTypeNumber(std::to_array<MessageFactoryEntry<CResponse>>({
 #define VEKX_OPERATION(Camel, WIRE, number, request_fields, response_fields) \
   MessageFactoryEntry<CResponse>{number, C##Camel##Response::kName,          \
                                  &MakeMessage<CResponse, C##Camel##Response>},
@@ -16,7 +16,7 @@ constexpr auto kResponseEntries = SortByTypeNumber(std::array{
   MessageFactoryEntry<CResponse>{number, C##Camel##Response::kName,          \
                                  &MakeMessage<CResponse, C##Camel##Response>},
 #include "requests/debug_operations.def"
-});
+}));
 
 static_assert(kResponseEntries.size() == kOperationCount);
 static_assert(!HasDuplicateTypeNumbers(kResponseEntries), "two operations share a type number");

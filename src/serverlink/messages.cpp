@@ -24,7 +24,9 @@ void RenderSigned(std::string& out, int64_t value) {
 }
 
 bool CResponse::Assign(const std::shared_ptr<CResponse>& other) {
-  if (other == nullptr || typeid(*other) != typeid(CResponse)) return false;
+  if (other == nullptr) return false;
+  const CResponse& arrived = *other;
+  if (typeid(arrived) != typeid(CResponse)) return false;
   Result = other->Result;
   ResultText = other->ResultText;
   Sequence = other->Sequence;
