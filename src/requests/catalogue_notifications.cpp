@@ -9,13 +9,14 @@ namespace qv {
 namespace {
 
 // Sorted at compile time; a type number used twice stops the build.
-constexpr auto kNotificationEntries = SortByTypeNumber(std::to_array<MessageFactoryEntry<CNotification>>({
+constexpr auto kNotificationEntries =
+    SortByTypeNumber(std::to_array<MessageFactoryEntry<CNotification>>({
 #define VEKX_NOTIFICATION(Camel, WIRE, number, Base, Group, Slot, SinkInterface, SinkMethod, \
                           DispId, fields)                                                    \
   MessageFactoryEntry<CNotification>{number, C##Camel##Notification::kName,                  \
                                      &MakeMessage<CNotification, C##Camel##Notification>},
 #include "requests/notifications.def"
-}));
+    }));
 
 static_assert(kNotificationEntries.size() == kNotificationCount);
 static_assert(!HasDuplicateTypeNumbers(kNotificationEntries),
