@@ -47,9 +47,12 @@ for fuzzer in decoders lumo_stream; do
 done
 
 step "windows (MinGW-w64, tests under Wine)"
-cmake -S "$root" -B "$out/windows" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVEKX_WERROR=ON \
+# Optimised: at -O0 every inline function of the catalogue becomes a section of its own.
+cmake -S "$root" -B "$out/windows" -G Ninja -DCMAKE_BUILD_TYPE=MinSizeRel -DVEKX_WERROR=ON \
   -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" >/dev/null
 cmake --build "$out/windows" -j "$jobs"
 export WINEPREFIX="$out/windows/wineprefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
+# Wine leaves its server running; stop it on the way out so that nothing outlives the check.
+trap 'wineserver -k >/dev/null 2>&1 || true' EXIT
 [ -d "$WINEPREFIX" ] || wineboot --init >/dev/null 2>&1 || true
 ctest --test-dir "$out/windows" --output-on-failure
