@@ -9,11 +9,14 @@
 
 #include "platform/wide_string.h"
 #include "requests/catalogue.h"
+#include "support/wire_bytes.h"
 
 namespace qv {
 namespace {
 
-using ByteVector = std::vector<uint8_t>;
+using testing::ByteVector;
+using testing::DecodeAll;
+using testing::Encode;
 
 // The operations as the protocol document lists them, transcribed independently of the .def
 // rows, so that a typo in either shows up here.
@@ -206,13 +209,6 @@ TEST(CatalogueTest, ClassNamesAreTheCamelCasedWireNamesSaveTheAcronyms) {
     EXPECT_EQ(camel, acronym != acronyms.end() ? acronym->second : CamelCase(wire)) << wire;
   }
   EXPECT_EQ(acronym_rows, 16u);
-}
-
-template <class Message>
-ByteVector Encode(const Message& message) {
-  MessageBuffer buffer;
-  EXPECT_TRUE(message.Serialize(buffer));
-  return ByteVector(buffer.Data(), buffer.Data() + buffer.Size());
 }
 
 TEST(CatalogueTest, HandComputedEncodings) {

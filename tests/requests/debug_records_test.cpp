@@ -7,25 +7,14 @@
 #include <vector>
 
 #include "requests/catalogue.h"
+#include "support/wire_bytes.h"
 
 namespace qv {
 namespace {
 
-using ByteVector = std::vector<uint8_t>;
-
-template <class T>
-ByteVector Encode(const T& value) {
-  MessageBuffer buffer;
-  EXPECT_TRUE(WriteField(buffer, value));
-  return ByteVector(buffer.Data(), buffer.Data() + buffer.Size());
-}
-
-// Decodes `bytes` as a T; true only when the decode succeeded and used every byte.
-template <class T>
-bool DecodeAll(const ByteVector& bytes, T& value) {
-  MessageBuffer buffer(bytes.data(), bytes.size());
-  return ReadField(buffer, value) && buffer.Size() == 0;
-}
+using testing::ByteVector;
+using testing::DecodeAll;
+using testing::Encode;
 
 // Little-endian helpers for writing expected encodings by hand.
 void PutU32(ByteVector& out, uint32_t value) {

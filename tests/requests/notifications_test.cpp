@@ -1,6 +1,7 @@
 // The notification catalogue: every notification the factory makes, its encoding, and the layouts
 // that more than one end of the wire depends on.
 #include "requests/notifications.h"
+#include "support/wire_bytes.h"
 
 #include <gtest/gtest.h>
 
@@ -16,7 +17,9 @@
 namespace qv {
 namespace {
 
-using ByteVector = std::vector<uint8_t>;
+using testing::ByteVector;
+using testing::DecodeAll;
+using testing::Encode;
 
 // The class column of the notification catalogue, copied by hand rather than generated from
 // notifications.def, so that a name or number mistyped there shows up here.
@@ -131,24 +134,6 @@ std::map<uint32_t, std::u16string> ParseCatalogueColumn() {
     pos = hex;
   }
   return rows;
-}
-
-ByteVector BytesOf(const MessageBuffer& buffer) {
-  return ByteVector(buffer.Data(), buffer.Data() + buffer.Size());
-}
-
-template <class Message>
-ByteVector Encode(const Message& message) {
-  MessageBuffer buffer;
-  EXPECT_TRUE(message.Serialize(buffer));
-  return BytesOf(buffer);
-}
-
-// Decodes `bytes` into `message`; the whole body must be consumed.
-template <class Message>
-bool DecodeAll(const ByteVector& bytes, Message& message) {
-  MessageBuffer buffer(bytes.data(), bytes.size());
-  return message.Deserialize(buffer) && buffer.Size() == 0;
 }
 
 // Little-endian bytes written out by hand, independent of the field codecs.

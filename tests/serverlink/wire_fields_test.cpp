@@ -7,18 +7,14 @@
 #include <vector>
 
 #include "requests/wire_types.h"
+#include "support/wire_bytes.h"
 
 namespace qv {
 namespace {
 
-using ByteVector = std::vector<uint8_t>;
-
-template <class T>
-ByteVector Encode(const T& value) {
-  MessageBuffer buffer;
-  EXPECT_TRUE(WriteField(buffer, value));
-  return ByteVector(buffer.Data(), buffer.Data() + buffer.Size());
-}
+using testing::ByteVector;
+using testing::DecodeAll;
+using testing::Encode;
 
 template <class T>
 std::optional<T> Decode(const ByteVector& bytes, size_t* consumed = nullptr) {

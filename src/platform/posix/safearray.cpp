@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/posix/vartype_size.h"
+
 namespace {
 
 // See the layout drawn in safearray.h.
@@ -22,29 +24,10 @@ std::byte* AllocationOf(SAFEARRAY* psa) {
 
 // Element size for the types an array can hold; 0 for the others.
 ULONG ElementSize(VARTYPE vt) {
+  if (const std::size_t size = qv::platform::posix::ScalarSize(vt); size != 0) {
+    return static_cast<ULONG>(size);
+  }
   switch (vt) {
-    case VT_I1:
-    case VT_UI1:
-      return 1;
-    case VT_I2:
-    case VT_UI2:
-    case VT_BOOL:
-      return 2;
-    case VT_I4:
-    case VT_UI4:
-    case VT_R4:
-    case VT_ERROR:
-    case VT_INT:
-    case VT_UINT:
-      return 4;
-    case VT_I8:
-    case VT_UI8:
-    case VT_R8:
-    case VT_CY:
-    case VT_DATE:
-    case VT_INT_PTR:
-    case VT_UINT_PTR:
-      return 8;
     case VT_BSTR:
     case VT_UNKNOWN:
     case VT_DISPATCH:

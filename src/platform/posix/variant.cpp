@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/posix/safearray.h"
+#include "platform/posix/vartype_size.h"
 
 namespace {
 
@@ -20,34 +21,6 @@ bool IsVariantType(VARTYPE vt) {
   if (base == VT_RECORD || base == VT_CLSID) return true;
   if (base >= VT_VOID || base == 15) return false;
   return !(wrapped && base <= VT_NULL);
-}
-
-// Size of the value a VT_BYREF of `base` points to, for the types copied bit for bit.
-std::size_t ScalarSize(VARTYPE base) {
-  switch (base) {
-    case VT_I1:
-    case VT_UI1:
-      return 1;
-    case VT_I2:
-    case VT_UI2:
-    case VT_BOOL:
-      return 2;
-    case VT_I4:
-    case VT_UI4:
-    case VT_R4:
-    case VT_ERROR:
-    case VT_INT:
-    case VT_UINT:
-      return 4;
-    case VT_I8:
-    case VT_UI8:
-    case VT_R8:
-    case VT_CY:
-    case VT_DATE:
-      return 8;
-    default:
-      return 0;
-  }
 }
 
 // Copies the value of a non-reference `src` into the empty `out`, deep.
@@ -112,7 +85,7 @@ HRESULT CopyReferencedValue(VARIANT* out, const VARIANT* src) {
   } else if (target == VT_DECIMAL) {
     V_DECIMAL(&value) = *V_DECIMALREF(src);
     V_VT(&value) = VT_DECIMAL;  // The DECIMAL overwrote vt.
-  } else if (const std::size_t size = ScalarSize(target); size != 0) {
+  } else if (const std::size_t size = qv::platform::posix::ScalarSize(target); size != 0) {
     V_UI8(&value) = 0;
     std::memcpy(&V_UI8(&value), V_BYREF(src), size);
   } else {
