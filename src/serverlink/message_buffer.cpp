@@ -54,7 +54,7 @@ MessageBuffer::~MessageBuffer() {
 
 // When the free room is short, the capacity grows by the shortfall rounded up to the growth step,
 // and only the unread bytes move to the start of the new block.
-bool MessageBuffer::EnsureRoom(size_t size) {
+bool MessageBuffer::Grow(size_t size) {
   const size_t room = capacity_ - write_;
   if (room >= size) return true;
   const size_t shortfall = size - room;
@@ -72,16 +72,8 @@ bool MessageBuffer::EnsureRoom(size_t size) {
   return true;
 }
 
-bool MessageBuffer::Write(const void* data, size_t size) {
-  if (size == 0) return true;
-  if (!EnsureRoom(size)) return false;
-  std::memcpy(base_ + write_, data, size);
-  write_ += size;
-  return true;
-}
-
 uint8_t* MessageBuffer::Reserve(size_t size) {
-  if (!EnsureRoom(size)) return nullptr;
+  if (!Grow(size)) return nullptr;
   // An empty reservation on a buffer without a block still answers non-null: null means failure.
   static uint8_t no_bytes;
   if (base_ == nullptr) return &no_bytes;
@@ -93,18 +85,6 @@ uint8_t* MessageBuffer::Reserve(size_t size) {
 void MessageBuffer::WriteAt(size_t offset, const void* data, size_t size) {
   assert(offset + size <= write_);
   std::memcpy(base_ + offset, data, size);
-}
-
-bool MessageBuffer::Read(void* dest, size_t size) {
-  if (!Peek(dest, size)) return false;
-  read_ += size;
-  return true;
-}
-
-bool MessageBuffer::Peek(void* dest, size_t size) const {
-  if (size > write_ - read_) return false;
-  if (size != 0) std::memcpy(dest, base_ + read_, size);
-  return true;
 }
 
 bool MessageBuffer::Skip(size_t size) {

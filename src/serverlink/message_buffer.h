@@ -4,11 +4,12 @@
 //   base_                read_               write_              capacity_
 //   |--- already read ---|--- readable ------|--- free room -----|
 //
-// Growing keeps only the unread bytes (see EnsureRoom), so offsets taken earlier are valid only
+// Growing keeps only the unread bytes (see Grow), so offsets taken earlier are valid only
 // while nothing has been read. Writers that patch earlier bytes work on write-only buffers.
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace qv {
 
@@ -31,7 +32,12 @@ class MessageBuffer {
   bool Valid() const { return valid_; }
 
   // Appends `size` bytes; false (and nothing written) when the room cannot be allocated.
-  bool Write(const void* data, size_t size);
+  bool Write(const void* data, size_t size) {
+    if (size > capacity_ - write_ && !Grow(size)) return false;
+    if (size != 0) std::memcpy(base_ + write_, data, size);
+    write_ += size;
+    return true;
+  }
   // Takes `size` bytes of room, advances the write position past them and returns where they
   // start, so that a reader of the pipe can fill them in place. Null when out of memory.
   uint8_t* Reserve(size_t size);
@@ -40,9 +46,17 @@ class MessageBuffer {
   void WriteAt(size_t offset, const void* data, size_t size);
 
   // Copies `size` bytes out and advances; false and nothing moved when fewer are readable.
-  bool Read(void* dest, size_t size);
+  bool Read(void* dest, size_t size) {
+    if (!Peek(dest, size)) return false;
+    read_ += size;
+    return true;
+  }
   // As Read, but leaves the read position where it was.
-  bool Peek(void* dest, size_t size) const;
+  bool Peek(void* dest, size_t size) const {
+    if (size > write_ - read_) return false;
+    if (size != 0) std::memcpy(dest, base_ + read_, size);
+    return true;
+  }
   // Advances past `size` bytes; false when fewer are readable.
   bool Skip(size_t size);
 
@@ -57,7 +71,8 @@ class MessageBuffer {
   void Reset() { read_ = write_ = 0; }
 
  private:
-  bool EnsureRoom(size_t size);
+  // Makes room for `size` more bytes when the free room is short (see the .cpp).
+  bool Grow(size_t size);
 
   uint8_t* base_ = nullptr;
   size_t capacity_ = 0;

@@ -162,6 +162,16 @@ TEST(CatalogueTest, FactoriesHoldExactlyTheDocumentedOperations) {
   }
 }
 
+TEST(CatalogueTest, BuildingAFactoryFindsATypeNumberUsedTwice) {
+  using Entry = MessageFactoryEntry<CRequest>;
+  constexpr auto unique = SortByTypeNumber(std::to_array<Entry>({{3, u"C"}, {1, u"A"}, {2, u"B"}}));
+  constexpr auto twice = SortByTypeNumber(std::to_array<Entry>({{3, u"C"}, {1, u"A"}, {3, u"D"}}));
+  static_assert(!HasDuplicateTypeNumbers(unique));
+  static_assert(HasDuplicateTypeNumbers(twice));
+  EXPECT_EQ(unique[0].name, u"A");
+  EXPECT_EQ(MessageFactory<CRequest>(unique).NameOf(2), u"B");
+}
+
 std::string CamelCase(const std::string& wire_name) {
   std::string camel;
   bool word_start = true;
