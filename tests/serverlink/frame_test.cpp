@@ -1,0 +1,87 @@
+#include "serverlink/frame.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "support/wire_bytes.h"
+
+namespace qv {
+namespace {
+
+using testing::ByteVector;
+
+FrameHeaderCheck Parse(const ByteVector& bytes, uint32_t& length) {
+  uint8_t header[kFrameHeaderBytes];
+  std::memcpy(header, bytes.data(), kFrameHeaderBytes);
+  return ParseFrameHeader(header, length);
+}
+
+TEST(FrameTest, HeaderLayoutAndChecks) {
+  const auto header = EncodeFrameHeader(0x01020304);
+  EXPECT_EQ(ByteVector(header.begin(), header.end()),
+            (ByteVector{0, 0, 0, 0, 4, 3, 2, 1, 0, 0, 0, 0, 0, 0, 0, 0}));
+
+  uint32_t length = 0;
+  EXPECT_EQ(Parse(ByteVector(header.begin(), header.end()), length), FrameHeaderCheck::kOk);
+  EXPECT_EQ(length, 0x01020304u);
+  // The trailing reserved words are not examined; the first one is.
+  EXPECT_EQ(Parse({0, 0, 0, 0, 5, 0, 0, 0, 9, 9, 9, 9, 9, 9, 9, 9}, length), FrameHeaderCheck::kOk);
+  EXPECT_EQ(Parse({1, 0, 0, 0, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, length),
+            FrameHeaderCheck::kBadReservedWord);
+
+  const auto at_limit = EncodeFrameHeader(kMaxFrameBodyBytes);
+  EXPECT_EQ(Parse(ByteVector(at_limit.begin(), at_limit.end()), length), FrameHeaderCheck::kOk);
+  const auto beyond = EncodeFrameHeader(kMaxFrameBodyBytes + 1);
+  EXPECT_EQ(Parse(ByteVector(beyond.begin(), beyond.end()), length), FrameHeaderCheck::kTooLarge);
+}
+
+TEST(FrameTest, RequestHeaderIsTypeTargetSequence) {
+  MessageBuffer buffer;
+  ASSERT_TRUE(WriteRequestHeader(buffer, 0x2c3903b5, kNoTarget, 7));
+  EXPECT_EQ(ByteVector(buffer.Data(), buffer.Data() + buffer.Size()),
+            (ByteVector{0xb5, 0x03, 0x39, 0x2c, 0xFF, 0xFF, 0xFF, 0xFF, 7, 0, 0, 0}));
+}
+
+TEST(FrameTest, SequenceNumbersKeepThirtyOneBitsAndWrapToZero) {
+  SequenceCounter fresh;
+  EXPECT_EQ(fresh.Next(), 1u);
+  EXPECT_EQ(fresh.Next(), 2u);
+
+  SequenceCounter near_top(0x7FFFFFFE);
+  EXPECT_EQ(near_top.Next(), 0x7FFFFFFFu);
+  EXPECT_EQ(near_top.Next(), 0u);
+  EXPECT_EQ(near_top.Next(), 1u);
+
+  SequenceCounter counter_wraps(0xFFFFFFFE);
+  EXPECT_EQ(counter_wraps.Next(), 0x7FFFFFFFu);
+  EXPECT_EQ(counter_wraps.Next(), 0u);
+}
+
+TEST(FrameTest, ConcurrentSendersDrawUniqueNumbers) {
+  constexpr int kThreads = 4;
+  constexpr int kEach = 5000;
+  SequenceCounter counter;
+  std::vector<std::vector<uint32_t>> drawn(kThreads);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kEach; ++i)
+        drawn[t].push_back(counter.Next());
+    });
+  }
+  for (auto& thread : threads)
+    thread.join();
+  std::vector<uint32_t> all;
+  for (const auto& numbers : drawn)
+    all.insert(all.end(), numbers.begin(), numbers.end());
+  std::sort(all.begin(), all.end());
+  EXPECT_EQ(std::adjacent_find(all.begin(), all.end()), all.end());
+  EXPECT_EQ(all.size(), size_t{kThreads * kEach});
+}
+
+}  // namespace
+}  // namespace qv

@@ -1,0 +1,166 @@
+#include "serverlink/incoming_dispatcher.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fstream>
+#include <future>
+#include <random>
+#include <sstream>
+#include <vector>
+
+#include "requests/catalogue.h"
+#include "requests/notifications.h"
+#include "serverlink/frame.h"
+#include "serverlink/log.h"
+
+namespace qv {
+namespace {
+
+using Outcome = IncomingDispatcher::Outcome;
+
+// Builds an incoming body: kind, type number, then the message's own encoding.
+template <class Message>
+MessageBuffer Incoming(IncomingKind kind, const Message& message) {
+  MessageBuffer body;
+  EXPECT_TRUE(WriteField(body, static_cast<uint32_t>(kind)));
+  EXPECT_TRUE(WriteField(body, Message::kTypeNumber));
+  EXPECT_TRUE(message.Serialize(body));
+  return body;
+}
+
+class IncomingDispatcherTest : public ::testing::Test {
+ protected:
+  IncomingDispatcherTest()
+      : dispatcher_(ResponseFactory(), NotificationFactory(), store_,
+                    [this](std::shared_ptr<CNotification> n) { queued_.push_back(std::move(n)); }) {
+    epoch_ = store_.Reset();
+  }
+
+  // What a waiter for `sequence` finds. The response should already be there; if it is not, the
+  // wait is aborted after a generous grace period so that the test fails instead of hanging.
+  std::shared_ptr<CResponse> Arrived(uint32_t sequence) {
+    auto waiter = std::async(std::launch::async, [this, sequence] {
+      std::shared_ptr<CResponse> response;
+      return store_.Wait(sequence, epoch_, response) == WaitError::kWaitSuccess ? response
+                                                                                : nullptr;
+    });
+    if (waiter.wait_for(std::chrono::seconds(10)) != std::future_status::ready) store_.Abort();
+    return waiter.get();
+  }
+
+  PendingResponseStore store_;
+  std::vector<std::shared_ptr<CNotification>> queued_;
+  IncomingDispatcher dispatcher_;
+  uint64_t epoch_ = 0;
+};
+
+TEST_F(IncomingDispatcherTest, AnAwaitedResponseReachesTheStoreAsItsOwnClass) {
+  CGetTargetListResponse list;
+  list.Sequence = 3;
+  list.Targets = {7, 9};
+  ASSERT_TRUE(store_.Await(3));
+  MessageBuffer body = Incoming(IncomingKind::kResponse, list);
+  EXPECT_EQ(dispatcher_.Dispatch(body), Outcome::kResponseDelivered);
+
+  auto arrived = std::dynamic_pointer_cast<CGetTargetListResponse>(Arrived(3));
+  ASSERT_NE(arrived, nullptr);
+  EXPECT_EQ(arrived->Targets, (U32List{7, 9}));
+}
+
+TEST_F(IncomingDispatcherTest, AFailedResponseNeedsOnlyItsHead) {
+  CGetTargetInfoResponse failed;
+  failed.Result = 5;
+  failed.ResultText = u"no such kit";
+  failed.Sequence = 4;
+  ASSERT_TRUE(store_.Await(4));
+  MessageBuffer body = Incoming(IncomingKind::kResponse, failed);
+  EXPECT_EQ(dispatcher_.Dispatch(body), Outcome::kResponseDelivered);
+  auto arrived = Arrived(4);
+  ASSERT_NE(arrived, nullptr);
+  EXPECT_EQ(arrived->Result, 5u);
+  EXPECT_EQ(arrived->ResultText, u"no such kit");
+}
+
+TEST_F(IncomingDispatcherTest, EveryMalformedOrUnexpectedMessageIsDropped) {
+  ASSERT_TRUE(store_.Await(1));
+
+  CGetDefaultTargetResponse unawaited;
+  unawaited.Sequence = 2;
+  MessageBuffer body = Incoming(IncomingKind::kResponse, unawaited);
+  EXPECT_EQ(dispatcher_.Dispatch(body), Outcome::kUnawaitedResponse);
+
+  MessageBuffer truncated;
+  WriteField(truncated, uint32_t{0});
+  WriteField(truncated, CGetDefaultTargetResponse::kTypeNumber);
+  WriteField(truncated, uint32_t{0});  // Result, then nothing
+  EXPECT_EQ(dispatcher_.Dispatch(truncated), Outcome::kUndecodableResponse);
+
+  MessageBuffer empty;
+  EXPECT_EQ(dispatcher_.Dispatch(empty), Outcome::kNoKind);
+
+  MessageBuffer other_kind;
+  WriteField(other_kind, uint32_t{7});
+  EXPECT_EQ(dispatcher_.Dispatch(other_kind), Outcome::kIgnoredKind);
+
+  MessageBuffer unknown_notification;
+  WriteField(unknown_notification, uint32_t{1});
+  WriteField(unknown_notification, uint32_t{0x12345678});
+  EXPECT_EQ(dispatcher_.Dispatch(unknown_notification), Outcome::kUnknownNotificationType);
+
+  MessageBuffer short_notification;
+  WriteField(short_notification, uint32_t{1});
+  WriteField(short_notification, CTargetAddedNotification::kTypeNumber);
+  WriteField(short_notification, uint32_t{kNoTarget});  // key, then no host name
+  EXPECT_EQ(dispatcher_.Dispatch(short_notification), Outcome::kUndecodableNotification);
+  EXPECT_TRUE(queued_.empty());
+
+  // None of that disturbed the caller waiting for 1, which still gets its answer.
+  CGetDefaultTargetResponse awaited;
+  awaited.Sequence = 1;
+  awaited.Handle = 12;
+  MessageBuffer good = Incoming(IncomingKind::kResponse, awaited);
+  EXPECT_EQ(dispatcher_.Dispatch(good), Outcome::kResponseDelivered);
+  auto arrived = std::dynamic_pointer_cast<CGetDefaultTargetResponse>(Arrived(1));
+  ASSERT_NE(arrived, nullptr);
+  EXPECT_EQ(arrived->Handle, 12u);
+}
+
+TEST_F(IncomingDispatcherTest, AnUnknownResponseTypeIsLoggedAtLevelOne) {
+  const std::string path =
+      ::testing::TempDir() + "vekx_dispatch_" + std::to_string(std::random_device{}()) + ".txt";
+  Log& log = LibraryLog();
+  const int level = log.Level();
+  log.SetLevel(Log::kErrors);
+  ASSERT_TRUE(log.SetFile(path));
+
+  MessageBuffer body;
+  WriteField(body, uint32_t{0});
+  WriteField(body, uint32_t{4242});
+  EXPECT_EQ(dispatcher_.Dispatch(body), Outcome::kUnknownResponseType);
+
+  log.SetStandardError();
+  log.SetLevel(level);
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  EXPECT_EQ(text.str(), "MSG\tAPI Un-identified response type 4242\n");
+  std::remove(path.c_str());
+}
+
+TEST_F(IncomingDispatcherTest, NotificationsGoToTheQueueDecoded) {
+  CTargetAddedNotification added;
+  added.TargetKey = kNoTarget;
+  added.HostName = u"kit7";
+  added.Handle = 3;
+  MessageBuffer body = Incoming(IncomingKind::kNotification, added);
+  EXPECT_EQ(dispatcher_.Dispatch(body), Outcome::kNotificationQueued);
+  ASSERT_EQ(queued_.size(), 1u);
+  auto queued = std::dynamic_pointer_cast<CTargetAddedNotification>(queued_[0]);
+  ASSERT_NE(queued, nullptr);
+  EXPECT_EQ(queued->HostName, u"kit7");
+  EXPECT_EQ(queued->GetTargetKey(), kNoTarget);
+}
+
+}  // namespace
+}  // namespace qv
