@@ -1,0 +1,65 @@
+#include "serverlink/notification_pump.h"
+
+#include <exception>
+#include <system_error>
+
+namespace qv {
+
+NotificationPump::NotificationPump(Handler handler) : state_(std::make_shared<State>()) {
+  state_->handler = std::move(handler);
+}
+
+NotificationPump::~NotificationPump() {
+  Stop();
+}
+
+bool NotificationPump::Push(std::shared_ptr<CNotification> notification) {
+  // Once the entry is queued the handler may destroy this pump, so only the shared state is
+  // touched after the locks are released.
+  const std::shared_ptr<State> state = state_;
+  {
+    std::lock_guard thread_lock(thread_mutex_);
+    std::lock_guard lock(state->mutex);
+    if (state->stopping) return false;
+    try {
+      if (!thread_.joinable()) thread_ = std::thread(&NotificationPump::Run, state);
+      state->queue.push_back(std::move(notification));
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
+  state->wake.notify_one();
+  return true;
+}
+
+void NotificationPump::Stop() {
+  {
+    std::lock_guard lock(state_->mutex);
+    state_->stopping = true;
+    state_->queue.clear();
+  }
+  state_->wake.notify_one();
+  std::lock_guard thread_lock(thread_mutex_);
+  if (!thread_.joinable()) return;
+  if (thread_.get_id() == std::this_thread::get_id()) {
+    thread_.detach();
+  } else {
+    thread_.join();
+  }
+}
+
+void NotificationPump::Run(const std::shared_ptr<State>& state) {
+  for (;;) {
+    std::shared_ptr<CNotification> next;
+    {
+      std::unique_lock lock(state->mutex);
+      state->wake.wait(lock, [&] { return state->stopping || !state->queue.empty(); });
+      if (state->stopping) return;
+      next = std::move(state->queue.front());
+      state->queue.pop_front();
+    }
+    state->handler(next);
+  }
+}
+
+}  // namespace qv

@@ -1,0 +1,53 @@
+#pragma once
+// The notification thread: the read thread queues each decoded notification here, and one thread
+// of the pump hands them, in arrival order, to the private client's notification entry.
+//
+// The handler may drop the last reference to whatever owns the pump, so the pump may be destroyed
+// on its own thread: it then detaches instead of joining itself, and the thread keeps the shared
+// state alive until it has left its loop.
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "serverlink/messages.h"
+
+namespace qv {
+
+class NotificationPump {
+ public:
+  using Handler = std::function<void(const std::shared_ptr<CNotification>&)>;
+
+  explicit NotificationPump(Handler handler);
+  NotificationPump(const NotificationPump&) = delete;
+  NotificationPump& operator=(const NotificationPump&) = delete;
+  ~NotificationPump();
+
+  // Queues a notification, starting the thread on first use. False when the pump has stopped or
+  // the thread or the queue entry cannot be had; the notification is then dropped.
+  bool Push(std::shared_ptr<CNotification> notification);
+
+  // Stops the thread after the notification it is handling; the rest of the queue is dropped.
+  // Joins, except on the pump's own thread, where it detaches.
+  void Stop();
+
+ private:
+  struct State {
+    std::mutex mutex;
+    std::condition_variable wake;
+    std::deque<std::shared_ptr<CNotification>> queue;  // guarded by mutex
+    bool stopping = false;                             // guarded by mutex
+    Handler handler;
+  };
+
+  static void Run(const std::shared_ptr<State>& state);
+
+  std::shared_ptr<State> state_;
+  std::mutex thread_mutex_;
+  std::thread thread_;  // guarded by thread_mutex_
+};
+
+}  // namespace qv

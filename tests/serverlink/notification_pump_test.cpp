@@ -1,0 +1,78 @@
+#include "serverlink/notification_pump.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <thread>
+#include <vector>
+
+#include "requests/notifications.h"
+
+namespace qv {
+namespace {
+
+std::shared_ptr<CNotification> Numbered(uint32_t n) {
+  auto notification = std::make_shared<CDataReadyNotification>();
+  notification->Count = n;
+  return notification;
+}
+
+uint32_t NumberOf(const std::shared_ptr<CNotification>& notification) {
+  return static_cast<const CDataReadyNotification&>(*notification).Count;
+}
+
+TEST(NotificationPumpTest, DeliversInArrivalOrderOnItsOwnThread) {
+  constexpr uint32_t kCount = 500;
+  std::vector<uint32_t> seen;
+  std::thread::id handler_thread;
+  std::promise<void> all_seen;
+  NotificationPump pump([&](const std::shared_ptr<CNotification>& notification) {
+    handler_thread = std::this_thread::get_id();
+    seen.push_back(NumberOf(notification));
+    if (seen.size() == kCount) all_seen.set_value();
+  });
+  for (uint32_t i = 0; i < kCount; ++i)
+    ASSERT_TRUE(pump.Push(Numbered(i)));
+  ASSERT_EQ(all_seen.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  pump.Stop();
+  ASSERT_EQ(seen.size(), kCount);
+  for (uint32_t i = 0; i < kCount; ++i)
+    EXPECT_EQ(seen[i], i);
+  EXPECT_NE(handler_thread, std::this_thread::get_id());
+  EXPECT_FALSE(pump.Push(Numbered(0)));  // stopped for good
+}
+
+TEST(NotificationPumpTest, StopWaitsForTheHandlerAndDropsTheRest) {
+  std::promise<void> entered;
+  std::promise<void> release;
+  auto released = release.get_future().share();
+  int handled = 0;
+  NotificationPump pump([&](const std::shared_ptr<CNotification>&) {
+    if (++handled == 1) {
+      entered.set_value();
+      released.wait();
+    }
+  });
+  ASSERT_TRUE(pump.Push(Numbered(1)));
+  ASSERT_TRUE(pump.Push(Numbered(2)));
+  ASSERT_EQ(entered.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  std::thread releaser([&] { release.set_value(); });
+  pump.Stop();  // returns once the first handler has finished
+  releaser.join();
+  EXPECT_EQ(handled, 1);
+}
+
+TEST(NotificationPumpTest, AHandlerMayDestroyThePumpItRunsOn) {
+  std::unique_ptr<NotificationPump> pump;
+  std::promise<void> destroyed;
+  pump = std::make_unique<NotificationPump>([&](const std::shared_ptr<CNotification>&) {
+    pump.reset();  // the last owner lets go on the pump's own thread
+    destroyed.set_value();
+  });
+  ASSERT_TRUE(pump->Push(Numbered(1)));
+  EXPECT_EQ(destroyed.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+}
+
+}  // namespace
+}  // namespace qv
