@@ -1,0 +1,550 @@
+#include "platform/pipe.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
+#include <pwd.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <vector>
+
+#include "platform/wide_string.h"
+
+namespace qv::platform {
+namespace {
+
+// A path must leave room for its terminating zero in sun_path.
+constexpr size_t kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
+
+// Gathered sends take the parts in batches of this many, so that no send needs an allocation.
+constexpr size_t kSendBatch = 64;
+
+// Pause between attempts to reach a socket that is not there yet or refuses.
+constexpr long kConnectRetryMs = 10;
+
+uint32_t ErrnoValue() noexcept {
+  return static_cast<uint32_t>(errno);
+}
+
+bool IsBrokenPipeErrno(int error) noexcept {
+  return error == EPIPE || error == ECONNRESET || error == ENOTCONN;
+}
+
+void SleepMs(long ms) noexcept {
+  timespec delay{ms / 1000, (ms % 1000) * 1000000L};
+  while (nanosleep(&delay, &delay) != 0 && errno == EINTR) {
+  }
+}
+
+// Whether the signal's descriptor is readable now.
+bool SignalIsSet(int fd) noexcept {
+  pollfd entry{fd, POLLIN, 0};
+  int n;
+  do {
+    n = poll(&entry, 1, 0);
+  } while (n < 0 && errno == EINTR);
+  return n > 0 && (entry.revents & POLLIN) != 0;
+}
+
+// Waits with no time limit until `fd` reports one of `events` (or an error or hang-up, which
+// the retried operation then reports), or the stop signal is set. kOk means: try again.
+IoResult WaitFor(int fd, short events, const StopSignal& stop, uint32_t& error) noexcept {
+  pollfd entries[2] = {{fd, events, 0}, {stop.native_handle(), POLLIN, 0}};
+  for (;;) {
+    const int n = poll(entries, 2, -1);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      error = ErrnoValue();
+      return IoResult::kFailed;
+    }
+    // Readiness of the pipe wins, so bytes that arrived are read; the next operation sees stop.
+    if ((entries[0].revents & POLLNVAL) != 0) {
+      error = EBADF;
+      return IoResult::kFailed;
+    }
+    if (entries[0].revents != 0) return IoResult::kOk;
+    if (entries[1].revents != 0) return IoResult::kStopped;
+  }
+}
+
+// The common entry check of every operation.
+IoResult CheckStart(int fd, const StopSignal& stop, uint32_t& error) noexcept {
+  if (fd < 0) {
+    error = EBADF;
+    return IoResult::kFailed;
+  }
+  if (!stop.IsValid()) {
+    error = EINVAL;
+    return IoResult::kFailed;
+  }
+  return stop.IsSet() ? IoResult::kStopped : IoResult::kOk;
+}
+
+bool ValidName(std::u16string_view name) noexcept {
+  if (name.empty() || name == u"." || name == u"..") return false;
+  return name.find_first_of(std::u16string_view(u"/\0", 2)) == std::u16string_view::npos;
+}
+
+uint64_t Fnv1a64(std::string_view bytes) noexcept {
+  uint64_t hash = 0xcbf29ce484222325ULL;
+  for (unsigned char c : bytes) {
+    hash ^= c;
+    hash *= 0x100000001b3ULL;
+  }
+  return hash;
+}
+
+// Fills `address` with `path`; false when it does not fit.
+bool MakeAddress(const std::string& path, sockaddr_un& address) noexcept {
+  if (path.size() > kMaxSocketPath) return false;
+  std::memset(&address, 0, sizeof(address));
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  return true;
+}
+
+// The socket path of `name` in this user's runtime directory, or nullopt with `error` set.
+std::optional<std::string> ResolvePath(std::u16string_view name, uint32_t& error) noexcept {
+  if (!ValidName(name)) {
+    error = EINVAL;
+    return std::nullopt;
+  }
+  std::optional<std::string> run_dir = RuntimeDirectory();
+  if (!run_dir) {
+    error = ErrnoValue();
+    return std::nullopt;
+  }
+  std::optional<std::string> path = SocketPath(*run_dir, name);
+  if (!path) error = ENAMETOOLONG;
+  return path;
+}
+
+int NewSocket() noexcept {
+  return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+}
+
+// Whether the user at the other end of `fd` is ours; `error` says why not.
+bool PeerIsOurUser(int fd, uint32_t& error) noexcept {
+  ucred credentials{};
+  socklen_t length = sizeof(credentials);
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
+    error = ErrnoValue();
+    return false;
+  }
+  if (credentials.uid != geteuid()) {
+    error = EPERM;
+    return false;
+  }
+  return true;
+}
+
+// Whether some listener accepts connections on `address` right now.
+bool SomeoneListens(const sockaddr_un& address) noexcept {
+  const int probe = NewSocket();
+  if (probe < 0) return true;  // Cannot tell: do not touch the file.
+  const int result = connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+  const int error = errno;
+  close(probe);
+  // A full backlog (EAGAIN) still means a listener.
+  return result == 0 || error == EAGAIN || error == EINPROGRESS;
+}
+
+}  // namespace
+
+// --- StopSignal ---
+
+StopSignal::StopSignal() noexcept : handle_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+StopSignal::~StopSignal() {
+  if (handle_ >= 0) close(handle_);
+}
+
+bool StopSignal::IsValid() const noexcept {
+  return handle_ >= 0;
+}
+
+void StopSignal::Set() noexcept {
+  if (handle_ < 0) return;
+  const uint64_t one = 1;
+  // EAGAIN means the counter is all but full: it is set anyway.
+  while (write(handle_, &one, sizeof(one)) < 0 && errno == EINTR) {
+  }
+}
+
+void StopSignal::Reset() noexcept {
+  if (handle_ < 0) return;
+  uint64_t count;
+  // One read takes the whole counter back to zero; EAGAIN means it was not set.
+  while (read(handle_, &count, sizeof(count)) < 0 && errno == EINTR) {
+  }
+}
+
+bool StopSignal::IsSet() const noexcept {
+  return handle_ >= 0 && SignalIsSet(handle_);
+}
+
+// --- Pipe ---
+
+Pipe::Pipe(NativeHandle handle) noexcept : handle_(handle) {}
+
+Pipe::~Pipe() {
+  Close();
+}
+
+void Pipe::Close() noexcept {
+  if (handle_ >= 0) {
+    close(handle_);
+    handle_ = -1;
+  }
+}
+
+bool Pipe::IsOpen() const noexcept {
+  return handle_ >= 0;
+}
+
+IoResult Pipe::Connect(std::u16string_view name, uint32_t timeout_ms, std::unique_ptr<Pipe>& out,
+                       uint32_t& system_error) noexcept {
+  out.reset();
+  system_error = 0;
+  const std::optional<std::string> path = ResolvePath(name, system_error);
+  if (!path) return IoResult::kFailed;
+  sockaddr_un address;
+  if (!MakeAddress(*path, address)) {
+    system_error = ENAMETOOLONG;
+    return IoResult::kFailed;
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    const int fd = NewSocket();
+    if (fd < 0) {
+      system_error = ErrnoValue();
+      return IoResult::kFailed;
+    }
+    int result;
+    do {
+      result = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    } while (result != 0 && errno == EINTR);
+    if (result == 0) {
+      if (!PeerIsOurUser(fd, system_error)) {
+        close(fd);
+        return IoResult::kFailed;
+      }
+      out.reset(new (std::nothrow) Pipe(fd));
+      if (!out) {
+        close(fd);
+        system_error = ENOMEM;
+        return IoResult::kFailed;
+      }
+      return IoResult::kOk;
+    }
+    const int error = errno;
+    close(fd);
+    system_error = static_cast<uint32_t>(error);
+    // Not there yet, stale, or its backlog full: all may change before the time-out.
+    if (error != ENOENT && error != ECONNREFUSED && error != EAGAIN) return IoResult::kFailed;
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= deadline) return IoResult::kTimedOut;
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now).count() + 1;
+    SleepMs(std::min<long>(kConnectRetryMs, static_cast<long>(left)));
+  }
+}
+
+IoResult Pipe::Write(std::span<const std::span<const uint8_t>> parts,
+                     const StopSignal& stop) noexcept {
+  uint32_t error = 0;
+  IoResult start = CheckStart(handle_, stop, error);
+  if (start != IoResult::kOk) {
+    if (start == IoResult::kFailed) Fail(error);
+    return start;
+  }
+  size_t next_part = 0;
+  size_t offset = 0;  // bytes of parts[next_part] already sent
+  for (;;) {
+    iovec vectors[kSendBatch];
+    size_t count = 0;
+    for (size_t i = next_part; i < parts.size() && count < kSendBatch; ++i) {
+      const size_t skip = i == next_part ? offset : 0;
+      if (parts[i].size() == skip) continue;
+      vectors[count].iov_base = const_cast<uint8_t*>(parts[i].data() + skip);
+      vectors[count].iov_len = parts[i].size() - skip;
+      ++count;
+    }
+    if (count == 0) return IoResult::kOk;
+    msghdr message{};
+    message.msg_iov = vectors;
+    message.msg_iovlen = count;
+    const ssize_t sent = sendmsg(handle_, &message, MSG_NOSIGNAL);
+    if (sent < 0) {
+      const int code = errno;
+      if (code == EINTR) continue;
+      if (code == EAGAIN || code == EWOULDBLOCK) {
+        const IoResult waited = WaitFor(handle_, POLLOUT, stop, error);
+        if (waited == IoResult::kOk) continue;
+        if (waited == IoResult::kFailed) Fail(error);
+        return waited;
+      }
+      Fail(static_cast<uint32_t>(code));
+      return IsBrokenPipeErrno(code) ? IoResult::kBrokenPipe : IoResult::kFailed;
+    }
+    // Move past what went out.
+    size_t done = static_cast<size_t>(sent);
+    while (done > 0 && next_part < parts.size()) {
+      const size_t left = parts[next_part].size() - offset;
+      if (done < left) {
+        offset += done;
+        done = 0;
+      } else {
+        done -= left;
+        ++next_part;
+        offset = 0;
+      }
+    }
+    // Skip parts that are empty or complete.
+    while (next_part < parts.size() && parts[next_part].size() == offset) {
+      ++next_part;
+      offset = 0;
+    }
+    if (next_part == parts.size()) return IoResult::kOk;
+  }
+}
+
+IoResult Pipe::ReadSome(void* dest, size_t size, size_t& got, const StopSignal& stop) noexcept {
+  got = 0;
+  uint32_t error = 0;
+  IoResult start = CheckStart(handle_, stop, error);
+  if (start != IoResult::kOk) {
+    if (start == IoResult::kFailed) Fail(error);
+    return start;
+  }
+  if (size == 0) return IoResult::kOk;
+  for (;;) {
+    const ssize_t n = recv(handle_, dest, size, 0);
+    if (n > 0) {
+      got = static_cast<size_t>(n);
+      return IoResult::kOk;
+    }
+    if (n == 0) {
+      Fail(EPIPE);
+      return IoResult::kBrokenPipe;
+    }
+    const int code = errno;
+    if (code == EINTR) continue;
+    if (code == EAGAIN || code == EWOULDBLOCK) {
+      const IoResult waited = WaitFor(handle_, POLLIN, stop, error);
+      if (waited == IoResult::kOk) continue;
+      if (waited == IoResult::kFailed) Fail(error);
+      return waited;
+    }
+    Fail(static_cast<uint32_t>(code));
+    return IsBrokenPipeErrno(code) ? IoResult::kBrokenPipe : IoResult::kFailed;
+  }
+}
+
+IoResult Pipe::ReadExact(void* dest, size_t size, const StopSignal& stop) noexcept {
+  auto* bytes = static_cast<uint8_t*>(dest);
+  size_t done = 0;
+  do {
+    size_t got = 0;
+    const IoResult result = ReadSome(bytes + done, size - done, got, stop);
+    if (result != IoResult::kOk) return result;
+    done += got;
+  } while (done < size);
+  return IoResult::kOk;
+}
+
+// --- PipeListener ---
+
+PipeListener::~PipeListener() {
+  if (fd_ >= 0) close(fd_);
+  // Remove the socket file only when it is still the one bound here.
+  struct stat status;
+  if (!path_.empty() && lstat(path_.c_str(), &status) == 0 && S_ISSOCK(status.st_mode) &&
+      static_cast<uint64_t>(status.st_dev) == device_ &&
+      static_cast<uint64_t>(status.st_ino) == inode_) {
+    unlink(path_.c_str());
+  }
+}
+
+IoResult PipeListener::Create(std::u16string_view name, std::unique_ptr<PipeListener>& out,
+                              uint32_t& system_error) noexcept {
+  out.reset();
+  system_error = 0;
+  std::unique_ptr<PipeListener> listener(new (std::nothrow) PipeListener());
+  if (!listener) {
+    system_error = ENOMEM;
+    return IoResult::kFailed;
+  }
+  std::optional<std::string> path = ResolvePath(name, system_error);
+  if (!path) return IoResult::kFailed;
+  sockaddr_un address;
+  if (!MakeAddress(*path, address)) {
+    system_error = ENAMETOOLONG;
+    return IoResult::kFailed;
+  }
+  listener->fd_ = NewSocket();
+  if (listener->fd_ < 0) {
+    system_error = ErrnoValue();
+    return IoResult::kFailed;
+  }
+  const auto* raw_address = reinterpret_cast<const sockaddr*>(&address);
+  if (bind(listener->fd_, raw_address, sizeof(address)) != 0) {
+    if (errno != EADDRINUSE) {
+      system_error = ErrnoValue();
+      return IoResult::kFailed;
+    }
+    // A socket file is there. Replace it only when it is a socket that nobody listens on,
+    // which a crashed server leaves behind.
+    struct stat status;
+    if (lstat(path->c_str(), &status) != 0 || !S_ISSOCK(status.st_mode) ||
+        SomeoneListens(address)) {
+      system_error = EADDRINUSE;
+      return IoResult::kFailed;
+    }
+    if ((unlink(path->c_str()) != 0 && errno != ENOENT) ||
+        bind(listener->fd_, raw_address, sizeof(address)) != 0) {
+      system_error = ErrnoValue();
+      return IoResult::kFailed;
+    }
+  }
+  // From here on the file is ours, and the destructor removes it.
+  listener->path_ = std::move(*path);
+  struct stat status;
+  if (lstat(listener->path_.c_str(), &status) == 0) {
+    listener->device_ = static_cast<uint64_t>(status.st_dev);
+    listener->inode_ = static_cast<uint64_t>(status.st_ino);
+  }
+  if (listen(listener->fd_, SOMAXCONN) != 0) {
+    system_error = ErrnoValue();
+    return IoResult::kFailed;
+  }
+  out = std::move(listener);
+  return IoResult::kOk;
+}
+
+IoResult PipeListener::Accept(std::unique_ptr<Pipe>& out, const StopSignal& stop) noexcept {
+  out.reset();
+  uint32_t error = 0;
+  const IoResult start = CheckStart(fd_, stop, error);
+  if (start != IoResult::kOk) {
+    if (start == IoResult::kFailed) last_error_ = error;
+    return start;
+  }
+  for (;;) {
+    const int client = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (client < 0) {
+      const int code = errno;
+      // A client that gave up before we took it, or a signal: wait for the next.
+      if (code == EINTR || code == ECONNABORTED) continue;
+      if (code == EAGAIN || code == EWOULDBLOCK) {
+        const IoResult waited = WaitFor(fd_, POLLIN, stop, error);
+        if (waited == IoResult::kOk) continue;
+        if (waited == IoResult::kFailed) last_error_ = error;
+        return waited;
+      }
+      last_error_ = static_cast<uint32_t>(code);
+      return IoResult::kFailed;
+    }
+    if (!PeerIsOurUser(client, error)) {
+      // Another user reached the socket (its directory protects it, so only root or a
+      // misconfiguration can): drop the client and serve the next.
+      last_error_ = error;
+      close(client);
+      continue;
+    }
+    out.reset(new (std::nothrow) Pipe(client));
+    if (!out) {
+      close(client);
+      last_error_ = ENOMEM;
+      return IoResult::kFailed;
+    }
+    return IoResult::kOk;
+  }
+}
+
+// --- Names and places ---
+
+std::u16string CurrentUserName() noexcept {
+  try {
+    const uid_t uid = geteuid();
+    const long suggested = sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(suggested > 0 ? static_cast<size_t>(suggested) : 1024);
+    for (;;) {
+      passwd entry{};
+      passwd* found = nullptr;
+      const int error = getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found);
+      if (error == ERANGE && buffer.size() < (1u << 20)) {
+        buffer.resize(buffer.size() * 2);
+        continue;
+      }
+      if (error == 0 && found != nullptr && found->pw_name != nullptr &&
+          found->pw_name[0] != '\0') {
+        return Utf8ToUtf16(found->pw_name);
+      }
+      return Utf8ToUtf16(std::to_string(uid));
+    }
+  } catch (...) {
+    return {};
+  }
+}
+
+std::optional<std::string> RuntimeDirectory() noexcept {
+  try {
+    std::string path;
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    if (runtime != nullptr && runtime[0] != '\0') {
+      path = std::string(runtime) + "/vesta";
+    } else {
+      path = "/tmp/vesta-" + std::to_string(geteuid());
+    }
+    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return std::nullopt;
+    // lstat: a symbolic link planted in a shared /tmp is not our directory.
+    struct stat status;
+    if (lstat(path.c_str(), &status) != 0) return std::nullopt;
+    if (!S_ISDIR(status.st_mode)) {
+      errno = ENOTDIR;
+      return std::nullopt;
+    }
+    if (status.st_uid != geteuid() || (status.st_mode & 077) != 0) {
+      errno = EACCES;
+      return std::nullopt;
+    }
+    return path;
+  } catch (...) {
+    errno = ENOMEM;
+    return std::nullopt;
+  }
+}
+
+std::optional<std::string> SocketPath(std::string_view run_dir, std::u16string_view name) noexcept {
+  if (!ValidName(name)) return std::nullopt;
+  try {
+    const std::string narrow = Utf16ToUtf8(name);
+    std::string path(run_dir);
+    path += '/';
+    if (path.size() + narrow.size() <= kMaxSocketPath) return path + narrow;
+    static constexpr char kHex[] = "0123456789abcdef";
+    const uint64_t hash = Fnv1a64(narrow);
+    path += "qv_";
+    for (int shift = 60; shift >= 0; shift -= 4)
+      path += kHex[(hash >> shift) & 0xF];
+    if (path.size() > kMaxSocketPath) return std::nullopt;
+    return path;
+  } catch (...) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace qv::platform
