@@ -43,6 +43,8 @@ class SequenceCounter {
  public:
   explicit SequenceCounter(uint32_t start = 0) : counter_(start) {}
   uint32_t Next() { return (counter_.fetch_add(1, std::memory_order_relaxed) + 1) & 0x7FFFFFFFu; }
+  // Continues counting after `value`.
+  void Restart(uint32_t value) { counter_.store(value, std::memory_order_relaxed); }
 
  private:
   std::atomic<uint32_t> counter_;

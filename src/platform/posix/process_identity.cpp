@@ -2,10 +2,16 @@
 
 #include <unistd.h>
 
+#include "platform/pipe.h"
+
 namespace qv::platform {
 
 uint32_t CurrentProcessId() noexcept {
   return static_cast<uint32_t>(getpid());
+}
+
+std::optional<std::string> ServerRuntimeDirectory() noexcept {
+  return RuntimeDirectory();
 }
 
 }  // namespace qv::platform

@@ -8,4 +8,8 @@ uint32_t CurrentProcessId() noexcept {
   return GetCurrentProcessId();
 }
 
+std::optional<std::string> ServerRuntimeDirectory() noexcept {
+  return std::string();
+}
+
 }  // namespace qv::platform

@@ -1,0 +1,76 @@
+#pragma once
+// One open pipe to the server and the framing on it.
+//
+//   writers:  BeginWrite (write lock, empty output buffer) ... EndWrite (frame, write, unlock)
+//   reader:   ReadFrame (read lock, one frame into the input buffer) ... ReleaseRead
+//
+// The two directions never share a lock, so a request can be written while a frame is being
+// read. Stop ends every wait of the channel: for the locks, for the pipe, for the peer. The one
+// owner closes the pipe, once, after the reader has finished (a descriptor number is reused at
+// once on POSIX).
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/pipe.h"
+#include "serverlink/message_buffer.h"
+#include "serverlink/stoppable_lock.h"
+
+namespace qv {
+
+class PipeChannel {
+ public:
+  enum class WriteStatus { kWritten, kStopped, kTooLarge, kFailed };
+  enum class ReadStatus { kFrame, kStopped, kClosed, kBadFrame, kFailed };
+
+  PipeChannel() = default;
+  PipeChannel(const PipeChannel&) = delete;
+  PipeChannel& operator=(const PipeChannel&) = delete;
+
+  // Waits up to `timeout_ms` for the pipe `name` to accept, then opens it and clears the stop
+  // signal. Logs why it failed.
+  bool Open(std::u16string_view name, uint32_t timeout_ms);
+  // Takes over a pipe that is already connected (the server's side of a connection).
+  void Adopt(std::unique_ptr<platform::Pipe> pipe);
+  bool IsOpen() const { return pipe_ != nullptr; }
+
+  // Takes the write lock (false once stopped) and empties the output buffer.
+  bool BeginWrite();
+  MessageBuffer& Output() { return output_; }
+  // Writes the output buffer as one frame and releases the write lock. A body beyond the frame
+  // limit is not sent (kTooLarge).
+  WriteStatus EndWrite();
+
+  // Takes the read lock and reads one whole frame into the input buffer; on kFrame the caller
+  // holds the read lock until ReleaseRead. A bad reserved word or a body beyond the limit is
+  // kBadFrame: the connection cannot be trusted any more.
+  ReadStatus ReadFrame();
+  MessageBuffer& Input() { return input_; }
+  void ReleaseRead() { read_lock_.Unlock(); }
+
+  // Ends every wait of the channel until the next Open.
+  void Stop();
+  bool Stopped() const { return stop_.IsSet(); }
+  // Closes the pipe. Only the owner calls it, once nothing reads or writes any more.
+  void Close();
+
+ private:
+  // Exactly `size` bytes through the staging buffer (or straight into `dest` when large).
+  platform::IoResult ReadExact(uint8_t* dest, size_t size);
+
+  platform::StopSignal stop_;
+  std::unique_ptr<platform::Pipe> pipe_;
+  StoppableLock write_lock_;
+  StoppableLock read_lock_;
+  MessageBuffer output_;  // guarded by write_lock_
+  MessageBuffer input_;   // guarded by read_lock_
+  // Bytes read from the pipe ahead of the frame being taken apart; guarded by read_lock_.
+  std::vector<uint8_t> staging_;
+  size_t staged_begin_ = 0;
+  size_t staged_end_ = 0;
+};
+
+}  // namespace qv

@@ -1,0 +1,273 @@
+#include "serverlink/server_link.h"
+
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <string>
+
+#include "platform/pipe.h"
+#include "platform/process_identity.h"
+#include "platform/server_process.h"
+#include "platform/wide_string.h"
+#include "serverlink/log.h"
+
+namespace qv {
+
+namespace {
+
+constexpr const char16_t* kWellKnownPipePrefix = u"qv_ve_svr_";
+constexpr const char* kServerExecutableName =
+#ifdef _WIN32
+    "vesta-kx.exe";
+#else
+    "vesta-kx";
+#endif
+
+std::string Hex(uint64_t value) {
+  char digits[20];
+  std::snprintf(digits, sizeof digits, "%llX", static_cast<unsigned long long>(value));
+  return digits;
+}
+
+std::string ThreadTag() {
+  return Hex(std::hash<std::thread::id>{}(std::this_thread::get_id()));
+}
+
+}  // namespace
+
+ServerLink::ServerLink(const MessageFactory<CResponse>& responses,
+                       const MessageFactory<CNotification>& notifications, ServerNames names,
+                       Hooks hooks)
+    : names_(std::move(names)),
+      hooks_(std::move(hooks)),
+      dispatcher_(responses, notifications, store_,
+                  [this](std::shared_ptr<CNotification> notification) {
+                    if (hooks_.notification) hooks_.notification(std::move(notification));
+                  }) {}
+
+ServerLink::~ServerLink() {
+  std::lock_guard lock(connect_mutex_);
+  DisconnectLocked();
+}
+
+void ServerLink::SetSequenceForTesting(uint32_t value) {
+  sequence_.Restart(value);
+}
+
+bool ServerLink::IsConnected() const {
+  return connected_.load(std::memory_order_acquire);
+}
+
+LinkStatus ServerLink::Connect() {
+  bool connected_now = false;
+  {
+    std::lock_guard lock(connect_mutex_);
+    const LinkStatus status = ConnectLocked(connected_now);
+    if (status != LinkStatus::kSuccess) return status;
+  }
+  // Only for a connection this call made, and after the lock: the hook sends requests.
+  if (connected_now && hooks_.connected) hooks_.connected();
+  return LinkStatus::kSuccess;
+}
+
+LinkStatus ServerLink::EnsureServerRunning() {
+  if (platform::ServerIsReady(names_.user, names_.runtime_dir, kServerReadyWaitMs)) {
+    return LinkStatus::kSuccess;
+  }
+  LogApi(Log::kPackets, "Server not running");
+  const auto executable = platform::FindServerExecutable();
+  if (!executable) {
+    LogApi(Log::kErrors, std::string("Failed to find service on path : ") + kServerExecutableName);
+    LogApi(Log::kErrors, "Failed to start server");
+    return LinkStatus::kServerStartFailed;
+  }
+  if (!platform::StartServerProcess(*executable)) {
+    LogApi(Log::kErrors, "Failed to create server process");
+    LogApi(Log::kErrors, "Failed to start server");
+    return LinkStatus::kServerStartFailed;
+  }
+  // A first start under Wine or a sanitizer takes a while: keep asking until the deadline.
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(kServerReadyWaitMs);
+  while (!platform::ServerIsReady(names_.user, names_.runtime_dir, 50)) {
+    if (std::chrono::steady_clock::now() >= deadline) {
+      LogApi(Log::kErrors, "Server failed to initialize");
+      return LinkStatus::kServerNotReachable;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return LinkStatus::kSuccess;
+}
+
+LinkStatus ServerLink::Handshake(std::u16string& private_pipe, uint32_t (&version)[4]) {
+  PipeChannel well_known;
+  if (!well_known.Open(kWellKnownPipePrefix + names_.user, kPipeWaitMs)) {
+    LogApi(Log::kErrors, "Failed to open comms ");
+    return LinkStatus::kConnectFailed;
+  }
+  LinkStatus status = LinkStatus::kConnectFailed;
+  if (well_known.BeginWrite()) {
+    MessageBuffer& request = well_known.Output();
+    const bool built = WriteField(request, kConnectRequestMagic) &&
+                       WriteField(request, platform::CurrentProcessId()) &&
+                       WriteField(request, client_number_range_(client_numbers_));
+    if (built && well_known.EndWrite() == PipeChannel::WriteStatus::kWritten &&
+        well_known.ReadFrame() == PipeChannel::ReadStatus::kFrame) {
+      MessageBuffer& answer = well_known.Input();
+      uint32_t status_word = 0;
+      uint32_t second_word = 0;
+      const bool decoded = ReadField(answer, status_word) && ReadField(answer, private_pipe) &&
+                           ReadField(answer, second_word) && answer.Read(version, sizeof version);
+      well_known.ReleaseRead();
+      status = decoded ? LinkStatus::kSuccess : LinkStatus::kVersionMismatch;
+    } else if (!built) {
+      well_known.EndWrite();
+    }
+  }
+  if (status != LinkStatus::kSuccess) LogApi(Log::kErrors, "Failed sending connect request");
+  well_known.Close();
+  return status;
+}
+
+LinkStatus ServerLink::ConnectLocked(bool& connected_now) {
+  connected_now = false;
+  if (IsConnected()) return LinkStatus::kSuccess;
+  if (shutting_down_) return LinkStatus::kShuttingDown;
+  // A reader that ended (the server went away) is joined and its pipe closed before a new one.
+  DisconnectLocked();
+
+  if (const LinkStatus status = EnsureServerRunning(); status != LinkStatus::kSuccess) {
+    return status;
+  }
+  std::u16string private_pipe;
+  uint32_t version[4] = {};
+  if (const LinkStatus status = Handshake(private_pipe, version); status != LinkStatus::kSuccess) {
+    return status;
+  }
+  if (private_pipe.empty() || !channel_.Open(private_pipe, kPipeWaitMs)) {
+    LogApi(Log::kErrors, "Failed to open communication path");
+    return LinkStatus::kConnectFailed;
+  }
+  store_.Reset();
+  connected_.store(true, std::memory_order_release);
+  try {
+    reader_ = std::thread(&ServerLink::ReadLoop, this);
+  } catch (const std::exception&) {
+    DisconnectLocked();
+    return LinkStatus::kConnectFailed;
+  }
+  if (!std::equal(std::begin(version), std::end(version), std::begin(kProtocolVersion))) {
+    DisconnectLocked();
+    return LinkStatus::kVersionMismatch;
+  }
+  connected_now = true;
+  return LinkStatus::kSuccess;
+}
+
+void ServerLink::ReadLoop() {
+  LogApi(Log::kPackets, "Started read thread 0x" + ThreadTag());
+  for (;;) {
+    if (channel_.ReadFrame() != PipeChannel::ReadStatus::kFrame) break;
+    const auto outcome = dispatcher_.Dispatch(channel_.Input());
+    channel_.ReleaseRead();
+    if (outcome == IncomingDispatcher::Outcome::kNoKind) break;
+  }
+  LogApi(Log::kPackets, "Exited read thread 0x" + ThreadTag() + " LastError: 0");
+  connected_.store(false, std::memory_order_release);
+  store_.Abort();
+}
+
+void ServerLink::Disconnect() {
+  std::lock_guard lock(connect_mutex_);
+  DisconnectLocked();
+}
+
+void ServerLink::DisconnectLocked() {
+  connected_.store(false, std::memory_order_release);
+  if (reader_.joinable()) {
+    channel_.Stop();
+    reader_.join();
+  }
+  if (channel_.IsOpen()) {
+    LogApi(Log::kPackets, "Close pipe, Handle ");
+    channel_.Close();
+  }
+  store_.Abort();
+}
+
+void ServerLink::Shutdown() {
+  std::lock_guard lock(connect_mutex_);
+  shutting_down_ = true;
+  DisconnectLocked();
+}
+
+LinkStatus ServerLink::SendRequest(uint32_t target_handle, const CRequest& request,
+                                   uint32_t& sequence, bool expect_response, uint64_t& epoch) {
+  if (!IsConnected()) {
+    if (!expect_response) return LinkStatus::kNotConnected;
+    if (const LinkStatus status = Connect(); status != LinkStatus::kSuccess) return status;
+    if (!IsConnected()) return LinkStatus::kNotConnected;
+  }
+  // The lock is refused only while the connection is being torn down.
+  if (!channel_.BeginWrite()) return LinkStatus::kWaitFailed;
+  epoch = store_.Epoch();
+  sequence = sequence_.Next();
+  if (expect_response && !store_.Await(sequence)) {
+    channel_.EndWrite();
+    return LinkStatus::kWaitFailed;
+  }
+  MessageBuffer& body = channel_.Output();
+  if (!WriteRequestHeader(body, request.GetTypeNumber(), target_handle, sequence) ||
+      !request.Serialize(body)) {
+    // Nothing half-built goes out: the frame is dropped with its body.
+    body.Reset();
+    channel_.EndWrite();
+    store_.Forget(sequence);
+    return LinkStatus::kWriteFailed;
+  }
+  if (LibraryLog().Enabled(Log::kPackets)) {
+    LogApi(Log::kPackets, "SENT: " + platform::Utf16ToUtf8(request.GetName()) + " " +
+                              Hex(request.GetTypeNumber()) + " " + Hex(target_handle) + " " +
+                              Hex(sequence) + " " + request.ToString());
+  }
+  switch (channel_.EndWrite()) {
+    case PipeChannel::WriteStatus::kWritten:
+      return LinkStatus::kSuccess;
+    case PipeChannel::WriteStatus::kTooLarge:
+      store_.Forget(sequence);
+      return LinkStatus::kWriteFailed;
+    case PipeChannel::WriteStatus::kStopped:
+    case PipeChannel::WriteStatus::kFailed:
+      // The connection is broken: ending it wakes the waiter with the wait error rather than
+      // leaving it waiting for an answer to a request that never left.
+      channel_.Stop();
+      return LinkStatus::kSuccess;
+  }
+  return LinkStatus::kSuccess;
+}
+
+LinkStatus ServerLink::WaitResponse(CResponse& response, uint32_t sequence, uint64_t epoch) {
+  std::shared_ptr<CResponse> arrived;
+  if (store_.Wait(sequence, epoch, arrived) != WaitError::kWaitSuccess || arrived == nullptr) {
+    return LinkStatus::kWaitFailed;
+  }
+  if (arrived->Result != 0) {
+    response.Result = arrived->Result;
+    response.ResultText = std::move(arrived->ResultText);
+    response.Sequence = arrived->Sequence;
+    return LinkStatus::kSuccess;
+  }
+  return response.Assign(arrived) ? LinkStatus::kSuccess : LinkStatus::kWrongResponseType;
+}
+
+LinkStatus ServerLink::SendAndWait(uint32_t target_handle, const CRequest& request,
+                                   CResponse& response, uint32_t& sequence) {
+  uint64_t epoch = 0;
+  if (const LinkStatus status = SendRequest(target_handle, request, sequence, true, epoch);
+      status != LinkStatus::kSuccess) {
+    return status;
+  }
+  return WaitResponse(response, sequence, epoch);
+}
+
+}  // namespace qv

@@ -1,0 +1,297 @@
+#include "serverlink/server_link.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/process_identity.h"
+#include "platform/wide_string.h"
+#include "requests/catalogue.h"
+#include "requests/notifications.h"
+#include "support/scripted_server.h"
+#include "vekxapi/result_codes.h"
+
+namespace qv {
+namespace {
+
+using testing::Reply;
+using testing::ScriptedServer;
+
+// A user name of its own per test, so that no two tests (or a real server) share a pipe name.
+std::u16string UniqueUser() {
+  static std::atomic<int> counter{0};
+  return u"vkxtest" + platform::Utf8ToUtf16(std::to_string(platform::CurrentProcessId()) + "x" +
+                                            std::to_string(counter++));
+}
+
+class ServerLinkTest : public ::testing::Test {
+ protected:
+  // Starts a scripted server for this test's user.
+  ScriptedServer& Serve(testing::Script script, ScriptedServer::Options options = {}) {
+    options.user = user_;
+    server_ = std::make_unique<ScriptedServer>(options, std::move(script));
+    EXPECT_TRUE(server_->Start());
+    return *server_;
+  }
+
+  std::unique_ptr<ServerLink> MakeLink() {
+    ServerLink::Hooks hooks;
+    hooks.notification = [this](std::shared_ptr<CNotification> notification) {
+      std::lock_guard lock(mutex_);
+      notifications_.push_back(std::move(notification));
+    };
+    hooks.connected = [this] { ++connected_hooks_; };
+    return std::make_unique<ServerLink>(
+        ResponseFactory(), NotificationFactory(),
+        ServerLink::ServerNames{user_, platform::ServerRuntimeDirectory().value_or("")},
+        std::move(hooks));
+  }
+
+  std::u16string user_ = UniqueUser();
+  std::unique_ptr<ScriptedServer> server_;
+  std::mutex mutex_;
+  std::vector<std::shared_ptr<CNotification>> notifications_;
+  std::atomic<int> connected_hooks_{0};
+};
+
+Reply Answer(std::function<void(CResponse&)> fill = nullptr) {
+  Reply reply;
+  reply.fill = std::move(fill);
+  return reply;
+}
+
+// Polls `done` until it holds, for at most a minute, so that a broken wake-up fails the test
+// instead of hanging it.
+bool WaitUntil(const std::function<bool()>& done) {
+  for (int i = 0; i < 6000; ++i) {
+    if (done()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return false;
+}
+
+TEST_F(ServerLinkTest, ConnectsLazilyAndCorrelatesAnswers) {
+  Serve([](const testing::ReceivedRequest& received) {
+    auto* by_name = dynamic_cast<CGetTargetsByNameRequest*>(received.request.get());
+    return Answer([size = by_name ? by_name->Name.size() : 0](CResponse& response) {
+      static_cast<CGetTargetsByNameResponse&>(response).Targets = {static_cast<uint32_t>(size)};
+    });
+  });
+  auto link = MakeLink();
+  EXPECT_FALSE(link->IsConnected());
+
+  // Many callers at once on one connection: each gets the answer to its own request.
+  constexpr int kCallers = 8;
+  constexpr int kCalls = 40;
+  std::vector<std::thread> callers;
+  std::atomic<int> wrong{0};
+  for (int c = 0; c < kCallers; ++c) {
+    callers.emplace_back([&, c] {
+      for (int i = 0; i < kCalls; ++i) {
+        CGetTargetsByNameRequest request;
+        request.Name = std::u16string(static_cast<size_t>(c * kCalls + i), u'n');
+        CGetTargetsByNameResponse response;
+        uint32_t sequence = 0;
+        if (link->SendAndWait(kNoTarget, request, response, sequence) != LinkStatus::kSuccess ||
+            response.Targets != U32List{static_cast<uint32_t>(request.Name.size())}) {
+          ++wrong;
+        }
+      }
+    });
+  }
+  for (auto& caller : callers)
+    caller.join();
+  EXPECT_EQ(wrong, 0);
+  EXPECT_TRUE(link->IsConnected());
+  EXPECT_EQ(server_->Connections(), 1);
+  EXPECT_EQ(connected_hooks_, 1);
+}
+
+TEST_F(ServerLinkTest, AServerFailureArrivesAsTheResponsesResult) {
+  Serve([](const testing::ReceivedRequest&) {
+    Reply reply;
+    reply.result = 0x8004021B;
+    reply.text = u"no such kit";
+    return reply;
+  });
+  auto link = MakeLink();
+  CGetTargetInfoRequest request;
+  CGetTargetInfoResponse response;
+  uint32_t sequence = 0;
+  ASSERT_EQ(link->SendAndWait(3, request, response, sequence), LinkStatus::kSuccess);
+  EXPECT_EQ(response.Result, 0x8004021Bu);
+  EXPECT_EQ(response.ResultText, u"no such kit");
+}
+
+TEST_F(ServerLinkTest, AnAnswerOfAnotherClassIsRefused) {
+  Serve([](const testing::ReceivedRequest&) {
+    Reply reply;
+    reply.kind = Reply::Kind::kWrongClass;
+    return reply;
+  });
+  auto link = MakeLink();
+  CGetTargetListRequest request;
+  CGetTargetListResponse response;
+  uint32_t sequence = 0;
+  EXPECT_EQ(link->SendAndWait(kNoTarget, request, response, sequence),
+            LinkStatus::kWrongResponseType);
+  EXPECT_EQ(LinkStatusToResult(LinkStatus::kWrongResponseType), KXAPI_INVALID_RESPONSE_TYPE);
+}
+
+TEST_F(ServerLinkTest, DroppedAnswersLeaveOnlyTheirCallerWaitingUntilTheConnectionEnds) {
+  std::atomic<int> seen{0};
+  Serve([&](const testing::ReceivedRequest&) {
+    Reply reply;
+    const int n = seen++;
+    if (n == 0) reply.kind = Reply::Kind::kUnawaited;  // the first caller's answer goes astray
+    if (n == 2) reply.kind = Reply::Kind::kBadFrame;   // then the server breaks the stream
+    return reply;
+  });
+  auto link = MakeLink();
+  auto first = std::async(std::launch::async, [&] {
+    CGetTargetListRequest request;
+    CGetTargetListResponse response;
+    uint32_t sequence = 0;
+    return link->SendAndWait(kNoTarget, request, response, sequence);
+  });
+  ASSERT_TRUE(WaitUntil([&] { return seen >= 1; }));
+
+  CGetDefaultTargetRequest second;
+  CGetDefaultTargetResponse answer;
+  uint32_t sequence = 0;
+  EXPECT_EQ(link->SendAndWait(kNoTarget, second, answer, sequence), LinkStatus::kSuccess);
+
+  // A frame with a bad first word ends the reader: every waiter wakes with the wait error.
+  CGetServerVersionRequest third;
+  CGetServerVersionResponse lost;
+  EXPECT_EQ(link->SendAndWait(kNoTarget, third, lost, sequence), LinkStatus::kWaitFailed);
+  ASSERT_EQ(first.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+  EXPECT_EQ(first.get(), LinkStatus::kWaitFailed);
+  EXPECT_EQ(LinkStatusToResult(LinkStatus::kWaitFailed), KXAPI_WAIT_ERROR);
+
+  // The next call connects again.
+  EXPECT_EQ(link->SendAndWait(kNoTarget, second, answer, sequence), LinkStatus::kSuccess);
+  EXPECT_EQ(server_->Connections(), 2);
+  EXPECT_EQ(connected_hooks_, 2);
+}
+
+TEST_F(ServerLinkTest, DisconnectAndShutdownEndEveryBlockedWait) {
+  Serve([](const testing::ReceivedRequest&) {
+    Reply reply;
+    reply.kind = Reply::Kind::kSilent;
+    return reply;
+  });
+  auto link = MakeLink();
+  auto call = [&] {
+    CGetTargetListRequest request;
+    CGetTargetListResponse response;
+    uint32_t sequence = 0;
+    return link->SendAndWait(kNoTarget, request, response, sequence);
+  };
+  auto waiting = std::async(std::launch::async, call);
+  ASSERT_TRUE(WaitUntil([&] { return server_->Requests() >= 1; }));
+  link->Disconnect();
+  ASSERT_EQ(waiting.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+  EXPECT_EQ(waiting.get(), LinkStatus::kWaitFailed);
+
+  waiting = std::async(std::launch::async, call);  // connects again, and waits again
+  ASSERT_TRUE(WaitUntil([&] { return server_->Requests() >= 2; }));
+  link->Shutdown();
+  ASSERT_EQ(waiting.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+  EXPECT_EQ(waiting.get(), LinkStatus::kWaitFailed);
+  EXPECT_EQ(link->Connect(), LinkStatus::kShuttingDown);
+  EXPECT_EQ(LinkStatusToResult(LinkStatus::kShuttingDown), KXAPI_SHUTTING_DOWN);
+}
+
+TEST_F(ServerLinkTest, HandshakeFailuresReportTheirStatus) {
+  struct Case {
+    const char* what;
+    ScriptedServer::Options options;
+    LinkStatus status;
+  };
+  ScriptedServer::Options wrong_version;
+  wrong_version.version = {5, 0, 11, 0};
+  ScriptedServer::Options empty_name;
+  empty_name.empty_pipe_name = true;
+  ScriptedServer::Options cut_short;
+  cut_short.cut_handshake = true;
+  const Case cases[] = {
+      {"wrong version", wrong_version, LinkStatus::kVersionMismatch},
+      {"empty pipe name", empty_name, LinkStatus::kConnectFailed},
+      {"handshake cut short", cut_short, LinkStatus::kConnectFailed},
+  };
+  for (const Case& c : cases) {
+    user_ = UniqueUser();
+    Serve([](const testing::ReceivedRequest&) { return Answer(); }, c.options);
+    auto link = MakeLink();
+    EXPECT_EQ(link->Connect(), c.status) << c.what;
+    EXPECT_FALSE(link->IsConnected()) << c.what;
+    EXPECT_EQ(connected_hooks_, 0) << c.what;
+    server_->Stop();
+  }
+}
+
+TEST_F(ServerLinkTest, NoServerAndNoneToStart) {
+  // Nobody serves this user, and no vesta-kx lies beside the test or along PATH.
+  auto link = MakeLink();
+  EXPECT_EQ(link->Connect(), LinkStatus::kServerStartFailed);
+  EXPECT_EQ(LinkStatusToResult(LinkStatus::kServerStartFailed),
+            KXAPI_SERVER_INITIALIZATION_FAILURE);
+}
+
+TEST_F(ServerLinkTest, SequenceNumbersWrapAndNotificationsArrive) {
+  std::vector<uint32_t> sequences;
+  std::mutex seen_mutex;
+  Serve([&](const testing::ReceivedRequest& received) {
+    std::lock_guard lock(seen_mutex);
+    sequences.push_back(received.sequence);
+    return Answer();
+  });
+  auto link = MakeLink();
+  ASSERT_EQ(link->Connect(), LinkStatus::kSuccess);
+  link->SetSequenceForTesting(0x7FFFFFFE);
+  for (int i = 0; i < 3; ++i) {
+    CGetTargetListRequest request;
+    CGetTargetListResponse response;
+    uint32_t sequence = 0;
+    ASSERT_EQ(link->SendAndWait(kNoTarget, request, response, sequence), LinkStatus::kSuccess);
+  }
+  EXPECT_EQ(sequences, (std::vector<uint32_t>{0x7FFFFFFF, 0, 1}));
+
+  CTargetAddedNotification added;
+  added.TargetKey = kNoTarget;
+  added.HostName = u"kit";
+  added.Handle = 4;
+  ASSERT_TRUE(server_->Notify(added));
+  EXPECT_TRUE(WaitUntil([&] {
+    std::lock_guard lock(mutex_);
+    return !notifications_.empty();
+  }));
+  std::lock_guard lock(mutex_);
+  ASSERT_EQ(notifications_.size(), 1u);
+  EXPECT_EQ(notifications_[0]->GetTypeNumber(), CTargetAddedNotification::kTypeNumber);
+}
+
+TEST_F(ServerLinkTest, ARequestBeyondTheFrameLimitIsNotSent) {
+  Serve([](const testing::ReceivedRequest&) { return Answer(); });
+  auto link = MakeLink();
+  CGenericProtocolWriteRequest huge;
+  huge.Data.resize(kMaxFrameBodyBytes);  // plus its header and count: over the limit
+  CGenericProtocolWriteResponse response;
+  uint32_t sequence = 0;
+  EXPECT_EQ(link->SendAndWait(2, huge, response, sequence), LinkStatus::kWriteFailed);
+  EXPECT_EQ(LinkStatusToResult(LinkStatus::kWriteFailed), KXAPI_WRITE_ERROR);
+  CGetTargetListRequest next;
+  CGetTargetListResponse answer;
+  EXPECT_EQ(link->SendAndWait(kNoTarget, next, answer, sequence), LinkStatus::kSuccess);
+  EXPECT_EQ(server_->Requests(), 1);
+}
+
+}  // namespace
+}  // namespace qv
