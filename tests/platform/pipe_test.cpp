@@ -1,0 +1,621 @@
+// The pipe transport: a client and a listener thread in one process, over named pipes on
+// Windows (under Wine) and Unix-domain sockets on POSIX.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/pipe.h"
+#include "platform/wide_string.h"
+#include "test_support.h"
+
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+#endif
+
+namespace qv::platform {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Long enough for any healthy operation on a loaded machine; reached only when one hangs.
+constexpr auto kHangLimit = std::chrono::seconds(30);
+constexpr uint32_t kConnectTimeoutMs = 30000;
+
+uint32_t ProcessId() {
+#ifdef _WIN32
+  return GetCurrentProcessId();
+#else
+  return static_cast<uint32_t>(getpid());
+#endif
+}
+
+// A pipe name no other test, and no other run of this program, uses at the same time.
+std::u16string UniqueName() {
+  static std::atomic<int> counter{0};
+  return Utf8ToUtf16("qv_pipe_test_" + std::to_string(ProcessId()) + "_" +
+                     std::to_string(counter++));
+}
+
+Bytes Pattern(size_t size, uint32_t seed) {
+  Bytes bytes(size);
+  uint32_t state = seed;
+  for (auto& b : bytes) {
+    state = state * 1664525u + 1013904223u;
+    b = static_cast<uint8_t>(state >> 24);
+  }
+  return bytes;
+}
+
+// Waits for `result` without hanging the run: when it does not come within the limit the test
+// fails, `unblock` is asked to end the operation, and if even that does not help the program
+// exits.
+template <typename T>
+T Await(std::future<T>& result, const std::function<void()>& unblock) {
+  if (result.wait_for(kHangLimit) != std::future_status::ready) {
+    ADD_FAILURE() << "the operation did not end";
+    unblock();
+    if (result.wait_for(kHangLimit) != std::future_status::ready) {
+      std::fputs("pipe_test: an operation hangs even after unblocking\n", stderr);
+      std::_Exit(1);
+    }
+  }
+  return result.get();
+}
+
+// Gives an operation started on another thread a moment to block before the test acts on it.
+// Correctness never depends on it: an operation that starts late sees the same state.
+void LetItBlock() {
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+}
+
+// Ends the program when a test outlives a generous limit, so that an operation that never
+// returns, on any thread, fails the run instead of hanging it.
+class Watchdog {
+ public:
+  Watchdog()
+      : thread_([this] {
+          std::unique_lock<std::mutex> lock(mutex_);
+          if (!done_changed_.wait_for(lock, 4 * kHangLimit, [this] { return done_; })) {
+            std::fputs("pipe_test: the test hangs\n", stderr);
+            std::_Exit(1);
+          }
+        }) {}
+  ~Watchdog() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      done_ = true;
+    }
+    done_changed_.notify_all();
+    thread_.join();
+  }
+  Watchdog(const Watchdog&) = delete;
+  Watchdog& operator=(const Watchdog&) = delete;
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable done_changed_;
+  bool done_ = false;  // guarded by mutex_
+  std::thread thread_;
+};
+
+// On POSIX every test gets its own XDG_RUNTIME_DIR, so sockets and the runtime directory stay
+// inside a temporary directory that is removed afterwards.
+class PipeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+#ifndef _WIN32
+    if (const char* old = std::getenv("XDG_RUNTIME_DIR")) saved_runtime_ = old;
+    std::string pattern = (std::filesystem::temp_directory_path() / "qv_pipe_test_XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    temp_dir_ = pattern;
+    setenv("XDG_RUNTIME_DIR", temp_dir_.c_str(), 1);
+#endif
+  }
+
+  void TearDown() override {
+#ifndef _WIN32
+    if (saved_runtime_) {
+      setenv("XDG_RUNTIME_DIR", saved_runtime_->c_str(), 1);
+    } else {
+      unsetenv("XDG_RUNTIME_DIR");
+    }
+    std::error_code ignored;
+    std::filesystem::remove_all(temp_dir_, ignored);
+#endif
+  }
+
+  // A listener for a fresh name, with a client connected to it and the server end accepted.
+  void Connect() {
+    name_ = UniqueName();
+    uint32_t error = 0;
+    ASSERT_EQ(PipeListener::Create(name_, listener_, error), IoResult::kOk) << error;
+    std::future<IoResult> accepted =
+        std::async(std::launch::async, [&] { return listener_->Accept(server_, accept_stop_); });
+    const IoResult connected = Pipe::Connect(name_, kConnectTimeoutMs, client_, error);
+    EXPECT_EQ(connected, IoResult::kOk) << error;
+    EXPECT_EQ(Await(accepted, [&] { accept_stop_.Set(); }), IoResult::kOk);
+    ASSERT_TRUE(client_ && server_);
+  }
+
+  Watchdog watchdog_;
+  std::string temp_dir_;
+  std::optional<std::string> saved_runtime_;
+  std::u16string name_;
+  StopSignal accept_stop_;
+  StopSignal stop_;
+  std::unique_ptr<PipeListener> listener_;
+  std::unique_ptr<Pipe> client_;
+  std::unique_ptr<Pipe> server_;
+};
+
+TEST_F(PipeTest, GatheredPartsArriveInOrderAndWhole) {
+  ASSERT_NO_FATAL_FAILURE(Connect());
+  const Bytes header = Pattern(16, 1);
+  const Bytes body = Pattern(1000, 2);
+  const Bytes tail = {0x7f};
+  const std::array<std::span<const uint8_t>, 4> parts = {header, std::span<const uint8_t>(), body,
+                                                         tail};
+  ASSERT_EQ(client_->Write(parts, stop_), IoResult::kOk);
+
+  Bytes expected = header;
+  expected.insert(expected.end(), body.begin(), body.end());
+  expected.insert(expected.end(), tail.begin(), tail.end());
+  Bytes received(expected.size());
+  ASSERT_EQ(server_->ReadExact(received.data(), received.size(), stop_), IoResult::kOk);
+  EXPECT_EQ(received, expected);
+
+  // Back the other way, read through a small window: ReadSome never exceeds it.
+  const std::array<std::span<const uint8_t>, 2> reply = {body, header};
+  ASSERT_EQ(server_->Write(reply, stop_), IoResult::kOk);
+  Bytes echoed;
+  while (echoed.size() < body.size() + header.size()) {
+    uint8_t window[7];
+    size_t got = 0;
+    ASSERT_EQ(client_->ReadSome(window, sizeof(window), got, stop_), IoResult::kOk);
+    ASSERT_GE(got, 1u);
+    ASSERT_LE(got, sizeof(window));
+    echoed.insert(echoed.end(), window, window + got);
+  }
+  Bytes expected_reply = body;
+  expected_reply.insert(expected_reply.end(), header.begin(), header.end());
+  EXPECT_EQ(echoed, expected_reply);
+
+  // Nothing to write is no write at all, and asking for nothing reads nothing.
+  EXPECT_EQ(client_->Write({}, stop_), IoResult::kOk);
+  size_t got = 99;
+  EXPECT_EQ(client_->ReadSome(nullptr, 0, got, stop_), IoResult::kOk);
+  EXPECT_EQ(got, 0u);
+}
+
+TEST_F(PipeTest, LargeTransfersCrossPartialReadsAndWrites) {
+  ASSERT_NO_FATAL_FAILURE(Connect());
+  constexpr size_t kSize = 8 << 20;
+  const Bytes sent = Pattern(kSize, 3);
+
+  // The server reads in odd-sized pieces while the client's single write is still going.
+  std::future<Bytes> server_side = std::async(std::launch::async, [&] {
+    Bytes received;
+    received.reserve(kSize);
+    std::vector<uint8_t> piece(65537);
+    while (received.size() < kSize) {
+      size_t got = 0;
+      if (server_->ReadSome(piece.data(), piece.size(), got, stop_) != IoResult::kOk) break;
+      received.insert(received.end(), piece.begin(), piece.begin() + got);
+    }
+    if (received.size() != kSize) return received;
+    // Then send it all back, split unevenly, while the client reads.
+    const std::span<const uint8_t> all(received);
+    const std::array<std::span<const uint8_t>, 3> parts = {
+        all.subspan(0, 3), all.subspan(3, 777777), all.subspan(777780)};
+    if (server_->Write(parts, stop_) != IoResult::kOk) received.clear();
+    return received;
+  });
+  std::future<Bytes> client_side = std::async(std::launch::async, [&] {
+    const std::array<std::span<const uint8_t>, 1> whole = {sent};
+    Bytes echoed(kSize);
+    if (client_->Write(whole, stop_) != IoResult::kOk ||
+        client_->ReadExact(echoed.data(), echoed.size(), stop_) != IoResult::kOk) {
+      echoed.clear();
+    }
+    return echoed;
+  });
+  const Bytes echoed = Await(client_side, [&] { stop_.Set(); });
+  const Bytes received = Await(server_side, [&] { stop_.Set(); });
+  EXPECT_TRUE(received == sent) << "the server received other bytes";
+  EXPECT_TRUE(echoed == sent) << "the client received other bytes";
+}
+
+TEST_F(PipeTest, StopEndsBlockedReadsAndWritesAndThePipeStaysUsable) {
+  ASSERT_NO_FATAL_FAILURE(Connect());
+  uint8_t buffer[4];
+  std::future<IoResult> read = std::async(
+      std::launch::async, [&] { return client_->ReadExact(buffer, sizeof(buffer), stop_); });
+  LetItBlock();
+  stop_.Set();
+  EXPECT_TRUE(stop_.IsSet());
+  EXPECT_EQ(Await(read, [&] { server_->Close(); }), IoResult::kStopped);
+  // While it stays set, nothing waits.
+  EXPECT_EQ(client_->ReadExact(buffer, sizeof(buffer), stop_), IoResult::kStopped);
+
+  // The cancelled read took nothing from the stream.
+  stop_.Reset();
+  EXPECT_FALSE(stop_.IsSet());
+  const Bytes message = {1, 2, 3, 4};
+  const std::array<std::span<const uint8_t>, 1> parts = {message};
+  ASSERT_EQ(server_->Write(parts, stop_), IoResult::kOk);
+  ASSERT_EQ(client_->ReadExact(buffer, sizeof(buffer), stop_), IoResult::kOk);
+  EXPECT_EQ(Bytes(buffer, buffer + 4), message);
+
+  // A write that cannot finish because nobody reads ends on the signal too.
+  const Bytes flood(64 << 20, 0x5a);
+  std::future<IoResult> write = std::async(std::launch::async, [&] {
+    const std::array<std::span<const uint8_t>, 1> all = {flood};
+    return client_->Write(all, stop_);
+  });
+  LetItBlock();
+  stop_.Set();
+  EXPECT_EQ(Await(write, [&] { server_->Close(); }), IoResult::kStopped);
+}
+
+TEST_F(PipeTest, StopEndsABlockedAcceptAndTheListenerServesOn) {
+  const std::u16string name = UniqueName();
+  uint32_t error = 0;
+  std::unique_ptr<PipeListener> listener;
+  ASSERT_EQ(PipeListener::Create(name, listener, error), IoResult::kOk) << error;
+  StopSignal stop;
+  std::unique_ptr<Pipe> server;
+  std::future<IoResult> accepted =
+      std::async(std::launch::async, [&] { return listener->Accept(server, stop); });
+  LetItBlock();
+  stop.Set();
+  std::unique_ptr<Pipe> unblocker;
+  EXPECT_EQ(Await(accepted, [&] { Pipe::Connect(name, 1000, unblocker, error); }),
+            IoResult::kStopped);
+  EXPECT_EQ(server, nullptr);
+
+  stop.Reset();
+  accepted = std::async(std::launch::async, [&] { return listener->Accept(server, stop); });
+  std::unique_ptr<Pipe> client;
+  EXPECT_EQ(Pipe::Connect(name, kConnectTimeoutMs, client, error), IoResult::kOk) << error;
+  ASSERT_EQ(Await(accepted, [&] { stop.Set(); }), IoResult::kOk);
+  ASSERT_TRUE(client && server);
+  const Bytes ping = {42};
+  const std::array<std::span<const uint8_t>, 1> parts = {ping};
+  ASSERT_EQ(client->Write(parts, stop), IoResult::kOk);
+  uint8_t got = 0;
+  EXPECT_EQ(server->ReadExact(&got, 1, stop), IoResult::kOk);
+  EXPECT_EQ(got, 42);
+}
+
+TEST_F(PipeTest, OneListenerPerNameAtATime) {
+  const std::u16string name = UniqueName();
+  uint32_t error = 0;
+  std::unique_ptr<PipeListener> first;
+  ASSERT_EQ(PipeListener::Create(name, first, error), IoResult::kOk) << error;
+  std::unique_ptr<PipeListener> second;
+  const IoResult again = PipeListener::Create(name, second, error);
+  if (test_support::RunningUnderWine()) {
+    // Known difference: Wine 8 ignores FILE_FLAG_FIRST_PIPE_INSTANCE and adds an instance.
+    // One server per user rests on the server's instance lock there.
+    second.reset();
+  } else {
+    EXPECT_EQ(again, IoResult::kFailed);
+    EXPECT_EQ(second, nullptr);
+    EXPECT_NE(error, 0u);
+  }
+
+  // The refused one took nothing from the first: its clients still get through.
+  StopSignal stop;
+  std::unique_ptr<Pipe> server;
+  std::future<IoResult> accepted =
+      std::async(std::launch::async, [&] { return first->Accept(server, stop); });
+  std::unique_ptr<Pipe> client;
+  EXPECT_EQ(Pipe::Connect(name, kConnectTimeoutMs, client, error), IoResult::kOk) << error;
+  EXPECT_EQ(Await(accepted, [&] { stop.Set(); }), IoResult::kOk);
+
+  // Once the first has gone, the name is free again.
+  first.reset();
+  EXPECT_EQ(PipeListener::Create(name, second, error), IoResult::kOk) << error;
+}
+
+TEST_F(PipeTest, ConnectWaitsForALateServerAndTimesOutWhenNobodyServes) {
+  std::unique_ptr<Pipe> client;
+  uint32_t error = 0;
+  EXPECT_EQ(Pipe::Connect(UniqueName(), 200, client, error), IoResult::kTimedOut);
+  EXPECT_NE(error, 0u);
+  EXPECT_EQ(client, nullptr);
+
+  // A server that appears while the client waits is found.
+  const std::u16string name = UniqueName();
+  StopSignal stop;
+  std::unique_ptr<PipeListener> listener;
+  std::unique_ptr<Pipe> server;
+  std::future<IoResult> served = std::async(std::launch::async, [&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    uint32_t create_error = 0;
+    const IoResult created = PipeListener::Create(name, listener, create_error);
+    return created == IoResult::kOk ? listener->Accept(server, stop) : created;
+  });
+  EXPECT_EQ(Pipe::Connect(name, kConnectTimeoutMs, client, error), IoResult::kOk) << error;
+  EXPECT_EQ(Await(served, [&] { stop.Set(); }), IoResult::kOk);
+  EXPECT_NE(client, nullptr);
+}
+
+TEST_F(PipeTest, ClientsRacingForInstancesAllGetThrough) {
+  const std::u16string name = UniqueName();
+  uint32_t error = 0;
+  std::unique_ptr<PipeListener> listener;
+  ASSERT_EQ(PipeListener::Create(name, listener, error), IoResult::kOk) << error;
+  constexpr int kClients = 4;
+  StopSignal stop;
+  std::future<std::vector<int>> server_side = std::async(std::launch::async, [&] {
+    std::vector<int> seen;
+    for (int i = 0; i < kClients; ++i) {
+      std::unique_ptr<Pipe> server;
+      if (listener->Accept(server, stop) != IoResult::kOk) break;
+      uint8_t id = 0;
+      if (server->ReadExact(&id, 1, stop) != IoResult::kOk) break;
+      seen.push_back(id);
+    }
+    return seen;
+  });
+  std::vector<std::future<IoResult>> clients;
+  for (int i = 0; i < kClients; ++i) {
+    clients.push_back(std::async(std::launch::async, [&, i] {
+      std::unique_ptr<Pipe> client;
+      uint32_t client_error = 0;
+      IoResult result = Pipe::Connect(name, kConnectTimeoutMs, client, client_error);
+      if (result != IoResult::kOk) return result;
+      const Bytes id = {static_cast<uint8_t>(i)};
+      const std::array<std::span<const uint8_t>, 1> parts = {id};
+      result = client->Write(parts, stop);
+      // Stay connected until the server has read the id.
+      uint8_t ignored;
+      if (result == IoResult::kOk) client->ReadExact(&ignored, 1, stop);
+      return result;
+    }));
+  }
+  std::vector<int> seen = Await(server_side, [&] { stop.Set(); });
+  stop.Set();  // Releases the clients waiting on their reads.
+  for (auto& client : clients)
+    EXPECT_EQ(Await(client, [] {}), IoResult::kOk);
+  std::sort(seen.begin(), seen.end());
+  EXPECT_EQ(seen, (std::vector<int>{0, 1, 2, 3}));
+}
+
+TEST_F(PipeTest, PeerCloseIsABrokenPipe) {
+  // The server goes while the client waits for a read.
+  ASSERT_NO_FATAL_FAILURE(Connect());
+  uint8_t buffer[8];
+  std::future<IoResult> read = std::async(
+      std::launch::async, [&] { return client_->ReadExact(buffer, sizeof(buffer), stop_); });
+  LetItBlock();
+  server_->Close();
+  EXPECT_EQ(Await(read, [&] { stop_.Set(); }), IoResult::kBrokenPipe);
+  EXPECT_NE(client_->LastSystemError(), 0u);
+  // Writing to the server that went is a broken pipe too, and raises no SIGPIPE.
+  const Bytes chunk(64 * 1024, 1);
+  const std::array<std::span<const uint8_t>, 1> parts = {chunk};
+  EXPECT_EQ(client_->Write(parts, stop_), IoResult::kBrokenPipe);
+}
+
+TEST_F(PipeTest, BytesSentBeforeACloseAreReadThenTheBreak) {
+  ASSERT_NO_FATAL_FAILURE(Connect());
+  const Bytes last = {9, 8, 7};
+  const std::array<std::span<const uint8_t>, 1> parts = {last};
+  ASSERT_EQ(client_->Write(parts, stop_), IoResult::kOk);
+  client_.reset();
+  uint8_t buffer[3];
+  ASSERT_EQ(server_->ReadExact(buffer, 3, stop_), IoResult::kOk);
+  EXPECT_EQ(Bytes(buffer, buffer + 3), last);
+  size_t got = 0;
+  EXPECT_EQ(server_->ReadSome(buffer, 3, got, stop_), IoResult::kBrokenPipe);
+  EXPECT_EQ(got, 0u);
+
+  // A frame cut short by the close is a broken pipe, not a short success.
+  ASSERT_NO_FATAL_FAILURE(Connect());
+  ASSERT_EQ(server_->Write(parts, stop_), IoResult::kOk);
+  server_.reset();
+  uint8_t frame[16];
+  EXPECT_EQ(client_->ReadExact(frame, sizeof(frame), stop_), IoResult::kBrokenPipe);
+}
+
+TEST_F(PipeTest, ClosedPipesAndEmptyNamesFail) {
+  ASSERT_NO_FATAL_FAILURE(Connect());
+  EXPECT_TRUE(client_->IsOpen());
+  client_->Close();
+  client_->Close();
+  EXPECT_FALSE(client_->IsOpen());
+  uint8_t byte = 0;
+  EXPECT_EQ(client_->ReadExact(&byte, 1, stop_), IoResult::kFailed);
+  EXPECT_NE(client_->LastSystemError(), 0u);
+  const std::array<std::span<const uint8_t>, 1> parts = {std::span<const uint8_t>(&byte, 1)};
+  EXPECT_EQ(client_->Write(parts, stop_), IoResult::kFailed);
+
+  std::unique_ptr<PipeListener> listener;
+  uint32_t error = 0;
+  EXPECT_EQ(PipeListener::Create(u"", listener, error), IoResult::kFailed);
+  EXPECT_EQ(listener, nullptr);
+  EXPECT_NE(error, 0u);
+}
+
+TEST(CurrentUserName, IsAName) {
+  const std::u16string name = CurrentUserName();
+  EXPECT_FALSE(name.empty());
+  EXPECT_EQ(name.find(u'\0'), std::u16string::npos);
+}
+
+#ifndef _WIN32
+
+// POSIX only: where the sockets live, and who may use them.
+class RuntimeDirectoryTest : public PipeTest {
+ protected:
+  std::string Expected() const { return temp_dir_ + "/vesta"; }
+};
+
+TEST_F(RuntimeDirectoryTest, CreatedPrivateWhenMissingAndAcceptedWhenPrivate) {
+  const std::optional<std::string> dir = RuntimeDirectory();
+  ASSERT_TRUE(dir.has_value());
+  EXPECT_EQ(*dir, Expected());
+  struct stat status;
+  ASSERT_EQ(lstat(dir->c_str(), &status), 0);
+  EXPECT_TRUE(S_ISDIR(status.st_mode));
+  EXPECT_EQ(status.st_mode & 0777, 0700u);
+  EXPECT_EQ(RuntimeDirectory(), dir);  // Found again as it is.
+}
+
+TEST_F(RuntimeDirectoryTest, RefusedWhenOthersCouldReachIt) {
+  const std::string dir = Expected();
+  ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+  for (mode_t mode : {0755, 0710, 0701, 0770}) {
+    SCOPED_TRACE(mode);
+    ASSERT_EQ(chmod(dir.c_str(), mode), 0);
+    EXPECT_EQ(RuntimeDirectory(), std::nullopt);
+  }
+  ASSERT_EQ(chmod(dir.c_str(), 0700), 0);
+  EXPECT_EQ(RuntimeDirectory(), dir);
+
+  // A directory owned by someone else, even a private one.
+  if (geteuid() == 0) {
+    ASSERT_EQ(chown(dir.c_str(), 65534, 65534), 0);
+    EXPECT_EQ(RuntimeDirectory(), std::nullopt);
+  }
+}
+
+TEST_F(RuntimeDirectoryTest, RefusedWhenNotADirectory) {
+  // A symbolic link to a good directory: in a shared /tmp anyone could plant one.
+  const std::string target = temp_dir_ + "/elsewhere";
+  ASSERT_EQ(mkdir(target.c_str(), 0700), 0);
+  ASSERT_EQ(symlink(target.c_str(), Expected().c_str()), 0);
+  EXPECT_EQ(RuntimeDirectory(), std::nullopt);
+  ASSERT_EQ(unlink(Expected().c_str()), 0);
+
+  std::FILE* file = std::fopen(Expected().c_str(), "w");
+  ASSERT_NE(file, nullptr);
+  std::fclose(file);
+  EXPECT_EQ(RuntimeDirectory(), std::nullopt);
+
+  // The parent must exist: only the last level is created.
+  setenv("XDG_RUNTIME_DIR", (temp_dir_ + "/missing").c_str(), 1);
+  EXPECT_EQ(RuntimeDirectory(), std::nullopt);
+}
+
+TEST_F(RuntimeDirectoryTest, WithoutXdgRuntimeDirItIsPerUserInTmp) {
+  setenv("XDG_RUNTIME_DIR", "", 1);
+  EXPECT_EQ(RuntimeDirectory(), "/tmp/vesta-" + std::to_string(geteuid()));
+}
+
+TEST(SocketPath, LongNamesAreReplacedByTheirHash) {
+  constexpr size_t kMax = sizeof(sockaddr_un::sun_path) - 1;
+  const std::string dir = "/run/user/1000/vesta";
+  EXPECT_EQ(SocketPath(dir, u"qv_ve_svr_alice"), dir + "/qv_ve_svr_alice");
+
+  // The longest name that fits stays as it is; one more character and it is hashed.
+  const std::string fits(kMax - dir.size() - 1, 'n');
+  EXPECT_EQ(SocketPath(dir, Utf8ToUtf16(fits)), dir + "/" + fits);
+  const std::optional<std::string> hashed = SocketPath(dir, Utf8ToUtf16(fits + "n"));
+  ASSERT_TRUE(hashed.has_value());
+  EXPECT_EQ(hashed->size(), dir.size() + 1 + 3 + 16);
+  EXPECT_EQ(hashed->substr(0, dir.size() + 4), dir + "/qv_");
+  // Two long names that differ only at the end stay apart.
+  EXPECT_NE(SocketPath(dir, Utf8ToUtf16(fits + "m")), hashed);
+
+  // The hash is FNV-1a 64 over the UTF-8 bytes of the name, as other tools may recompute it.
+  const std::u16string long_user = u"qv_ve_svr_" + std::u16string(100, u'u');
+  EXPECT_EQ(SocketPath(dir, long_user), dir + "/qv_c34f780237e75ad9");
+}
+
+TEST(SocketPath, RefusesNamesThatLeaveTheDirectoryOrCannotFit) {
+  for (const std::u16string& name :
+       {std::u16string(u""), std::u16string(u"."), std::u16string(u".."), std::u16string(u"../x"),
+        std::u16string(u"a/b"), std::u16string(u"a\0b", 3)}) {
+    SCOPED_TRACE(Utf16ToUtf8(name));
+    EXPECT_EQ(SocketPath("/run/user/1000/vesta", name), std::nullopt);
+  }
+  const std::string huge_dir(sizeof(sockaddr_un::sun_path), 'd');
+  EXPECT_EQ(SocketPath(huge_dir, u"x"), std::nullopt);
+}
+
+TEST_F(RuntimeDirectoryTest, ListenerOwnsItsSocketFile) {
+  const std::u16string name = UniqueName();
+  uint32_t error = 0;
+  std::unique_ptr<PipeListener> listener;
+  ASSERT_EQ(PipeListener::Create(name, listener, error), IoResult::kOk) << error;
+  const std::optional<std::string> path = SocketPath(Expected(), name);
+  ASSERT_TRUE(path.has_value());
+  EXPECT_TRUE(std::filesystem::is_socket(*path));
+
+  // A second listener on a live name is refused and leaves the first one's file alone.
+  std::unique_ptr<PipeListener> second;
+  EXPECT_EQ(PipeListener::Create(name, second, error), IoResult::kFailed);
+  EXPECT_TRUE(std::filesystem::is_socket(*path));
+
+  listener.reset();
+  EXPECT_FALSE(std::filesystem::exists(*path));
+}
+
+TEST_F(RuntimeDirectoryTest, StaleSocketIsReplacedButOtherFilesAreNot) {
+  ASSERT_TRUE(RuntimeDirectory().has_value());
+  const std::u16string name = UniqueName();
+  const std::string path = *SocketPath(Expected(), name);
+
+  // What a crashed server leaves: a socket file nobody listens on.
+  const int stale = socket(AF_UNIX, SOCK_STREAM, 0);
+  ASSERT_GE(stale, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, path.size());
+  ASSERT_EQ(bind(stale, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+  close(stale);
+  uint32_t error = 0;
+  std::unique_ptr<PipeListener> listener;
+  ASSERT_EQ(PipeListener::Create(name, listener, error), IoResult::kOk) << error;
+  std::unique_ptr<Pipe> client;
+  EXPECT_EQ(Pipe::Connect(name, kConnectTimeoutMs, client, error), IoResult::kOk) << error;
+  listener.reset();
+  client.reset();
+
+  // A plain file of that name is somebody's data.
+  std::FILE* file = std::fopen(path.c_str(), "w");
+  ASSERT_NE(file, nullptr);
+  std::fclose(file);
+  EXPECT_EQ(PipeListener::Create(name, listener, error), IoResult::kFailed);
+  EXPECT_TRUE(std::filesystem::is_regular_file(path));
+}
+
+TEST_F(RuntimeDirectoryTest, PipesRefuseAnUnsafeRuntimeDirectory) {
+  ASSERT_EQ(mkdir(Expected().c_str(), 0755), 0);
+  std::unique_ptr<PipeListener> listener;
+  std::unique_ptr<Pipe> client;
+  uint32_t error = 0;
+  EXPECT_EQ(PipeListener::Create(UniqueName(), listener, error), IoResult::kFailed);
+  EXPECT_NE(error, 0u);
+  EXPECT_EQ(Pipe::Connect(UniqueName(), 100, client, error), IoResult::kFailed);
+}
+
+#endif  // !_WIN32
+
+}  // namespace
+}  // namespace qv::platform
