@@ -15,7 +15,7 @@ void Log::SetLevel(int level) {
 }
 
 bool Log::SetFile(const std::string& path) {
-  std::FILE* file = std::fopen(path.c_str(), "a");
+  std::FILE* file = std::fopen(path.c_str(), "ab");  // binary: the same bytes on every platform
   if (file == nullptr) return false;
   std::lock_guard lock(sink_mutex_);
   if (file_ != nullptr) std::fclose(file_);

@@ -39,12 +39,18 @@ void NotificationPump::Stop() {
     state_->queue.clear();
   }
   state_->wake.notify_one();
-  std::lock_guard thread_lock(thread_mutex_);
-  if (!thread_.joinable()) return;
-  if (thread_.get_id() == std::this_thread::get_id()) {
-    thread_.detach();
+  // Joined without holding a lock that Push takes: the handler may be waiting for something the
+  // read thread still has to deliver.
+  std::thread thread;
+  {
+    std::lock_guard thread_lock(thread_mutex_);
+    thread = std::move(thread_);
+  }
+  if (!thread.joinable()) return;
+  if (thread.get_id() == std::this_thread::get_id()) {
+    thread.detach();
   } else {
-    thread_.join();
+    thread.join();
   }
 }
 

@@ -57,7 +57,12 @@ TEST(NotificationPumpTest, StopWaitsForTheHandlerAndDropsTheRest) {
   ASSERT_TRUE(pump.Push(Numbered(1)));
   ASSERT_TRUE(pump.Push(Numbered(2)));
   ASSERT_EQ(entered.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
-  std::thread releaser([&] { release.set_value(); });
+  // The handler is let go only once the pump refuses new work, that is once Stop has begun.
+  std::thread releaser([&] {
+    while (pump.Push(Numbered(9)))
+      std::this_thread::yield();
+    release.set_value();
+  });
   pump.Stop();  // returns once the first handler has finished
   releaser.join();
   EXPECT_EQ(handled, 1);
