@@ -126,7 +126,8 @@ class Pipe {
 /// The server side of a pipe name: hands out one connected Pipe per client.
 ///
 /// Windows keeps one listening instance of the named pipe ready at all times (the first one
-/// created with FILE_FLAG_FIRST_PIPE_INSTANCE, so a name another process serves is refused).
+/// created with FILE_FLAG_FIRST_PIPE_INSTANCE, so a name another process serves is refused),
+/// open to the current user only and to no remote client.
 /// POSIX binds and listens on the socket file, replacing a stale one that nobody listens on,
 /// and removes the file it created when destroyed.
 class PipeListener {
@@ -157,6 +158,8 @@ class PipeListener {
   std::wstring full_name_;
   void* pending_ = nullptr;  // INVALID_HANDLE_VALUE when no instance is ready
   void* connect_event_ = nullptr;
+  // Grants the pipe to the current user alone (LocalAlloc'd); nullptr gives the default.
+  void* security_descriptor_ = nullptr;
 #else
   int fd_ = -1;
   std::string path_;

@@ -27,6 +27,8 @@
 
 #ifdef _WIN32
 #include <windows.h>
+// windows.h must come first.
+#include <sddl.h>
 #else
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -460,6 +462,36 @@ TEST_F(PipeTest, ClosedPipesAndEmptyNamesFail) {
   EXPECT_EQ(listener, nullptr);
   EXPECT_NE(error, 0u);
 }
+
+#ifdef _WIN32
+TEST_F(PipeTest, OnlyTheCurrentUserMayOpenTheListenersPipe) {
+  const std::u16string name = UniqueName();
+  uint32_t error = 0;
+  std::unique_ptr<PipeListener> listener;
+  ASSERT_EQ(PipeListener::Create(name, listener, error), IoResult::kOk) << error;
+  const std::wstring full_name = L"\\\\.\\pipe\\" + std::wstring(name.begin(), name.end());
+  HANDLE pipe = CreateFileW(full_name.c_str(), READ_CONTROL, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+  ASSERT_NE(pipe, INVALID_HANDLE_VALUE) << GetLastError();
+  DWORD needed = 0;
+  GetKernelObjectSecurity(pipe, DACL_SECURITY_INFORMATION, nullptr, 0, &needed);
+  std::vector<unsigned char> descriptor(needed);
+  ASSERT_TRUE(
+      GetKernelObjectSecurity(pipe, DACL_SECURITY_INFORMATION, descriptor.data(), needed, &needed))
+      << GetLastError();
+  CloseHandle(pipe);
+  wchar_t* text = nullptr;
+  ASSERT_TRUE(ConvertSecurityDescriptorToStringSecurityDescriptorW(
+      descriptor.data(), SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text, nullptr));
+  const std::wstring sddl = text;
+  LocalFree(text);
+  // A protected DACL with one entry: full access for one account's SID. Without a descriptor
+  // of its own the pipe gets a default one (Windows) or none at all (Wine).
+  const std::wstring expected_start = L"D:P(A;;GA;;;S-1-5-";
+  ASSERT_EQ(sddl.substr(0, expected_start.size()), expected_start);
+  EXPECT_EQ(sddl.find(L"(", 1), sddl.rfind(L"("));
+  EXPECT_EQ(sddl.back(), L')');
+}
+#endif
 
 TEST(CurrentUserName, IsAName) {
   const std::u16string name = CurrentUserName();

@@ -1,6 +1,8 @@
 #include "platform/pipe.h"
 
 #include <windows.h>
+// windows.h must come first.
+#include <sddl.h>
 
 #include <algorithm>
 #include <iterator>
@@ -76,6 +78,35 @@ IoResult FinishPending(HANDLE handle, OVERLAPPED& overlapped, const StopSignal& 
     return Classify(code);
   }
   return IoResult::kOk;
+}
+
+// A security descriptor whose one entry gives the current user full access to the pipe, so no
+// other account on the machine can open it (the default also lets everyone read). nullptr when
+// the user's SID cannot be read; free it with LocalFree.
+PSECURITY_DESCRIPTOR NewCurrentUserOnlyDescriptor() noexcept {
+  HANDLE token = nullptr;
+  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) return nullptr;
+  // TOKEN_USER and the SID behind it; SECURITY_MAX_SID_SIZE is 68 bytes.
+  alignas(TOKEN_USER) unsigned char buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
+  DWORD size = 0;
+  const BOOL have_user = GetTokenInformation(token, TokenUser, buffer, sizeof(buffer), &size);
+  CloseHandle(token);
+  if (!have_user) return nullptr;
+  wchar_t* sid = nullptr;
+  if (!ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(buffer)->User.Sid, &sid)) {
+    return nullptr;
+  }
+  // "D:P": a protected DACL; "(A;;GA;;;sid)": allow generic-all to that SID.
+  wchar_t sddl[256];
+  const int length = _snwprintf(sddl, std::size(sddl), L"D:P(A;;GA;;;%ls)", sid);
+  LocalFree(sid);
+  if (length < 0 || static_cast<size_t>(length) >= std::size(sddl)) return nullptr;
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl, SDDL_REVISION_1, &descriptor,
+                                                            nullptr)) {
+    return nullptr;
+  }
+  return descriptor;
 }
 
 }  // namespace
@@ -312,14 +343,18 @@ IoResult Pipe::ReadExact(void* dest, size_t size, const StopSignal& stop) noexce
 PipeListener::~PipeListener() {
   if (pending_ != nullptr && pending_ != INVALID_HANDLE_VALUE) CloseHandle(pending_);
   if (connect_event_ != nullptr) CloseHandle(connect_event_);
+  if (security_descriptor_ != nullptr) LocalFree(security_descriptor_);
 }
 
 bool PipeListener::NewInstance(bool first) noexcept {
   const DWORD open_mode =
       PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | (first ? FILE_FLAG_FIRST_PIPE_INSTANCE : 0);
-  pending_ = CreateNamedPipeW(
-      full_name_.c_str(), open_mode, PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT,
-      PIPE_UNLIMITED_INSTANCES, kPipeBufferBytes, kPipeBufferBytes, 0, nullptr);
+  SECURITY_ATTRIBUTES attributes{sizeof(attributes), security_descriptor_, FALSE};
+  pending_ =
+      CreateNamedPipeW(full_name_.c_str(), open_mode,
+                       PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS,
+                       PIPE_UNLIMITED_INSTANCES, kPipeBufferBytes, kPipeBufferBytes, 0,
+                       security_descriptor_ != nullptr ? &attributes : nullptr);
   if (pending_ == INVALID_HANDLE_VALUE) {
     last_error_ = LastError();
     return false;
@@ -348,6 +383,8 @@ IoResult PipeListener::Create(std::u16string_view name, std::unique_ptr<PipeList
     system_error = ERROR_NOT_ENOUGH_MEMORY;
     return IoResult::kFailed;
   }
+  // Without the user's SID the pipe keeps the system's default security rather than failing.
+  listener->security_descriptor_ = NewCurrentUserOnlyDescriptor();
   listener->connect_event_ = NewManualResetEvent();
   if (listener->connect_event_ == nullptr) {
     system_error = LastError();
