@@ -353,18 +353,6 @@ IoResult Pipe::ReadSome(void* dest, size_t size, size_t& got, const StopSignal& 
   }
 }
 
-IoResult Pipe::ReadExact(void* dest, size_t size, const StopSignal& stop) noexcept {
-  auto* bytes = static_cast<uint8_t*>(dest);
-  size_t done = 0;
-  do {
-    size_t got = 0;
-    const IoResult result = ReadSome(bytes + done, size - done, got, stop);
-    if (result != IoResult::kOk) return result;
-    done += got;
-  } while (done < size);
-  return IoResult::kOk;
-}
-
 // --- PipeListener ---
 
 PipeListener::~PipeListener() {
