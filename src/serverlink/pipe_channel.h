@@ -56,6 +56,8 @@ class PipeChannel {
   bool Stopped() const { return stop_.IsSet(); }
   // Closes the pipe. Only the owner calls it, once nothing reads or writes any more.
   void Close();
+  // The system error of the pipe's last failed operation (0 without a pipe), for log lines.
+  uint32_t LastSystemError() const { return pipe_ != nullptr ? pipe_->LastSystemError() : 0; }
 
  private:
   // Exactly `size` bytes through the staging buffer (or straight into `dest` when large).

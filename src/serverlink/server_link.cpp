@@ -144,6 +144,7 @@ LinkStatus ServerLink::ConnectLocked(bool& connected_now) {
   if (const LinkStatus status = Handshake(private_pipe, version); status != LinkStatus::kSuccess) {
     return status;
   }
+  private_pipe_ = private_pipe;
   if (private_pipe.empty() || !channel_.Open(private_pipe, kPipeWaitMs)) {
     LogApi(Log::kErrors, "Failed to open communication path");
     return LinkStatus::kConnectFailed;
@@ -172,7 +173,8 @@ void ServerLink::ReadLoop() {
     channel_.ReleaseRead();
     if (outcome == IncomingDispatcher::Outcome::kNoKind) break;
   }
-  LogApi(Log::kPackets, "Exited read thread 0x" + ThreadTag() + " LastError: 0");
+  LogApi(Log::kPackets, "Exited read thread 0x" + ThreadTag() +
+                            " LastError: " + std::to_string(channel_.LastSystemError()));
   connected_.store(false, std::memory_order_release);
   store_.Abort();
 }
@@ -189,7 +191,7 @@ void ServerLink::DisconnectLocked() {
     reader_.join();
   }
   if (channel_.IsOpen()) {
-    LogApi(Log::kPackets, "Close pipe, Handle ");
+    LogApi(Log::kPackets, "Close pipe, Handle " + platform::Utf16ToUtf8(private_pipe_));
     channel_.Close();
   }
   store_.Abort();

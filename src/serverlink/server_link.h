@@ -102,6 +102,7 @@ class ServerLink {
   std::uniform_int_distribution<uint32_t> client_number_range_{1, 2147483647};
   bool shutting_down_ = false;  // guarded by connect_mutex_
   PipeChannel channel_;
+  std::u16string private_pipe_;         // guarded by connect_mutex_; for log lines
   std::thread reader_;                  // guarded by connect_mutex_
   std::atomic<bool> connected_{false};  // pipe open and the reader reading
 };
