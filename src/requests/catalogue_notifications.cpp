@@ -1,4 +1,5 @@
 // The notification factory.
+#include <algorithm>
 #include <array>
 #include <cstdint>
 
@@ -24,21 +25,16 @@ static_assert(!HasDuplicateTypeNumbers(kNotificationEntries),
 
 // Where each notification is delivered: a group's notify client has one slot per notification,
 // so two rows on the same slot of a group would be a transcription error.
-struct DeliveryRoute {
-  EventGroup group;
-  uint32_t slot;
-};
-
 constexpr std::array kDeliveryRoutes{
 #define VEKX_NOTIFICATION(Camel, WIRE, number, Base, Group, Slot, SinkInterface, SinkMethod, \
                           DispId, fields)                                                    \
-  DeliveryRoute{EventGroup::Group, Slot},
+  NotificationRoute{number, EventGroup::Group, Slot},
 #include "requests/notifications.def"
 };
 
 constexpr bool RoutesAreSound() {
   for (size_t i = 0; i < kDeliveryRoutes.size(); ++i) {
-    const DeliveryRoute& route = kDeliveryRoutes[i];
+    const NotificationRoute& route = kDeliveryRoutes[i];
     // Slots count from 1; only a notification that reaches no sink has none.
     if ((route.slot == 0) != (route.group == EventGroup::None)) return false;
     for (size_t j = 0; j < i; ++j) {
@@ -55,10 +51,25 @@ static_assert(RoutesAreSound(), "a delivery slot is used twice or a delivered ro
 
 constexpr MessageFactory<CNotification> kNotificationFactory{kNotificationEntries};
 
+constexpr auto kRoutesByTypeNumber = [] {
+  auto routes = kDeliveryRoutes;
+  std::sort(routes.begin(), routes.end(),
+            [](const auto& a, const auto& b) { return a.type_number < b.type_number; });
+  return routes;
+}();
+
 }  // namespace
 
 const MessageFactory<CNotification>& NotificationFactory() {
   return kNotificationFactory;
+}
+
+std::optional<NotificationRoute> FindNotificationRoute(uint32_t type_number) {
+  const auto* it = std::lower_bound(
+      kRoutesByTypeNumber.begin(), kRoutesByTypeNumber.end(), type_number,
+      [](const NotificationRoute& route, uint32_t n) { return route.type_number < n; });
+  if (it == kRoutesByTypeNumber.end() || it->type_number != type_number) return std::nullopt;
+  return *it;
 }
 
 }  // namespace qv

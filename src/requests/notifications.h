@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 #include "requests/debug_records.h"
 #include "requests/notification_bases.h"
@@ -44,5 +45,15 @@ inline constexpr size_t kNotificationCount = 94;
 
 // Makes notifications from type numbers.
 const MessageFactory<CNotification>& NotificationFactory();
+
+// Where a notification is delivered: its group and the slot of the group's notify client.
+struct NotificationRoute {
+  uint32_t type_number;
+  EventGroup group;
+  uint32_t slot;
+};
+
+// The route of the notification with `type_number`; nullopt for a number not in the catalogue.
+std::optional<NotificationRoute> FindNotificationRoute(uint32_t type_number);
 
 }  // namespace qv

@@ -1,6 +1,7 @@
 #include "serverlink/log.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 
@@ -64,6 +65,12 @@ Log& LibraryLog() {
     return created;
   }();
   return *log;
+}
+
+std::string LogHex(uint64_t value) {
+  char digits[20];
+  std::snprintf(digits, sizeof digits, "%llX", static_cast<unsigned long long>(value));
+  return digits;
 }
 
 }  // namespace qv

@@ -8,6 +8,7 @@
 // unset or when the file cannot be opened).
 
 #include <atomic>
+#include <cstdint>
 #include <cstdio>
 #include <mutex>
 #include <string>
@@ -52,6 +53,9 @@ class Log {
 
 // The library's one log, configured from the environment on first use.
 Log& LibraryLog();
+
+// `value` in upper-case hexadecimal digits without a prefix, as the log lines print numbers.
+std::string LogHex(uint64_t value);
 
 // Writes a line of category "API" to the library's log.
 inline void LogApi(int level, std::string_view text) noexcept {

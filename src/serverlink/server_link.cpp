@@ -23,14 +23,8 @@ constexpr const char* kServerExecutableName =
     "vesta-kx";
 #endif
 
-std::string Hex(uint64_t value) {
-  char digits[20];
-  std::snprintf(digits, sizeof digits, "%llX", static_cast<unsigned long long>(value));
-  return digits;
-}
-
 std::string ThreadTag() {
-  return Hex(std::hash<std::thread::id>{}(std::this_thread::get_id()));
+  return LogHex(std::hash<std::thread::id>{}(std::this_thread::get_id()));
 }
 
 }  // namespace
@@ -210,6 +204,11 @@ LinkStatus ServerLink::SendRequest(uint32_t target_handle, const CRequest& reque
     if (const LinkStatus status = Connect(); status != LinkStatus::kSuccess) return status;
     if (!IsConnected()) return LinkStatus::kNotConnected;
   }
+  return Write(target_handle, request, sequence, expect_response, epoch);
+}
+
+LinkStatus ServerLink::Write(uint32_t target_handle, const CRequest& request, uint32_t& sequence,
+                             bool expect_response, uint64_t& epoch) {
   // The lock is refused only while the connection is being torn down.
   if (!channel_.BeginWrite()) return LinkStatus::kWaitFailed;
   epoch = store_.Epoch();
@@ -229,8 +228,8 @@ LinkStatus ServerLink::SendRequest(uint32_t target_handle, const CRequest& reque
   }
   if (LibraryLog().Enabled(Log::kPackets)) {
     LogApi(Log::kPackets, "SENT: " + platform::Utf16ToUtf8(request.GetName()) + " " +
-                              Hex(request.GetTypeNumber()) + " " + Hex(target_handle) + " " +
-                              Hex(sequence) + " " + request.ToString());
+                              LogHex(request.GetTypeNumber()) + " " + LogHex(target_handle) + " " +
+                              LogHex(sequence) + " " + request.ToString());
   }
   switch (channel_.EndWrite()) {
     case PipeChannel::WriteStatus::kWritten:
@@ -266,6 +265,17 @@ LinkStatus ServerLink::SendAndWait(uint32_t target_handle, const CRequest& reque
                                    CResponse& response, uint32_t& sequence) {
   uint64_t epoch = 0;
   if (const LinkStatus status = SendRequest(target_handle, request, sequence, true, epoch);
+      status != LinkStatus::kSuccess) {
+    return status;
+  }
+  return WaitResponse(response, sequence, epoch);
+}
+
+LinkStatus ServerLink::SendAndWaitIfConnected(uint32_t target_handle, const CRequest& request,
+                                              CResponse& response, uint32_t& sequence) {
+  if (!IsConnected()) return LinkStatus::kNotConnected;
+  uint64_t epoch = 0;
+  if (const LinkStatus status = Write(target_handle, request, sequence, true, epoch);
       status != LinkStatus::kSuccess) {
     return status;
   }

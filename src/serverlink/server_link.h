@@ -79,6 +79,9 @@ class ServerLink {
   LinkStatus WaitResponse(CResponse& response, uint32_t sequence, uint64_t epoch);
   LinkStatus SendAndWait(uint32_t target_handle, const CRequest& request, CResponse& response,
                          uint32_t& sequence);
+  // SendAndWait on the connection that is up, without connecting: kNotConnected when down.
+  LinkStatus SendAndWaitIfConnected(uint32_t target_handle, const CRequest& request,
+                                    CResponse& response, uint32_t& sequence);
 
   // For tests: the sequence counter starts after `value`.
   void SetSequenceForTesting(uint32_t value);
@@ -90,6 +93,9 @@ class ServerLink {
   LinkStatus Handshake(std::u16string& private_pipe, uint32_t (&version)[4]);
   void DisconnectLocked();
   void ReadLoop();
+  // Writes one request on the open connection.
+  LinkStatus Write(uint32_t target_handle, const CRequest& request, uint32_t& sequence,
+                   bool expect_response, uint64_t& epoch);
 
   ServerNames names_;
   Hooks hooks_;
