@@ -14,6 +14,7 @@
 
 #include "platform/automation.h"
 #include "platform/wide_string.h"
+#include "support/test_environment.h"
 
 #ifndef _WIN32
 #include <fcntl.h>
@@ -54,41 +55,13 @@ constexpr wchar_t kStartReportVariable[] = L"VEKX_TEST_START_REPORT";
 }();
 #endif
 
+using testing::ScopedVariable;
+using testing::TempDir;
+
 // A user name no real server and no other test process uses.
 std::u16string UniqueUser() {
-  static int counter = 0;
-#ifdef _WIN32
-  const unsigned long pid = GetCurrentProcessId();
-#else
-  const unsigned long pid = static_cast<unsigned long>(getpid());
-#endif
-  return Utf8ToUtf16("srvp-test-" + std::to_string(pid) + "-" + std::to_string(++counter));
+  return testing::UniqueUser("srvp-test-");
 }
-
-// A fresh directory, removed with its contents at the end of the test.
-class TempDir {
- public:
-  TempDir() {
-    std::error_code error;
-    const fs::path base = fs::temp_directory_path(error);
-    for (int attempt = 0; attempt < 100 && path_.empty(); ++attempt) {
-      const fs::path candidate = base / Utf16ToUtf8(UniqueUser());
-      if (fs::create_directory(candidate, error)) path_ = candidate;
-    }
-  }
-  ~TempDir() {
-    std::error_code error;
-    if (!path_.empty()) fs::remove_all(path_, error);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  const fs::path& path() const { return path_; }
-  std::string runtime_dir() const { return path_.string(); }
-
- private:
-  fs::path path_;
-};
 
 void WriteFile(const fs::path& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
@@ -112,36 +85,6 @@ bool WaitForFile(const fs::path& path) {
   }
   return false;
 }
-
-// Sets an environment variable for the duration of a test and restores its old value.
-class ScopedVariable {
- public:
-  ScopedVariable(const char* name, const std::string& value) : name_(name) {
-    if (const char* old = std::getenv(name)) old_ = old;
-    Set(value.c_str());
-  }
-  ~ScopedVariable() { Set(old_ ? old_->c_str() : nullptr); }
-  ScopedVariable(const ScopedVariable&) = delete;
-  ScopedVariable& operator=(const ScopedVariable&) = delete;
-
- private:
-  void Set(const char* value) {
-#ifdef _WIN32
-    // The Win32 environment is the one SearchPathW and CreateProcessW read.
-    const std::u16string name = Utf8ToUtf16(name_);
-    const std::u16string wide = value ? Utf8ToUtf16(value) : u"";
-    SetEnvironmentVariableW(ToOleChars(name.c_str()), value ? ToOleChars(wide.c_str()) : nullptr);
-#else
-    if (value)
-      setenv(name_.c_str(), value, 1);
-    else
-      unsetenv(name_.c_str());
-#endif
-  }
-
-  std::string name_;
-  std::optional<std::string> old_;
-};
 
 // --- Readiness -------------------------------------------------------------------------------
 

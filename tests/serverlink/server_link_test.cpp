@@ -15,6 +15,7 @@
 #include "requests/catalogue.h"
 #include "requests/notifications.h"
 #include "support/scripted_server.h"
+#include "support/test_environment.h"
 #include "vekxapi/result_codes.h"
 
 namespace qv {
@@ -23,11 +24,11 @@ namespace {
 using testing::Reply;
 using testing::ScriptedServer;
 
+using testing::WaitUntil;
+
 // A user name of its own per test, so that no two tests (or a real server) share a pipe name.
 std::u16string UniqueUser() {
-  static std::atomic<int> counter{0};
-  return u"vkxtest" + platform::Utf8ToUtf16(std::to_string(platform::CurrentProcessId()) + "x" +
-                                            std::to_string(counter++));
+  return testing::UniqueUser("vkxtest");
 }
 
 class ServerLinkTest : public ::testing::Test {
@@ -64,16 +65,6 @@ Reply Answer(std::function<void(CResponse&)> fill = nullptr) {
   Reply reply;
   reply.fill = std::move(fill);
   return reply;
-}
-
-// Polls `done` until it holds, for at most a minute, so that a broken wake-up fails the test
-// instead of hanging it.
-bool WaitUntil(const std::function<bool()>& done) {
-  for (int i = 0; i < 6000; ++i) {
-    if (done()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return false;
 }
 
 TEST_F(ServerLinkTest, ConnectsLazilyAndCorrelatesAnswers) {
