@@ -37,12 +37,12 @@ cmake -S "$root" -B "$out/asan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_CO
 cmake --build "$out/asan" -j "$jobs"
 ASAN_OPTIONS=detect_leaks=1 ctest --test-dir "$out/asan" --output-on-failure -j "$jobs"
 
-step "linux (clang, thread sanitizer: the server link's threads)"
+step "linux (clang, thread sanitizer: the server link's and the private client's threads)"
 cmake -S "$root" -B "$out/tsan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
   -DVEKX_WERROR=ON -DVEKX_SANITIZE=thread >/dev/null
-cmake --build "$out/tsan" -j "$jobs" --target vekx_serverlink_tests
-TSAN_OPTIONS=halt_on_error=1 ctest --test-dir "$out/tsan" -R '^serverlink[.]' --output-on-failure \
-  -j "$jobs"
+cmake --build "$out/tsan" -j "$jobs" --target vekx_serverlink_tests vekx_requests_tests
+TSAN_OPTIONS=halt_on_error=1 ctest --test-dir "$out/tsan" -R '^(serverlink[.]|requests[.]PrivateApi)' \
+  --output-on-failure -j "$jobs"
 
 step "fuzzing (${fuzz_seconds}s per target)"
 for fuzzer in decoders lumo_stream; do
