@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/process_identity.h"
+#include "platform/server_process.h"
 #include "platform/wide_string.h"
 #include "requests/catalogue.h"
 #include "requests/notifications.h"
@@ -76,6 +77,11 @@ TEST_F(ServerStartTest, StartsTheServerFromPathAndAgainAfterItDied) {
   CPowerOffResponse lost;
   uint32_t sequence = 0;
   EXPECT_EQ(link->SendAndWait(2, power_off, lost, sequence), LinkStatus::kWaitFailed);
+  // The broken pipe can arrive before the dying process has let go of its readiness sign; a
+  // call in that moment would find a server "running" whose pipe nobody serves any more.
+  ASSERT_TRUE(testing::WaitUntil([&] {
+    return !platform::ServerIsReady(user_, platform::ServerRuntimeDirectory().value_or(""), 0);
+  }));
   const uint32_t second = ServerPid(*link);
   EXPECT_NE(second, 0u);
   EXPECT_NE(second, first);
