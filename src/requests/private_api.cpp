@@ -170,8 +170,7 @@ void CKXVEPrivateAPI::OnConnected() {
     // The keys are copied under the group's lock and subscribed outside it.
     for (const uint32_t key : registries_[group].Keys()) {
       const HRESULT result = kGroupMessages[group].subscribe(link_, key, Delivery::kOnlyIfUp);
-      if (result == LinkStatusToResult(LinkStatus::kNotConnected) ||
-          result == LinkStatusToResult(LinkStatus::kWaitFailed)) {
+      if (result != S_OK && !link_.IsConnected()) {
         return;  // the connection is gone again; the next one replays from the start
       }
       if (result != S_OK) {
