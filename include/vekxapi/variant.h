@@ -27,7 +27,7 @@ class Variant {
   }
   // A copy of `other`'s value; VT_EMPTY when it cannot be copied.
   Variant(const Variant& other) noexcept : Variant() {
-    if (VariantCopy(&value_, &other.value_) != S_OK) VariantInit(&value_);
+    if (VariantCopy(&value_, const_cast<VARIANT*>(&other.value_)) != S_OK) VariantInit(&value_);
   }
   Variant(Variant&& other) noexcept : value_(other.value_) { VariantInit(&other.value_); }
   Variant& operator=(Variant other) noexcept {

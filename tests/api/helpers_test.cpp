@@ -56,7 +56,7 @@ TEST(Bstr, KeepsItsTextAndFreesWhatItHeld) {
   EXPECT_NE(copy.Get(), name.Get());
   EXPECT_EQ(copy.View(), text);
 
-  *copy.Put() = SysAllocString(u"other");  // the copy's old string is freed (ASan checks)
+  *copy.Put() = qv::platform::AllocBstr(u"other");  // the copy's old string is freed (ASan checks)
   EXPECT_EQ(copy.Utf8(), "other");
   EXPECT_EQ(Bstr::FromUtf8("h\xC3\xA9").View(), u"h\u00e9");
   Bstr empty;
