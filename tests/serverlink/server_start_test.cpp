@@ -44,15 +44,15 @@ class ServerStartTest : public ::testing::Test {
         ServerLink::Hooks{});
   }
 
-  // The process id of the server that answers, or 0 when the call fails.
+  // The process id of the server that answers, or 0 when the call fails (the test fails then,
+  // naming the link's status).
   static uint32_t ServerPid(ServerLink& link) {
     CGetServerVersionRequest request;
     CGetServerVersionResponse response;
     uint32_t sequence = 0;
-    if (link.SendAndWait(kNoTarget, request, response, sequence) != LinkStatus::kSuccess) {
-      return 0;
-    }
-    return response.Build;
+    const LinkStatus status = link.SendAndWait(kNoTarget, request, response, sequence);
+    EXPECT_EQ(status, LinkStatus::kSuccess);
+    return status == LinkStatus::kSuccess ? response.Build : 0;
   }
 
   std::u16string user_ = testing::UniqueUser("vkxstart");
