@@ -80,6 +80,30 @@ IoResult FinishPending(HANDLE handle, OVERLAPPED& overlapped, const StopSignal& 
   return IoResult::kOk;
 }
 
+// Runs one overlapped ReadFile or WriteFile, which `start` issues on the OVERLAPPED it is given,
+// to its end: done at once, done after a wait, ended by the stop signal, or failed with the code
+// left in `error`.
+template <class Start>
+IoResult RunOverlapped(HANDLE handle, HANDLE event, const StopSignal& stop, Start start,
+                       DWORD& transferred, uint32_t& error) noexcept {
+  OVERLAPPED overlapped{};
+  overlapped.hEvent = event;
+  transferred = 0;
+  if (!start(overlapped)) {
+    const DWORD code = GetLastError();
+    if (code != ERROR_IO_PENDING) {
+      error = code;
+      return Classify(code);
+    }
+    return FinishPending(handle, overlapped, stop, transferred, error);
+  }
+  if (!GetOverlappedResult(handle, &overlapped, &transferred, FALSE)) {
+    error = GetLastError();
+    return Classify(error);
+  }
+  return IoResult::kOk;
+}
+
 // A security descriptor whose one entry gives the current user full access to the pipe, so no
 // other account on the machine can open it (the default also lets everyone read). nullptr when
 // the user's SID cannot be read; free it with LocalFree.
@@ -259,24 +283,16 @@ IoResult Pipe::Write(std::span<const std::span<const uint8_t>> parts,
   size_t done = 0;
   while (done < total) {
     const DWORD chunk = static_cast<DWORD>(std::min(total - done, kMaxTransfer));
-    OVERLAPPED overlapped{};
-    overlapped.hEvent = write_event_;
     DWORD written = 0;
-    if (!WriteFile(handle_, data + done, chunk, nullptr, &overlapped)) {
-      const DWORD code = GetLastError();
-      if (code != ERROR_IO_PENDING) {
-        Fail(code);
-        return Classify(code);
-      }
-      const IoResult finished = FinishPending(handle_, overlapped, stop, written, error);
-      if (finished != IoResult::kOk) {
-        if (finished != IoResult::kStopped) Fail(error);
-        return finished;
-      }
-    } else if (!GetOverlappedResult(handle_, &overlapped, &written, FALSE)) {
-      const DWORD code = GetLastError();
-      Fail(code);
-      return Classify(code);
+    const IoResult result = RunOverlapped(
+        handle_, write_event_, stop,
+        [&](OVERLAPPED& overlapped) {
+          return WriteFile(handle_, data + done, chunk, nullptr, &overlapped) != FALSE;
+        },
+        written, error);
+    if (result != IoResult::kOk) {
+      if (result != IoResult::kStopped) Fail(error);
+      return result;
     }
     if (written == 0) {
       Fail(ERROR_WRITE_FAULT);
@@ -298,24 +314,16 @@ IoResult Pipe::ReadSome(void* dest, size_t size, size_t& got, const StopSignal& 
   if (size == 0) return IoResult::kOk;
   const DWORD wanted = static_cast<DWORD>(std::min(size, kMaxTransfer));
   for (;;) {
-    OVERLAPPED overlapped{};
-    overlapped.hEvent = read_event_;
     DWORD read = 0;
-    if (!ReadFile(handle_, dest, wanted, nullptr, &overlapped)) {
-      const DWORD code = GetLastError();
-      if (code != ERROR_IO_PENDING) {
-        Fail(code);
-        return Classify(code);
-      }
-      const IoResult finished = FinishPending(handle_, overlapped, stop, read, error);
-      if (finished != IoResult::kOk) {
-        if (finished != IoResult::kStopped) Fail(error);
-        return finished;
-      }
-    } else if (!GetOverlappedResult(handle_, &overlapped, &read, FALSE)) {
-      const DWORD code = GetLastError();
-      Fail(code);
-      return Classify(code);
+    const IoResult result = RunOverlapped(
+        handle_, read_event_, stop,
+        [&](OVERLAPPED& overlapped) {
+          return ReadFile(handle_, dest, wanted, nullptr, &overlapped) != FALSE;
+        },
+        read, error);
+    if (result != IoResult::kOk) {
+      if (result != IoResult::kStopped) Fail(error);
+      return result;
     }
     // A zero-byte write by the peer completes a read with nothing: wait for real bytes.
     if (read > 0) {
