@@ -9,15 +9,17 @@ uint64_t PendingResponseStore::Reset() {
     std::lock_guard lock(awaited_mutex_);
     awaited_.clear();
   }
-  uint64_t epoch;
-  {
-    std::lock_guard lock(store_mutex_);
-    entries_.clear();
-    aborted_ = false;
-    epoch = ++epoch_;
+  std::lock_guard lock(store_mutex_);
+  WakeAllLocked();
+  entries_.clear();
+  aborted_ = false;
+  return ++epoch_;
+}
+
+void PendingResponseStore::WakeAllLocked() {
+  for (auto& [sequence, entry] : entries_) {
+    if (entry.waiter != nullptr) entry.waiter->notify_one();
   }
-  arrived_.notify_all();
-  return epoch;
 }
 
 uint64_t PendingResponseStore::Epoch() const {
@@ -47,26 +49,30 @@ bool PendingResponseStore::Deliver(std::shared_ptr<CResponse> response) {
     std::lock_guard lock(awaited_mutex_);
     if (awaited_.erase(sequence) == 0) return false;
   }
-  {
-    std::lock_guard lock(store_mutex_);
-    try {
-      Entry& entry = entries_[sequence];
-      entry.ready = true;
-      entry.response = std::move(response);
-    } catch (const std::bad_alloc&) {
-      return false;
-    }
+  std::lock_guard lock(store_mutex_);
+  try {
+    Entry& entry = entries_[sequence];
+    entry.ready = true;
+    entry.response = std::move(response);
+    if (entry.waiter != nullptr) entry.waiter->notify_one();
+  } catch (const std::bad_alloc&) {
+    return false;
   }
-  arrived_.notify_all();
   return true;
 }
 
 std::error_code PendingResponseStore::Wait(uint32_t sequence, uint64_t epoch,
                                            std::shared_ptr<CResponse>& response) {
+  std::condition_variable woken;
   std::unique_lock lock(store_mutex_);
   for (;;) {
-    if (aborted_ || epoch_ != epoch) return WaitError::kWaitAbort;
+    // Found afresh after every wake-up: a new connection may have cleared the entries.
     auto it = entries_.find(sequence);
+    if (aborted_ || epoch_ != epoch) {
+      // No entry may point to this call's condition variable once it has returned.
+      if (it != entries_.end() && it->second.waiter == &woken) entries_.erase(it);
+      return WaitError::kWaitAbort;
+    }
     if (it == entries_.end()) {
       try {
         it = entries_.emplace(sequence, Entry{}).first;
@@ -79,16 +85,15 @@ std::error_code PendingResponseStore::Wait(uint32_t sequence, uint64_t epoch,
       entries_.erase(it);
       return WaitError::kWaitSuccess;
     }
-    arrived_.wait(lock);
+    it->second.waiter = &woken;
+    woken.wait(lock);
   }
 }
 
 void PendingResponseStore::Abort() {
-  {
-    std::lock_guard lock(store_mutex_);
-    aborted_ = true;
-  }
-  arrived_.notify_all();
+  std::lock_guard lock(store_mutex_);
+  aborted_ = true;
+  WakeAllLocked();
 }
 
 }  // namespace qv
