@@ -4,6 +4,22 @@
 
 namespace qv {
 
+namespace {
+
+// The calling thread's own condition variable, made on its first wait; null when memory runs out.
+const std::shared_ptr<std::condition_variable>& ThisThreadsWaiter() {
+  thread_local std::shared_ptr<std::condition_variable> waiter;
+  if (waiter == nullptr) {
+    try {
+      waiter = std::make_shared<std::condition_variable>();
+    } catch (const std::bad_alloc&) {
+    }
+  }
+  return waiter;
+}
+
+}  // namespace
+
 uint64_t PendingResponseStore::Reset() {
   {
     std::lock_guard lock(awaited_mutex_);
@@ -49,28 +65,32 @@ bool PendingResponseStore::Deliver(std::shared_ptr<CResponse> response) {
     std::lock_guard lock(awaited_mutex_);
     if (awaited_.erase(sequence) == 0) return false;
   }
-  std::lock_guard lock(store_mutex_);
-  try {
-    Entry& entry = entries_[sequence];
-    entry.ready = true;
-    entry.response = std::move(response);
-    if (entry.waiter != nullptr) entry.waiter->notify_one();
-  } catch (const std::bad_alloc&) {
-    return false;
+  std::shared_ptr<std::condition_variable> waiter;
+  {
+    std::lock_guard lock(store_mutex_);
+    try {
+      Entry& entry = entries_[sequence];
+      entry.ready = true;
+      entry.response = std::move(response);
+      waiter = std::move(entry.waiter);
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
   }
+  if (waiter != nullptr) waiter->notify_one();
   return true;
 }
 
 std::error_code PendingResponseStore::Wait(uint32_t sequence, uint64_t epoch,
                                            std::shared_ptr<CResponse>& response) {
-  std::condition_variable woken;
+  const std::shared_ptr<std::condition_variable>& woken = ThisThreadsWaiter();
+  if (woken == nullptr) return WaitError::kWaitAbandoned;
   std::unique_lock lock(store_mutex_);
   for (;;) {
     // Found afresh after every wake-up: a new connection may have cleared the entries.
     auto it = entries_.find(sequence);
     if (aborted_ || epoch_ != epoch) {
-      // No entry may point to this call's condition variable once it has returned.
-      if (it != entries_.end() && it->second.waiter == &woken) entries_.erase(it);
+      if (it != entries_.end() && it->second.waiter == woken) entries_.erase(it);
       return WaitError::kWaitAbort;
     }
     if (it == entries_.end()) {
@@ -85,8 +105,8 @@ std::error_code PendingResponseStore::Wait(uint32_t sequence, uint64_t epoch,
       entries_.erase(it);
       return WaitError::kWaitSuccess;
     }
-    it->second.waiter = &woken;
-    woken.wait(lock);
+    it->second.waiter = woken;
+    woken->wait(lock);
   }
 }
 

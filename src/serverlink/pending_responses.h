@@ -6,10 +6,10 @@
 // Locks: the awaited set and the store have one mutex each; the read thread takes the first,
 // lets it go, then takes the second, so no path holds both.
 //
-// Wake-ups: each waiter blocks on a condition variable of its own, which its entry points to
-// while it waits, so that a response wakes its own caller and no other. Whoever notifies does so
-// under the store's mutex: the waiter may leave, and its condition variable go, as soon as the
-// mutex is free.
+// Wake-ups: each calling thread blocks on a condition variable of its own, which its entry
+// shares while it waits, so that a response wakes its own caller and no other. The entry's share
+// keeps the condition variable alive, so the read thread notifies after letting the mutex go and
+// the woken caller does not find it still held.
 //
 // Each connection is an epoch. Reset starts a new one; a waiter whose epoch has passed leaves
 // with kWaitAbort even when a new connection has already cleared the abort mark, so a caller can
@@ -56,7 +56,7 @@ class PendingResponseStore {
   struct Entry {
     bool ready = false;
     std::shared_ptr<CResponse> response;
-    std::condition_variable* waiter = nullptr;  // set while its caller waits
+    std::shared_ptr<std::condition_variable> waiter;  // set while its caller waits
   };
 
   // Wakes every waiting caller; store_mutex_ held.
