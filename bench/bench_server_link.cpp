@@ -13,7 +13,8 @@
 // together) and the ping-pong on the socket pair. The single-thread benchmarks report p50 and p99
 // of their round trips in microseconds; every benchmark reports calls/s as items_per_second.
 // After the runs the ratios against the floor are printed: to stdout after the console table, to
-// stderr when the output is JSON so that stdout stays one document.
+// stderr when the output is JSON so that stdout stays one document. With --benchmark_repetitions
+// the ratios are those of the medians.
 //
 // Pin it to one CPU (taskset -c 0) to see the cost of the code rather than of cross-CPU wake-ups;
 // the child inherits the pinning.
@@ -346,7 +347,9 @@ class RatioReporter : public benchmark::BenchmarkReporter {
   bool ReportContext(const Context& context) override { return inner_->ReportContext(context); }
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
-      Figures& figures = figures_[run.benchmark_name()];
+      // With repetitions, the median of each figure stands for the benchmark.
+      if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
+      Figures& figures = figures_[run.run_name.str()];
       auto counter = [&run](const char* name) {
         const auto it = run.counters.find(name);
         return it != run.counters.end() ? it->second.value : 0.0;
