@@ -29,6 +29,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
@@ -477,9 +478,11 @@ int main(int argc, char** argv) {
     }
     g_link = nullptr;
   }
-  // Closing the socket pair ends the child.
+  // Closing the socket pair ends the child. Its readiness file outlives it: remove it.
   raw::Close(g_raw_fd);
   if (raw::Wait(child) != 0) result = 1;
+  std::error_code ignored;
+  std::filesystem::remove(*run_dir + "/qv_ve_run_svr" + qv::platform::Utf16ToUtf8(user), ignored);
   benchmark::Shutdown();
   return result;
 }
