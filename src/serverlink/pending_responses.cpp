@@ -4,20 +4,38 @@
 
 namespace qv {
 
+namespace {
+
+// The calling thread's own condition variable, made on its first wait; null when memory runs out.
+const std::shared_ptr<std::condition_variable>& ThisThreadsWaiter() {
+  thread_local std::shared_ptr<std::condition_variable> waiter;
+  if (waiter == nullptr) {
+    try {
+      waiter = std::make_shared<std::condition_variable>();
+    } catch (const std::bad_alloc&) {
+    }
+  }
+  return waiter;
+}
+
+}  // namespace
+
 uint64_t PendingResponseStore::Reset() {
   {
     std::lock_guard lock(awaited_mutex_);
     awaited_.clear();
   }
-  uint64_t epoch;
-  {
-    std::lock_guard lock(store_mutex_);
-    entries_.clear();
-    aborted_ = false;
-    epoch = ++epoch_;
+  std::lock_guard lock(store_mutex_);
+  WakeAllLocked();
+  entries_.clear();
+  aborted_ = false;
+  return ++epoch_;
+}
+
+void PendingResponseStore::WakeAllLocked() {
+  for (auto& [sequence, entry] : entries_) {
+    if (entry.waiter != nullptr) entry.waiter->notify_one();
   }
-  arrived_.notify_all();
-  return epoch;
 }
 
 uint64_t PendingResponseStore::Epoch() const {
@@ -47,26 +65,34 @@ bool PendingResponseStore::Deliver(std::shared_ptr<CResponse> response) {
     std::lock_guard lock(awaited_mutex_);
     if (awaited_.erase(sequence) == 0) return false;
   }
+  std::shared_ptr<std::condition_variable> waiter;
   {
     std::lock_guard lock(store_mutex_);
     try {
       Entry& entry = entries_[sequence];
       entry.ready = true;
       entry.response = std::move(response);
+      waiter = std::move(entry.waiter);
     } catch (const std::bad_alloc&) {
       return false;
     }
   }
-  arrived_.notify_all();
+  if (waiter != nullptr) waiter->notify_one();
   return true;
 }
 
 std::error_code PendingResponseStore::Wait(uint32_t sequence, uint64_t epoch,
                                            std::shared_ptr<CResponse>& response) {
+  const std::shared_ptr<std::condition_variable>& woken = ThisThreadsWaiter();
+  if (woken == nullptr) return WaitError::kWaitAbandoned;
   std::unique_lock lock(store_mutex_);
   for (;;) {
-    if (aborted_ || epoch_ != epoch) return WaitError::kWaitAbort;
+    // Found afresh after every wake-up: a new connection may have cleared the entries.
     auto it = entries_.find(sequence);
+    if (aborted_ || epoch_ != epoch) {
+      if (it != entries_.end() && it->second.waiter == woken) entries_.erase(it);
+      return WaitError::kWaitAbort;
+    }
     if (it == entries_.end()) {
       try {
         it = entries_.emplace(sequence, Entry{}).first;
@@ -79,16 +105,15 @@ std::error_code PendingResponseStore::Wait(uint32_t sequence, uint64_t epoch,
       entries_.erase(it);
       return WaitError::kWaitSuccess;
     }
-    arrived_.wait(lock);
+    it->second.waiter = woken;
+    woken->wait(lock);
   }
 }
 
 void PendingResponseStore::Abort() {
-  {
-    std::lock_guard lock(store_mutex_);
-    aborted_ = true;
-  }
-  arrived_.notify_all();
+  std::lock_guard lock(store_mutex_);
+  aborted_ = true;
+  WakeAllLocked();
 }
 
 }  // namespace qv

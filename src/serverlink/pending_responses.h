@@ -6,6 +6,11 @@
 // Locks: the awaited set and the store have one mutex each; the read thread takes the first,
 // lets it go, then takes the second, so no path holds both.
 //
+// Wake-ups: each calling thread blocks on a condition variable of its own, which its entry
+// shares while it waits, so that a response wakes its own caller and no other. The entry's share
+// keeps the condition variable alive, so the read thread notifies after letting the mutex go and
+// the woken caller does not find it still held.
+//
 // Each connection is an epoch. Reset starts a new one; a waiter whose epoch has passed leaves
 // with kWaitAbort even when a new connection has already cleared the abort mark, so a caller can
 // never miss the end of the connection its request went out on.
@@ -51,13 +56,16 @@ class PendingResponseStore {
   struct Entry {
     bool ready = false;
     std::shared_ptr<CResponse> response;
+    std::shared_ptr<std::condition_variable> waiter;  // set while its caller waits
   };
+
+  // Wakes every waiting caller; store_mutex_ held.
+  void WakeAllLocked();
 
   mutable std::mutex awaited_mutex_;
   std::unordered_set<uint32_t> awaited_;  // guarded by awaited_mutex_
 
   mutable std::mutex store_mutex_;
-  std::condition_variable arrived_;
   std::unordered_map<uint32_t, Entry> entries_;  // guarded by store_mutex_
   uint64_t epoch_ = 0;                           // guarded by store_mutex_
   bool aborted_ = false;                         // guarded by store_mutex_

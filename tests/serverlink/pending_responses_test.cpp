@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <random>
 #include <thread>
 #include <vector>
@@ -91,6 +92,33 @@ TEST(PendingResponseStoreTest, AWaiterOfAnEndedConnectionNeverWaitsOnTheNextOne)
   EXPECT_EQ(result, WaitError::kWaitAbort);
   // Reset forgot the awaited numbers of the old connection.
   EXPECT_FALSE(store.Deliver(ResponseFor(1)));
+}
+
+TEST(PendingResponseStoreTest, ANewConnectionAloneWakesTheWaitersOfTheOldOne) {
+  PendingResponseStore store;
+  const uint64_t old_epoch = store.Reset();
+  std::vector<std::thread> waiters;
+  std::vector<std::error_code> results(2);
+  for (uint32_t i = 0; i < 2; ++i) {
+    ASSERT_TRUE(store.Await(i));
+    waiters.emplace_back([&, i] {
+      std::shared_ptr<CResponse> response;
+      results[i] = store.Wait(i, old_epoch, response);
+    });
+  }
+  // Give the waiters time to block, so that Reset has to wake them rather than they find the
+  // new epoch on arrival (either way they must leave).
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  const uint64_t new_epoch = store.Reset();
+  for (auto& waiter : waiters)
+    waiter.join();
+  for (const auto& result : results)
+    EXPECT_EQ(result, WaitError::kWaitAbort);
+  // The same sequence number on the new connection waits for, and gets, its own answer.
+  ASSERT_TRUE(store.Await(1));
+  ASSERT_TRUE(store.Deliver(ResponseFor(1)));
+  std::shared_ptr<CResponse> response;
+  EXPECT_EQ(store.Wait(1, new_epoch, response), WaitError::kWaitSuccess);
 }
 
 TEST(PendingResponseStoreTest, ManyConcurrentCallersEachGetTheirOwnResponse) {
