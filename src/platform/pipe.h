@@ -61,6 +61,11 @@ class StopSignal {
 
  private:
   NativeHandle handle_;
+#ifndef _WIN32
+  // Mirrors the descriptor's state, so that the check at the start of every read and write
+  // costs no system call.
+  std::atomic<bool> set_{false};
+#endif
 };
 
 /// One connected end of a pipe, client or server side. It owns its OS handle and closes it

@@ -48,16 +48,6 @@ void SleepMs(long ms) noexcept {
   }
 }
 
-// Whether the signal's descriptor is readable now.
-bool SignalIsSet(int fd) noexcept {
-  pollfd entry{fd, POLLIN, 0};
-  int n;
-  do {
-    n = poll(&entry, 1, 0);
-  } while (n < 0 && errno == EINTR);
-  return n > 0 && (entry.revents & POLLIN) != 0;
-}
-
 // Waits with no time limit until `fd` reports one of `events` (or an error or hang-up, which
 // the retried operation then reports), or the stop signal is set. kOk means: try again.
 IoResult WaitFor(int fd, short events, const StopSignal& stop, uint32_t& error) noexcept {
@@ -177,6 +167,7 @@ bool StopSignal::IsValid() const noexcept {
 
 void StopSignal::Set() noexcept {
   if (handle_ < 0) return;
+  set_.store(true, std::memory_order_release);
   const uint64_t one = 1;
   // EAGAIN means the counter is all but full: it is set anyway.
   while (write(handle_, &one, sizeof(one)) < 0 && errno == EINTR) {
@@ -185,6 +176,7 @@ void StopSignal::Set() noexcept {
 
 void StopSignal::Reset() noexcept {
   if (handle_ < 0) return;
+  set_.store(false, std::memory_order_release);
   uint64_t count;
   // One read takes the whole counter back to zero; EAGAIN means it was not set.
   while (read(handle_, &count, sizeof(count)) < 0 && errno == EINTR) {
@@ -192,7 +184,7 @@ void StopSignal::Reset() noexcept {
 }
 
 bool StopSignal::IsSet() const noexcept {
-  return handle_ >= 0 && SignalIsSet(handle_);
+  return handle_ >= 0 && set_.load(std::memory_order_acquire);
 }
 
 // --- Pipe ---
