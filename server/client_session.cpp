@@ -1,0 +1,189 @@
+#include "server/client_session.h"
+
+#include <exception>
+
+#include "platform/wide_string.h"
+#include "server/server_log.h"
+#include "serverlink/handshake.h"
+
+namespace qv::server {
+namespace {
+
+std::string ClientTag(uint64_t id) {
+  return "client " + std::to_string(id);
+}
+
+}  // namespace
+
+ClientSession::ClientSession(uint64_t id, std::u16string private_pipe_name,
+                             std::unique_ptr<platform::Pipe> well_known, TargetRegistry& registry,
+                             const RequestDispatcher& dispatcher)
+    : id_(id),
+      private_pipe_name_(std::move(private_pipe_name)),
+      registry_(registry),
+      dispatcher_(dispatcher) {
+  well_known_.Adopt(std::move(well_known));
+}
+
+ClientSession::~ClientSession() {
+  Stop();
+  Join();
+}
+
+bool ClientSession::Start() {
+  try {
+    thread_ = std::thread(&ClientSession::Run, this);
+    return true;
+  } catch (const std::exception&) {
+    finished_ = true;
+    return false;
+  }
+}
+
+void ClientSession::Stop() {
+  stop_.Set();
+  well_known_.Stop();
+  channel_.Stop();
+  std::lock_guard lock(queue_mutex_);
+  closing_ = true;
+  queue_cv_.notify_all();
+}
+
+void ClientSession::Join() {
+  if (thread_.joinable()) thread_.join();
+}
+
+bool ClientSession::HandshakeOverdue(std::chrono::steady_clock::time_point now) const {
+  return !connected_.load() && !finished_.load() && now - started_ > kHandshakeTimeLimit;
+}
+
+void ClientSession::Post(std::shared_ptr<const std::vector<uint8_t>> body) {
+  bool overflow = false;
+  {
+    std::lock_guard lock(queue_mutex_);
+    if (closing_) return;
+    if (queued_bytes_ + body->size() > kMaxQueuedBytes) {
+      overflow = true;
+    } else {
+      queued_bytes_ += body->size();
+      queue_.push_back(std::move(body));
+      queue_cv_.notify_one();
+    }
+  }
+  if (overflow) {
+    ServerLog(kLogRefusals, ClientTag(id_) + " does not read what is sent to it; dropping it");
+    Stop();
+  }
+}
+
+void ClientSession::Run() {
+  if (Handshake()) Serve();
+  well_known_.Close();
+  finished_ = true;
+}
+
+bool ClientSession::Handshake() {
+  if (well_known_.ReadFrame() != PipeChannel::ReadStatus::kFrame) return false;
+  ConnectRequest request;
+  const bool valid = request.Decode(well_known_.Input());
+  well_known_.ReleaseRead();
+  if (!valid) {
+    ServerLog(kLogRefusals, ClientTag(id_) + ": not a connect request; closing");
+    return false;
+  }
+  process_id_ = request.process_id;
+
+  std::unique_ptr<platform::PipeListener> listener;
+  uint32_t error = 0;
+  if (platform::PipeListener::Create(private_pipe_name_, listener, error) !=
+      platform::IoResult::kOk) {
+    ServerLog(kLogErrors, ClientTag(id_) + ": cannot create its private pipe (system error " +
+                              std::to_string(error) + ")");
+    return false;
+  }
+  ConnectResponse response;
+  response.private_pipe = private_pipe_name_;
+  if (!well_known_.BeginWrite()) return false;
+  if (!response.Encode(well_known_.Output())) {
+    well_known_.EndWrite();
+    return false;
+  }
+  if (well_known_.EndWrite() != PipeChannel::WriteStatus::kWritten) return false;
+
+  std::unique_ptr<platform::Pipe> pipe;
+  if (listener->Accept(pipe, stop_) != platform::IoResult::kOk) {
+    ServerLog(kLogRefusals, ClientTag(id_) + " never opened its private pipe");
+    return false;
+  }
+  // The socket file goes as soon as its one client is in.
+  listener.reset();
+  channel_.Adopt(std::move(pipe));
+  // A Stop that came before Adopt reset the channel's signal; honour it now.
+  if (stop_.IsSet()) return false;
+  connected_ = true;
+  return true;
+}
+
+void ClientSession::Serve() {
+  registry_.AddClient({id_, process_id_}, this);
+  ServerLog(kLogClients, ClientTag(id_) + " connected (process " + std::to_string(process_id_) +
+                             ", pipe " + platform::Utf16ToUtf8(private_pipe_name_) + ")");
+  bool writer_started = true;
+  try {
+    writer_ = std::thread(&ClientSession::WriteLoop, this);
+  } catch (const std::exception&) {
+    writer_started = false;
+  }
+  std::vector<uint8_t> body;
+  while (writer_started) {
+    const PipeChannel::ReadStatus status = channel_.ReadFrame();
+    if (status == PipeChannel::ReadStatus::kBadFrame) {
+      ServerLog(kLogRefusals, ClientTag(id_) + " sent a frame that cannot be delimited; closing");
+      break;
+    }
+    if (status != PipeChannel::ReadStatus::kFrame) break;
+    const MessageBuffer& input = channel_.Input();
+    auto answer = dispatcher_.Dispatch(id_, process_id_, input.Data(), input.Size());
+    channel_.ReleaseRead();
+    if (!answer.has_value()) {
+      ServerLog(kLogRefusals, ClientTag(id_) + " sent a request without a header; closing");
+      break;
+    }
+    try {
+      Post(std::make_shared<const std::vector<uint8_t>>(std::move(*answer)));
+    } catch (const std::exception&) {
+      break;
+    }
+  }
+  // Nothing is posted to this session once the registry has let it go.
+  registry_.RemoveClient(id_);
+  Stop();
+  if (writer_.joinable()) writer_.join();
+  channel_.Close();
+  ServerLog(kLogClients, ClientTag(id_) + " disconnected");
+}
+
+void ClientSession::WriteLoop() {
+  for (;;) {
+    std::shared_ptr<const std::vector<uint8_t>> body;
+    {
+      std::unique_lock lock(queue_mutex_);
+      queue_cv_.wait(lock, [this] { return closing_ || !queue_.empty(); });
+      if (closing_) return;
+      body = std::move(queue_.front());
+      queue_.pop_front();
+      queued_bytes_ -= body->size();
+    }
+    if (!channel_.BeginWrite()) return;
+    const bool built = channel_.Output().Write(body->data(), body->size());
+    // A body that could not be copied must not go out in part: stopping first makes EndWrite
+    // write nothing.
+    if (!built) Stop();
+    if (channel_.EndWrite() != PipeChannel::WriteStatus::kWritten || !built) {
+      Stop();
+      return;
+    }
+  }
+}
+
+}  // namespace qv::server
