@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The whole test run: formatting, the Linux build and tests, the ASan+UBSan build and tests, the
-# server link's tests under TSan, bounded fuzzing of every decoder, and the Windows build with its
+# The whole test run: formatting, the Linux build and tests (the server's end-to-end tests among
+# them), the ASan+UBSan build and tests, the server link's tests under TSan, bounded fuzzing of every decoder, and the Windows build with its
 # tests under Wine.
 # Build trees go to ${VEKX_BUILD_ROOT:-build}. Set VEKX_FUZZ_SECONDS to change the fuzzing time.
 set -euo pipefail
@@ -19,7 +19,7 @@ git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
 
 step "OS headers stay in the platform layer"
 if git grep -nE '#include <(windows|winsock2|ws2tcpip|unistd|pthread|fcntl|poll|pwd|dlfcn|oleauto|objbase|ole2|oaidl|ocidl)\.h>|#include <sys/' \
-  -- src ':!src/platform' ':!src/host'; then
+  -- src server ':!src/platform' ':!src/host'; then
   echo "OS headers outside src/platform"
   exit 1
 fi
