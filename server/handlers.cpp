@@ -94,6 +94,15 @@ void RegisterTargetList(RequestDispatcher& dispatcher, TargetRegistry& registry)
         response.Addresses = registry.Discover();
         return Status::Ok();
       });
+  dispatcher.Register<CFindTargetsRequest, CFindTargetsResponse>(
+      [&registry](const Context&, CFindTargetsRequest& request, CFindTargetsResponse&) {
+        return registry.FindTargets(request.Rules);
+      });
+  // A search is over before FIND_TARGETS is answered: there is never one left to cancel.
+  dispatcher.Register<CCancelFindTargetsRequest, CCancelFindTargetsResponse>(
+      [](const Context&, CCancelFindTargetsRequest&, CCancelFindTargetsResponse&) {
+        return Status::Ok();
+      });
 }
 
 void RegisterTargetProperties(RequestDispatcher& dispatcher, TargetRegistry& registry) {

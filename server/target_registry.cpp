@@ -1,6 +1,8 @@
 #include "server/target_registry.h"
 
+#include <algorithm>
 #include <chrono>
+#include <optional>
 #include <string>
 
 #include "platform/wide_string.h"
@@ -50,6 +52,35 @@ std::u16string MacText(const Bytes& mac) {
 std::u16string VersionText(const std::array<uint32_t, 4>& version) {
   return Number(version[0]) + u"." + Number(version[1]) + u"." + Number(version[2]) + u"." +
          Number(version[3]);
+}
+
+// "a.b.c.d" as one number, a first: 10.1.0.2 is 0x0A010002.
+std::optional<uint32_t> ParseAddress(std::u16string_view text) {
+  uint32_t address = 0;
+  uint32_t part = 0;
+  int parts = 0;
+  bool digits = false;
+  for (size_t i = 0; i <= text.size(); ++i) {
+    if (i == text.size() || text[i] == u'.') {
+      if (!digits || part > 255) return std::nullopt;
+      address = (address << 8) | part;
+      ++parts;
+      part = 0;
+      digits = false;
+    } else if (text[i] >= u'0' && text[i] <= u'9' && part <= 255) {
+      part = part * 10 + static_cast<uint32_t>(text[i] - u'0');
+      digits = true;
+    } else {
+      return std::nullopt;
+    }
+  }
+  if (parts != 4) return std::nullopt;
+  return address;
+}
+
+std::u16string AddressText(uint32_t address) {
+  return Number(address >> 24) + u"." + Number((address >> 16) & 255) + u"." +
+         Number((address >> 8) & 255) + u"." + Number(address & 255);
 }
 
 }  // namespace
@@ -416,6 +447,34 @@ WStringList TargetRegistry::Discover() const {
     if (kit.reachable && !kit.address.empty()) addresses.push_back(kit.address);
   }
   return addresses;
+}
+
+Status TargetRegistry::FindTargets(const FindRuleList& rules) {
+  for (const FindRule& rule : rules) {
+    if (rule.StartAddress > rule.EndAddress) {
+      return Status::Fail(KXAPI_SERVER_INVALID_ARG, u"a search range ends before it starts (" +
+                                                        AddressText(rule.StartAddress) + u" to " +
+                                                        AddressText(rule.EndAddress) + u")");
+    }
+  }
+  std::lock_guard lock(mutex_);
+  const size_t steps = std::max<size_t>(rules.size(), 1);
+  for (size_t i = 0; i < steps; ++i) {
+    CTargetFindProgressNotification progress;
+    progress.TargetKey = kNoTarget;
+    progress.Percentage = static_cast<uint32_t>((i + 1) * 100 / steps);
+    if (i < rules.size()) {
+      for (const Kit& kit : scenario_.kits) {
+        const std::optional<uint32_t> address = ParseAddress(kit.address);
+        if (kit.reachable && address.has_value() && *address >= rules[i].StartAddress &&
+            *address <= rules[i].EndAddress) {
+          progress.Targets.push_back(kit.address);
+        }
+      }
+    }
+    Notify(EventGroup::Server, kNoTarget, progress);
+  }
+  return Status::Ok();
 }
 
 Status TargetRegistry::PowerStatusOf(uint32_t handle, PowerStatus& status) const {

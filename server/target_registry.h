@@ -69,6 +69,9 @@ class TargetRegistry {
   Status BusyCount(uint32_t handle, uint32_t& count) const;
   Status ConnectionInfo(uint32_t handle, std::u16string& info) const;
   WStringList Discover() const;
+  // Searches the address ranges of `rules` for reachable kits, reporting what each rule found
+  // to the Server group's subscribers as TARGET_FIND_PROGRESS, the last one at 100 percent.
+  Status FindTargets(const FindRuleList& rules);
 
   Status PowerStatusOf(uint32_t handle, PowerStatus& status) const;
   Status PowerOn(uint32_t handle);

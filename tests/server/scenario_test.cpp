@@ -95,6 +95,12 @@ TEST(ScenarioTest, TheBuiltInScenarioHasTwoReachableKitsAndOneHostThatDoesNotAns
   EXPECT_TRUE(ParseScenario("", "empty.yaml").scenario.has_value());
 }
 
+TEST(ScenarioTest, TheExampleScenarioParses) {
+  const ScenarioResult result = LoadScenarioFile(VEKX_SOURCE_DIR "/scenarios/example.yaml");
+  ASSERT_TRUE(result.scenario.has_value()) << result.error;
+  EXPECT_EQ(result.scenario->kits.size(), 4u);
+}
+
 TEST(OptionsTest, ParsesWhatItKnowsAndNamesWhatItDoesNot) {
   struct Case {
     std::vector<std::string> args;

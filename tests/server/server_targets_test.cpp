@@ -432,6 +432,31 @@ TEST_F(TargetsTest, DiscoveryAndSummaryAnswerForReachableKits) {
             static_cast<uint32_t>(KXAPI_COMMS_ERR_NO_CONNECT));
 }
 
+TEST_F(TargetsTest, FindingTargetsReportsTheKitsInEachRange) {
+  Subscribe<CRequestServerEventsRequest>(b_, kNone);
+  CFindTargetsRequest find;
+  // 10.1.0.0 to 10.1.0.1 holds kit-one; 10.1.0.2 to 10.1.0.9 kit-two; 10.2.0.0/24 nothing.
+  find.Rules = {{0x0A010000, 0x0A010001, 0xFFFFFF00},
+                {0x0A010002, 0x0A010009, 0xFFFFFF00},
+                {0x0A020000, 0x0A0200FF, 0xFFFFFF00}};
+  EXPECT_EQ(a_.Call<CFindTargetsResponse>(kNone, find).Result, 0u);
+  const auto notifications = b_.WaitNotifications(3);
+  ASSERT_EQ(notifications.size(), 3u);
+  const WStringList expected[] = {{u"10.1.0.1"}, {u"10.1.0.2"}, {}};
+  const uint32_t percentages[] = {33, 66, 100};
+  for (size_t i = 0; i < 3; ++i) {
+    const auto* progress = As<CTargetFindProgressNotification>(notifications[i]);
+    ASSERT_NE(progress, nullptr);
+    EXPECT_EQ(progress->Targets, expected[i]) << i;
+    EXPECT_EQ(progress->Percentage, percentages[i]);
+    EXPECT_EQ(progress->Result, 0u);
+  }
+  find.Rules = {{0x0A010009, 0x0A010002, 0}};
+  EXPECT_EQ(a_.Call<CFindTargetsResponse>(kNone, find).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_ARG));
+  EXPECT_EQ(a_.Call<CCancelFindTargetsResponse>(kNone, CCancelFindTargetsRequest{}).Result, 0u);
+}
+
 TEST_F(TargetsTest, PacketLoggingWritesEveryRequestAndAnswer) {
   const auto path = TestRoot() / "packets.log";
   CStartPacketLoggingRequest start;
