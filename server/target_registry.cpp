@@ -117,7 +117,7 @@ void TargetRegistry::RemoveClient(uint64_t client_id) {
 void TargetRegistry::Shutdown() {
   std::lock_guard lock(mutex_);
   shutting_down_ = true;
-  shutdown_cv_.notify_all();
+  changed_cv_.notify_all();
 }
 
 TargetRegistry::TargetPtr TargetRegistry::Find(uint32_t handle) const {
@@ -190,9 +190,12 @@ void TargetRegistry::NotifyPower(const Target& target, PowerOperation operation,
   Notify(EventGroup::Target, target.handle, power);
 }
 
-bool TargetRegistry::Sleep(Lock& lock, uint32_t ms) {
-  shutdown_cv_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return shutting_down_; });
-  return !shutting_down_;
+bool TargetRegistry::Sleep(Lock& lock, uint32_t ms, const Target& target, bool until_owned) {
+  auto interrupted = [&] {
+    return shutting_down_ || target.deleted || (until_owned && target.owner != 0);
+  };
+  changed_cv_.wait_for(lock, std::chrono::milliseconds(ms), interrupted);
+  return !interrupted();
 }
 
 Status TargetRegistry::AddTarget(std::u16string_view type, std::u16string_view host,
@@ -254,7 +257,7 @@ Status TargetRegistry::DeleteTarget(uint32_t handle) {
     const bool of_target = it->first.first != EventGroup::Server && it->first.second == handle;
     it = of_target ? subscriptions_.erase(it) : std::next(it);
   }
-  shutdown_cv_.notify_all();
+  changed_cv_.notify_all();
   return Status::Ok();
 }
 
@@ -510,7 +513,7 @@ Status TargetRegistry::PowerChange(uint32_t handle, PowerOperation operation, ui
   busy.TargetKey = handle;
   Notify(EventGroup::Target, handle, busy);
   NotifyPower(*target, operation, PowerProgress::kStarted);
-  const bool finished = Sleep(lock, ms) && !target->deleted;
+  const bool finished = Sleep(lock, ms, *target);
   --target->busy;
   if (target->deleted) {
     return Status::Fail(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED,
@@ -584,10 +587,17 @@ Status TargetRegistry::Connect(uint64_t client_id, uint32_t handle) {
   CConnectNotification connecting;
   connecting.TargetKey = handle;
   Notify(EventGroup::Target, handle, connecting);
-  const bool finished = Sleep(lock, target->kit.timings.connect_ms);
+  const bool finished = Sleep(lock, target->kit.timings.connect_ms, *target, true);
   --target->busy;
-  if (target->deleted || !finished) {
-    return Status::Fail(KXAPI_COMMS_ERR_NO_CONNECT, u"the connection attempt was abandoned");
+  if (target->owner != 0) {
+    return Status::Fail(KXAPI_COMMS_ERR_TARGET_IN_USE, u"another client forced the connection to " +
+                                                           Quoted(target->kit.host) +
+                                                           u" while this one was connecting");
+  }
+  if (!finished) {
+    return Status::Fail(KXAPI_COMMS_ERR_NO_CONNECT, target->deleted
+                                                        ? u"the target was deleted while connecting"
+                                                        : u"the server stopped while connecting");
   }
   target->owner = client_id;
   CConnectedNotification connected;
@@ -627,6 +637,8 @@ Status TargetRegistry::ForceDisconnect(uint64_t client_id, uint32_t handle) {
     Notify(EventGroup::Target, handle, forced);
   }
   target->owner = client_id;
+  // A connection attempt under way gives up: this client has the target now.
+  changed_cv_.notify_all();
   CConnectedNotification connected;
   connected.TargetKey = handle;
   connected.ConnectionInfo = target->kit.host;

@@ -114,13 +114,14 @@ class TargetRegistry {
 
   void Notify(EventGroup group, uint32_t key, const CNotification& notification);
   void NotifyPower(const Target& target, PowerOperation operation, PowerProgress progress);
-  // Waits `ms` of simulated time without the lock; false when the server stops meanwhile.
-  bool Sleep(Lock& lock, uint32_t ms);
+  // Waits `ms` of simulated time without the lock, or until `target` is deleted or, with
+  // `until_owned`, taken by a client. False when the wait ended early or the server stops.
+  bool Sleep(Lock& lock, uint32_t ms, const Target& target, bool until_owned = false);
   // Runs a timed power change: `from` states it may start in, `to` where it ends.
   Status PowerChange(uint32_t handle, PowerOperation operation, uint32_t ms, PowerStatus to);
 
   mutable std::mutex mutex_;
-  std::condition_variable shutdown_cv_;
+  std::condition_variable changed_cv_;  // shutdown, deletion, a connection taken
   bool shutting_down_ = false;
   const Scenario scenario_;
   std::map<uint32_t, TargetPtr> targets_;

@@ -57,6 +57,15 @@ Scenario TwoKits() {
   return scenario;
 }
 
+// Waits until `handle` has a change under way.
+void WaitBusy(TargetRegistry& registry, uint32_t handle) {
+  uint32_t busy = 0;
+  while (busy == 0) {
+    ASSERT_TRUE(registry.BusyCount(handle, busy).ok());
+    std::this_thread::yield();
+  }
+}
+
 TEST(TargetRegistryTest, HandlesAreSmallNeverTheNoTargetValueAndNeverReused) {
   TargetRegistry registry(TwoKits());
   uint32_t first = 0;
@@ -126,17 +135,40 @@ TEST(TargetRegistryTest, ShutdownEndsAPowerChangeThatIsWaiting) {
   const uint32_t a = registry.TargetList().at(0);
   Status result;
   std::thread power_on([&] { result = registry.PowerOn(a); });
-  uint32_t busy = 0;
-  while (busy == 0) {
-    ASSERT_TRUE(registry.BusyCount(a, busy).ok());
-    std::this_thread::yield();
-  }
+  WaitBusy(registry, a);
   registry.Shutdown();
   power_on.join();
   EXPECT_EQ(result.code, static_cast<uint32_t>(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED));
   PowerStatus power{};
   ASSERT_TRUE(registry.PowerStatusOf(a, power).ok());
   EXPECT_EQ(power, PowerStatus::kOff);
+}
+
+TEST(TargetRegistryTest, ChangesUnderWayEndWhenTheirTargetIsTakenOrDeleted) {
+  Scenario scenario = TwoKits();
+  scenario.kits[0].power = PowerStatus::kOff;
+  scenario.kits[0].timings = {60000, 60000, 60000};
+  TargetRegistry registry(scenario);
+  const uint32_t a = registry.TargetList().at(0);
+
+  // A client that forces the connection while another is still connecting wins at once.
+  Status connect;
+  std::thread connecting([&] { connect = registry.Connect(1, a); });
+  WaitBusy(registry, a);
+  ASSERT_TRUE(registry.ForceDisconnect(2, a).ok());
+  connecting.join();
+  EXPECT_EQ(connect.code, static_cast<uint32_t>(KXAPI_COMMS_ERR_TARGET_IN_USE));
+  ConnectionState state{};
+  ASSERT_TRUE(registry.ConnectionStateOf(2, a, state).ok());
+  EXPECT_EQ(state, ConnectionState::kConnected);
+
+  // Deleting a target ends its power change at once.
+  Status power_on;
+  std::thread powering([&] { power_on = registry.PowerOn(a); });
+  WaitBusy(registry, a);
+  ASSERT_TRUE(registry.DeleteTarget(a).ok());
+  powering.join();
+  EXPECT_EQ(power_on.code, static_cast<uint32_t>(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED));
 }
 
 }  // namespace
