@@ -143,24 +143,84 @@ void ClientSession::Serve() {
     }
     if (status != PipeChannel::ReadStatus::kFrame) break;
     const MessageBuffer& input = channel_.Input();
-    auto answer = dispatcher_.Dispatch(id_, process_id_, input.Data(), input.Size());
-    channel_.ReleaseRead();
-    if (!answer.has_value()) {
-      ServerLog(kLogRefusals, ClientTag(id_) + " sent a request without a header; closing");
-      break;
+    bool keep_going = true;
+    if (dispatcher_.MayWait(input.Data(), input.Size())) {
+      std::vector<uint8_t> copy;
+      try {
+        copy.assign(input.Data(), input.Data() + input.Size());
+      } catch (const std::exception&) {
+        copy.clear();
+      }
+      channel_.ReleaseRead();
+      // A copy that could not be made ends the session: there is no memory to answer with.
+      keep_going = !copy.empty() && AnswerOnWorker(std::move(copy));
+    } else {
+      keep_going = Answer(input.Data(), input.Size());
+      channel_.ReleaseRead();
     }
-    try {
-      Post(std::make_shared<const std::vector<uint8_t>>(std::move(*answer)));
-    } catch (const std::exception&) {
-      break;
-    }
+    if (!keep_going) break;
+    JoinWorkers(true);
   }
-  // Nothing is posted to this session once the registry has let it go.
+  // Nothing is posted to this session once the registry has let it go; the changes this client
+  // started end with it, so its workers finish promptly.
   registry_.RemoveClient(id_);
   Stop();
+  JoinWorkers(false);
   if (writer_.joinable()) writer_.join();
   channel_.Close();
   ServerLog(kLogClients, ClientTag(id_) + " disconnected");
+}
+
+bool ClientSession::Answer(const uint8_t* body, size_t size) {
+  auto answer = dispatcher_.Dispatch(id_, process_id_, body, size);
+  if (!answer.has_value()) {
+    ServerLog(kLogRefusals, ClientTag(id_) + " sent a request without a header; closing");
+    return false;
+  }
+  try {
+    Post(std::make_shared<const std::vector<uint8_t>>(std::move(*answer)));
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool ClientSession::AnswerOnWorker(std::vector<uint8_t> body) {
+  try {
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    auto request = std::make_shared<std::vector<uint8_t>>(std::move(body));
+    std::lock_guard lock(workers_mutex_);
+    workers_.emplace_back();
+    try {
+      workers_.back().done = done;
+      workers_.back().thread = std::thread([this, done, request] {
+        if (!Answer(request->data(), request->size())) Stop();
+        done->store(true);
+      });
+    } catch (const std::exception&) {
+      workers_.pop_back();
+      return Answer(request->data(), request->size());
+    }
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+void ClientSession::JoinWorkers(bool finished_only) {
+  std::list<Worker> ended;
+  {
+    std::lock_guard lock(workers_mutex_);
+    for (auto it = workers_.begin(); it != workers_.end();) {
+      if (!finished_only || it->done->load()) {
+        ended.splice(ended.end(), workers_, it++);
+      } else {
+        ++it;
+      }
+    }
+  }
+  for (Worker& worker : ended)
+    worker.thread.join();
 }
 
 void ClientSession::WriteLoop() {

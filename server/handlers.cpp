@@ -177,23 +177,38 @@ void RegisterPowerAndConnection(RequestDispatcher& dispatcher, TargetRegistry& r
       });
   dispatcher.Register<CPowerOnRequest, CPowerOnResponse>(
       [&registry](const Context& context, CPowerOnRequest&, CPowerOnResponse&) {
-        return registry.PowerOn(context.target);
-      });
+        return registry.PowerOn(context.client_id, context.target);
+      },
+      RequestDispatcher::Timing::kMayWait);
   dispatcher.Register<CPowerOffRequest, CPowerOffResponse>(
       [&registry](const Context& context, CPowerOffRequest&, CPowerOffResponse&) {
-        return registry.PowerOff(context.target);
-      });
+        return registry.PowerOff(context.client_id, context.target);
+      },
+      RequestDispatcher::Timing::kMayWait);
   dispatcher.Register<CForcePowerOffRequest, CForcePowerOffResponse>(
       [&registry](const Context& context, CForcePowerOffRequest&, CForcePowerOffResponse&) {
-        return registry.ForcePowerOff(context.target);
-      });
+        return registry.ForcePowerOff(context.client_id, context.target);
+      },
+      RequestDispatcher::Timing::kMayWait);
   dispatcher.Register<CRebootRequest, CRebootResponse>(
       [&registry](const Context& context, CRebootRequest&, CRebootResponse&) {
-        return registry.Reboot(context.target);
-      });
+        return registry.Reboot(context.client_id, context.target);
+      },
+      RequestDispatcher::Timing::kMayWait);
   dispatcher.Register<CTargetConnectRequest, CTargetConnectResponse>(
       [&registry](const Context& context, CTargetConnectRequest&, CTargetConnectResponse&) {
         return registry.Connect(context.client_id, context.target);
+      },
+      RequestDispatcher::Timing::kMayWait);
+  dispatcher.Register<CCancelCurrentCommandRequest, CCancelCurrentCommandResponse>(
+      [&registry](const Context& context, CCancelCurrentCommandRequest&,
+                  CCancelCurrentCommandResponse&) {
+        return registry.CancelCurrentCommand(context.client_id, context.target);
+      });
+  dispatcher.Register<CCancelMyCommandsRequest, CCancelMyCommandsResponse>(
+      [&registry](const Context& context, CCancelMyCommandsRequest&, CCancelMyCommandsResponse&) {
+        registry.CancelClientCommands(context.client_id);
+        return Status::Ok();
       });
   dispatcher.Register<CTargetDisconnectRequest, CTargetDisconnectResponse>(
       [&registry](const Context& context, CTargetDisconnectRequest&, CTargetDisconnectResponse&) {

@@ -1,5 +1,6 @@
 #include "server/request_dispatcher.h"
 
+#include <cstring>
 #include <exception>
 #include <memory>
 
@@ -29,6 +30,13 @@ std::optional<std::vector<uint8_t>> Encode(uint32_t type_number, const CResponse
 }
 
 }  // namespace
+
+bool RequestDispatcher::MayWait(const uint8_t* body, size_t size) const {
+  uint32_t type_number = 0;
+  if (size < sizeof type_number) return false;
+  std::memcpy(&type_number, body, sizeof type_number);
+  return waiting_.count(type_number) != 0;
+}
 
 std::optional<std::vector<uint8_t>> RequestDispatcher::Dispatch(uint64_t client_id,
                                                                 uint32_t process_id,

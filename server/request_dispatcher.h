@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "server/status.h"
@@ -35,17 +36,25 @@ class RequestDispatcher {
  public:
   using Handler = std::function<Status(const RequestContext&, CRequest&, CResponse&)>;
 
+  // Whether a handler answers at once or may wait for simulated time to pass.
+  enum class Timing { kImmediate, kMayWait };
+
   // Registers the handler of the operation with request class Req and response class Resp;
-  // `handler` takes (const RequestContext&, Req&, Resp&) and returns a Status.
+  // `handler` takes (const RequestContext&, Req&, Resp&) and returns a Status. A kMayWait
+  // handler is run off the client's reading thread, so that the client's other requests are
+  // served meanwhile.
   template <class Req, class Resp, class Fn>
-  void Register(Fn handler) {
+  void Register(Fn handler, Timing timing = Timing::kImmediate) {
     static_assert(Req::kTypeNumber == Resp::kTypeNumber, "request and response differ");
+    if (timing == Timing::kMayWait) waiting_.insert(Req::kTypeNumber);
     handlers_[Req::kTypeNumber] = [handler](const RequestContext& context, CRequest& request,
                                             CResponse& response) {
       return handler(context, static_cast<Req&>(request), static_cast<Resp&>(response));
     };
   }
   bool IsRegistered(uint32_t type_number) const { return handlers_.count(type_number) != 0; }
+  // Whether the request in `body` goes to a kMayWait handler.
+  bool MayWait(const uint8_t* body, size_t size) const;
 
   // The response body (kind word, type number, response) for one request body; nullopt when
   // the body is too short to hold a request header. Never throws.
@@ -57,6 +66,7 @@ class RequestDispatcher {
 
  private:
   std::unordered_map<uint32_t, Handler> handlers_;
+  std::unordered_set<uint32_t> waiting_;
 };
 
 }  // namespace qv::server

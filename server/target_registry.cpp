@@ -101,6 +101,13 @@ void TargetRegistry::AddClient(const ClientInfo& client, ClientSink* sink) {
 void TargetRegistry::RemoveClient(uint64_t client_id) {
   std::lock_guard lock(mutex_);
   clients_.erase(client_id);
+  // Changes the client started end now: nobody waits for their answers any more.
+  for (auto& entry : targets_) {
+    if (entry.second->busy != 0 && entry.second->changer == client_id) {
+      entry.second->cancelled = true;
+    }
+  }
+  changed_cv_.notify_all();
   for (auto it = subscriptions_.begin(); it != subscriptions_.end();) {
     it->second.erase(client_id);
     it = it->second.empty() ? subscriptions_.erase(it) : std::next(it);
@@ -192,7 +199,8 @@ void TargetRegistry::NotifyPower(const Target& target, PowerOperation operation,
 
 bool TargetRegistry::Sleep(Lock& lock, uint32_t ms, const Target& target, bool until_owned) {
   auto interrupted = [&] {
-    return shutting_down_ || target.deleted || (until_owned && target.owner != 0);
+    return shutting_down_ || target.deleted || target.cancelled ||
+           (until_owned && target.owner != 0);
   };
   changed_cv_.wait_for(lock, std::chrono::milliseconds(ms), interrupted);
   return !interrupted();
@@ -489,7 +497,7 @@ Status TargetRegistry::PowerStatusOf(uint32_t handle, PowerStatus& status) const
   return Status::Ok();
 }
 
-Status TargetRegistry::PowerChange(uint32_t handle, PowerOperation operation, uint32_t ms,
+Status TargetRegistry::PowerChange(uint64_t client_id, uint32_t handle, PowerOperation operation,
                                    PowerStatus to) {
   Lock lock(mutex_);
   TargetPtr target;
@@ -502,70 +510,86 @@ Status TargetRegistry::PowerChange(uint32_t handle, PowerOperation operation, ui
   }
   const bool on = target->kit.power == PowerStatus::kOn;
   const bool wants_on = operation == PowerOperation::kPowerOn;
-  const bool wants_off = !wants_on;  // off, force off and reboot need the power on
-  if ((wants_on && on) || (wants_off && !on)) {
+  // Off, force off and reboot need the power on.
+  if (wants_on == on) {
     return Status::Fail(KXAPI_COMMS_ERR_INVALID_POWER_STATE,
                         Quoted(target->kit.host) + u" is already " +
                             (on ? u"on" : u"off (" + PowerText(target->kit.power) + u")"));
   }
+  const KitTimings& timings = target->kit.timings;
+  const uint32_t ms = operation == PowerOperation::kPowerOn    ? timings.boot_ms
+                      : operation == PowerOperation::kPowerOff ? timings.power_off_ms
+                      : operation == PowerOperation::kReboot
+                          ? timings.power_off_ms + timings.boot_ms
+                          : 0;
   ++target->busy;
+  target->changer = client_id;
+  target->cancelled = false;
   CBusyNotification busy;
   busy.TargetKey = handle;
   Notify(EventGroup::Target, handle, busy);
   NotifyPower(*target, operation, PowerProgress::kStarted);
   const bool finished = Sleep(lock, ms, *target);
   --target->busy;
+  target->changer = 0;
   if (target->deleted) {
     return Status::Fail(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED,
                         u"the target was deleted during the power change");
   }
-  if (!finished) {
-    NotifyPower(*target, operation, PowerProgress::kFailed);
-  } else {
+  if (finished) {
     target->kit.power = to;
     NotifyPower(*target, operation, PowerProgress::kCompleted);
+  } else {
+    NotifyPower(*target, operation, PowerProgress::kFailed);
   }
   CIdleNotification idle;
   idle.TargetKey = handle;
   Notify(EventGroup::Target, handle, idle);
-  if (!finished) {
-    return Status::Fail(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED,
-                        u"the server stopped during the power change");
+  if (finished) return Status::Ok();
+  if (target->cancelled) {
+    target->cancelled = false;
+    return Status::Fail(KXAPI_COMMS_ERR_OPERATION_CANCELLED,
+                        u"the power change of " + Quoted(target->kit.host) +
+                            u" was cancelled; the power state is unchanged");
+  }
+  return Status::Fail(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED,
+                      u"the server stopped during the power change");
+}
+
+Status TargetRegistry::PowerOn(uint64_t client_id, uint32_t handle) {
+  return PowerChange(client_id, handle, PowerOperation::kPowerOn, PowerStatus::kOn);
+}
+
+Status TargetRegistry::PowerOff(uint64_t client_id, uint32_t handle) {
+  return PowerChange(client_id, handle, PowerOperation::kPowerOff, PowerStatus::kOff);
+}
+
+Status TargetRegistry::Reboot(uint64_t client_id, uint32_t handle) {
+  return PowerChange(client_id, handle, PowerOperation::kReboot, PowerStatus::kOn);
+}
+
+Status TargetRegistry::ForcePowerOff(uint64_t client_id, uint32_t handle) {
+  return PowerChange(client_id, handle, PowerOperation::kForcePowerOff, PowerStatus::kOff);
+}
+
+Status TargetRegistry::CancelCurrentCommand(uint64_t client_id, uint32_t handle) {
+  std::lock_guard lock(mutex_);
+  TargetPtr target;
+  if (Status status = Lookup(handle, target); !status.ok()) return status;
+  if (target->busy != 0 && target->changer == client_id) {
+    target->cancelled = true;
+    changed_cv_.notify_all();
   }
   return Status::Ok();
 }
 
-Status TargetRegistry::PowerOn(uint32_t handle) {
-  uint32_t ms = 0;
-  {
-    std::lock_guard lock(mutex_);
-    if (const TargetPtr target = Find(handle)) ms = target->kit.timings.boot_ms;
+void TargetRegistry::CancelClientCommands(uint64_t client_id) {
+  std::lock_guard lock(mutex_);
+  for (auto& entry : targets_) {
+    Target& target = *entry.second;
+    if (target.busy != 0 && target.changer == client_id) target.cancelled = true;
   }
-  return PowerChange(handle, PowerOperation::kPowerOn, ms, PowerStatus::kOn);
-}
-
-Status TargetRegistry::PowerOff(uint32_t handle) {
-  uint32_t ms = 0;
-  {
-    std::lock_guard lock(mutex_);
-    if (const TargetPtr target = Find(handle)) ms = target->kit.timings.power_off_ms;
-  }
-  return PowerChange(handle, PowerOperation::kPowerOff, ms, PowerStatus::kOff);
-}
-
-Status TargetRegistry::Reboot(uint32_t handle) {
-  uint32_t ms = 0;
-  {
-    std::lock_guard lock(mutex_);
-    if (const TargetPtr target = Find(handle)) {
-      ms = target->kit.timings.power_off_ms + target->kit.timings.boot_ms;
-    }
-  }
-  return PowerChange(handle, PowerOperation::kReboot, ms, PowerStatus::kOn);
-}
-
-Status TargetRegistry::ForcePowerOff(uint32_t handle) {
-  return PowerChange(handle, PowerOperation::kForcePowerOff, 0, PowerStatus::kOff);
+  changed_cv_.notify_all();
 }
 
 Status TargetRegistry::Connect(uint64_t client_id, uint32_t handle) {
@@ -584,11 +608,14 @@ Status TargetRegistry::Connect(uint64_t client_id, uint32_t handle) {
                         Quoted(target->kit.host) + u" is busy; try again when it is idle");
   }
   ++target->busy;
+  target->changer = client_id;
+  target->cancelled = false;
   CConnectNotification connecting;
   connecting.TargetKey = handle;
   Notify(EventGroup::Target, handle, connecting);
   const bool finished = Sleep(lock, target->kit.timings.connect_ms, *target, true);
   --target->busy;
+  target->changer = 0;
   if (target->owner != 0) {
     return Status::Fail(KXAPI_COMMS_ERR_TARGET_IN_USE, u"another client forced the connection to " +
                                                            Quoted(target->kit.host) +

@@ -74,10 +74,15 @@ class TargetRegistry {
   Status FindTargets(const FindRuleList& rules);
 
   Status PowerStatusOf(uint32_t handle, PowerStatus& status) const;
-  Status PowerOn(uint32_t handle);
-  Status PowerOff(uint32_t handle);
-  Status Reboot(uint32_t handle);
-  Status ForcePowerOff(uint32_t handle);
+  // Power changes, each started on behalf of `client_id` (who may cancel it).
+  Status PowerOn(uint64_t client_id, uint32_t handle);
+  Status PowerOff(uint64_t client_id, uint32_t handle);
+  Status Reboot(uint64_t client_id, uint32_t handle);
+  Status ForcePowerOff(uint64_t client_id, uint32_t handle);
+  // Cancels the change under way on `handle` if `client_id` started it; success either way.
+  Status CancelCurrentCommand(uint64_t client_id, uint32_t handle);
+  // Cancels every change under way that `client_id` started.
+  void CancelClientCommands(uint64_t client_id);
 
   Status Connect(uint64_t client_id, uint32_t handle);
   Status Disconnect(uint64_t client_id, uint32_t handle);
@@ -97,8 +102,10 @@ class TargetRegistry {
     Kit kit;  // for a host no scenario names: unreachable, name = host
     std::u16string cached_name;
     uint32_t subnet_mask = 0;
-    uint64_t owner = 0;  // client holding the connection, 0 for none
-    uint32_t busy = 0;   // power or connection changes under way
+    uint64_t owner = 0;      // client holding the connection, 0 for none
+    uint32_t busy = 0;       // power or connection changes under way
+    uint64_t changer = 0;    // the client whose change is under way
+    bool cancelled = false;  // that change is to end early
     bool deleted = false;
   };
   using TargetPtr = std::shared_ptr<Target>;
@@ -114,11 +121,12 @@ class TargetRegistry {
 
   void Notify(EventGroup group, uint32_t key, const CNotification& notification);
   void NotifyPower(const Target& target, PowerOperation operation, PowerProgress progress);
-  // Waits `ms` of simulated time without the lock, or until `target` is deleted or, with
-  // `until_owned`, taken by a client. False when the wait ended early or the server stops.
+  // Waits `ms` of simulated time without the lock, or until `target` is deleted, its change
+  // cancelled or, with `until_owned`, the target taken by a client. False when the wait ended
+  // early or the server stops.
   bool Sleep(Lock& lock, uint32_t ms, const Target& target, bool until_owned = false);
   // Runs a timed power change: `from` states it may start in, `to` where it ends.
-  Status PowerChange(uint32_t handle, PowerOperation operation, uint32_t ms, PowerStatus to);
+  Status PowerChange(uint64_t client_id, uint32_t handle, PowerOperation operation, PowerStatus to);
 
   mutable std::mutex mutex_;
   std::condition_variable changed_cv_;  // shutdown, deletion, a connection taken

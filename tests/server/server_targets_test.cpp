@@ -264,6 +264,29 @@ TEST_F(TargetsTest, ASlowRequestOfOneClientDoesNotHoldUpAnother) {
   EXPECT_EQ(b_.Call<CGetTargetBusyStateResponse>(slow, CGetTargetBusyStateRequest{}).BusyCount, 0u);
 }
 
+TEST_F(TargetsTest, AClientIsAnsweredDuringItsOwnSlowRequestAndCanCancelIt) {
+  const uint32_t slow = HandleOf(a_, u"kit-slow");
+  std::future<CPowerOnResponse> power_on = std::async(
+      std::launch::async, [&] { return a_.Call<CPowerOnResponse>(slow, CPowerOnRequest{}); });
+  // The same client's other requests do not queue behind the power change.
+  ASSERT_TRUE(WaitUntil([&] {
+    return a_.Call<CGetTargetBusyStateResponse>(slow, CGetTargetBusyStateRequest{}).BusyCount == 1;
+  }));
+  // Another client cannot cancel it; its own client can.
+  EXPECT_EQ(b_.Call<CCancelMyCommandsResponse>(kNone, CCancelMyCommandsRequest{}).Result, 0u);
+  EXPECT_EQ(b_.Call<CCancelCurrentCommandResponse>(slow, CCancelCurrentCommandRequest{}).Result,
+            0u);
+  EXPECT_EQ(power_on.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+  EXPECT_EQ(a_.Call<CCancelCurrentCommandResponse>(slow, CCancelCurrentCommandRequest{}).Result,
+            0u);
+  const CPowerOnResponse cancelled = power_on.get();
+  EXPECT_EQ(cancelled.Result, static_cast<uint32_t>(KXAPI_COMMS_ERR_OPERATION_CANCELLED));
+  EXPECT_EQ(a_.Call<CPowerStatusResponse>(slow, CPowerStatusRequest{}).PowerStatus,
+            static_cast<uint32_t>(PowerStatus::kOff));
+  EXPECT_EQ(a_.Call<CCancelCurrentCommandResponse>(4242, CCancelCurrentCommandRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+}
+
 TEST_F(TargetsTest, ConnectionsBelongToOneClientAtATime) {
   const uint32_t one = HandleOf(a_, u"kit-one");
   Subscribe<CRequestTargetEventsRequest>(a_, one);

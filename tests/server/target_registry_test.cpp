@@ -134,7 +134,7 @@ TEST(TargetRegistryTest, ShutdownEndsAPowerChangeThatIsWaiting) {
   TargetRegistry registry(scenario);
   const uint32_t a = registry.TargetList().at(0);
   Status result;
-  std::thread power_on([&] { result = registry.PowerOn(a); });
+  std::thread power_on([&] { result = registry.PowerOn(1, a); });
   WaitBusy(registry, a);
   registry.Shutdown();
   power_on.join();
@@ -164,7 +164,7 @@ TEST(TargetRegistryTest, ChangesUnderWayEndWhenTheirTargetIsTakenOrDeleted) {
 
   // Deleting a target ends its power change at once.
   Status power_on;
-  std::thread powering([&] { power_on = registry.PowerOn(a); });
+  std::thread powering([&] { power_on = registry.PowerOn(1, a); });
   WaitBusy(registry, a);
   ASSERT_TRUE(registry.DeleteTarget(a).ok());
   powering.join();
