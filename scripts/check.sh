@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The whole test run: formatting, the Linux build and tests (the server's end-to-end tests among
-# them), the ASan+UBSan build and tests, the server link's tests under TSan, bounded fuzzing of every decoder, and the Windows build with its
+# them), the ASan+UBSan build and tests, the server link's and the server's tests under TSan, bounded fuzzing of every decoder, and the Windows build with its
 # tests under Wine.
 # Build trees go to ${VEKX_BUILD_ROOT:-build}. Set VEKX_FUZZ_SECONDS to change the fuzzing time.
 set -euo pipefail
@@ -37,12 +37,12 @@ cmake -S "$root" -B "$out/asan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_CO
 cmake --build "$out/asan" -j "$jobs"
 ASAN_OPTIONS=detect_leaks=1 ctest --test-dir "$out/asan" --output-on-failure -j "$jobs"
 
-step "linux (clang, thread sanitizer: the server link's threads)"
+step "linux (clang, thread sanitizer: the server link's and the server's threads)"
 cmake -S "$root" -B "$out/tsan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
   -DVEKX_WERROR=ON -DVEKX_SANITIZE=thread >/dev/null
-cmake --build "$out/tsan" -j "$jobs" --target vekx_serverlink_tests
-TSAN_OPTIONS=halt_on_error=1 ctest --test-dir "$out/tsan" -R '^serverlink[.]' --output-on-failure \
-  -j "$jobs"
+cmake --build "$out/tsan" -j "$jobs" --target vekx_serverlink_tests vekx_server_tests vesta-kx
+TSAN_OPTIONS=halt_on_error=1 ctest --test-dir "$out/tsan" -R '^(serverlink|server)[.]' \
+  --output-on-failure -j "$jobs"
 
 step "fuzzing (${fuzz_seconds}s per target)"
 for fuzzer in decoders lumo_stream; do
