@@ -228,7 +228,13 @@ void RegisterPowerAndConnection(RequestDispatcher& dispatcher, TargetRegistry& r
       });
 }
 
-void RegisterServerOperations(RequestDispatcher& dispatcher, PacketLog& packet_log) {
+void RegisterServerOperations(RequestDispatcher& dispatcher, TargetRegistry& registry,
+                              PacketLog& packet_log) {
+  dispatcher.Register<CGetClientPidsRequest, CGetClientPidsResponse>(
+      [&registry](const Context&, CGetClientPidsRequest&, CGetClientPidsResponse& response) {
+        response.ProcessIds = registry.ClientProcessIds();
+        return Status::Ok();
+      });
   dispatcher.Register<CGetServerVersionRequest, CGetServerVersionResponse>(
       [](const Context&, CGetServerVersionRequest&, CGetServerVersionResponse& response) {
         response.Major = kServerVersion[0];
@@ -254,7 +260,7 @@ void RegisterHandlers(RequestDispatcher& dispatcher, TargetRegistry& registry,
   RegisterTargetList(dispatcher, registry);
   RegisterTargetProperties(dispatcher, registry);
   RegisterPowerAndConnection(dispatcher, registry);
-  RegisterServerOperations(dispatcher, packet_log);
+  RegisterServerOperations(dispatcher, registry, packet_log);
   dispatcher.observer = [&packet_log](const Context& context, const CRequest* request,
                                       const CResponse& response) {
     packet_log.Record(context, request, response);

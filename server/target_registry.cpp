@@ -713,4 +713,12 @@ size_t TargetRegistry::SubscriptionCount(uint64_t client_id) const {
   return count;
 }
 
+U32List TargetRegistry::ClientProcessIds() const {
+  std::lock_guard lock(mutex_);
+  U32List ids;
+  for (const auto& entry : clients_)
+    ids.push_back(entry.second.first.process_id);
+  return ids;
+}
+
 }  // namespace qv::server

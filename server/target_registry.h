@@ -95,6 +95,9 @@ class TargetRegistry {
   void Unsubscribe(uint64_t client_id, EventGroup group, uint32_t key);
   size_t SubscriptionCount(uint64_t client_id) const;
 
+  // The process ids of the clients connected now, in the order they connected.
+  U32List ClientProcessIds() const;
+
  private:
   struct Target {
     uint32_t handle = 0;

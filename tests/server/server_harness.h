@@ -58,6 +58,8 @@ inline constexpr char kQuickScenario[] = R"(kits:
     registered: false
 )";
 
+inline std::atomic<bool> g_test_root_made{false};
+
 // The runtime directory of this test process, set up once.
 inline const std::filesystem::path& TestRoot() {
   static const std::filesystem::path root = [] {
@@ -68,10 +70,26 @@ inline const std::filesystem::path& TestRoot() {
     std::filesystem::permissions(base, std::filesystem::perms::owner_all,
                                  std::filesystem::perm_options::replace);
     platform::SetEnvironmentValue("XDG_RUNTIME_DIR", base.string());
+    g_test_root_made = true;
     return base;
   }();
   return root;
 }
+
+// Removes the test process's directory at the end when every test passed; after a failure it
+// stays, with the servers' output files, for a look.
+class TestRootCleanup : public ::testing::Environment {
+ public:
+  void TearDown() override {
+    if (g_test_root_made && ::testing::UnitTest::GetInstance()->Passed()) {
+      std::error_code ignored;
+      std::filesystem::remove_all(TestRoot(), ignored);
+    }
+  }
+};
+
+inline const bool kTestRootCleanupRegistered =
+    (::testing::AddGlobalTestEnvironment(new TestRootCleanup), true);
 
 inline std::string RunDir() {
   TestRoot();

@@ -57,6 +57,18 @@ TEST_F(TargetsTest, ReportsItsVersionAndTheScenarioTargets) {
   EXPECT_EQ(by_default.Handle, HandleOf(a_, u"KIT-ONE"));
 }
 
+TEST_F(TargetsTest, ListsTheProcessesOfItsClients) {
+  // Both clients connect; each is this test process.
+  EXPECT_EQ(b_.Call<CGetServerVersionResponse>(kNone, CGetServerVersionRequest{}).Result, 0u);
+  const auto pids = a_.Call<CGetClientPidsResponse>(kNone, CGetClientPidsRequest{});
+  EXPECT_EQ(pids.Result, 0u);
+  EXPECT_EQ(pids.ProcessIds, (U32List{platform::CurrentProcessId(), platform::CurrentProcessId()}));
+  b_.link().Disconnect();
+  EXPECT_TRUE(WaitUntil([&] {
+    return a_.Call<CGetClientPidsResponse>(kNone, CGetClientPidsRequest{}).ProcessIds.size() == 1;
+  }));
+}
+
 TEST_F(TargetsTest, AddingAHostTwiceGivesOneTargetAndOneNotification) {
   Subscribe<CRequestServerEventsRequest>(b_, kNone);
   // The second subscription changes nothing: still one notification per change.
