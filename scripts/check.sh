@@ -45,7 +45,7 @@ TSAN_OPTIONS=halt_on_error=1 ctest --test-dir "$out/tsan" -R '^(serverlink|serve
   --output-on-failure -j "$jobs"
 
 step "fuzzing (${fuzz_seconds}s per target)"
-for fuzzer in decoders lumo_stream; do
+for fuzzer in decoders lumo_stream server_requests; do
   corpus="$out/asan/corpus_$fuzzer"
   log="$out/asan/fuzz_$fuzzer.log"
   mkdir -p "$corpus"
