@@ -144,6 +144,11 @@ void RegisterTargetProperties(RequestDispatcher& dispatcher, TargetRegistry& reg
                   CSetCachedSubnetMaskResponse&) {
         return registry.SetCachedSubnetMask(context.target, request.SubnetMask);
       });
+  dispatcher.Register<CGetCachedSubnetMaskRequest, CGetCachedSubnetMaskResponse>(
+      [&registry](const Context& context, CGetCachedSubnetMaskRequest&,
+                  CGetCachedSubnetMaskResponse& response) {
+        return registry.CachedSubnetMask(context.target, response.SubnetMask);
+      });
   dispatcher.Register<CGetSdkVersionRequest, CGetSdkVersionResponse>(
       [&registry](const Context& context, CGetSdkVersionRequest&,
                   CGetSdkVersionResponse& response) {

@@ -423,6 +423,14 @@ Status TargetRegistry::SetCachedSubnetMask(uint32_t handle, uint32_t mask) {
   return Status::Ok();
 }
 
+Status TargetRegistry::CachedSubnetMask(uint32_t handle, uint32_t& mask) const {
+  std::lock_guard lock(mutex_);
+  TargetPtr target;
+  if (Status status = Lookup(handle, target); !status.ok()) return status;
+  mask = target->subnet_mask;
+  return Status::Ok();
+}
+
 Status TargetRegistry::SdkVersion(uint32_t handle, std::array<uint32_t, 4>& version) const {
   std::lock_guard lock(mutex_);
   TargetPtr target;

@@ -65,6 +65,7 @@ class TargetRegistry {
   Status MacAddress(uint32_t handle, Bytes& mac) const;
   Status SetCachedMacAddress(uint32_t handle, const Bytes& mac);
   Status SetCachedSubnetMask(uint32_t handle, uint32_t mask);
+  Status CachedSubnetMask(uint32_t handle, uint32_t& mask) const;
   Status SdkVersion(uint32_t handle, std::array<uint32_t, 4>& version) const;
   Status BusyCount(uint32_t handle, uint32_t& count) const;
   Status ConnectionInfo(uint32_t handle, std::u16string& info) const;

@@ -365,6 +365,15 @@ TEST_F(TargetsTest, NamesAndKitPropertiesComeFromTheScenario) {
   set_mac.MacAddress = {1, 2, 3};
   EXPECT_EQ(a_.Call<CSetCachedMacAddressResponse>(one, set_mac).Result,
             static_cast<uint32_t>(KXAPI_SERVER_INVALID_ARG));
+  set_mac.MacAddress = {1, 2, 3, 4, 5, 6};
+  EXPECT_EQ(a_.Call<CSetCachedMacAddressResponse>(one, set_mac).Result, 0u);
+  EXPECT_EQ(b_.Call<CGetMacAddressResponse>(one, CGetMacAddressRequest{}).MacAddress,
+            set_mac.MacAddress);
+  CSetCachedSubnetMaskRequest set_mask;
+  set_mask.SubnetMask = 0xFFFFFF00;
+  EXPECT_EQ(a_.Call<CSetCachedSubnetMaskResponse>(one, set_mask).Result, 0u);
+  EXPECT_EQ(b_.Call<CGetCachedSubnetMaskResponse>(one, CGetCachedSubnetMaskRequest{}).SubnetMask,
+            0xFFFFFF00u);
 
   b_.WaitNotifications(1);
   ASSERT_EQ(b_.NotificationNames(), (std::vector<std::string>{"NAME_UPDATE"}));
