@@ -1,7 +1,12 @@
 #include "server/handlers.h"
 
+#include <cstdio>
+#include <string>
+
+#include "platform/wide_string.h"
 #include "requests/catalogue.h"
 #include "requests/notifications.h"
+#include "server/server_log.h"
 
 namespace qv::server {
 namespace {
@@ -269,6 +274,14 @@ void RegisterHandlers(RequestDispatcher& dispatcher, TargetRegistry& registry,
   dispatcher.observer = [&packet_log](const Context& context, const CRequest* request,
                                       const CResponse& response) {
     packet_log.Record(context, request, response);
+    if (LogEnabled(kLogRequests)) {
+      char result[16];
+      std::snprintf(result, sizeof result, "0x%08X", static_cast<unsigned>(response.Result));
+      ServerLog(kLogRequests,
+                "client " + std::to_string(context.client_id) + " " +
+                    (request != nullptr ? platform::Utf16ToUtf8(request->GetName()) : "UNKNOWN") +
+                    " target " + std::to_string(context.target) + " -> " + result);
+    }
   };
 }
 

@@ -13,7 +13,7 @@ std::filesystem::path WellKnownSocket() {
 }
 
 TEST(ServerProcessTest, ASecondServerExitsAtOnceAndTheFirstEndsCleanlyOnSigterm) {
-  ServerProcess first({"--log-level", "3"}, "first");
+  ServerProcess first({"--log-level", "4"}, "first");
   ASSERT_TRUE(first.Started());
   ASSERT_TRUE(first.WaitReady()) << first.Output();
   EXPECT_TRUE(std::filesystem::exists(WellKnownSocket()));
@@ -32,6 +32,10 @@ TEST(ServerProcessTest, ASecondServerExitsAtOnceAndTheFirstEndsCleanlyOnSigterm)
   }
   first.RequestStop();
   EXPECT_EQ(first.Wait(10000), std::optional<int>(0)) << first.Output();
+  // Level 4 logs every request with its result.
+  EXPECT_NE(first.Output().find("GET_TARGET_LIST target 4294967295 -> 0x00000000"),
+            std::string::npos)
+      << first.Output();
   EXPECT_FALSE(std::filesystem::exists(WellKnownSocket()));
   EXPECT_FALSE(platform::ServerIsReady(platform::CurrentUserName(), RunDir(), 0));
 
