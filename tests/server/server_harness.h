@@ -53,7 +53,7 @@ inline constexpr char kQuickScenario[] = R"(kits:
     reachable: false
   - host: kit-slow
     power: off
-    timings: {boot_ms: 2000}
+    timings: {boot_ms: 20000}
   - host: kit-spare
     registered: false
 )";

@@ -137,9 +137,9 @@ TEST_F(HostileTest, RandomRequestsNeitherCrashNorHangTheServer) {
       if (random() % 2 == 0) fields[i] = 0;
     const uint32_t type_number =
         random() % 4 == 0 ? random() : entries[random() % entries.size()].type_number;
-    // The target is a real one or anything at all; power and connection requests on real
-    // targets stay quick in this scenario.
-    const uint32_t target = random() % 2 == 0 ? 1 + random() % 4 : random();
+    // The target is a real one or anything at all. Handles 1 to 3 are the quick kits, whose
+    // power and connection changes take milliseconds (kit-slow, handle 4, is left out).
+    const uint32_t target = random() % 2 == 0 ? 1 + random() % 3 : random();
     ASSERT_TRUE(raw.WriteRequest(type_number, target, sequence, fields));
     uint32_t answered_type = 0;
     CResponse head;
