@@ -224,6 +224,16 @@ void RegisterPowerAndConnection(RequestDispatcher& dispatcher, TargetRegistry& r
       [&registry](const Context& context, CTargetDisconnectRequest&, CTargetDisconnectResponse&) {
         return registry.Disconnect(context.client_id, context.target);
       });
+  dispatcher.Register<CRequestConnectionRequest, CRequestConnectionResponse>(
+      [&registry](const Context& context, CRequestConnectionRequest&, CRequestConnectionResponse&) {
+        return registry.RequestConnection(context.client_id, context.target);
+      },
+      RequestDispatcher::Timing::kMayWait);
+  // Gives the connection up; a client waiting in REQUEST_CONNECTION takes it.
+  dispatcher.Register<CReleaseConnectionRequest, CReleaseConnectionResponse>(
+      [&registry](const Context& context, CReleaseConnectionRequest&, CReleaseConnectionResponse&) {
+        return registry.Disconnect(context.client_id, context.target);
+      });
   dispatcher.Register<CForceDisconnectRequest, CForceDisconnectResponse>(
       [&registry](const Context& context, CForceDisconnectRequest&, CForceDisconnectResponse&) {
         return registry.ForceDisconnect(context.client_id, context.target);

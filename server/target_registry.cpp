@@ -101,6 +101,7 @@ void TargetRegistry::AddClient(const ClientInfo& client, ClientSink* sink) {
 void TargetRegistry::RemoveClient(uint64_t client_id) {
   std::lock_guard lock(mutex_);
   clients_.erase(client_id);
+  ++cancel_generation_[client_id];
   // Changes the client started end now: nobody waits for their answers any more.
   for (auto& entry : targets_) {
     if (entry.second->busy != 0 && entry.second->changer == client_id) {
@@ -593,6 +594,7 @@ Status TargetRegistry::CancelCurrentCommand(uint64_t client_id, uint32_t handle)
 
 void TargetRegistry::CancelClientCommands(uint64_t client_id) {
   std::lock_guard lock(mutex_);
+  ++cancel_generation_[client_id];
   for (auto& entry : targets_) {
     Target& target = *entry.second;
     if (target.busy != 0 && target.changer == client_id) target.cancelled = true;
@@ -651,9 +653,40 @@ Status TargetRegistry::Disconnect(uint64_t client_id, uint32_t handle) {
                         u"this client is not connected to " + Quoted(target->kit.host));
   }
   target->owner = 0;
+  // A client waiting in RequestConnection may take it now.
+  changed_cv_.notify_all();
   CDisconnectNotification disconnect;
   disconnect.TargetKey = handle;
   Notify(EventGroup::Target, handle, disconnect);
+  return Status::Ok();
+}
+
+Status TargetRegistry::RequestConnection(uint64_t client_id, uint32_t handle) {
+  Lock lock(mutex_);
+  TargetPtr target;
+  if (Status status = Lookup(handle, target); !status.ok()) return status;
+  if (Status status = Reachable(*target); !status.ok()) return status;
+  if (target->owner == client_id) return Status::Ok();
+  const uint64_t generation = cancel_generation_[client_id];
+  changed_cv_.wait(lock, [&] {
+    return shutting_down_ || target->deleted || cancel_generation_[client_id] != generation ||
+           (target->owner == 0 && target->busy == 0);
+  });
+  if (cancel_generation_[client_id] != generation) {
+    return Status::Fail(
+        KXAPI_COMMS_ERR_OPERATION_CANCELLED,
+        u"the request for the connection to " + Quoted(target->kit.host) + u" was cancelled");
+  }
+  if (shutting_down_ || target->deleted) {
+    return Status::Fail(KXAPI_COMMS_ERR_NO_CONNECT,
+                        target->deleted ? u"the target was deleted while waiting for it"
+                                        : u"the server stopped while waiting for the target");
+  }
+  target->owner = client_id;
+  CConnectedNotification connected;
+  connected.TargetKey = handle;
+  connected.ConnectionInfo = target->kit.host;
+  Notify(EventGroup::Target, handle, connected);
   return Status::Ok();
 }
 

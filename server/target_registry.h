@@ -88,6 +88,10 @@ class TargetRegistry {
   Status Connect(uint64_t client_id, uint32_t handle);
   Status Disconnect(uint64_t client_id, uint32_t handle);
   Status ForceDisconnect(uint64_t client_id, uint32_t handle);
+  // Takes the connection as soon as nobody holds it: at once when it is free, else once its
+  // holder releases it (RELEASE_CONNECTION, TARGET_DISCONNECT or going away). The wait ends
+  // early when the client cancels its commands, the target is deleted or the server stops.
+  Status RequestConnection(uint64_t client_id, uint32_t handle);
   Status ConnectionStateOf(uint64_t client_id, uint32_t handle, ConnectionState& state) const;
 
   // Subscriptions: one entry per (client, group, key). The Server group's key is always
@@ -142,6 +146,8 @@ class TargetRegistry {
   std::map<uint64_t, std::pair<ClientInfo, ClientSink*>> clients_;
   // (group, key) -> subscribed clients
   std::map<std::pair<EventGroup, uint32_t>, std::set<uint64_t>> subscriptions_;
+  // Bumped when a client cancels its commands or goes away; its waits compare it.
+  std::map<uint64_t, uint64_t> cancel_generation_;
 };
 
 }  // namespace qv::server

@@ -337,6 +337,32 @@ TEST_F(TargetsTest, ConnectionsBelongToOneClientAtATime) {
   EXPECT_TRUE(WaitUntil([&] { return state(a_) == ConnectionState::kAvailable; }));
 }
 
+TEST_F(TargetsTest, ARequestedConnectionIsHandedOverWhenItsHolderReleasesIt) {
+  const uint32_t one = HandleOf(a_, u"kit-one");
+  EXPECT_EQ(a_.Call<CTargetConnectResponse>(one, CTargetConnectRequest{}).Result, 0u);
+  std::future<uint32_t> requested = std::async(std::launch::async, [&] {
+    return b_.Call<CRequestConnectionResponse>(one, CRequestConnectionRequest{}).Result;
+  });
+  EXPECT_EQ(requested.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+  EXPECT_EQ(a_.Call<CReleaseConnectionResponse>(one, CReleaseConnectionRequest{}).Result, 0u);
+  EXPECT_EQ(requested.get(), 0u);
+  EXPECT_EQ(b_.Call<CConnectionStateResponse>(one, CConnectionStateRequest{}).State,
+            static_cast<uint32_t>(ConnectionState::kConnected));
+  EXPECT_EQ(b_.Call<CRequestConnectionResponse>(one, CRequestConnectionRequest{}).Result, 0u);
+  EXPECT_EQ(a_.Call<CReleaseConnectionResponse>(one, CReleaseConnectionRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_NOT_CONNECTED));
+
+  // A client that stops waiting cancels its request.
+  std::future<uint32_t> waiting = std::async(std::launch::async, [&] {
+    return a_.Call<CRequestConnectionResponse>(one, CRequestConnectionRequest{}).Result;
+  });
+  EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+  EXPECT_EQ(a_.Call<CCancelMyCommandsResponse>(kNone, CCancelMyCommandsRequest{}).Result, 0u);
+  EXPECT_EQ(waiting.get(), static_cast<uint32_t>(KXAPI_COMMS_ERR_OPERATION_CANCELLED));
+  EXPECT_EQ(b_.Call<CConnectionStateResponse>(one, CConnectionStateRequest{}).State,
+            static_cast<uint32_t>(ConnectionState::kConnected));
+}
+
 TEST_F(TargetsTest, NamesAndKitPropertiesComeFromTheScenario) {
   const uint32_t one = HandleOf(a_, u"kit-one");
   Subscribe<CRequestTargetEventsRequest>(b_, one);
