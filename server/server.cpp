@@ -73,7 +73,8 @@ void Server::Run(const platform::StopSignal& stop) {
     ServerLog(kLogErrors, "cannot start the session janitor");
     return;
   }
-  ServerLog(kLogClients, "serving " + platform::Utf16ToUtf8(user_) + " in " + runtime_dir_);
+  ServerLog(kLogClients, "serving " + platform::Utf16ToUtf8(user_) +
+                             (runtime_dir_.empty() ? "" : " in " + runtime_dir_));
   const std::u16string prefix =
       u"vkx_" + platform::Utf8ToUtf16(std::to_string(platform::CurrentProcessId())) + u"_";
   while (!stop.IsSet()) {
