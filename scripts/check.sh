@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The whole test run: formatting, the Linux build and tests, the ASan+UBSan build and tests, the
-# server link's tests under TSan, bounded fuzzing of every decoder, and the Windows build with its
+# The whole test run: formatting, the Linux build and tests (the server's end-to-end tests among
+# them), the ASan+UBSan build and tests, the server link's and the server's tests under TSan, bounded fuzzing of every decoder, and the Windows build with its
 # tests under Wine.
 # Build trees go to ${VEKX_BUILD_ROOT:-build}. Set VEKX_FUZZ_SECONDS to change the fuzzing time.
 set -euo pipefail
@@ -19,7 +19,7 @@ git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run -Werror
 
 step "OS headers stay in the platform layer"
 if git grep -nE '#include <(windows|winsock2|ws2tcpip|unistd|pthread|fcntl|poll|pwd|dlfcn|oleauto|objbase|ole2|oaidl|ocidl)\.h>|#include <sys/' \
-  -- src ':!src/platform' ':!src/host'; then
+  -- src server ':!src/platform' ':!src/host'; then
   echo "OS headers outside src/platform"
   exit 1
 fi
@@ -38,15 +38,17 @@ cmake -S "$root" -B "$out/asan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_CO
 cmake --build "$out/asan" -j "$jobs"
 ASAN_OPTIONS=detect_leaks=1 ctest --test-dir "$out/asan" --output-on-failure -j "$jobs"
 
-step "linux (clang, thread sanitizer: the server link's and the private client's threads)"
+step "linux (clang, thread sanitizer: the server link's, the private client's and the server's threads)"
 cmake -S "$root" -B "$out/tsan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
   -DVEKX_WERROR=ON -DVEKX_SANITIZE=thread >/dev/null
-cmake --build "$out/tsan" -j "$jobs" --target vekx_serverlink_tests vekx_requests_tests
-TSAN_OPTIONS=halt_on_error=1 ctest --test-dir "$out/tsan" -R '^(serverlink[.]|requests[.]PrivateApi)' \
+cmake --build "$out/tsan" -j "$jobs" --target vekx_serverlink_tests vekx_requests_tests \
+  vekx_server_tests vesta-kx
+TSAN_OPTIONS=halt_on_error=1 ctest --test-dir "$out/tsan" \
+  -R '^(serverlink[.]|server[.]|requests[.]PrivateApi)' \
   --output-on-failure -j "$jobs"
 
 step "fuzzing (${fuzz_seconds}s per target)"
-for fuzzer in decoders lumo_stream; do
+for fuzzer in decoders lumo_stream server_requests; do
   corpus="$out/asan/corpus_$fuzzer"
   log="$out/asan/fuzz_$fuzzer.log"
   mkdir -p "$corpus"

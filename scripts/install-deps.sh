@@ -6,6 +6,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ clang libclang-rt-14-dev clang-format
   libgtest-dev googletest libbenchmark-dev
+  libyaml-cpp-dev
   mingw-w64 wine wine64 wine64-tools
 )
 

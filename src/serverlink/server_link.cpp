@@ -15,7 +15,6 @@ namespace qv {
 
 namespace {
 
-constexpr const char16_t* kWellKnownPipePrefix = u"qv_ve_svr_";
 constexpr const char* kServerExecutableName =
 #ifdef _WIN32
     "vesta-kx.exe";
@@ -93,25 +92,21 @@ LinkStatus ServerLink::EnsureServerRunning() {
   return LinkStatus::kSuccess;
 }
 
-LinkStatus ServerLink::Handshake(std::u16string& private_pipe, uint32_t (&version)[4]) {
+LinkStatus ServerLink::Handshake(ConnectResponse& answer) {
   PipeChannel well_known;
-  if (!well_known.Open(kWellKnownPipePrefix + names_.user, kPipeWaitMs)) {
+  if (!well_known.Open(std::u16string(kWellKnownPipeNamePrefix) + names_.user, kPipeWaitMs)) {
     LogApi(Log::kErrors, "Failed to open comms ");
     return LinkStatus::kConnectFailed;
   }
   LinkStatus status = LinkStatus::kConnectFailed;
   if (well_known.BeginWrite()) {
-    MessageBuffer& request = well_known.Output();
-    const bool built = WriteField(request, kConnectRequestMagic) &&
-                       WriteField(request, platform::CurrentProcessId()) &&
-                       WriteField(request, client_number_range_(client_numbers_));
+    ConnectRequest request;
+    request.process_id = platform::CurrentProcessId();
+    request.client_number = client_number_range_(client_numbers_);
+    const bool built = request.Encode(well_known.Output());
     if (built && well_known.EndWrite() == PipeChannel::WriteStatus::kWritten &&
         well_known.ReadFrame() == PipeChannel::ReadStatus::kFrame) {
-      MessageBuffer& answer = well_known.Input();
-      uint32_t status_word = 0;
-      uint32_t second_word = 0;
-      const bool decoded = ReadField(answer, status_word) && ReadField(answer, private_pipe) &&
-                           ReadField(answer, second_word) && answer.Read(version, sizeof version);
+      const bool decoded = answer.Decode(well_known.Input());
       well_known.ReleaseRead();
       status = decoded ? LinkStatus::kSuccess : LinkStatus::kVersionMismatch;
     } else if (!built) {
@@ -133,11 +128,11 @@ LinkStatus ServerLink::ConnectLocked(bool& connected_now) {
   if (const LinkStatus status = EnsureServerRunning(); status != LinkStatus::kSuccess) {
     return status;
   }
-  std::u16string private_pipe;
-  uint32_t version[4] = {};
-  if (const LinkStatus status = Handshake(private_pipe, version); status != LinkStatus::kSuccess) {
+  ConnectResponse answer;
+  if (const LinkStatus status = Handshake(answer); status != LinkStatus::kSuccess) {
     return status;
   }
+  const std::u16string& private_pipe = answer.private_pipe;
   private_pipe_ = private_pipe;
   if (private_pipe.empty() || !channel_.Open(private_pipe, kPipeWaitMs)) {
     LogApi(Log::kErrors, "Failed to open communication path");
@@ -151,7 +146,7 @@ LinkStatus ServerLink::ConnectLocked(bool& connected_now) {
     DisconnectLocked();
     return LinkStatus::kConnectFailed;
   }
-  if (!std::equal(std::begin(version), std::end(version), std::begin(kProtocolVersion))) {
+  if (answer.version != kProtocolVersionWords) {
     DisconnectLocked();
     return LinkStatus::kVersionMismatch;
   }

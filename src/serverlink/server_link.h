@@ -23,6 +23,7 @@
 #include <thread>
 
 #include "serverlink/frame.h"
+#include "serverlink/handshake.h"
 #include "serverlink/incoming_dispatcher.h"
 #include "serverlink/link_status.h"
 #include "serverlink/message_factory.h"
@@ -32,10 +33,6 @@
 
 namespace qv {
 
-// The protocol version this library speaks.
-inline constexpr uint32_t kProtocolVersion[4] = {5, 0, 10, 0};
-// The first word of the connect request.
-inline constexpr uint32_t kConnectRequestMagic = 32768;
 // How long the link waits for a pipe to accept, and for a started server to become ready.
 inline constexpr uint32_t kPipeWaitMs = 10000;
 inline constexpr uint32_t kServerReadyWaitMs = 10000;
@@ -90,7 +87,7 @@ class ServerLink {
   // `connected_now` tells whether this call made the connection (rather than finding it up).
   LinkStatus ConnectLocked(bool& connected_now);
   LinkStatus EnsureServerRunning();
-  LinkStatus Handshake(std::u16string& private_pipe, uint32_t (&version)[4]);
+  LinkStatus Handshake(ConnectResponse& answer);
   void DisconnectLocked();
   void ReadLoop();
   // Writes one request on the open connection.

@@ -1,12 +1,12 @@
 #include "support/scripted_server.h"
 
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "platform/process_identity.h"
 #include "requests/catalogue.h"
 #include "serverlink/frame.h"
+#include "serverlink/handshake.h"
 
 namespace qv::testing {
 
@@ -40,8 +40,8 @@ ScriptedServer::~ScriptedServer() {
 
 bool ScriptedServer::Start() {
   uint32_t error = 0;
-  if (platform::PipeListener::Create(u"qv_ve_svr_" + options_.user, well_known_, error) !=
-      platform::IoResult::kOk) {
+  if (platform::PipeListener::Create(std::u16string(kWellKnownPipeNamePrefix) + options_.user,
+                                     well_known_, error) != platform::IoResult::kOk) {
     return false;
   }
   if (options_.mark_ready) {
@@ -68,19 +68,17 @@ bool ScriptedServer::WriteFrame(platform::Pipe& pipe, const std::string& body) {
 }
 
 bool ScriptedServer::Handshake(platform::Pipe& pipe, const std::u16string& private_name) {
-  std::vector<uint8_t> request;
-  if (!ReadFrame(pipe, stop_, request) || request.size() != 12) return false;
-  uint32_t magic = 0;
-  std::memcpy(&magic, request.data(), sizeof magic);
-  if (magic != 32768 || options_.cut_handshake) return false;
+  std::vector<uint8_t> body;
+  if (!ReadFrame(pipe, stop_, body)) return false;
+  MessageBuffer in(body.data(), body.size());
+  ConnectRequest request;
+  if (!request.Decode(in) || options_.cut_handshake) return false;
 
+  ConnectResponse response;
+  response.private_pipe = private_name;
+  response.version = options_.version;
   MessageBuffer answer;
-  WriteField(answer, uint32_t{0});
-  WriteField(answer, private_name);
-  WriteField(answer, uint32_t{0});
-  for (uint32_t word : options_.version)
-    WriteField(answer, word);
-  return WriteFrame(pipe, Bytes(answer));
+  return response.Encode(answer) && WriteFrame(pipe, Bytes(answer));
 }
 
 void ScriptedServer::AcceptLoop() {

@@ -1,0 +1,249 @@
+#include "server/client_session.h"
+
+#include <exception>
+
+#include "platform/wide_string.h"
+#include "server/server_log.h"
+#include "serverlink/handshake.h"
+
+namespace qv::server {
+namespace {
+
+std::string ClientTag(uint64_t id) {
+  return "client " + std::to_string(id);
+}
+
+}  // namespace
+
+ClientSession::ClientSession(uint64_t id, std::u16string private_pipe_name,
+                             std::unique_ptr<platform::Pipe> well_known, TargetRegistry& registry,
+                             const RequestDispatcher& dispatcher)
+    : id_(id),
+      private_pipe_name_(std::move(private_pipe_name)),
+      registry_(registry),
+      dispatcher_(dispatcher) {
+  well_known_.Adopt(std::move(well_known));
+}
+
+ClientSession::~ClientSession() {
+  Stop();
+  Join();
+}
+
+bool ClientSession::Start() {
+  try {
+    thread_ = std::thread(&ClientSession::Run, this);
+    return true;
+  } catch (const std::exception&) {
+    finished_ = true;
+    return false;
+  }
+}
+
+void ClientSession::Stop() {
+  stop_.Set();
+  well_known_.Stop();
+  channel_.Stop();
+  std::lock_guard lock(queue_mutex_);
+  closing_ = true;
+  queue_cv_.notify_all();
+}
+
+void ClientSession::Join() {
+  if (thread_.joinable()) thread_.join();
+}
+
+bool ClientSession::HandshakeOverdue(std::chrono::steady_clock::time_point now) const {
+  return !connected_.load() && !finished_.load() && now - started_ > kHandshakeTimeLimit;
+}
+
+void ClientSession::Post(std::shared_ptr<const std::vector<uint8_t>> body) {
+  bool overflow = false;
+  {
+    std::lock_guard lock(queue_mutex_);
+    if (closing_) return;
+    if (queued_bytes_ + body->size() > kMaxQueuedBytes) {
+      overflow = true;
+    } else {
+      queued_bytes_ += body->size();
+      queue_.push_back(std::move(body));
+      queue_cv_.notify_one();
+    }
+  }
+  if (overflow) {
+    ServerLog(kLogRefusals, ClientTag(id_) + " does not read what is sent to it; dropping it");
+    Stop();
+  }
+}
+
+void ClientSession::Run() {
+  if (Handshake()) Serve();
+  well_known_.Close();
+  finished_ = true;
+}
+
+bool ClientSession::Handshake() {
+  if (well_known_.ReadFrame() != PipeChannel::ReadStatus::kFrame) return false;
+  ConnectRequest request;
+  const bool valid = request.Decode(well_known_.Input());
+  well_known_.ReleaseRead();
+  if (!valid) {
+    ServerLog(kLogRefusals, ClientTag(id_) + ": not a connect request; closing");
+    return false;
+  }
+  process_id_ = request.process_id;
+
+  std::unique_ptr<platform::PipeListener> listener;
+  uint32_t error = 0;
+  if (platform::PipeListener::Create(private_pipe_name_, listener, error) !=
+      platform::IoResult::kOk) {
+    ServerLog(kLogErrors, ClientTag(id_) + ": cannot create its private pipe (system error " +
+                              std::to_string(error) + ")");
+    return false;
+  }
+  ConnectResponse response;
+  response.private_pipe = private_pipe_name_;
+  if (!well_known_.BeginWrite()) return false;
+  if (!response.Encode(well_known_.Output())) {
+    well_known_.EndWrite();
+    return false;
+  }
+  if (well_known_.EndWrite() != PipeChannel::WriteStatus::kWritten) return false;
+
+  std::unique_ptr<platform::Pipe> pipe;
+  if (listener->Accept(pipe, stop_) != platform::IoResult::kOk) {
+    ServerLog(kLogRefusals, ClientTag(id_) + " never opened its private pipe");
+    return false;
+  }
+  // The socket file goes as soon as its one client is in.
+  listener.reset();
+  channel_.Adopt(std::move(pipe));
+  // A Stop that came before Adopt reset the channel's signal; honour it now.
+  if (stop_.IsSet()) return false;
+  connected_ = true;
+  return true;
+}
+
+void ClientSession::Serve() {
+  registry_.AddClient({id_, process_id_}, this);
+  ServerLog(kLogClients, ClientTag(id_) + " connected (process " + std::to_string(process_id_) +
+                             ", pipe " + platform::Utf16ToUtf8(private_pipe_name_) + ")");
+  bool writer_started = true;
+  try {
+    writer_ = std::thread(&ClientSession::WriteLoop, this);
+  } catch (const std::exception&) {
+    writer_started = false;
+  }
+  std::vector<uint8_t> body;
+  while (writer_started) {
+    const PipeChannel::ReadStatus status = channel_.ReadFrame();
+    if (status == PipeChannel::ReadStatus::kBadFrame) {
+      ServerLog(kLogRefusals, ClientTag(id_) + " sent a frame that cannot be delimited; closing");
+      break;
+    }
+    if (status != PipeChannel::ReadStatus::kFrame) break;
+    const MessageBuffer& input = channel_.Input();
+    bool keep_going = true;
+    if (dispatcher_.MayWait(input.Data(), input.Size())) {
+      std::vector<uint8_t> copy;
+      try {
+        copy.assign(input.Data(), input.Data() + input.Size());
+      } catch (const std::exception&) {
+        copy.clear();
+      }
+      channel_.ReleaseRead();
+      // A copy that could not be made ends the session: there is no memory to answer with.
+      keep_going = !copy.empty() && AnswerOnWorker(std::move(copy));
+    } else {
+      keep_going = Answer(input.Data(), input.Size());
+      channel_.ReleaseRead();
+    }
+    if (!keep_going) break;
+    JoinWorkers(true);
+  }
+  // Nothing is posted to this session once the registry has let it go; the changes this client
+  // started end with it, so its workers finish promptly.
+  registry_.RemoveClient(id_);
+  Stop();
+  JoinWorkers(false);
+  if (writer_.joinable()) writer_.join();
+  channel_.Close();
+  ServerLog(kLogClients, ClientTag(id_) + " disconnected");
+}
+
+bool ClientSession::Answer(const uint8_t* body, size_t size) {
+  auto answer = dispatcher_.Dispatch(id_, process_id_, body, size);
+  if (!answer.has_value()) {
+    ServerLog(kLogRefusals, ClientTag(id_) + " sent a request without a header; closing");
+    return false;
+  }
+  try {
+    Post(std::make_shared<const std::vector<uint8_t>>(std::move(*answer)));
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool ClientSession::AnswerOnWorker(std::vector<uint8_t> body) {
+  try {
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    auto request = std::make_shared<std::vector<uint8_t>>(std::move(body));
+    std::lock_guard lock(workers_mutex_);
+    workers_.emplace_back();
+    try {
+      workers_.back().done = done;
+      workers_.back().thread = std::thread([this, done, request] {
+        if (!Answer(request->data(), request->size())) Stop();
+        done->store(true);
+      });
+    } catch (const std::exception&) {
+      workers_.pop_back();
+      return Answer(request->data(), request->size());
+    }
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+void ClientSession::JoinWorkers(bool finished_only) {
+  std::list<Worker> ended;
+  {
+    std::lock_guard lock(workers_mutex_);
+    for (auto it = workers_.begin(); it != workers_.end();) {
+      if (!finished_only || it->done->load()) {
+        ended.splice(ended.end(), workers_, it++);
+      } else {
+        ++it;
+      }
+    }
+  }
+  for (Worker& worker : ended)
+    worker.thread.join();
+}
+
+void ClientSession::WriteLoop() {
+  for (;;) {
+    std::shared_ptr<const std::vector<uint8_t>> body;
+    {
+      std::unique_lock lock(queue_mutex_);
+      queue_cv_.wait(lock, [this] { return closing_ || !queue_.empty(); });
+      if (closing_) return;
+      body = std::move(queue_.front());
+      queue_.pop_front();
+      queued_bytes_ -= body->size();
+    }
+    if (!channel_.BeginWrite()) return;
+    const bool built = channel_.Output().Write(body->data(), body->size());
+    // A body that could not be copied must not go out in part: stopping first makes EndWrite
+    // write nothing.
+    if (!built) Stop();
+    if (channel_.EndWrite() != PipeChannel::WriteStatus::kWritten || !built) {
+      Stop();
+      return;
+    }
+  }
+}
+
+}  // namespace qv::server

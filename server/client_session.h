@@ -1,0 +1,103 @@
+#pragma once
+// One client of the server, from its connect request on the well-known pipe to the end of its
+// private pipe.
+//
+//   session thread:  handshake on the well-known pipe -> private pipe listens -> answer
+//                    -> the client opens the private pipe -> read, dispatch, queue the answer
+//   writer thread:   writes queued bodies (answers and notifications) one frame each, in order
+//
+// Requests whose handler may wait (power and connection changes) run on a thread of their own,
+// so that the client's other requests are answered meanwhile; the others are answered in the
+// order they came. Everything written to the client goes through the queue, so answers and
+// notifications reach it in the order they were produced and a client that does not read never
+// blocks anybody else: when its queue grows past a limit, it is dropped. A frame that cannot be
+// delimited (bad reserved word, body beyond the limit) ends the session; everything else gets an
+// answer.
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/pipe.h"
+#include "server/request_dispatcher.h"
+#include "server/target_registry.h"
+#include "serverlink/pipe_channel.h"
+
+namespace qv::server {
+
+// How long a client has from its connect request to opening its private pipe.
+inline constexpr std::chrono::milliseconds kHandshakeTimeLimit{10000};
+// The most bytes queued for one client before it counts as not reading.
+inline constexpr size_t kMaxQueuedBytes = 64u << 20;
+
+class ClientSession final : public ClientSink {
+ public:
+  ClientSession(uint64_t id, std::u16string private_pipe_name,
+                std::unique_ptr<platform::Pipe> well_known, TargetRegistry& registry,
+                const RequestDispatcher& dispatcher);
+  ~ClientSession() override;
+  ClientSession(const ClientSession&) = delete;
+  ClientSession& operator=(const ClientSession&) = delete;
+
+  // Starts the session thread; false when no thread can be had.
+  bool Start();
+  // Ends the session's waits; it then closes its pipes and ends. Any thread may call it.
+  void Stop();
+  // Joins the session's threads; the session is finished afterwards.
+  void Join();
+  bool Finished() const { return finished_.load(); }
+  // True while the handshake has taken longer than it may.
+  bool HandshakeOverdue(std::chrono::steady_clock::time_point now) const;
+
+  void Post(std::shared_ptr<const std::vector<uint8_t>> body) override;
+
+ private:
+  void Run();
+  bool Handshake();
+  void Serve();
+  void WriteLoop();
+  // Answers one request and queues the answer; false when the session must end.
+  bool Answer(const uint8_t* body, size_t size);
+  // Answers the request on a worker thread of its own; false when none can be had.
+  bool AnswerOnWorker(std::vector<uint8_t> body);
+  void JoinWorkers(bool finished_only);
+
+  const uint64_t id_;
+  const std::u16string private_pipe_name_;
+  TargetRegistry& registry_;
+  const RequestDispatcher& dispatcher_;
+  const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+  uint32_t process_id_ = 0;
+
+  platform::StopSignal stop_;  // the private listener's accept
+  PipeChannel well_known_;
+  PipeChannel channel_;
+  std::thread thread_;
+  std::thread writer_;
+
+  std::mutex queue_mutex_;
+  std::condition_variable queue_cv_;
+  std::deque<std::shared_ptr<const std::vector<uint8_t>>> queue_;  // guarded by queue_mutex_
+  size_t queued_bytes_ = 0;                                        // guarded by queue_mutex_
+  bool closing_ = false;                                           // guarded by queue_mutex_
+
+  struct Worker {
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> done;
+  };
+  std::mutex workers_mutex_;
+  std::list<Worker> workers_;  // guarded by workers_mutex_
+
+  std::atomic<bool> connected_{false};
+  std::atomic<bool> finished_{false};
+};
+
+}  // namespace qv::server

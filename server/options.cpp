@@ -1,0 +1,53 @@
+#include "server/options.h"
+
+namespace qv::server {
+
+bool ParseOptions(const std::vector<std::string>& args, Options& options, std::string& error) {
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& arg = args[i];
+    auto value = [&](std::string& out) {
+      if (i + 1 >= args.size() || args[i + 1].empty()) {
+        error = arg + " needs a value";
+        return false;
+      }
+      out = args[++i];
+      return true;
+    };
+    if (arg == "--help" || arg == "-h") {
+      options.show_help = true;
+    } else if (arg == "--version") {
+      options.show_version = true;
+    } else if (arg == "--scenario") {
+      if (!value(options.scenario_path)) return false;
+    } else if (arg == "--log-level") {
+      std::string level;
+      if (!value(level)) return false;
+      if (level.size() != 1 || level[0] < '0' || level[0] > '4') {
+        error = "--log-level takes a number from 0 to 4, not '" + level + "'";
+        return false;
+      }
+      options.log_level = level[0] - '0';
+    } else {
+      error = "unknown argument '" + arg + "'";
+      return false;
+    }
+  }
+  return true;
+}
+
+std::string UsageText() {
+  return "usage: vesta-kx [--scenario FILE] [--log-level N] [--version] [--help]\n"
+         "\n"
+         "The per-user server that tools reach through the vekxapi library. It serves virtual\n"
+         "development kits described by a scenario file, or by its built-in scenario.\n"
+         "\n"
+         "  --scenario FILE  the kits to simulate (YAML; see docs/scenarios.md)\n"
+         "  --log-level N    diagnostics on standard error: 0 none, 1 errors (default),\n"
+         "                   2 refused input, 3 clients, 4 every request\n"
+         "  --version        print the server's version and exit\n"
+         "  --help           print this text and exit\n"
+         "\n"
+         "SIGTERM or SIGINT ends it cleanly. Only one vesta-kx serves a user at a time.\n";
+}
+
+}  // namespace qv::server

@@ -1,0 +1,22 @@
+#pragma once
+// The command line of vesta-kx.
+
+#include <string>
+#include <vector>
+
+namespace qv::server {
+
+struct Options {
+  std::string scenario_path;  // empty: the built-in scenario
+  int log_level = 1;
+  bool show_version = false;
+  bool show_help = false;
+};
+
+// Parses argv[1..]; false with `error` set when an argument is not understood.
+bool ParseOptions(const std::vector<std::string>& args, Options& options, std::string& error);
+
+// The text --help prints.
+std::string UsageText();
+
+}  // namespace qv::server

@@ -1,0 +1,72 @@
+#pragma once
+// Turns one request body into one response body. Each operation the server implements has one
+// handler, registered under its type number; everything else is answered here:
+//
+//   no request header (fewer than 12 bytes)    -> no answer can be addressed: nullopt
+//   unknown type number                        -> KXAPI_SERVER_INVALID_REQUEST
+//   fields that do not decode, or extra bytes  -> KXAPI_SERVER_INVALID_REQUEST
+//   known operation without a handler          -> KXAPI_SERVER_NOT_IMPLEMENTED, naming it
+//   a handler that throws                      -> KXAPI_SERVER_EXCEPTION
+//
+// A failure answer carries only the response head (Result, ResultText, Sequence), which every
+// response class shares, so one can be written even for a type number nobody knows.
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "server/status.h"
+#include "serverlink/messages.h"
+
+namespace qv::server {
+
+// Who sent a request and what its header said.
+struct RequestContext {
+  uint64_t client_id = 0;
+  uint32_t process_id = 0;
+  uint32_t target = 0;
+  uint32_t sequence = 0;
+};
+
+class RequestDispatcher {
+ public:
+  using Handler = std::function<Status(const RequestContext&, CRequest&, CResponse&)>;
+
+  // Whether a handler answers at once or may wait for simulated time to pass.
+  enum class Timing { kImmediate, kMayWait };
+
+  // Registers the handler of the operation with request class Req and response class Resp;
+  // `handler` takes (const RequestContext&, Req&, Resp&) and returns a Status. A kMayWait
+  // handler is run off the client's reading thread, so that the client's other requests are
+  // served meanwhile.
+  template <class Req, class Resp, class Fn>
+  void Register(Fn handler, Timing timing = Timing::kImmediate) {
+    static_assert(Req::kTypeNumber == Resp::kTypeNumber, "request and response differ");
+    if (timing == Timing::kMayWait) waiting_.insert(Req::kTypeNumber);
+    handlers_[Req::kTypeNumber] = [handler](const RequestContext& context, CRequest& request,
+                                            CResponse& response) {
+      return handler(context, static_cast<Req&>(request), static_cast<Resp&>(response));
+    };
+  }
+  bool IsRegistered(uint32_t type_number) const { return handlers_.count(type_number) != 0; }
+  // Whether the request in `body` goes to a kMayWait handler.
+  bool MayWait(const uint8_t* body, size_t size) const;
+
+  // The response body (kind word, type number, response) for one request body; nullopt when
+  // the body is too short to hold a request header. Never throws.
+  std::optional<std::vector<uint8_t>> Dispatch(uint64_t client_id, uint32_t process_id,
+                                               const uint8_t* body, size_t size) const noexcept;
+
+  // Called with every request and response when set (packet logging).
+  std::function<void(const RequestContext&, const CRequest*, const CResponse&)> observer;
+
+ private:
+  std::unordered_map<uint32_t, Handler> handlers_;
+  std::unordered_set<uint32_t> waiting_;
+};
+
+}  // namespace qv::server

@@ -1,0 +1,61 @@
+#pragma once
+// The virtual kits the server simulates, as a scenario describes them: read from a YAML file
+// (vesta-kx --scenario FILE) or the built-in default. The format is documented in
+// docs/scenarios.md; scenarios/example.yaml is a commented example.
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "requests/target_states.h"
+
+namespace qv::server {
+
+struct KitTimings {
+  uint32_t boot_ms = 2000;       // off -> on
+  uint32_t power_off_ms = 1000;  // on -> off
+  uint32_t connect_ms = 100;     // time to bring up a connection
+};
+
+struct Kit {
+  std::u16string host;  // the host name clients add it by; unique (case-insensitive)
+  std::u16string name;  // the kit's own name; the host name when not given
+  std::vector<uint8_t> mac{0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
+  std::array<uint32_t, 4> sdk_version{5, 0, 10, 0};
+  PowerStatus power = PowerStatus::kOff;
+  bool reachable = true;
+  bool registered = true;   // in the target list from the start
+  bool is_default = false;  // the default target from the start
+  std::u16string address;   // IPv4 address that discovery answers with; empty: not discovered
+  KitTimings timings;
+};
+
+struct Scenario {
+  std::vector<Kit> kits;
+
+  // The kit whose host name is `host` (ASCII case-insensitive), or nullptr.
+  const Kit* FindKit(std::u16string_view host) const;
+};
+
+struct ScenarioResult {
+  std::optional<Scenario> scenario;
+  // "<file>:<line>: <what is wrong>" when the scenario was refused.
+  std::string error;
+};
+
+// Parses scenario text; `file_name` only names the source in error messages. A build without
+// yaml-cpp (Windows, for now) refuses every scenario text.
+ScenarioResult ParseScenario(const std::string& text, const std::string& file_name) noexcept;
+// Reads and parses the file at `path`.
+ScenarioResult LoadScenarioFile(const std::string& path) noexcept;
+
+// The built-in scenario: two reachable kits (one on and the default, one off) and one host that
+// does not answer.
+Scenario DefaultScenario();
+
+// ASCII case-insensitive equality, as host names compare.
+bool SameHost(std::u16string_view a, std::u16string_view b);
+
+}  // namespace qv::server

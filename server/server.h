@@ -1,0 +1,62 @@
+#pragma once
+// The server process's life: the instance lock first, then the well-known pipe, then the
+// readiness sign, so that "ready" always means "accepting". Run accepts clients until the stop
+// signal is set, then ends every session and takes everything back in reverse order.
+
+#include <condition_variable>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "platform/pipe.h"
+#include "platform/server_process.h"
+#include "server/client_session.h"
+#include "server/packet_log.h"
+#include "server/request_dispatcher.h"
+#include "server/scenario.h"
+#include "server/target_registry.h"
+
+namespace qv::server {
+
+class Server {
+ public:
+  // Process exit codes.
+  enum ExitCode : int { kExitOk = 0, kExitError = 1, kExitUsage = 2, kExitAlreadyRunning = 3 };
+
+  explicit Server(const Scenario& scenario);
+  ~Server();
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  // Takes the instance lock, listens and signals readiness. On failure returns the exit code
+  // and puts the reason into `message`.
+  int Start(std::string& message);
+  // Serves until `stop` is set; then stops every session and releases what Start took.
+  void Run(const platform::StopSignal& stop);
+
+ private:
+  void Janitor();
+  void StopAll();
+
+  TargetRegistry registry_;
+  PacketLog packet_log_;
+  RequestDispatcher dispatcher_;
+  std::u16string user_;
+  std::string runtime_dir_;
+  std::unique_ptr<platform::InstanceLock> instance_lock_;
+  std::unique_ptr<platform::PipeListener> listener_;
+  std::unique_ptr<platform::ReadinessMarker> readiness_;
+
+  std::mutex sessions_mutex_;
+  std::condition_variable janitor_cv_;
+  bool stopping_ = false;                               // guarded by sessions_mutex_
+  std::list<std::unique_ptr<ClientSession>> sessions_;  // guarded by sessions_mutex_
+  uint64_t next_client_id_ = 1;
+  std::mt19937_64 pipe_names_;
+};
+
+}  // namespace qv::server

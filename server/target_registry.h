@@ -1,0 +1,153 @@
+#pragma once
+// The targets that all clients of the server share, their simulated state, and who subscribed
+// to which notifications.
+//
+// One lock guards everything here. Notifications are encoded and handed to each subscribed
+// client's queue while it is held, so every client sees them in the order the changes happened.
+// A change that takes simulated time (power, connecting) is split into a start and a finish,
+// each under the lock, with the waiting in between done without it: other clients carry on.
+
+#include <array>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "requests/notifications.h"
+#include "requests/target_states.h"
+#include "requests/wire_types.h"
+#include "server/scenario.h"
+#include "server/status.h"
+
+namespace qv::server {
+
+// The receiving end of one client: takes whole encoded message bodies (kind word first) to
+// write to that client in order. Post never blocks.
+class ClientSink {
+ public:
+  virtual ~ClientSink() = default;
+  virtual void Post(std::shared_ptr<const std::vector<uint8_t>> body) = 0;
+};
+
+// A client as the registry knows it.
+struct ClientInfo {
+  uint64_t id = 0;          // unique for the server's lifetime, never 0
+  uint32_t process_id = 0;  // from the handshake
+};
+
+class TargetRegistry {
+ public:
+  explicit TargetRegistry(const Scenario& scenario);
+
+  void AddClient(const ClientInfo& client, ClientSink* sink);
+  // Drops the client's subscriptions and releases the targets it holds connected.
+  void RemoveClient(uint64_t client_id);
+  // Ends every simulated wait at once (the server is stopping).
+  void Shutdown();
+
+  Status AddTarget(std::u16string_view type, std::u16string_view host, uint32_t& handle);
+  Status DeleteTarget(uint32_t handle);
+  U32List TargetList() const;
+  U32List TargetsByHost(std::u16string_view host) const;
+  U32List TargetsByName(std::u16string_view name) const;
+  Status GetDefaultTarget(uint32_t& handle) const;
+  Status SetDefaultTarget(uint32_t handle);
+  Status TargetInfo(uint32_t handle, NameValueList& info) const;
+  Status TargetSummary(std::u16string_view host, NameValueList& summary) const;
+  Status HostName(uint32_t handle, std::u16string& host) const;
+  Status TargetName(uint32_t handle, bool cached, std::u16string& name) const;
+  Status SetTargetName(uint32_t handle, std::u16string_view name);
+  Status MacAddress(uint32_t handle, Bytes& mac) const;
+  Status SetCachedMacAddress(uint32_t handle, const Bytes& mac);
+  Status SetCachedSubnetMask(uint32_t handle, uint32_t mask);
+  Status CachedSubnetMask(uint32_t handle, uint32_t& mask) const;
+  Status SdkVersion(uint32_t handle, std::array<uint32_t, 4>& version) const;
+  Status BusyCount(uint32_t handle, uint32_t& count) const;
+  Status ConnectionInfo(uint32_t handle, std::u16string& info) const;
+  WStringList Discover() const;
+  // Searches the address ranges of `rules` for reachable kits, reporting what each rule found
+  // to the Server group's subscribers as TARGET_FIND_PROGRESS, the last one at 100 percent.
+  Status FindTargets(const FindRuleList& rules);
+
+  Status PowerStatusOf(uint32_t handle, PowerStatus& status) const;
+  // Power changes, each started on behalf of `client_id` (who may cancel it).
+  Status PowerOn(uint64_t client_id, uint32_t handle);
+  Status PowerOff(uint64_t client_id, uint32_t handle);
+  Status Reboot(uint64_t client_id, uint32_t handle);
+  Status ForcePowerOff(uint64_t client_id, uint32_t handle);
+  // Cancels the change under way on `handle` if `client_id` started it; success either way.
+  Status CancelCurrentCommand(uint64_t client_id, uint32_t handle);
+  // Cancels every change under way that `client_id` started.
+  void CancelClientCommands(uint64_t client_id);
+
+  Status Connect(uint64_t client_id, uint32_t handle);
+  Status Disconnect(uint64_t client_id, uint32_t handle);
+  Status ForceDisconnect(uint64_t client_id, uint32_t handle);
+  // Takes the connection as soon as nobody holds it: at once when it is free, else once its
+  // holder releases it (RELEASE_CONNECTION, TARGET_DISCONNECT or going away). The wait ends
+  // early when the client cancels its commands, the target is deleted or the server stops.
+  Status RequestConnection(uint64_t client_id, uint32_t handle);
+  Status ConnectionStateOf(uint64_t client_id, uint32_t handle, ConnectionState& state) const;
+
+  // Subscriptions: one entry per (client, group, key). The Server group's key is always
+  // 0xFFFFFFFF; the other groups' keys are target handles.
+  Status Subscribe(uint64_t client_id, EventGroup group, uint32_t key);
+  void Unsubscribe(uint64_t client_id, EventGroup group, uint32_t key);
+  size_t SubscriptionCount(uint64_t client_id) const;
+
+  // The process ids of the clients connected now, in the order they connected.
+  U32List ClientProcessIds() const;
+
+ private:
+  struct Target {
+    uint32_t handle = 0;
+    std::u16string type;
+    Kit kit;  // for a host no scenario names: unreachable, name = host
+    std::u16string cached_name;
+    uint32_t subnet_mask = 0;
+    uint64_t owner = 0;      // client holding the connection, 0 for none
+    uint32_t busy = 0;       // power or connection changes under way
+    uint64_t changer = 0;    // the client whose change is under way
+    bool cancelled = false;  // that change is to end early
+    bool deleted = false;
+  };
+  using TargetPtr = std::shared_ptr<Target>;
+  using Lock = std::unique_lock<std::mutex>;
+
+  TargetPtr Find(uint32_t handle) const;
+  // The target for `handle` or a failure naming the handle.
+  Status Lookup(uint32_t handle, TargetPtr& target) const;
+  // A failure for a kit that does not answer, or for a core dump asked to do a kit's work.
+  Status Reachable(const Target& target) const;
+  uint32_t NewHandle();
+  TargetPtr Register(std::u16string_view type, const Kit& kit);
+
+  void Notify(EventGroup group, uint32_t key, const CNotification& notification);
+  void NotifyPower(const Target& target, PowerOperation operation, PowerProgress progress);
+  // Waits `ms` of simulated time without the lock, or until `target` is deleted, its change
+  // cancelled or, with `until_owned`, the target taken by a client. False when the wait ended
+  // early or the server stops.
+  bool Sleep(Lock& lock, uint32_t ms, const Target& target, bool until_owned = false);
+  // Runs a timed power change: `from` states it may start in, `to` where it ends.
+  Status PowerChange(uint64_t client_id, uint32_t handle, PowerOperation operation, PowerStatus to);
+
+  mutable std::mutex mutex_;
+  std::condition_variable changed_cv_;  // shutdown, deletion, a connection taken
+  bool shutting_down_ = false;
+  const Scenario scenario_;
+  std::map<uint32_t, TargetPtr> targets_;
+  uint32_t next_handle_ = 1;
+  uint32_t default_handle_ = 0xFFFFFFFF;
+  std::map<uint64_t, std::pair<ClientInfo, ClientSink*>> clients_;
+  // (group, key) -> subscribed clients
+  std::map<std::pair<EventGroup, uint32_t>, std::set<uint64_t>> subscriptions_;
+  // Bumped when a client cancels its commands or goes away; its waits compare it.
+  std::map<uint64_t, uint64_t> cancel_generation_;
+};
+
+}  // namespace qv::server

@@ -1,0 +1,134 @@
+// Reading scenarios and the command line of vesta-kx.
+#include "server/scenario.h"
+
+#include <gtest/gtest.h>
+
+#include "server/options.h"
+
+namespace qv::server {
+namespace {
+
+TEST(ScenarioTest, ReadsEveryFieldOfAKit) {
+  const ScenarioResult result = ParseScenario(R"(kits:
+  - host: kit-a
+    name: Alpha
+    mac: "0A:1b:2C:3d:4E:5f"
+    sdk_version: 6.5.4.3
+    power: standby
+    reachable: false
+    registered: true
+    default: true
+    address: 10.0.0.7
+    timings: {boot_ms: 5, power_off_ms: 6, connect_ms: 7}
+  - host: kit-b
+)",
+                                              "kits.yaml");
+  ASSERT_TRUE(result.scenario.has_value()) << result.error;
+  ASSERT_EQ(result.scenario->kits.size(), 2u);
+  const Kit& a = result.scenario->kits[0];
+  EXPECT_EQ(a.host, u"kit-a");
+  EXPECT_EQ(a.name, u"Alpha");
+  EXPECT_EQ(a.mac, (std::vector<uint8_t>{0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f}));
+  EXPECT_EQ(a.sdk_version, (std::array<uint32_t, 4>{6, 5, 4, 3}));
+  EXPECT_EQ(a.power, PowerStatus::kStandby);
+  EXPECT_FALSE(a.reachable);
+  EXPECT_TRUE(a.is_default);
+  EXPECT_EQ(a.address, u"10.0.0.7");
+  EXPECT_EQ(a.timings.boot_ms, 5u);
+  EXPECT_EQ(a.timings.power_off_ms, 6u);
+  EXPECT_EQ(a.timings.connect_ms, 7u);
+  // Defaults: the name is the host, reachable, registered, off, not discovered.
+  const Kit& b = result.scenario->kits[1];
+  EXPECT_EQ(b.name, u"kit-b");
+  EXPECT_TRUE(b.reachable);
+  EXPECT_TRUE(b.registered);
+  EXPECT_EQ(b.power, PowerStatus::kOff);
+  EXPECT_TRUE(b.address.empty());
+  EXPECT_NE(result.scenario->FindKit(u"KIT-B"), nullptr);
+}
+
+TEST(ScenarioTest, RefusesMistakesWithTheirLine) {
+  struct Case {
+    const char* text;
+    const char* error;
+  };
+  const Case cases[] = {
+      {"kits:\n  - host: a\n    power: sideways\n",
+       "s.yaml:3: 'power' must be on, off or standby, not 'sideways'"},
+      {"kits:\n  - host: a\n    hots: b\n", "s.yaml:3: unknown key 'hots' in a kit"},
+      {"kits:\n  - name: a\n", "s.yaml:2: a kit needs a 'host'"},
+      {"kits:\n  - host: a\n  - host: A\n", "s.yaml:3: host 'A' is listed twice"},
+      {"kits:\n  - host: a\n    mac: 00:11:22:33:44\n", "s.yaml:3: 'mac' must be six hex"},
+      {"kits:\n  - host: a\n    sdk_version: 1.2.3\n", "s.yaml:3: 'sdk_version' must be 4"},
+      {"kits:\n  - host: a\n    address: 10.0.0.256\n", "s.yaml:3: 'address' must be 4"},
+      {"kits:\n  - host: a\n    timings: {boot_ms: -1}\n", "s.yaml:3: 'boot_ms' must be a whole"},
+      {"kits:\n  - host: a\n    reachable: maybe\n", "s.yaml:3: 'reachable' must be true or false"},
+      {"kits:\n  - host: a\n    default: true\n  - host: b\n    default: true\n",
+       "s.yaml:5: only one kit can be default"},
+      {"kits:\n  - host: a\n    registered: false\n    default: true\n",
+       "s.yaml:4: a default kit must be registered"},
+      {"kits: {host: a}\n", "s.yaml:1: 'kits' must be a list"},
+      {"targets: []\n", "s.yaml:1: unknown key 'targets' in the scenario"},
+      {"kits:\n  - host: [a\n", "s.yaml:"},
+  };
+  for (const Case& c : cases) {
+    const ScenarioResult result = ParseScenario(c.text, "s.yaml");
+    EXPECT_FALSE(result.scenario.has_value()) << c.text;
+    EXPECT_EQ(result.error.rfind(c.error, 0), 0u) << c.text << "\n  got: " << result.error;
+  }
+}
+
+TEST(ScenarioTest, TheBuiltInScenarioHasTwoReachableKitsAndOneHostThatDoesNotAnswer) {
+  const Scenario scenario = DefaultScenario();
+  int reachable = 0;
+  int unreachable = 0;
+  int defaults = 0;
+  for (const Kit& kit : scenario.kits) {
+    (kit.reachable ? reachable : unreachable) += 1;
+    defaults += kit.is_default ? 1 : 0;
+  }
+  EXPECT_EQ(reachable, 2);
+  EXPECT_EQ(unreachable, 1);
+  EXPECT_EQ(defaults, 1);
+  // An empty file is an empty scenario, not an error.
+  EXPECT_TRUE(ParseScenario("", "empty.yaml").scenario.has_value());
+}
+
+TEST(ScenarioTest, TheExampleScenarioParses) {
+  const ScenarioResult result = LoadScenarioFile(VEKX_SOURCE_DIR "/scenarios/example.yaml");
+  ASSERT_TRUE(result.scenario.has_value()) << result.error;
+  EXPECT_EQ(result.scenario->kits.size(), 4u);
+}
+
+TEST(OptionsTest, ParsesWhatItKnowsAndNamesWhatItDoesNot) {
+  struct Case {
+    std::vector<std::string> args;
+    bool ok;
+    const char* error;
+  };
+  const Case cases[] = {
+      {{"--scenario", "kits.yaml", "--log-level", "4"}, true, ""},
+      {{"--log-level", "5"}, false, "--log-level takes a number from 0 to 4, not '5'"},
+      {{"--log-level", "12"}, false, "--log-level takes a number from 0 to 4, not '12'"},
+      {{"--scenario"}, false, "--scenario needs a value"},
+      {{"--scenario", ""}, false, "--scenario needs a value"},
+      {{"kits.yaml"}, false, "unknown argument 'kits.yaml'"},
+  };
+  for (const Case& c : cases) {
+    Options options;
+    std::string error;
+    EXPECT_EQ(ParseOptions(c.args, options, error), c.ok) << c.args[0];
+    EXPECT_EQ(error, c.error);
+  }
+  Options options;
+  std::string error;
+  ASSERT_TRUE(
+      ParseOptions({"--scenario", "kits.yaml", "--log-level", "4", "--version"}, options, error));
+  EXPECT_EQ(options.scenario_path, "kits.yaml");
+  EXPECT_EQ(options.log_level, 4);
+  EXPECT_TRUE(options.show_version);
+  EXPECT_FALSE(options.show_help);
+}
+
+}  // namespace
+}  // namespace qv::server

@@ -1,0 +1,330 @@
+#pragma once
+// Running the real vesta-kx for a test: a private runtime directory per test process (through
+// XDG_RUNTIME_DIR, which the server and this process both read), a scenario file, the process
+// itself, and clients that talk to it through the server link or byte by byte.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/child_process.h"
+#include "platform/pipe.h"
+#include "platform/process_identity.h"
+#include "platform/server_process.h"
+#include "platform/wide_string.h"
+#include "requests/catalogue.h"
+#include "requests/notifications.h"
+#include "serverlink/frame.h"
+#include "serverlink/handshake.h"
+#include "serverlink/server_link.h"
+#include "vekxapi/result_codes.h"
+
+namespace qv::servertest {
+
+inline constexpr uint32_t kNone = 0xFFFFFFFF;
+
+// A scenario with short timings, so that power and connection changes take a few milliseconds.
+inline constexpr char kQuickScenario[] = R"(kits:
+  - host: kit-one
+    name: One
+    mac: "02:00:00:00:00:01"
+    sdk_version: 5.1.2.3
+    power: on
+    default: true
+    address: 10.1.0.1
+    timings: {boot_ms: 30, power_off_ms: 20, connect_ms: 10}
+  - host: kit-two
+    name: Two
+    power: off
+    address: 10.1.0.2
+    timings: {boot_ms: 30, power_off_ms: 20, connect_ms: 10}
+  - host: kit-gone
+    reachable: false
+  - host: kit-slow
+    power: off
+    timings: {boot_ms: 20000}
+  - host: kit-spare
+    registered: false
+)";
+
+inline std::atomic<bool> g_test_root_made{false};
+
+// The runtime directory of this test process, set up once.
+inline const std::filesystem::path& TestRoot() {
+  static const std::filesystem::path root = [] {
+    const auto base = std::filesystem::temp_directory_path() /
+                      ("vkx-srv-" + std::to_string(platform::CurrentProcessId()));
+    std::filesystem::remove_all(base);
+    std::filesystem::create_directories(base);
+    std::filesystem::permissions(base, std::filesystem::perms::owner_all,
+                                 std::filesystem::perm_options::replace);
+    platform::SetEnvironmentValue("XDG_RUNTIME_DIR", base.string());
+    g_test_root_made = true;
+    return base;
+  }();
+  return root;
+}
+
+// Removes the test process's directory at the end when every test passed; after a failure it
+// stays, with the servers' output files, for a look.
+class TestRootCleanup : public ::testing::Environment {
+ public:
+  void TearDown() override {
+    if (g_test_root_made && ::testing::UnitTest::GetInstance()->Passed()) {
+      std::error_code ignored;
+      std::filesystem::remove_all(TestRoot(), ignored);
+    }
+  }
+};
+
+inline const bool kTestRootCleanupRegistered =
+    (::testing::AddGlobalTestEnvironment(new TestRootCleanup), true);
+
+inline std::string RunDir() {
+  TestRoot();
+  return platform::ServerRuntimeDirectory().value_or("");
+}
+
+inline std::string ReadText(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+inline bool WaitUntil(const std::function<bool()>& done, int timeout_ms = 10000) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+// One vesta-kx process.
+class ServerProcess {
+ public:
+  // Starts vesta-kx with `args`; its output goes to a file that Output() reads.
+  explicit ServerProcess(const std::vector<std::string>& args, const std::string& tag = "server") {
+    output_ = TestRoot() / (tag + ".out");
+    process_ = platform::ChildProcess::Start(VEKX_SERVER_EXECUTABLE, args, output_.string());
+  }
+  bool Started() const { return process_ != nullptr; }
+  // Waits until the server signals readiness.
+  bool WaitReady() const {
+    return WaitUntil(
+        [] { return platform::ServerIsReady(platform::CurrentUserName(), RunDir(), 0); });
+  }
+  std::optional<int> Wait(uint32_t ms) { return process_->Wait(ms); }
+  void RequestStop() { process_->RequestStop(); }
+  std::string Output() const { return ReadText(output_); }
+
+ private:
+  std::filesystem::path output_;
+  std::unique_ptr<platform::ChildProcess> process_;
+};
+
+// Writes `text` to a scenario file and returns its path.
+inline std::string WriteScenario(const std::string& text, const std::string& name = "scenario") {
+  const auto path = TestRoot() / (name + ".yaml");
+  std::ofstream(path, std::ios::binary) << text;
+  return path.string();
+}
+
+// A client over the library's server link, keeping every notification it receives.
+class Client {
+ public:
+  Client() {
+    ServerLink::Hooks hooks;
+    hooks.notification = [this](std::shared_ptr<CNotification> notification) {
+      std::lock_guard lock(mutex_);
+      notifications_.push_back(std::move(notification));
+      cv_.notify_all();
+    };
+    link_ = std::make_unique<ServerLink>(
+        ResponseFactory(), NotificationFactory(),
+        ServerLink::ServerNames{platform::CurrentUserName(), RunDir()}, std::move(hooks));
+  }
+  ~Client() { link_->Shutdown(); }
+
+  // Sends `request` about `target` and returns the response (LinkStatus failures fail the test
+  // and leave Result at KXAPI_UNKNOWN).
+  template <class Response, class Request>
+  Response Call(uint32_t target, const Request& request) {
+    Response response;
+    uint32_t sequence = 0;
+    const LinkStatus status = link_->SendAndWait(target, request, response, sequence);
+    EXPECT_EQ(status, LinkStatus::kSuccess) << platform::Utf16ToUtf8(request.GetName());
+    if (status != LinkStatus::kSuccess) response.Result = static_cast<uint32_t>(KXAPI_UNKNOWN);
+    return response;
+  }
+
+  // Waits until `count` notifications have arrived (at most 10 s) and returns all of them.
+  std::vector<std::shared_ptr<CNotification>> WaitNotifications(size_t count) {
+    std::unique_lock lock(mutex_);
+    cv_.wait_for(lock, std::chrono::seconds(10), [&] { return notifications_.size() >= count; });
+    return notifications_;
+  }
+  std::vector<std::shared_ptr<CNotification>> Notifications() {
+    std::lock_guard lock(mutex_);
+    return notifications_;
+  }
+  // The wire names of the notifications so far, in order.
+  std::vector<std::string> NotificationNames() {
+    std::vector<std::string> names;
+    for (const auto& notification : Notifications())
+      names.push_back(platform::Utf16ToUtf8(notification->GetName()));
+    return names;
+  }
+  void ClearNotifications() {
+    std::lock_guard lock(mutex_);
+    notifications_.clear();
+  }
+  ServerLink& link() { return *link_; }
+
+ private:
+  std::unique_ptr<ServerLink> link_;
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  std::vector<std::shared_ptr<CNotification>> notifications_;
+};
+
+template <class Notification>
+const Notification* As(const std::shared_ptr<CNotification>& notification) {
+  return dynamic_cast<const Notification*>(notification.get());
+}
+
+// A client that speaks the wire byte by byte, to send what the library never would. Every read
+// gives up after a time limit instead of hanging the test.
+class RawClient {
+ public:
+  RawClient() {
+    watchdog_ = std::thread([this] {
+      std::unique_lock lock(mutex_);
+      cv_.wait_for(lock, std::chrono::seconds(20), [this] { return done_; });
+      stop_.Set();
+    });
+  }
+  ~RawClient() {
+    {
+      std::lock_guard lock(mutex_);
+      done_ = true;
+    }
+    cv_.notify_all();
+    watchdog_.join();
+  }
+
+  // Opens the well-known pipe only.
+  bool OpenWellKnown() {
+    uint32_t error = 0;
+    return platform::Pipe::Connect(
+               std::u16string(kWellKnownPipeNamePrefix) + platform::CurrentUserName(), 5000, pipe_,
+               error) == platform::IoResult::kOk;
+  }
+  // The whole handshake, ending on the private pipe.
+  bool Connect() {
+    if (!OpenWellKnown()) return false;
+    ConnectRequest request;
+    request.process_id = platform::CurrentProcessId();
+    request.client_number = 7;
+    MessageBuffer out;
+    std::vector<uint8_t> answer;
+    if (!request.Encode(out) || !WriteFrame(out.Data(), out.Size()) || !ReadFrame(answer)) {
+      return false;
+    }
+    MessageBuffer in(answer.data(), answer.size());
+    ConnectResponse response;
+    if (!response.Decode(in) || response.version != kProtocolVersionWords) return false;
+    pipe_.reset();
+    uint32_t error = 0;
+    return platform::Pipe::Connect(response.private_pipe, 5000, pipe_, error) ==
+           platform::IoResult::kOk;
+  }
+  bool WriteRaw(const void* data, size_t size) {
+    const std::span<const uint8_t> parts[] = {{static_cast<const uint8_t*>(data), size}};
+    return pipe_->Write(parts, stop_) == platform::IoResult::kOk;
+  }
+  bool WriteFrame(const void* body, size_t size) {
+    const auto header = EncodeFrameHeader(static_cast<uint32_t>(size));
+    return WriteRaw(header.data(), header.size()) && (size == 0 || WriteRaw(body, size));
+  }
+  // A request with its header; `fields` follow it as given.
+  bool WriteRequest(uint32_t type_number, uint32_t target, uint32_t sequence,
+                    const std::vector<uint8_t>& fields) {
+    MessageBuffer out;
+    WriteRequestHeader(out, type_number, target, sequence);
+    out.Write(fields.data(), fields.size());
+    return WriteFrame(out.Data(), out.Size());
+  }
+  // Reads one frame's body; false when the pipe ends (or the time limit passes).
+  bool ReadFrame(std::vector<uint8_t>& body) {
+    uint8_t header[kFrameHeaderBytes];
+    uint32_t length = 0;
+    if (pipe_->ReadExact(header, sizeof header, stop_) != platform::IoResult::kOk) return false;
+    if (ParseFrameHeader(header, length) != FrameHeaderCheck::kOk) return false;
+    body.resize(length);
+    return length == 0 || pipe_->ReadExact(body.data(), length, stop_) == platform::IoResult::kOk;
+  }
+  // Reads frames until a response arrives and decodes its head.
+  bool ReadResponseHead(uint32_t& type_number, CResponse& head) {
+    std::vector<uint8_t> body;
+    while (ReadFrame(body)) {
+      MessageBuffer in(body.data(), body.size());
+      uint32_t kind = 0;
+      if (!ReadField(in, kind) || !ReadField(in, type_number)) return false;
+      if (kind == 0) return head.CResponse::Deserialize(in);
+    }
+    return false;
+  }
+  // True when the server has closed the pipe (a read ends without data).
+  bool ClosedByServer() {
+    std::vector<uint8_t> body;
+    return !ReadFrame(body) && !stop_.IsSet();
+  }
+
+ private:
+  platform::StopSignal stop_;
+  std::unique_ptr<platform::Pipe> pipe_;
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  bool done_ = false;
+  std::thread watchdog_;
+};
+
+// A fixture that starts vesta-kx on kQuickScenario (or the built-in one) and stops it at the end,
+// expecting a clean exit.
+class ServerTest : public ::testing::Test {
+ protected:
+  void StartServer(bool built_in = false) {
+    std::vector<std::string> args{"--log-level", "2"};
+    if (!built_in) {
+      args.push_back("--scenario");
+      args.push_back(WriteScenario(kQuickScenario));
+    }
+    server_ = std::make_unique<ServerProcess>(args);
+    ASSERT_TRUE(server_->Started());
+    ASSERT_TRUE(server_->WaitReady()) << server_->Output();
+  }
+  void SetUp() override { StartServer(); }
+  void TearDown() override {
+    if (server_ == nullptr) return;
+    server_->RequestStop();
+    const std::optional<int> code = server_->Wait(10000);
+    EXPECT_EQ(code, std::optional<int>(0)) << server_->Output();
+  }
+
+  std::unique_ptr<ServerProcess> server_;
+};
+
+}  // namespace qv::servertest

@@ -1,0 +1,154 @@
+// A client that sends what the library never would: the server answers what it can address,
+// closes what it cannot delimit, and keeps serving everybody else.
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "platform/wide_string.h"
+#include "server_harness.h"
+
+namespace qv::servertest {
+namespace {
+
+class HostileTest : public ServerTest {
+ protected:
+  // The well-behaved client still gets its answers.
+  void ExpectServerServes() {
+    const auto version = good_.Call<CGetServerVersionResponse>(kNone, CGetServerVersionRequest{});
+    EXPECT_EQ(version.Result, 0u);
+    EXPECT_EQ(version.Major, 5u);
+  }
+
+  Client good_;
+};
+
+std::vector<uint8_t> Words(std::initializer_list<uint32_t> words) {
+  std::vector<uint8_t> bytes;
+  for (uint32_t word : words) {
+    for (int i = 0; i < 4; ++i)
+      bytes.push_back(static_cast<uint8_t>(word >> (8 * i)));
+  }
+  return bytes;
+}
+
+TEST_F(HostileTest, RequestsThatCannotBeDecodedAreAnsweredAndTheConnectionStays) {
+  RawClient raw;
+  ASSERT_TRUE(raw.Connect());
+  struct Case {
+    const char* what;
+    uint32_t type_number;
+    std::vector<uint8_t> fields;
+    eErrorCode expected;
+    const char* text;
+  };
+  const Case cases[] = {
+      {"unknown type number", 0x01020304, {}, KXAPI_SERVER_INVALID_REQUEST, "0x01020304"},
+      // A string count that promises more units than follow.
+      {"truncated string", CAddTargetRequest::kTypeNumber, Words({50, 0x00410041}),
+       KXAPI_SERVER_INVALID_REQUEST, "ADD_TARGET"},
+      {"missing field",
+       CSetDefaultTargetRequest::kTypeNumber,
+       {1, 0},
+       KXAPI_SERVER_INVALID_REQUEST,
+       "SET_DEFAULT_TARGET"},
+      {"bytes after the fields",
+       CGetTargetListRequest::kTypeNumber,
+       {0},
+       KXAPI_SERVER_INVALID_REQUEST,
+       "GET_TARGET_LIST"},
+      {"operation not implemented",
+       CCaptureScreenShotRequest::kTypeNumber,
+       {},
+       KXAPI_SERVER_NOT_IMPLEMENTED,
+       "CAPTURE_SCREEN_SHOT"},
+  };
+  uint32_t sequence = 100;
+  for (const Case& c : cases) {
+    ASSERT_TRUE(raw.WriteRequest(c.type_number, kNone, ++sequence, c.fields)) << c.what;
+    uint32_t type_number = 0;
+    CResponse head;
+    ASSERT_TRUE(raw.ReadResponseHead(type_number, head)) << c.what;
+    EXPECT_EQ(type_number, c.type_number) << c.what;
+    EXPECT_EQ(head.Sequence, sequence) << c.what;
+    EXPECT_EQ(head.Result, static_cast<uint32_t>(c.expected)) << c.what;
+    EXPECT_NE(platform::Utf16ToUtf8(head.ResultText).find(c.text), std::string::npos)
+        << c.what << ": " << platform::Utf16ToUtf8(head.ResultText);
+  }
+  // The same connection still serves a well-formed request.
+  ASSERT_TRUE(raw.WriteRequest(CGetServerVersionRequest::kTypeNumber, kNone, 999, {}));
+  uint32_t type_number = 0;
+  CResponse head;
+  ASSERT_TRUE(raw.ReadResponseHead(type_number, head));
+  EXPECT_EQ(head.Result, 0u);
+  EXPECT_EQ(head.Sequence, 999u);
+}
+
+TEST_F(HostileTest, FramesThatCannotBeDelimitedCloseThatConnectionOnly) {
+  struct Case {
+    const char* what;
+    std::vector<uint8_t> bytes;
+  };
+  const Case cases[] = {
+      {"bad reserved word", Words({1, 12, 0, 0})},
+      {"body beyond the limit", Words({0, kMaxFrameBodyBytes + 1, 0, 0})},
+      {"frame without a request header", Words({0, 4, 0, 0, 7})},
+  };
+  for (const Case& c : cases) {
+    RawClient raw;
+    ASSERT_TRUE(raw.Connect()) << c.what;
+    ASSERT_TRUE(raw.WriteRaw(c.bytes.data(), c.bytes.size())) << c.what;
+    EXPECT_TRUE(raw.ClosedByServer()) << c.what;
+    ExpectServerServes();
+  }
+}
+
+TEST_F(HostileTest, ABadHandshakeIsRefusedAndTheWellKnownPipeKeepsServing) {
+  const std::vector<uint8_t> requests[] = {
+      Words({12345, 1, 2}),     // wrong magic word
+      Words({32768, 1}),        // too short
+      Words({32768, 1, 2, 3}),  // too long
+  };
+  for (const auto& body : requests) {
+    RawClient raw;
+    ASSERT_TRUE(raw.OpenWellKnown());
+    ASSERT_TRUE(raw.WriteFrame(body.data(), body.size()));
+    EXPECT_TRUE(raw.ClosedByServer());
+  }
+  // A client that connects and says nothing does not hold up the next one.
+  RawClient silent;
+  ASSERT_TRUE(silent.OpenWellKnown());
+  ExpectServerServes();
+}
+
+TEST_F(HostileTest, RandomRequestsNeitherCrashNorHangTheServer) {
+  // A bounded fuzz of the request path: valid frames around random bodies, some with the type
+  // number of a real operation, and every one must be answered.
+  std::mt19937 random(20240611);
+  const auto entries = RequestFactory().Entries();
+  RawClient raw;
+  ASSERT_TRUE(raw.Connect());
+  for (uint32_t sequence = 1; sequence <= 300; ++sequence) {
+    std::vector<uint8_t> fields(random() % 64);
+    for (uint8_t& byte : fields)
+      byte = static_cast<uint8_t>(random());
+    // Small counts are more interesting than huge ones: sometimes start with one.
+    if (!fields.empty() && random() % 2 == 0) fields[0] = static_cast<uint8_t>(random() % 4);
+    for (size_t i = 1; i < std::min<size_t>(fields.size(), 4); ++i)
+      if (random() % 2 == 0) fields[i] = 0;
+    const uint32_t type_number =
+        random() % 4 == 0 ? random() : entries[random() % entries.size()].type_number;
+    // The target is a real one or anything at all. Handles 1 to 3 are the quick kits, whose
+    // power and connection changes take milliseconds (kit-slow, handle 4, is left out).
+    const uint32_t target = random() % 2 == 0 ? 1 + random() % 3 : random();
+    ASSERT_TRUE(raw.WriteRequest(type_number, target, sequence, fields));
+    uint32_t answered_type = 0;
+    CResponse head;
+    ASSERT_TRUE(raw.ReadResponseHead(answered_type, head)) << "request " << sequence;
+    EXPECT_EQ(head.Sequence, sequence);
+    EXPECT_EQ(answered_type, type_number);
+  }
+  ExpectServerServes();
+}
+
+}  // namespace
+}  // namespace qv::servertest

@@ -1,0 +1,84 @@
+// vesta-kx as a process: one per user, a clean end on SIGTERM, its options and its refusal of a
+// bad scenario.
+#include <gtest/gtest.h>
+
+#include "server_harness.h"
+
+namespace qv::servertest {
+namespace {
+
+std::filesystem::path WellKnownSocket() {
+  return std::filesystem::path(RunDir()) /
+         ("qv_ve_svr_" + platform::Utf16ToUtf8(platform::CurrentUserName()));
+}
+
+TEST(ServerProcessTest, ASecondServerExitsAtOnceAndTheFirstEndsCleanlyOnSigterm) {
+  ServerProcess first({"--log-level", "4"}, "first");
+  ASSERT_TRUE(first.Started());
+  ASSERT_TRUE(first.WaitReady()) << first.Output();
+  EXPECT_TRUE(std::filesystem::exists(WellKnownSocket()));
+
+  ServerProcess second({}, "second");
+  ASSERT_TRUE(second.Started());
+  EXPECT_EQ(second.Wait(10000), std::optional<int>(3));
+  EXPECT_NE(second.Output().find("another vesta-kx already serves"), std::string::npos)
+      << second.Output();
+
+  // The first one still serves, on the built-in scenario.
+  {
+    Client client;
+    const auto list = client.Call<CGetTargetListResponse>(kNone, CGetTargetListRequest{});
+    EXPECT_EQ(list.Targets.size(), 3u);
+  }
+  first.RequestStop();
+  EXPECT_EQ(first.Wait(10000), std::optional<int>(0)) << first.Output();
+  // Level 4 logs every request with its result.
+  EXPECT_NE(first.Output().find("GET_TARGET_LIST target 4294967295 -> 0x00000000"),
+            std::string::npos)
+      << first.Output();
+  EXPECT_FALSE(std::filesystem::exists(WellKnownSocket()));
+  EXPECT_FALSE(platform::ServerIsReady(platform::CurrentUserName(), RunDir(), 0));
+
+  // With the first gone, a new one may serve.
+  ServerProcess third({}, "third");
+  ASSERT_TRUE(third.WaitReady()) << third.Output();
+  third.RequestStop();
+  EXPECT_EQ(third.Wait(10000), std::optional<int>(0));
+}
+
+TEST(ServerProcessTest, OptionsThatEndAtOnce) {
+  struct Case {
+    std::vector<std::string> args;
+    int code;
+    const char* output;
+  };
+  const Case cases[] = {
+      {{"--version"}, 0, "vesta-kx 5.0.10.0"},
+      {{"--help"}, 0, "--scenario FILE"},
+      {{"--log-level", "9"}, 2, "from 0 to 4"},
+      {{"--scenario"}, 2, "needs a value"},
+      {{"--runtime-dir", "/tmp"}, 2, "unknown argument '--runtime-dir'"},
+      {{"--scenario", "/nonexistent/kits.yaml"}, 2, "/nonexistent/kits.yaml: cannot be opened"},
+  };
+  for (const Case& c : cases) {
+    ServerProcess process(c.args, "options");
+    ASSERT_TRUE(process.Started());
+    EXPECT_EQ(process.Wait(10000), std::optional<int>(c.code)) << c.args[0];
+    EXPECT_NE(process.Output().find(c.output), std::string::npos) << process.Output();
+  }
+  // None of them left a server behind.
+  EXPECT_FALSE(platform::ServerIsReady(platform::CurrentUserName(), RunDir(), 0));
+}
+
+TEST(ServerProcessTest, AScenarioWithAnErrorIsRefusedWithFileAndLine) {
+  const std::string path = WriteScenario("kits:\n  - host: a\n    power: sideways\n", "bad");
+  ServerProcess process({"--scenario", path}, "bad");
+  ASSERT_TRUE(process.Started());
+  EXPECT_EQ(process.Wait(10000), std::optional<int>(2));
+  EXPECT_NE(process.Output().find(path + ":3: 'power' must be on, off or standby"),
+            std::string::npos)
+      << process.Output();
+}
+
+}  // namespace
+}  // namespace qv::servertest

@@ -1,0 +1,553 @@
+// The target operations of a running vesta-kx, through the library's server link.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+
+#include "platform/wide_string.h"
+#include "requests/target_states.h"
+#include "server_harness.h"
+
+namespace qv::servertest {
+namespace {
+
+class TargetsTest : public ServerTest {
+ protected:
+  // The handle of a host the scenario registers.
+  uint32_t HandleOf(Client& client, const std::u16string& host) {
+    CGetTargetsByHostRequest request;
+    request.HostName = host;
+    const auto response = client.Call<CGetTargetsByHostResponse>(kNone, request);
+    EXPECT_EQ(response.Result, 0u);
+    EXPECT_EQ(response.Targets.size(), 1u) << platform::Utf16ToUtf8(host);
+    return response.Targets.empty() ? kNone : response.Targets[0];
+  }
+  template <class Request>
+  void Subscribe(Client& client, uint32_t key) {
+    using Response = std::conditional_t<std::is_same_v<Request, CRequestServerEventsRequest>,
+                                        CRequestServerEventsResponse, CRequestTargetEventsResponse>;
+    EXPECT_EQ(client.Call<Response>(key, Request{}).Result, 0u);
+  }
+
+  Client a_;
+  Client b_;
+};
+
+TEST_F(TargetsTest, ReportsItsVersionAndTheScenarioTargets) {
+  const auto version = a_.Call<CGetServerVersionResponse>(kNone, CGetServerVersionRequest{});
+  EXPECT_EQ(version.Result, 0u);
+  EXPECT_EQ((std::array<uint32_t, 4>{version.Major, version.Minor, version.Patch, version.Build}),
+            (std::array<uint32_t, 4>{5, 0, 10, 0}));
+
+  const auto list = a_.Call<CGetTargetListResponse>(kNone, CGetTargetListRequest{});
+  ASSERT_EQ(list.Result, 0u);
+  // kit-spare is known to the scenario but not registered.
+  ASSERT_EQ(list.Targets.size(), 4u);
+  std::vector<std::string> hosts;
+  for (uint32_t handle : list.Targets) {
+    EXPECT_NE(handle, kNone);
+    const auto host = a_.Call<CGetHostNameResponse>(handle, CGetHostNameRequest{});
+    EXPECT_EQ(host.Result, 0u);
+    hosts.push_back(platform::Utf16ToUtf8(host.HostName));
+  }
+  EXPECT_EQ(hosts, (std::vector<std::string>{"kit-one", "kit-two", "kit-gone", "kit-slow"}));
+
+  const auto by_default = a_.Call<CGetDefaultTargetResponse>(kNone, CGetDefaultTargetRequest{});
+  EXPECT_EQ(by_default.Result, 0u);
+  EXPECT_EQ(by_default.Handle, HandleOf(a_, u"KIT-ONE"));
+}
+
+TEST_F(TargetsTest, ListsTheProcessesOfItsClients) {
+  // Both clients connect; each is this test process.
+  EXPECT_EQ(b_.Call<CGetServerVersionResponse>(kNone, CGetServerVersionRequest{}).Result, 0u);
+  const auto pids = a_.Call<CGetClientPidsResponse>(kNone, CGetClientPidsRequest{});
+  EXPECT_EQ(pids.Result, 0u);
+  EXPECT_EQ(pids.ProcessIds, (U32List{platform::CurrentProcessId(), platform::CurrentProcessId()}));
+  b_.link().Disconnect();
+  EXPECT_TRUE(WaitUntil([&] {
+    return a_.Call<CGetClientPidsResponse>(kNone, CGetClientPidsRequest{}).ProcessIds.size() == 1;
+  }));
+}
+
+TEST_F(TargetsTest, AddingAHostTwiceGivesOneTargetAndOneNotification) {
+  Subscribe<CRequestServerEventsRequest>(b_, kNone);
+  // The second subscription changes nothing: still one notification per change.
+  Subscribe<CRequestServerEventsRequest>(b_, kNone);
+
+  CAddTargetRequest add;
+  add.TargetType = u"VE";
+  add.HostName = u"kit-spare";
+  const auto first = a_.Call<CAddTargetResponse>(kNone, add);
+  ASSERT_EQ(first.Result, 0u);
+  EXPECT_NE(first.Handle, kNone);
+  add.HostName = u"Kit-Spare";
+  const auto second = a_.Call<CAddTargetResponse>(kNone, add);
+  EXPECT_EQ(second.Result, 0u);
+  EXPECT_EQ(second.Handle, first.Handle);
+
+  // A later change proves that nothing else was queued for b in between.
+  CSetDefaultTargetRequest set_default;
+  set_default.Handle = first.Handle;
+  EXPECT_EQ(a_.Call<CSetDefaultTargetResponse>(kNone, set_default).Result, 0u);
+  const auto notifications = b_.WaitNotifications(2);
+  ASSERT_EQ(b_.NotificationNames(),
+            (std::vector<std::string>{"TARGET_ADDED", "DEFAULT_TARGET_CHANGED"}));
+  const auto* added = As<CTargetAddedNotification>(notifications[0]);
+  EXPECT_EQ(added->TargetKey, kNone);
+  EXPECT_EQ(added->HostName, u"kit-spare");
+  EXPECT_EQ(added->Handle, first.Handle);
+  const auto* changed = As<CDefaultTargetChangedNotification>(notifications[1]);
+  EXPECT_EQ(changed->OldHostName, u"kit-one");
+  EXPECT_EQ(changed->NewHostName, u"kit-spare");
+  EXPECT_EQ(changed->NewHandle, first.Handle);
+  // The client that made the changes did not subscribe and heard nothing.
+  EXPECT_TRUE(a_.Notifications().empty());
+}
+
+TEST_F(TargetsTest, RefusesBadTargetsWithAClearResult) {
+  struct Case {
+    const char* what;
+    std::u16string type;
+    std::u16string host;
+    eErrorCode expected;
+  };
+  const Case cases[] = {
+      {"unknown type", u"Console", u"kit-x", KXAPI_SERVER_INVALID_TARGET_TYPE},
+      {"empty host", u"VE", u"", KXAPI_SERVER_INVALID_ARG},
+  };
+  for (const Case& c : cases) {
+    CAddTargetRequest add;
+    add.TargetType = c.type;
+    add.HostName = c.host;
+    const auto response = a_.Call<CAddTargetResponse>(kNone, add);
+    EXPECT_EQ(response.Result, static_cast<uint32_t>(c.expected)) << c.what;
+    EXPECT_FALSE(response.ResultText.empty()) << c.what;
+  }
+  // Operations on a handle nobody registered.
+  EXPECT_EQ(a_.Call<CGetHostNameResponse>(4242, CGetHostNameRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+  EXPECT_EQ(a_.Call<CPowerOnResponse>(kNone, CPowerOnRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+  CSetDefaultTargetRequest set_default;
+  set_default.Handle = 4242;
+  EXPECT_EQ(a_.Call<CSetDefaultTargetResponse>(kNone, set_default).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+}
+
+TEST_F(TargetsTest, UnknownHostsCanBeAddedButNeverAnswer) {
+  CAddTargetRequest add;
+  add.TargetType = u"VE";
+  add.HostName = u"nobody.example";
+  const auto added = a_.Call<CAddTargetResponse>(kNone, add);
+  ASSERT_EQ(added.Result, 0u);
+  for (uint32_t handle : {added.Handle, HandleOf(a_, u"kit-gone")}) {
+    const auto connect = a_.Call<CTargetConnectResponse>(handle, CTargetConnectRequest{});
+    EXPECT_EQ(connect.Result, static_cast<uint32_t>(KXAPI_COMMS_ERR_NO_CONNECT));
+    EXPECT_NE(platform::Utf16ToUtf8(connect.ResultText).find("no kit answers"), std::string::npos);
+    EXPECT_EQ(a_.Call<CPowerStatusResponse>(handle, CPowerStatusRequest{}).Result,
+              static_cast<uint32_t>(KXAPI_COMMS_ERR_NO_CONNECT));
+  }
+  // The cached name does not need the kit.
+  const auto cached =
+      a_.Call<CGetCachedTargetNameResponse>(added.Handle, CGetCachedTargetNameRequest{});
+  EXPECT_EQ(cached.Result, 0u);
+  EXPECT_EQ(cached.Name, u"nobody.example");
+}
+
+TEST_F(TargetsTest, DeletingTheDefaultTargetTellsSubscribersAndForgetsIt) {
+  Subscribe<CRequestServerEventsRequest>(b_, kNone);
+  const uint32_t one = HandleOf(a_, u"kit-one");
+  EXPECT_EQ(a_.Call<CDeleteTargetResponse>(one, CDeleteTargetRequest{}).Result, 0u);
+  b_.WaitNotifications(2);
+  ASSERT_EQ(b_.NotificationNames(),
+            (std::vector<std::string>{"TARGET_DELETED", "DEFAULT_TARGET_CHANGED"}));
+  const auto notifications = b_.Notifications();
+  EXPECT_EQ(As<CTargetDeletedNotification>(notifications[0])->Handle, one);
+  EXPECT_EQ(As<CDefaultTargetChangedNotification>(notifications[1])->NewHandle, kNone);
+
+  EXPECT_EQ(a_.Call<CGetDefaultTargetResponse>(kNone, CGetDefaultTargetRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_NO_TARGET));
+  EXPECT_EQ(a_.Call<CGetHostNameResponse>(one, CGetHostNameRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+  EXPECT_EQ(a_.Call<CDeleteTargetResponse>(one, CDeleteTargetRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+  // Adding the host again gives a new handle, never the old one.
+  CAddTargetRequest add;
+  add.TargetType = u"VE";
+  add.HostName = u"kit-one";
+  const auto again = a_.Call<CAddTargetResponse>(kNone, add);
+  EXPECT_EQ(again.Result, 0u);
+  EXPECT_NE(again.Handle, one);
+}
+
+TEST_F(TargetsTest, FindsTargetsByHostAndByName) {
+  struct Case {
+    bool by_name;
+    std::u16string key;
+    size_t found;
+    eErrorCode result;
+  };
+  const Case cases[] = {
+      {false, u"kit-two", 1, KXAPI_SUCCESS},    {false, u"KIT-TWO", 1, KXAPI_SUCCESS},
+      {false, u"kit-spare", 0, KXAPI_SUCCESS},  {false, u"", 0, KXAPI_SERVER_INVALID_ARG},
+      {true, u"Two", 1, KXAPI_SUCCESS},         {true, u"kit-two", 0, KXAPI_SUCCESS},
+      {true, u"", 0, KXAPI_SERVER_INVALID_ARG},
+  };
+  for (const Case& c : cases) {
+    uint32_t result = 0;
+    size_t found = 0;
+    if (c.by_name) {
+      CGetTargetsByNameRequest request;
+      request.Name = c.key;
+      const auto response = a_.Call<CGetTargetsByNameResponse>(kNone, request);
+      result = response.Result;
+      found = response.Targets.size();
+    } else {
+      CGetTargetsByHostRequest request;
+      request.HostName = c.key;
+      const auto response = a_.Call<CGetTargetsByHostResponse>(kNone, request);
+      result = response.Result;
+      found = response.Targets.size();
+    }
+    EXPECT_EQ(result, static_cast<uint32_t>(c.result)) << platform::Utf16ToUtf8(c.key);
+    EXPECT_EQ(found, c.found) << platform::Utf16ToUtf8(c.key);
+  }
+}
+
+TEST_F(TargetsTest, PowerChangesRunTheirCourseAndRefuseWhatTheStateForbids) {
+  const uint32_t two = HandleOf(a_, u"kit-two");
+  Subscribe<CRequestTargetEventsRequest>(b_, two);
+  auto power = [&] {
+    const auto status = a_.Call<CPowerStatusResponse>(two, CPowerStatusRequest{});
+    EXPECT_EQ(status.Result, 0u);
+    return static_cast<PowerStatus>(status.PowerStatus);
+  };
+  EXPECT_EQ(power(), PowerStatus::kOff);
+  EXPECT_EQ(a_.Call<CPowerOffResponse>(two, CPowerOffRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_POWER_STATE));
+  EXPECT_EQ(a_.Call<CRebootResponse>(two, CRebootRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_POWER_STATE));
+  EXPECT_EQ(a_.Call<CPowerOnResponse>(two, CPowerOnRequest{}).Result, 0u);
+  EXPECT_EQ(power(), PowerStatus::kOn);
+  EXPECT_EQ(a_.Call<CPowerOnResponse>(two, CPowerOnRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_POWER_STATE));
+  EXPECT_EQ(a_.Call<CPowerOffResponse>(two, CPowerOffRequest{}).Result, 0u);
+  EXPECT_EQ(power(), PowerStatus::kOff);
+
+  const auto notifications = b_.WaitNotifications(8);
+  ASSERT_EQ(b_.NotificationNames(),
+            (std::vector<std::string>{"BUSY", "POWER_STATE", "POWER_STATE", "IDLE", "BUSY",
+                                      "POWER_STATE", "POWER_STATE", "IDLE"}));
+  struct Expected {
+    PowerOperation operation;
+    PowerProgress progress;
+  };
+  const Expected expected[] = {{PowerOperation::kPowerOn, PowerProgress::kStarted},
+                               {PowerOperation::kPowerOn, PowerProgress::kCompleted},
+                               {PowerOperation::kPowerOff, PowerProgress::kStarted},
+                               {PowerOperation::kPowerOff, PowerProgress::kCompleted}};
+  const size_t positions[] = {1, 2, 5, 6};
+  for (size_t i = 0; i < 4; ++i) {
+    const auto* state = As<CPowerStateNotification>(notifications[positions[i]]);
+    ASSERT_NE(state, nullptr);
+    EXPECT_EQ(state->TargetKey, two);
+    EXPECT_EQ(state->Operation, static_cast<uint32_t>(expected[i].operation)) << i;
+    EXPECT_EQ(state->Progress, static_cast<uint32_t>(expected[i].progress)) << i;
+  }
+}
+
+TEST_F(TargetsTest, ASlowRequestOfOneClientDoesNotHoldUpAnother) {
+  // kit-slow takes twenty seconds to boot; the other client's requests are answered meanwhile.
+  const uint32_t slow = HandleOf(a_, u"kit-slow");
+  std::future<uint32_t> power_on = std::async(std::launch::async, [&] {
+    return a_.Call<CPowerOnResponse>(slow, CPowerOnRequest{}).Result;
+  });
+  ASSERT_TRUE(WaitUntil([&] {
+    return b_.Call<CGetTargetBusyStateResponse>(slow, CGetTargetBusyStateRequest{}).BusyCount == 1;
+  }));
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(b_.Call<CGetTargetListResponse>(kNone, CGetTargetListRequest{}).Result, 0u);
+  }
+  // A second power change waits for nobody: it is refused at once while the first runs.
+  EXPECT_EQ(b_.Call<CPowerOnResponse>(slow, CPowerOnRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_BUSY));
+  EXPECT_EQ(power_on.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+  // Its own client ends it rather than wait twenty seconds.
+  EXPECT_EQ(a_.Call<CCancelMyCommandsResponse>(kNone, CCancelMyCommandsRequest{}).Result, 0u);
+  EXPECT_EQ(power_on.get(), static_cast<uint32_t>(KXAPI_COMMS_ERR_OPERATION_CANCELLED));
+  EXPECT_EQ(b_.Call<CGetTargetBusyStateResponse>(slow, CGetTargetBusyStateRequest{}).BusyCount, 0u);
+}
+
+TEST_F(TargetsTest, AClientIsAnsweredDuringItsOwnSlowRequestAndCanCancelIt) {
+  const uint32_t slow = HandleOf(a_, u"kit-slow");
+  std::future<CPowerOnResponse> power_on = std::async(
+      std::launch::async, [&] { return a_.Call<CPowerOnResponse>(slow, CPowerOnRequest{}); });
+  // The same client's other requests do not queue behind the power change.
+  ASSERT_TRUE(WaitUntil([&] {
+    return a_.Call<CGetTargetBusyStateResponse>(slow, CGetTargetBusyStateRequest{}).BusyCount == 1;
+  }));
+  // Another client cannot cancel it; its own client can.
+  EXPECT_EQ(b_.Call<CCancelMyCommandsResponse>(kNone, CCancelMyCommandsRequest{}).Result, 0u);
+  EXPECT_EQ(b_.Call<CCancelCurrentCommandResponse>(slow, CCancelCurrentCommandRequest{}).Result,
+            0u);
+  EXPECT_EQ(power_on.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+  EXPECT_EQ(a_.Call<CCancelCurrentCommandResponse>(slow, CCancelCurrentCommandRequest{}).Result,
+            0u);
+  const CPowerOnResponse cancelled = power_on.get();
+  EXPECT_EQ(cancelled.Result, static_cast<uint32_t>(KXAPI_COMMS_ERR_OPERATION_CANCELLED));
+  EXPECT_EQ(a_.Call<CPowerStatusResponse>(slow, CPowerStatusRequest{}).PowerStatus,
+            static_cast<uint32_t>(PowerStatus::kOff));
+  EXPECT_EQ(a_.Call<CCancelCurrentCommandResponse>(4242, CCancelCurrentCommandRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+}
+
+TEST_F(TargetsTest, ConnectionsBelongToOneClientAtATime) {
+  const uint32_t one = HandleOf(a_, u"kit-one");
+  Subscribe<CRequestTargetEventsRequest>(a_, one);
+  auto state = [&](Client& client) {
+    const auto response = client.Call<CConnectionStateResponse>(one, CConnectionStateRequest{});
+    EXPECT_EQ(response.Result, 0u);
+    return static_cast<ConnectionState>(response.State);
+  };
+  EXPECT_EQ(state(a_), ConnectionState::kAvailable);
+  EXPECT_EQ(a_.Call<CTargetConnectResponse>(one, CTargetConnectRequest{}).Result, 0u);
+  EXPECT_EQ(state(a_), ConnectionState::kConnected);
+  EXPECT_EQ(state(b_), ConnectionState::kInUse);
+  EXPECT_EQ(b_.Call<CTargetConnectResponse>(one, CTargetConnectRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_TARGET_IN_USE));
+  EXPECT_EQ(b_.Call<CTargetDisconnectResponse>(one, CTargetDisconnectRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_NOT_CONNECTED));
+
+  EXPECT_EQ(b_.Call<CForceDisconnectResponse>(one, CForceDisconnectRequest{}).Result, 0u);
+  EXPECT_EQ(state(a_), ConnectionState::kInUse);
+  EXPECT_EQ(state(b_), ConnectionState::kConnected);
+  const auto info = b_.Call<CGetConnectionInfoResponse>(one, CGetConnectionInfoRequest{});
+  EXPECT_EQ(info.Result, 0u);
+  EXPECT_FALSE(info.ConnectionInfo.empty());
+
+  const auto notifications = a_.WaitNotifications(4);
+  ASSERT_EQ(a_.NotificationNames(),
+            (std::vector<std::string>{"CONNECT", "CONNECTED", "FORCE_DISCONNECTED", "CONNECTED"}));
+  EXPECT_NE(platform::Utf16ToUtf8(As<CForceDisconnectedNotification>(notifications[2])->Requester)
+                .find("process"),
+            std::string::npos);
+
+  // A client that goes away gives its connections back.
+  b_.link().Disconnect();
+  EXPECT_TRUE(WaitUntil([&] { return state(a_) == ConnectionState::kAvailable; }));
+}
+
+TEST_F(TargetsTest, ARequestedConnectionIsHandedOverWhenItsHolderReleasesIt) {
+  const uint32_t one = HandleOf(a_, u"kit-one");
+  EXPECT_EQ(a_.Call<CTargetConnectResponse>(one, CTargetConnectRequest{}).Result, 0u);
+  std::future<uint32_t> requested = std::async(std::launch::async, [&] {
+    return b_.Call<CRequestConnectionResponse>(one, CRequestConnectionRequest{}).Result;
+  });
+  EXPECT_EQ(requested.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+  EXPECT_EQ(a_.Call<CReleaseConnectionResponse>(one, CReleaseConnectionRequest{}).Result, 0u);
+  EXPECT_EQ(requested.get(), 0u);
+  EXPECT_EQ(b_.Call<CConnectionStateResponse>(one, CConnectionStateRequest{}).State,
+            static_cast<uint32_t>(ConnectionState::kConnected));
+  EXPECT_EQ(b_.Call<CRequestConnectionResponse>(one, CRequestConnectionRequest{}).Result, 0u);
+  EXPECT_EQ(a_.Call<CReleaseConnectionResponse>(one, CReleaseConnectionRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_NOT_CONNECTED));
+
+  // A client that stops waiting cancels its request.
+  std::future<uint32_t> waiting = std::async(std::launch::async, [&] {
+    return a_.Call<CRequestConnectionResponse>(one, CRequestConnectionRequest{}).Result;
+  });
+  EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+  EXPECT_EQ(a_.Call<CCancelMyCommandsResponse>(kNone, CCancelMyCommandsRequest{}).Result, 0u);
+  EXPECT_EQ(waiting.get(), static_cast<uint32_t>(KXAPI_COMMS_ERR_OPERATION_CANCELLED));
+  EXPECT_EQ(b_.Call<CConnectionStateResponse>(one, CConnectionStateRequest{}).State,
+            static_cast<uint32_t>(ConnectionState::kConnected));
+}
+
+TEST_F(TargetsTest, NamesAndKitPropertiesComeFromTheScenario) {
+  const uint32_t one = HandleOf(a_, u"kit-one");
+  Subscribe<CRequestTargetEventsRequest>(b_, one);
+  const auto mac = a_.Call<CGetMacAddressResponse>(one, CGetMacAddressRequest{});
+  EXPECT_EQ(mac.MacAddress, (Bytes{0x02, 0, 0, 0, 0, 0x01}));
+  const auto sdk = a_.Call<CGetSdkVersionResponse>(one, CGetSdkVersionRequest{});
+  EXPECT_EQ((std::array<uint32_t, 4>{sdk.Major, sdk.Minor, sdk.Patch, sdk.Build}),
+            (std::array<uint32_t, 4>{5, 1, 2, 3}));
+  const auto info = a_.Call<CGetTargetInfoResponse>(one, CGetTargetInfoRequest{});
+  ASSERT_EQ(info.Result, 0u);
+  bool saw_name = false;
+  for (const NameValue& entry : info.Info)
+    saw_name = saw_name || (entry.Name == u"Name" && entry.Value == u"One");
+  EXPECT_TRUE(saw_name);
+
+  CSetTargetNameRequest rename;
+  rename.Name = u"Renamed";
+  EXPECT_EQ(a_.Call<CSetTargetNameResponse>(one, rename).Result, 0u);
+  EXPECT_EQ(a_.Call<CGetTargetNameResponse>(one, CGetTargetNameRequest{}).Name, u"Renamed");
+  CGetTargetsByNameRequest by_name;
+  by_name.Name = u"renamed";
+  EXPECT_EQ(a_.Call<CGetTargetsByNameResponse>(kNone, by_name).Targets, (U32List{one}));
+  rename.Name.clear();
+  EXPECT_EQ(a_.Call<CSetTargetNameResponse>(one, rename).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_ARG));
+
+  CSetCachedMacAddressRequest set_mac;
+  set_mac.MacAddress = {1, 2, 3};
+  EXPECT_EQ(a_.Call<CSetCachedMacAddressResponse>(one, set_mac).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_ARG));
+  set_mac.MacAddress = {1, 2, 3, 4, 5, 6};
+  EXPECT_EQ(a_.Call<CSetCachedMacAddressResponse>(one, set_mac).Result, 0u);
+  EXPECT_EQ(b_.Call<CGetMacAddressResponse>(one, CGetMacAddressRequest{}).MacAddress,
+            set_mac.MacAddress);
+  CSetCachedSubnetMaskRequest set_mask;
+  set_mask.SubnetMask = 0xFFFFFF00;
+  EXPECT_EQ(a_.Call<CSetCachedSubnetMaskResponse>(one, set_mask).Result, 0u);
+  EXPECT_EQ(b_.Call<CGetCachedSubnetMaskResponse>(one, CGetCachedSubnetMaskRequest{}).SubnetMask,
+            0xFFFFFF00u);
+
+  b_.WaitNotifications(1);
+  ASSERT_EQ(b_.NotificationNames(), (std::vector<std::string>{"NAME_UPDATE"}));
+  EXPECT_EQ(As<CNameUpdateNotification>(b_.Notifications()[0])->Name, u"Renamed");
+}
+
+TEST_F(TargetsTest, SubscriptionsAreOnePerClientGroupAndKey) {
+  const uint32_t one = HandleOf(a_, u"kit-one");
+  // Every group's pair is served; a cancel of what was never subscribed succeeds too.
+  const std::pair<uint32_t, uint32_t> pairs[] = {
+      {CRequestCacheUpdateEventsRequest::kTypeNumber, CCancelCacheUpdateEventsRequest::kTypeNumber},
+      {CRequestConsoleOutputEventsRequest::kTypeNumber,
+       CCancelConsoleOutputEventsRequest::kTypeNumber},
+      {CRequestControllerEventsRequest::kTypeNumber, CCancelControllerEventsRequest::kTypeNumber},
+      {CRequestDebugEventsRequest::kTypeNumber, CCancelDebugEventsRequest::kTypeNumber},
+      {CRequestGenericProtocolEventsRequest::kTypeNumber,
+       CCancelGenericProtocolEventsRequest::kTypeNumber},
+      {CRequestHighFreqFileCopyEventsRequest::kTypeNumber,
+       CCancelHighFreqFileCopyEventsRequest::kTypeNumber},
+      {CRequestLowFreqFileCopyEventsRequest::kTypeNumber,
+       CCancelLowFreqFileCopyEventsRequest::kTypeNumber},
+      {CRequestTrickleEventsRequest::kTypeNumber, CCancelTrickleEventsRequest::kTypeNumber},
+      {CRequestProcessLockEventsRequest::kTypeNumber, CCancelProcessLockEventsRequest::kTypeNumber},
+      {CRequestServerEventsRequest::kTypeNumber, CCancelServerEventsRequest::kTypeNumber},
+      {CRequestTargetEventsRequest::kTypeNumber, CCancelTargetEventsRequest::kTypeNumber},
+      {CRequestViewerEventsRequest::kTypeNumber, CCancelViewerEventsRequest::kTypeNumber},
+  };
+  for (const auto& [subscribe, cancel] : pairs) {
+    for (uint32_t type : {cancel, subscribe, subscribe, cancel, cancel}) {
+      auto request = RequestFactory().Create(type);
+      auto response = ResponseFactory().Create(type);
+      uint32_t sequence = 0;
+      ASSERT_EQ(a_.link().SendAndWait(one, *request, *response, sequence), LinkStatus::kSuccess);
+      EXPECT_EQ(response->Result, 0u) << platform::Utf16ToUtf8(request->GetName());
+    }
+  }
+  // A target group needs a target that exists.
+  EXPECT_EQ(a_.Call<CRequestTargetEventsResponse>(4242, CRequestTargetEventsRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+
+  // After subscribe, subscribe, cancel, no notification arrives.
+  Subscribe<CRequestTargetEventsRequest>(b_, one);
+  Subscribe<CRequestTargetEventsRequest>(b_, one);
+  EXPECT_EQ(b_.Call<CCancelTargetEventsResponse>(one, CCancelTargetEventsRequest{}).Result, 0u);
+  CSetTargetNameRequest rename;
+  rename.Name = u"Quiet";
+  EXPECT_EQ(a_.Call<CSetTargetNameResponse>(one, rename).Result, 0u);
+  Subscribe<CRequestServerEventsRequest>(b_, kNone);
+  CSetDefaultTargetRequest set_default;
+  set_default.Handle = HandleOf(a_, u"kit-two");
+  EXPECT_EQ(a_.Call<CSetDefaultTargetResponse>(kNone, set_default).Result, 0u);
+  b_.WaitNotifications(1);
+  EXPECT_EQ(b_.NotificationNames(), (std::vector<std::string>{"DEFAULT_TARGET_CHANGED"}));
+}
+
+TEST_F(TargetsTest, NotificationsKeepTheOrderOfTheChanges) {
+  Subscribe<CRequestServerEventsRequest>(b_, kNone);
+  const uint32_t one = HandleOf(a_, u"kit-one");
+  const uint32_t two = HandleOf(a_, u"kit-two");
+  // Two clients change the default at once; b sees every change in an order that chains.
+  auto flip = [&](Client& client, uint32_t handle) {
+    for (int i = 0; i < 25; ++i) {
+      CSetDefaultTargetRequest set_default;
+      set_default.Handle = handle;
+      EXPECT_EQ(client.Call<CSetDefaultTargetResponse>(kNone, set_default).Result, 0u);
+    }
+  };
+  Client c;
+  std::thread other([&] { flip(c, two); });
+  flip(a_, one);
+  other.join();
+  const uint32_t final_default =
+      a_.Call<CGetDefaultTargetResponse>(kNone, CGetDefaultTargetRequest{}).Handle;
+  // Each notification's old handle is the previous one's new handle.
+  ASSERT_TRUE(WaitUntil([&] {
+    const auto all = b_.Notifications();
+    return !all.empty() &&
+           As<CDefaultTargetChangedNotification>(all.back())->NewHandle == final_default;
+  }));
+  uint32_t previous = one;  // the scenario's default
+  for (const auto& notification : b_.Notifications()) {
+    const auto* changed = As<CDefaultTargetChangedNotification>(notification);
+    ASSERT_NE(changed, nullptr);
+    EXPECT_EQ(changed->OldHandle, previous);
+    EXPECT_NE(changed->NewHandle, changed->OldHandle);
+    previous = changed->NewHandle;
+  }
+}
+
+TEST_F(TargetsTest, DiscoveryAndSummaryAnswerForReachableKits) {
+  const auto discovered = a_.Call<CDiscoverTargetsResponse>(kNone, CDiscoverTargetsRequest{});
+  EXPECT_EQ(discovered.Result, 0u);
+  EXPECT_EQ(discovered.Addresses, (WStringList{u"10.1.0.1", u"10.1.0.2"}));
+
+  CGetTargetSummaryRequest summary;
+  summary.Host = u"kit-spare";
+  EXPECT_EQ(a_.Call<CGetTargetSummaryResponse>(kNone, summary).Result, 0u);
+  summary.Host = u"kit-gone";
+  EXPECT_EQ(a_.Call<CGetTargetSummaryResponse>(kNone, summary).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_NO_CONNECT));
+}
+
+TEST_F(TargetsTest, FindingTargetsReportsTheKitsInEachRange) {
+  Subscribe<CRequestServerEventsRequest>(b_, kNone);
+  CFindTargetsRequest find;
+  // 10.1.0.0 to 10.1.0.1 holds kit-one; 10.1.0.2 to 10.1.0.9 kit-two; 10.2.0.0/24 nothing.
+  find.Rules = {{0x0A010000, 0x0A010001, 0xFFFFFF00},
+                {0x0A010002, 0x0A010009, 0xFFFFFF00},
+                {0x0A020000, 0x0A0200FF, 0xFFFFFF00}};
+  EXPECT_EQ(a_.Call<CFindTargetsResponse>(kNone, find).Result, 0u);
+  const auto notifications = b_.WaitNotifications(3);
+  ASSERT_EQ(notifications.size(), 3u);
+  const WStringList expected[] = {{u"10.1.0.1"}, {u"10.1.0.2"}, {}};
+  const uint32_t percentages[] = {33, 66, 100};
+  for (size_t i = 0; i < 3; ++i) {
+    const auto* progress = As<CTargetFindProgressNotification>(notifications[i]);
+    ASSERT_NE(progress, nullptr);
+    EXPECT_EQ(progress->Targets, expected[i]) << i;
+    EXPECT_EQ(progress->Percentage, percentages[i]);
+    EXPECT_EQ(progress->Result, 0u);
+  }
+  find.Rules = {{0x0A010009, 0x0A010002, 0}};
+  EXPECT_EQ(a_.Call<CFindTargetsResponse>(kNone, find).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_ARG));
+  EXPECT_EQ(a_.Call<CCancelFindTargetsResponse>(kNone, CCancelFindTargetsRequest{}).Result, 0u);
+}
+
+TEST_F(TargetsTest, PacketLoggingWritesEveryRequestAndAnswer) {
+  const auto path = TestRoot() / "packets.log";
+  CStartPacketLoggingRequest start;
+  start.FileName = platform::Utf8ToUtf16(path.string());
+  EXPECT_EQ(a_.Call<CStartPacketLoggingResponse>(kNone, start).Result, 0u);
+  EXPECT_EQ(a_.Call<CGetTargetListResponse>(kNone, CGetTargetListRequest{}).Result, 0u);
+  EXPECT_EQ(a_.Call<CGetHostNameResponse>(4242, CGetHostNameRequest{}).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+  EXPECT_EQ(a_.Call<CStopPacketLoggingResponse>(kNone, CStopPacketLoggingRequest{}).Result, 0u);
+  EXPECT_EQ(a_.Call<CGetServerVersionResponse>(kNone, CGetServerVersionRequest{}).Result, 0u);
+  const std::string log = ReadText(path);
+  EXPECT_NE(log.find("REQUEST GET_TARGET_LIST"), std::string::npos) << log;
+  EXPECT_NE(log.find("RESPONSE GET_TARGET_LIST { Result:0x00000000"), std::string::npos) << log;
+  EXPECT_NE(log.find("RESPONSE GET_HOST_NAME { Result:0x8004020F"), std::string::npos) << log;
+  EXPECT_EQ(log.find("GET_SERVER_VERSION"), std::string::npos) << log;
+  start.FileName.clear();
+  EXPECT_EQ(a_.Call<CStartPacketLoggingResponse>(kNone, start).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_ARG));
+}
+
+}  // namespace
+}  // namespace qv::servertest

@@ -1,0 +1,175 @@
+// The registry on its own: what each client is sent, without pipes in between.
+#include "server/target_registry.h"
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <thread>
+
+#include "requests/notifications.h"
+#include "serverlink/wire_fields.h"
+
+namespace qv::server {
+namespace {
+
+// Collects what the registry posts, decoded.
+class RecordingSink : public ClientSink {
+ public:
+  void Post(std::shared_ptr<const std::vector<uint8_t>> body) override {
+    MessageBuffer in(body->data(), body->size());
+    uint32_t kind = 0;
+    uint32_t type_number = 0;
+    ASSERT_TRUE(ReadField(in, kind) && ReadField(in, type_number));
+    EXPECT_EQ(kind, 1u);
+    auto notification = NotificationFactory().Create(type_number);
+    ASSERT_NE(notification, nullptr);
+    ASSERT_TRUE(notification->Deserialize(in));
+    EXPECT_EQ(in.Size(), 0u);
+    std::lock_guard lock(mutex_);
+    received.push_back(std::move(notification));
+  }
+  std::vector<std::string> Names() {
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> names;
+    for (const auto& notification : received)
+      names.emplace_back(notification->GetName().begin(), notification->GetName().end());
+    return names;
+  }
+
+  std::mutex mutex_;
+  std::vector<std::shared_ptr<CNotification>> received;
+};
+
+Scenario TwoKits() {
+  Scenario scenario;
+  Kit a;
+  a.host = u"a";
+  a.name = u"A";
+  a.power = PowerStatus::kOn;
+  a.timings = {0, 0, 0};
+  a.is_default = true;
+  Kit b = a;
+  b.is_default = false;
+  b.host = u"b";
+  b.name = u"B";
+  b.registered = false;
+  scenario.kits = {a, b};
+  return scenario;
+}
+
+// Waits until `handle` has a change under way.
+void WaitBusy(TargetRegistry& registry, uint32_t handle) {
+  uint32_t busy = 0;
+  while (busy == 0) {
+    ASSERT_TRUE(registry.BusyCount(handle, busy).ok());
+    std::this_thread::yield();
+  }
+}
+
+TEST(TargetRegistryTest, HandlesAreSmallNeverTheNoTargetValueAndNeverReused) {
+  TargetRegistry registry(TwoKits());
+  uint32_t first = 0;
+  ASSERT_TRUE(registry.AddTarget(u"VE", u"b", first).ok());
+  uint32_t again = 0;
+  ASSERT_TRUE(registry.AddTarget(u"CoreDump", u"B", again).ok());
+  EXPECT_EQ(again, first);
+  ASSERT_TRUE(registry.DeleteTarget(first).ok());
+  uint32_t second = 0;
+  ASSERT_TRUE(registry.AddTarget(u"VE", u"b", second).ok());
+  EXPECT_NE(second, first);
+  for (uint32_t handle : registry.TargetList()) {
+    EXPECT_NE(handle, 0xFFFFFFFFu);
+    EXPECT_LT(handle, 16u);
+  }
+}
+
+TEST(TargetRegistryTest, SubscriptionsAreSetsAndGoWithTheirClientAndTarget) {
+  TargetRegistry registry(TwoKits());
+  RecordingSink sink;
+  registry.AddClient({7, 700}, &sink);
+  const uint32_t a = registry.TargetList().at(0);
+  ASSERT_TRUE(registry.Subscribe(7, EventGroup::Target, a).ok());
+  ASSERT_TRUE(registry.Subscribe(7, EventGroup::Target, a).ok());
+  ASSERT_TRUE(registry.Subscribe(7, EventGroup::Debug, a).ok());
+  // The Server group's key is always the no-target value, whatever the request said.
+  ASSERT_TRUE(registry.Subscribe(7, EventGroup::Server, a).ok());
+  EXPECT_EQ(registry.SubscriptionCount(7), 3u);
+
+  ASSERT_TRUE(registry.SetTargetName(a, u"Renamed").ok());
+  EXPECT_EQ(sink.Names(), std::vector<std::string>{"NAME_UPDATE"});
+
+  // Deleting the target drops its subscriptions but keeps the Server one.
+  ASSERT_TRUE(registry.DeleteTarget(a).ok());
+  EXPECT_EQ(registry.SubscriptionCount(7), 1u);
+  EXPECT_EQ(sink.Names(),
+            (std::vector<std::string>{"NAME_UPDATE", "TARGET_DELETED", "DEFAULT_TARGET_CHANGED"}));
+  registry.Unsubscribe(7, EventGroup::Server, 12345);
+  EXPECT_EQ(registry.SubscriptionCount(7), 0u);
+}
+
+TEST(TargetRegistryTest, AClientThatLeavesReleasesItsConnections) {
+  TargetRegistry registry(TwoKits());
+  RecordingSink holder;
+  RecordingSink watcher;
+  registry.AddClient({1, 100}, &holder);
+  registry.AddClient({2, 200}, &watcher);
+  const uint32_t a = registry.TargetList().at(0);
+  ASSERT_TRUE(registry.Subscribe(2, EventGroup::Target, a).ok());
+  ASSERT_TRUE(registry.Connect(1, a).ok());
+  ConnectionState state{};
+  ASSERT_TRUE(registry.ConnectionStateOf(2, a, state).ok());
+  EXPECT_EQ(state, ConnectionState::kInUse);
+  registry.RemoveClient(1);
+  ASSERT_TRUE(registry.ConnectionStateOf(2, a, state).ok());
+  EXPECT_EQ(state, ConnectionState::kAvailable);
+  EXPECT_EQ(watcher.Names(), (std::vector<std::string>{"CONNECT", "CONNECTED", "DISCONNECT"}));
+  // Nothing is posted to a client that has gone.
+  EXPECT_TRUE(holder.received.empty());
+}
+
+TEST(TargetRegistryTest, ShutdownEndsAPowerChangeThatIsWaiting) {
+  Scenario scenario = TwoKits();
+  scenario.kits[0].power = PowerStatus::kOff;
+  scenario.kits[0].timings.boot_ms = 60000;
+  TargetRegistry registry(scenario);
+  const uint32_t a = registry.TargetList().at(0);
+  Status result;
+  std::thread power_on([&] { result = registry.PowerOn(1, a); });
+  WaitBusy(registry, a);
+  registry.Shutdown();
+  power_on.join();
+  EXPECT_EQ(result.code, static_cast<uint32_t>(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED));
+  PowerStatus power{};
+  ASSERT_TRUE(registry.PowerStatusOf(a, power).ok());
+  EXPECT_EQ(power, PowerStatus::kOff);
+}
+
+TEST(TargetRegistryTest, ChangesUnderWayEndWhenTheirTargetIsTakenOrDeleted) {
+  Scenario scenario = TwoKits();
+  scenario.kits[0].power = PowerStatus::kOff;
+  scenario.kits[0].timings = {60000, 60000, 60000};
+  TargetRegistry registry(scenario);
+  const uint32_t a = registry.TargetList().at(0);
+
+  // A client that forces the connection while another is still connecting wins at once.
+  Status connect;
+  std::thread connecting([&] { connect = registry.Connect(1, a); });
+  WaitBusy(registry, a);
+  ASSERT_TRUE(registry.ForceDisconnect(2, a).ok());
+  connecting.join();
+  EXPECT_EQ(connect.code, static_cast<uint32_t>(KXAPI_COMMS_ERR_TARGET_IN_USE));
+  ConnectionState state{};
+  ASSERT_TRUE(registry.ConnectionStateOf(2, a, state).ok());
+  EXPECT_EQ(state, ConnectionState::kConnected);
+
+  // Deleting a target ends its power change at once.
+  Status power_on;
+  std::thread powering([&] { power_on = registry.PowerOn(1, a); });
+  WaitBusy(registry, a);
+  ASSERT_TRUE(registry.DeleteTarget(a).ok());
+  powering.join();
+  EXPECT_EQ(power_on.code, static_cast<uint32_t>(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED));
+}
+
+}  // namespace
+}  // namespace qv::server
