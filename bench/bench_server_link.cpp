@@ -45,6 +45,7 @@
 #include "requests/catalogue.h"
 #include "requests/notifications.h"
 #include "serverlink/frame.h"
+#include "serverlink/handshake.h"
 #include "serverlink/server_link.h"
 #include "serverlink/wire_fields.h"
 
@@ -107,7 +108,6 @@ int Wait(pid_t pid) {
 
 // --- The child: an echo server for the link and the other end of the ping-pong ------------------
 
-constexpr uint32_t kConnectRequestBytes = 12;
 constexpr size_t kReadBytes = 64 * 1024;
 
 using qv::platform::IoResult;
@@ -192,17 +192,15 @@ void ServeRequests(qv::platform::Pipe& pipe, const qv::platform::StopSignal& sto
 // The handshake on the well-known pipe: names `private_name` and the link's own version.
 bool Handshake(qv::platform::Pipe& pipe, const qv::platform::StopSignal& stop,
                const std::u16string& private_name) {
-  std::vector<uint8_t> request;
-  uint32_t magic = 0;
-  if (!ReadOneFrame(pipe, stop, request) || request.size() != kConnectRequestBytes) return false;
-  std::memcpy(&magic, request.data(), sizeof magic);
-  if (magic != qv::kConnectRequestMagic) return false;
+  std::vector<uint8_t> body;
+  if (!ReadOneFrame(pipe, stop, body)) return false;
+  qv::MessageBuffer in(body.data(), body.size());
+  qv::ConnectRequest request;
+  if (!request.Decode(in)) return false;
+  qv::ConnectResponse response;
+  response.private_pipe = private_name;
   qv::MessageBuffer answer;
-  bool built = qv::WriteField(answer, uint32_t{0}) && qv::WriteField(answer, private_name) &&
-               qv::WriteField(answer, uint32_t{0});
-  for (uint32_t word : qv::kProtocolVersion)
-    built = built && qv::WriteField(answer, word);
-  return built && WriteOneFrame(pipe, stop, answer);
+  return response.Encode(answer) && WriteOneFrame(pipe, stop, answer);
 }
 
 // Serves the ping-pong on `fd` until the parent closes it, then stops the link's server.
@@ -222,8 +220,8 @@ int RunEchoServer(const std::u16string& user, const std::string& run_dir, int fd
   uint32_t error = 0;
   const std::u16string private_name = u"vkxbench_" + user;
   if (!stop.IsValid() ||
-      qv::platform::PipeListener::Create(u"qv_ve_svr_" + user, well_known, error) !=
-          IoResult::kOk ||
+      qv::platform::PipeListener::Create(std::u16string(qv::kWellKnownPipeNamePrefix) + user,
+                                         well_known, error) != IoResult::kOk ||
       qv::platform::PipeListener::Create(private_name, private_listener, error) != IoResult::kOk) {
     std::fprintf(stderr, "echo server: cannot listen (error %u)\n", error);
     return 1;
