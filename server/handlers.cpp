@@ -34,18 +34,7 @@ void RegisterSubscriptions(RequestDispatcher& dispatcher, TargetRegistry& regist
   RegisterGroup<CRequest##Group##EventsRequest, CRequest##Group##EventsResponse, \
                 CCancel##Group##EventsRequest, CCancel##Group##EventsResponse>(  \
       dispatcher, registry, EventGroup::Group);
-  VEKX_EVENT_GROUP(CacheUpdate)
-  VEKX_EVENT_GROUP(ConsoleOutput)
-  VEKX_EVENT_GROUP(Controller)
-  VEKX_EVENT_GROUP(Debug)
-  VEKX_EVENT_GROUP(GenericProtocol)
-  VEKX_EVENT_GROUP(HighFreqFileCopy)
-  VEKX_EVENT_GROUP(LowFreqFileCopy)
-  VEKX_EVENT_GROUP(Trickle)
-  VEKX_EVENT_GROUP(ProcessLock)
-  VEKX_EVENT_GROUP(Server)
-  VEKX_EVENT_GROUP(Target)
-  VEKX_EVENT_GROUP(Viewer)
+  VEKX_FOR_EACH_EVENT_GROUP(VEKX_EVENT_GROUP)
 #undef VEKX_EVENT_GROUP
 }
 

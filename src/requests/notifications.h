@@ -15,20 +15,28 @@
 namespace qv {
 
 // The event groups that deliver notifications to sinks, in the order in which the private client
-// lays out their locks and registries. None marks a notification that reaches no sink.
+// lays out their locks and registries. Each group has a subscribe and a cancel operation,
+// REQUEST_<GROUP>_EVENTS and CANCEL_<GROUP>_EVENTS; code that handles every group expands this
+// list rather than naming them again.
+#define VEKX_FOR_EACH_EVENT_GROUP(X) \
+  X(CacheUpdate)                     \
+  X(ConsoleOutput)                   \
+  X(Controller)                      \
+  X(Debug)                           \
+  X(GenericProtocol)                 \
+  X(HighFreqFileCopy)                \
+  X(LowFreqFileCopy)                 \
+  X(Trickle)                         \
+  X(ProcessLock)                     \
+  X(Server)                          \
+  X(Target)                          \
+  X(Viewer)
+
 enum class EventGroup : uint32_t {
-  CacheUpdate,
-  ConsoleOutput,
-  Controller,
-  Debug,
-  GenericProtocol,
-  HighFreqFileCopy,
-  LowFreqFileCopy,
-  Trickle,
-  ProcessLock,
-  Server,
-  Target,
-  Viewer,
+#define VEKX_EVENT_GROUP_ENUMERATOR(Group) Group,
+  VEKX_FOR_EACH_EVENT_GROUP(VEKX_EVENT_GROUP_ENUMERATOR)
+#undef VEKX_EVENT_GROUP_ENUMERATOR
+  // A notification that reaches no sink.
   None,
 };
 

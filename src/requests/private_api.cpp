@@ -41,21 +41,14 @@ struct GroupMessages {
   HRESULT (*cancel)(ServerLink&, uint32_t, Delivery);
 };
 
-#define VEKX_GROUP_MESSAGES(Group)                                                       \
-  GroupMessages {                                                                        \
-    &SendGroupMessage<CRequest##Group##EventsRequest, CRequest##Group##EventsResponse>,  \
-        &SendGroupMessage<CCancel##Group##EventsRequest, CCancel##Group##EventsResponse> \
-  }
-
 constexpr std::array<GroupMessages, kEventGroupCount> kGroupMessages{
-    VEKX_GROUP_MESSAGES(CacheUpdate),     VEKX_GROUP_MESSAGES(ConsoleOutput),
-    VEKX_GROUP_MESSAGES(Controller),      VEKX_GROUP_MESSAGES(Debug),
-    VEKX_GROUP_MESSAGES(GenericProtocol), VEKX_GROUP_MESSAGES(HighFreqFileCopy),
-    VEKX_GROUP_MESSAGES(LowFreqFileCopy), VEKX_GROUP_MESSAGES(Trickle),
-    VEKX_GROUP_MESSAGES(ProcessLock),     VEKX_GROUP_MESSAGES(Server),
-    VEKX_GROUP_MESSAGES(Target),          VEKX_GROUP_MESSAGES(Viewer),
-};
+#define VEKX_GROUP_MESSAGES(Group)                                                        \
+  GroupMessages{                                                                          \
+      &SendGroupMessage<CRequest##Group##EventsRequest, CRequest##Group##EventsResponse>, \
+      &SendGroupMessage<CCancel##Group##EventsRequest, CCancel##Group##EventsResponse>},
+    VEKX_FOR_EACH_EVENT_GROUP(VEKX_GROUP_MESSAGES)
 #undef VEKX_GROUP_MESSAGES
+};
 
 bool IsSinkGroup(EventGroup group) {
   return static_cast<size_t>(group) < kEventGroupCount;
