@@ -189,6 +189,15 @@ void TargetRegistry::Notify(EventGroup group, uint32_t key, const CNotification&
   }
 }
 
+Status TargetRegistry::HandOver(Target& target, uint64_t client_id) {
+  target.owner = client_id;
+  CConnectedNotification connected;
+  connected.TargetKey = target.handle;
+  connected.ConnectionInfo = target.kit.host;
+  Notify(EventGroup::Target, target.handle, connected);
+  return Status::Ok();
+}
+
 void TargetRegistry::NotifyPower(const Target& target, PowerOperation operation,
                                  PowerProgress progress) {
   CPowerStateNotification power;
@@ -636,12 +645,7 @@ Status TargetRegistry::Connect(uint64_t client_id, uint32_t handle) {
                                                         ? u"the target was deleted while connecting"
                                                         : u"the server stopped while connecting");
   }
-  target->owner = client_id;
-  CConnectedNotification connected;
-  connected.TargetKey = handle;
-  connected.ConnectionInfo = target->kit.host;
-  Notify(EventGroup::Target, handle, connected);
-  return Status::Ok();
+  return HandOver(*target, client_id);
 }
 
 Status TargetRegistry::Disconnect(uint64_t client_id, uint32_t handle) {
@@ -682,12 +686,7 @@ Status TargetRegistry::RequestConnection(uint64_t client_id, uint32_t handle) {
                         target->deleted ? u"the target was deleted while waiting for it"
                                         : u"the server stopped while waiting for the target");
   }
-  target->owner = client_id;
-  CConnectedNotification connected;
-  connected.TargetKey = handle;
-  connected.ConnectionInfo = target->kit.host;
-  Notify(EventGroup::Target, handle, connected);
-  return Status::Ok();
+  return HandOver(*target, client_id);
 }
 
 Status TargetRegistry::ForceDisconnect(uint64_t client_id, uint32_t handle) {
@@ -704,14 +703,9 @@ Status TargetRegistry::ForceDisconnect(uint64_t client_id, uint32_t handle) {
         u"process " + Number(client != clients_.end() ? client->second.first.process_id : 0);
     Notify(EventGroup::Target, handle, forced);
   }
-  target->owner = client_id;
   // A connection attempt under way gives up: this client has the target now.
   changed_cv_.notify_all();
-  CConnectedNotification connected;
-  connected.TargetKey = handle;
-  connected.ConnectionInfo = target->kit.host;
-  Notify(EventGroup::Target, handle, connected);
-  return Status::Ok();
+  return HandOver(*target, client_id);
 }
 
 Status TargetRegistry::ConnectionStateOf(uint64_t client_id, uint32_t handle,

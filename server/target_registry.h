@@ -129,6 +129,8 @@ class TargetRegistry {
 
   void Notify(EventGroup group, uint32_t key, const CNotification& notification);
   void NotifyPower(const Target& target, PowerOperation operation, PowerProgress progress);
+  // Makes `client_id` the target's connected client and announces it.
+  Status HandOver(Target& target, uint64_t client_id);
   // Waits `ms` of simulated time without the lock, or until `target` is deleted, its change
   // cancelled or, with `until_owned`, the target taken by a client. False when the wait ended
   // early or the server stops.
