@@ -287,22 +287,21 @@ U32List TargetRegistry::TargetList() const {
   return handles;
 }
 
-U32List TargetRegistry::TargetsByHost(std::u16string_view host) const {
+U32List TargetRegistry::TargetsWhere(std::u16string Kit::*field, std::u16string_view value) const {
   std::lock_guard lock(mutex_);
   U32List handles;
   for (const auto& [handle, target] : targets_) {
-    if (SameHost(target->kit.host, host)) handles.push_back(handle);
+    if (SameHost(target->kit.*field, value)) handles.push_back(handle);
   }
   return handles;
 }
 
+U32List TargetRegistry::TargetsByHost(std::u16string_view host) const {
+  return TargetsWhere(&Kit::host, host);
+}
+
 U32List TargetRegistry::TargetsByName(std::u16string_view name) const {
-  std::lock_guard lock(mutex_);
-  U32List handles;
-  for (const auto& [handle, target] : targets_) {
-    if (SameHost(target->kit.name, name)) handles.push_back(handle);
-  }
-  return handles;
+  return TargetsWhere(&Kit::name, name);
 }
 
 Status TargetRegistry::GetDefaultTarget(uint32_t& handle) const {

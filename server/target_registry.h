@@ -120,6 +120,8 @@ class TargetRegistry {
   using Lock = std::unique_lock<std::mutex>;
 
   TargetPtr Find(uint32_t handle) const;
+  // The handles of the targets whose kit's `field` matches `value` as host names match.
+  U32List TargetsWhere(std::u16string Kit::*field, std::u16string_view value) const;
   // The target for `handle` or a failure naming the handle.
   Status Lookup(uint32_t handle, TargetPtr& target) const;
   // A failure for a kit that does not answer, or for a core dump asked to do a kit's work.
