@@ -65,5 +65,14 @@ cmake --build "$out/windows" -j "$jobs"
 export WINEPREFIX="$out/windows/wineprefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
 # Wine leaves its server running; stop it on the way out so that nothing outlives the check.
 trap 'wineserver -k >/dev/null 2>&1 || true' EXIT
-[ -d "$WINEPREFIX" ] || wineboot --init >/dev/null 2>&1 || true
+# A prefix without its system DLLs (a first boot that did not finish) is made again; seen once on
+# a fresh clone, where every test then failed with "could not load kernel32.dll".
+prefix_ready() { [ -f "$WINEPREFIX/drive_c/windows/system32/kernel32.dll" ]; }
+for attempt in 1 2 3; do
+  prefix_ready && break
+  rm -rf "$WINEPREFIX"
+  wineboot --init >/dev/null 2>&1 || true
+  wineserver -w || true
+done
+prefix_ready || { echo "the Wine prefix could not be made"; exit 1; }
 ctest --test-dir "$out/windows" --output-on-failure
