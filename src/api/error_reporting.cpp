@@ -76,4 +76,14 @@ HRESULT ReportError(HRESULT code, std::u16string_view context) noexcept {
   return code;
 }
 
+HRESULT ReportNotAvailable(std::u16string_view method) noexcept {
+  std::u16string context;
+  try {
+    context.append(method).append(u" is not available in this version of the library.");
+  } catch (const std::bad_alloc&) {
+    return ReportError(E_NOTIMPL);
+  }
+  return ReportError(E_NOTIMPL, context);
+}
+
 }  // namespace qv

@@ -22,4 +22,8 @@ std::u16string DescribeError(HRESULT code, std::u16string_view context);
 // for the description the error object is left as it was.
 HRESULT ReportError(HRESULT code, std::u16string_view context = {}) noexcept;
 
+// For a method whose subsystem this version of the library does not have: reports E_NOTIMPL
+// with a text that names `method` ("ITarget::LoadProcess", say).
+HRESULT ReportNotAvailable(std::u16string_view method) noexcept;
+
 }  // namespace qv

@@ -15,6 +15,7 @@
 // notification thread, then the registries the notification thread delivers from.
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
@@ -58,6 +59,14 @@ class CKXPrivateAPI {
   // SendAndWait with its outcome as a result code: the link status's code when the link failed,
   // else the response's Result (its ResultText stays in the response for the error text).
   HRESULT Call(uint32_t target_handle, const CRequest& request, CResponse& response);
+
+  // Set by the root object's Dispose. Every public object checks it before anything else, so
+  // that nothing sharing this client sends a request, reconnects or starts a server afterwards.
+  void MarkDisposed() noexcept { disposed_.store(true, std::memory_order_release); }
+  bool IsDisposed() const noexcept { return disposed_.load(std::memory_order_acquire); }
+
+ private:
+  std::atomic<bool> disposed_{false};
 };
 
 class CKXVEPrivateAPI final : public CKXPrivateAPI,

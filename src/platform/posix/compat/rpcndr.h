@@ -1,0 +1,4 @@
+#pragma once
+// The generated interface header includes <rpcndr.h>; on POSIX it gets our automation subset.
+#include "platform/automation.h"
+#include "platform/posix/idl_compat.h"

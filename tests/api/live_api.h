@@ -1,0 +1,69 @@
+#pragma once
+// The public objects against a real vesta-kx: each test starts its own server in the test
+// process's runtime directory (see server/server_harness.h) on a scenario with quick timings, and
+// gets a root object that has passed CheckCompatibility.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "api/root_object.h"
+#include "server/server_harness.h"
+#include "vekxapi/bstr.h"
+#include "vekxapi/com_ptr.h"
+#include "vekxapi/variant.h"
+#include "vekxapi/vekxapi.h"
+
+namespace qv::apitest {
+
+using servertest::kQuickScenario;
+
+// The description of the calling thread's error object, taken from it; empty when it has none.
+inline std::string TakeErrorText() {
+  IErrorInfo* info = nullptr;
+  if (GetErrorInfo(0, &info) != S_OK || info == nullptr) return {};
+  BSTR text = nullptr;
+  info->GetDescription(&text);
+  info->Release();
+  return vekx::Bstr::Adopt(text).Utf8();
+}
+
+class LiveApiTest : public ::testing::Test {
+ protected:
+  // The scenario the server starts with; a test class may override it.
+  virtual std::string Scenario() const { return kQuickScenario; }
+
+  void SetUp() override {
+    server_ = std::make_unique<servertest::ServerProcess>(
+        std::vector<std::string>{"--scenario", servertest::WriteScenario(Scenario())});
+    ASSERT_TRUE(server_->Started());
+    ASSERT_TRUE(server_->WaitReady()) << server_->Output();
+    ASSERT_EQ(CreateRootObject(IID_IVEKXAPI12, reinterpret_cast<void**>(api_.Put())), S_OK);
+    ASSERT_EQ(api_->CheckCompatibility(21), S_OK);
+  }
+
+  void TearDown() override {
+    if (api_) api_->Dispose();
+    api_.Reset();
+    if (server_ != nullptr) {
+      server_->RequestStop();
+      server_->Wait(10000);
+    }
+  }
+
+  // A new target object for `host`, added (or found) through the root object.
+  vekx::ComPtr<ITarget47> Target(const char* host) {
+    vekx::ComPtr<ITarget> target;
+    EXPECT_EQ(api_->AddTarget(vekx::Bstr::FromUtf8(host).Get(), target.Put()), S_OK);
+    vekx::ComPtr<ITarget47> latest;
+    if (target) target.QueryInto(IID_ITarget47, latest);
+    return latest;
+  }
+
+  std::unique_ptr<servertest::ServerProcess> server_;
+  vekx::ComPtr<IVEKXAPI12> api_;
+};
+
+}  // namespace qv::apitest
