@@ -112,6 +112,12 @@ HRESULT CKXVEAPI::Begin(SharedClient& client, bool compatibility) const {
   return S_OK;
 }
 
+HRESULT CKXVEAPI::NotAvailable(std::u16string_view method) const {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  return ReportNotAvailable(method);
+}
+
 template <class Request, class Response>
 HRESULT CKXVEAPI::SendFindRules(const VARIANT& rules) {
   SharedClient client;
@@ -255,11 +261,11 @@ HRESULT CKXVEAPI::TargetInfo(BSTR bstrHost, VARIANT* pInfo) {
 
 // TODO(feature): server event sinks arrive with the notify clients of the events subsystem.
 HRESULT CKXVEAPI::AdviseServerEvents(IEventServer*) {
-  return ReportNotAvailable(u"IVEKXAPI::AdviseServerEvents");
+  return NotAvailable(u"IVEKXAPI::AdviseServerEvents");
 }
 
 HRESULT CKXVEAPI::UnadviseServerEvents(IEventServer*) {
-  return ReportNotAvailable(u"IVEKXAPI::UnadviseServerEvents");
+  return NotAvailable(u"IVEKXAPI::UnadviseServerEvents");
 }
 
 HRESULT CKXVEAPI::StartPacketLogging(BSTR bstrFilename) {
@@ -491,19 +497,19 @@ HRESULT CKXVEAPI::GetLoggingLevel(eLoggingLevel* pLevel) {
 }
 
 HRESULT CKXVEAPI::AllocControllerData(IDispatch**) {
-  return ReportNotAvailable(u"IVEKXAPI3::AllocControllerData");
+  return NotAvailable(u"IVEKXAPI3::AllocControllerData");
 }
 
 HRESULT CKXVEAPI::AllocControllerState(IDispatch**) {
-  return ReportNotAvailable(u"IVEKXAPI3::AllocControllerState");
+  return NotAvailable(u"IVEKXAPI3::AllocControllerState");
 }
 
 HRESULT CKXVEAPI::AllocTouchData(IDispatch**) {
-  return ReportNotAvailable(u"IVEKXAPI3::AllocTouchData");
+  return NotAvailable(u"IVEKXAPI3::AllocTouchData");
 }
 
 HRESULT CKXVEAPI::AllocTouchPoint(IDispatch**) {
-  return ReportNotAvailable(u"IVEKXAPI3::AllocTouchPoint");
+  return NotAvailable(u"IVEKXAPI3::AllocTouchPoint");
 }
 
 HRESULT CKXVEAPI::EnableHostExec(VARIANT_BOOL bEnable) {
@@ -527,39 +533,39 @@ HRESULT CKXVEAPI::HostExecEnabled(VARIANT_BOOL* pbEnabled) {
 }
 
 HRESULT CKXVEAPI::EnableDistributedCopy(VARIANT_BOOL) {
-  return ReportNotAvailable(u"IVEKXAPI5::EnableDistributedCopy");
+  return NotAvailable(u"IVEKXAPI5::EnableDistributedCopy");
 }
 
 HRESULT CKXVEAPI::DistributedCopyEnabled(VARIANT_BOOL*) {
-  return ReportNotAvailable(u"IVEKXAPI5::DistributedCopyEnabled");
+  return NotAvailable(u"IVEKXAPI5::DistributedCopyEnabled");
 }
 
 HRESULT CKXVEAPI::InstallPackage(VARIANT, BSTR, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI5::InstallPackage");
+  return NotAvailable(u"IVEKXAPI5::InstallPackage");
 }
 
 HRESULT CKXVEAPI::UpdateKernel(VARIANT, BSTR, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI5::UpdateKernel");
+  return NotAvailable(u"IVEKXAPI5::UpdateKernel");
 }
 
 HRESULT CKXVEAPI::FileCopy(VARIANT, BSTR, BSTR, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI5::FileCopy");
+  return NotAvailable(u"IVEKXAPI5::FileCopy");
 }
 
 HRESULT CKXVEAPI::SyncDirectory(VARIANT, BSTR, BSTR, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI5::SyncDirectory");
+  return NotAvailable(u"IVEKXAPI5::SyncDirectory");
 }
 
 HRESULT CKXVEAPI::DirectoryCopy(VARIANT, BSTR, BSTR, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI5::DirectoryCopy");
+  return NotAvailable(u"IVEKXAPI5::DirectoryCopy");
 }
 
 HRESULT CKXVEAPI::CopyInProgress(VARIANT_BOOL*) {
-  return ReportNotAvailable(u"IVEKXAPI5::CopyInProgress");
+  return NotAvailable(u"IVEKXAPI5::CopyInProgress");
 }
 
 HRESULT CKXVEAPI::CancelCopy(ULONG) {
-  return ReportNotAvailable(u"IVEKXAPI5::CancelCopy");
+  return NotAvailable(u"IVEKXAPI5::CancelCopy");
 }
 
 HRESULT CKXVEAPI::SetNetworkManagerLogging(VARIANT_BOOL bEnable) {
@@ -623,15 +629,15 @@ HRESULT CKXVEAPI::CancelFindMiradorTargets() {
 }
 
 HRESULT CKXVEAPI::FileCopyEx(VARIANT, BSTR, BSTR, VARIANT_BOOL, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI7::FileCopyEx");
+  return NotAvailable(u"IVEKXAPI7::FileCopyEx");
 }
 
 HRESULT CKXVEAPI::SyncDirectoryEx(VARIANT, BSTR, BSTR, VARIANT_BOOL, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI7::SyncDirectoryEx");
+  return NotAvailable(u"IVEKXAPI7::SyncDirectoryEx");
 }
 
 HRESULT CKXVEAPI::DirectoryCopyEx(VARIANT, BSTR, BSTR, VARIANT_BOOL, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI7::DirectoryCopyEx");
+  return NotAvailable(u"IVEKXAPI7::DirectoryCopyEx");
 }
 
 HRESULT CKXVEAPI::GetClientPids(VARIANT* pPids) {
@@ -645,23 +651,23 @@ HRESULT CKXVEAPI::GetClientPids(VARIANT* pPids) {
 }
 
 HRESULT CKXVEAPI::GetDistributedCopyTargetsById(ULONG, VARIANT*) {
-  return ReportNotAvailable(u"IVEKXAPI8::GetDistributedCopyTargetsById");
+  return NotAvailable(u"IVEKXAPI8::GetDistributedCopyTargetsById");
 }
 
 HRESULT CKXVEAPI::InstallPackageEx(VARIANT, BSTR, ULONG, ULONG, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI9::InstallPackageEx");
+  return NotAvailable(u"IVEKXAPI9::InstallPackageEx");
 }
 
 HRESULT CKXVEAPI::ConvertFSDPathToTargetAndPath(BSTR, BSTR*, ITarget**) {
-  return ReportNotAvailable(u"IVEKXAPI10::ConvertFSDPathToTargetAndPath");
+  return NotAvailable(u"IVEKXAPI10::ConvertFSDPathToTargetAndPath");
 }
 
 HRESULT CKXVEAPI::AllocSyncPoint(IDispatch**) {
-  return ReportNotAvailable(u"IVEKXAPI11::AllocSyncPoint");
+  return NotAvailable(u"IVEKXAPI11::AllocSyncPoint");
 }
 
 HRESULT CKXVEAPI::AllocControllerConnectivity(IDispatch**) {
-  return ReportNotAvailable(u"IVEKXAPI12::AllocControllerConnectivity");
+  return NotAvailable(u"IVEKXAPI12::AllocControllerConnectivity");
 }
 
 }  // namespace qv

@@ -176,6 +176,8 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
       [&](IVEKXAPI12* a) { return a->GetLoggingLevel(&level); },
       [&](IVEKXAPI12* a) { return a->HostExecEnabled(&flag); },
       [&](IVEKXAPI12* a) { return a->GetClientPids(list.Put()); },
+      [&](IVEKXAPI12* a) { return a->AdviseServerEvents(nullptr); },
+      [&](IVEKXAPI12* a) { return a->CancelCopy(1); },
   };
   for (size_t i = 0; i < calls.size(); ++i) {
     EXPECT_EQ(calls[i](fresh.Get()), E_UNEXPECTED) << "call " << i;
