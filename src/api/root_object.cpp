@@ -33,6 +33,16 @@ HRESULT CheckName(BSTR text) noexcept {
   return S_OK;
 }
 
+// Copies a string into a request field; the one allocation of a method that could throw.
+HRESULT Assign(std::u16string& field, std::u16string_view text) noexcept {
+  try {
+    field.assign(text);
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+  return S_OK;
+}
+
 template <class... Out>
 bool AllPresent(Out*... out) noexcept {
   return ((out != nullptr) && ...);
@@ -146,8 +156,10 @@ HRESULT CKXVEAPI::AddTarget(BSTR bstrHostName, ITarget** ppTarget) {
   if (ppTarget == nullptr) return ReportError(E_POINTER);
   if (HRESULT hr = CheckName(bstrHostName); FAILED(hr)) return ReportError(hr);
   CAddTargetRequest request;
-  request.TargetType = u"VE";
-  request.HostName = InString(bstrHostName);
+  if (HRESULT hr = Assign(request.TargetType, u"VE"); FAILED(hr)) return ReportError(hr);
+  if (HRESULT hr = Assign(request.HostName, InString(bstrHostName)); FAILED(hr)) {
+    return ReportError(hr);
+  }
   CAddTargetResponse response;
   if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
   return ReportError(OutTarget(client, response.Handle, ppTarget));
@@ -253,7 +265,7 @@ HRESULT CKXVEAPI::TargetInfo(BSTR bstrHost, VARIANT* pInfo) {
   if (pInfo == nullptr) return ReportError(E_POINTER);
   if (HRESULT hr = CheckName(bstrHost); FAILED(hr)) return ReportError(hr);
   CGetTargetSummaryRequest request;
-  request.Host = InString(bstrHost);
+  if (HRESULT hr = Assign(request.Host, InString(bstrHost)); FAILED(hr)) return ReportError(hr);
   CGetTargetSummaryResponse response;
   if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
   return ReportError(OutNameValueArray(response.Summary, pInfo));
@@ -273,7 +285,9 @@ HRESULT CKXVEAPI::StartPacketLogging(BSTR bstrFilename) {
   if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
   if (HRESULT hr = CheckName(bstrFilename); FAILED(hr)) return ReportError(hr);
   CStartPacketLoggingRequest request;
-  request.FileName = InString(bstrFilename);
+  if (HRESULT hr = Assign(request.FileName, InString(bstrFilename)); FAILED(hr)) {
+    return ReportError(hr);
+  }
   CStartPacketLoggingResponse response;
   return CallServer(*client, kNoTarget, request, response);
 }
@@ -319,9 +333,15 @@ HRESULT CKXVEAPI::LoadCoreDump(BSTR bstrFilename, IEventTarget* pSink, BSTR bstr
   if (HRESULT hr = CheckName(bstrFilename); FAILED(hr)) return ReportError(hr);
   if (HRESULT hr = CheckName(bstrPseudoHost); FAILED(hr)) return ReportError(hr);
 
+  CLoadCoreDumpRequest load;  // filled first: nothing can fail between the steps but a call
+  if (HRESULT hr = Assign(load.FileName, InString(bstrFilename)); FAILED(hr)) {
+    return ReportError(hr);
+  }
   CAddTargetRequest add;
-  add.TargetType = u"CoreDump";
-  add.HostName = InString(bstrPseudoHost);
+  if (HRESULT hr = Assign(add.TargetType, u"CoreDump"); FAILED(hr)) return ReportError(hr);
+  if (HRESULT hr = Assign(add.HostName, InString(bstrPseudoHost)); FAILED(hr)) {
+    return ReportError(hr);
+  }
   CAddTargetResponse added;
   if (HRESULT hr = CallServer(*client, kNoTarget, add, added); FAILED(hr)) return hr;
   vekx::ComPtr<ITarget> target;
@@ -331,8 +351,6 @@ HRESULT CKXVEAPI::LoadCoreDump(BSTR bstrFilename, IEventTarget* pSink, BSTR bstr
   // The sink hears the dump's events from the start; the target reports its own failure.
   if (HRESULT hr = target->AdviseTargetEvents(pSink); FAILED(hr)) return hr;
 
-  CLoadCoreDumpRequest load;
-  load.FileName = InString(bstrFilename);
   CLoadCoreDumpResponse loaded;
   const HRESULT hr = client->Call(added.Handle, load, loaded);
   if (FAILED(hr)) {
@@ -380,7 +398,9 @@ HRESULT CKXVEAPI::GetCoreDumpTargetByHost(BSTR bstrPseudoHost, ITarget** ppTarge
   if (ppTarget == nullptr) return ReportError(E_POINTER);
   if (HRESULT hr = CheckName(bstrPseudoHost); FAILED(hr)) return ReportError(hr);
   CGetCoreDumpTargetByHostRequest request;
-  request.PseudoHost = InString(bstrPseudoHost);
+  if (HRESULT hr = Assign(request.PseudoHost, InString(bstrPseudoHost)); FAILED(hr)) {
+    return ReportError(hr);
+  }
   CGetCoreDumpTargetByHostResponse response;
   if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
   return ReportError(OutTarget(client, response.Handle, ppTarget));
@@ -402,7 +422,9 @@ HRESULT CKXVEAPI::GetTargetsByHost(BSTR bstrHostName, VARIANT* pTargets) {
   if (pTargets == nullptr) return ReportError(E_POINTER);
   if (HRESULT hr = CheckName(bstrHostName); FAILED(hr)) return ReportError(hr);
   CGetTargetsByHostRequest request;
-  request.HostName = InString(bstrHostName);
+  if (HRESULT hr = Assign(request.HostName, InString(bstrHostName)); FAILED(hr)) {
+    return ReportError(hr);
+  }
   CGetTargetsByHostResponse response;
   if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
   return ReportError(OutTargetArray(client, response.Targets, pTargets));
@@ -414,8 +436,12 @@ HRESULT CKXVEAPI::StartMultiFilePacketLogging(BSTR bstrFile1, BSTR bstrFile2, UL
   if (HRESULT hr = CheckName(bstrFile1); FAILED(hr)) return ReportError(hr);
   if (HRESULT hr = CheckName(bstrFile2); FAILED(hr)) return ReportError(hr);
   CStartMultiFilePacketLoggingRequest request;
-  request.FileName1 = InString(bstrFile1);
-  request.FileName2 = InString(bstrFile2);
+  if (HRESULT hr = Assign(request.FileName1, InString(bstrFile1)); FAILED(hr)) {
+    return ReportError(hr);
+  }
+  if (HRESULT hr = Assign(request.FileName2, InString(bstrFile2)); FAILED(hr)) {
+    return ReportError(hr);
+  }
   request.Size = uSize;
   CStartMultiFilePacketLoggingResponse response;
   return CallServer(*client, kNoTarget, request, response);
@@ -447,7 +473,7 @@ HRESULT CKXVEAPI::GetTargetsByName(BSTR bstrName, VARIANT* pTargets) {
   if (pTargets == nullptr) return ReportError(E_POINTER);
   if (HRESULT hr = CheckName(bstrName); FAILED(hr)) return ReportError(hr);
   CGetTargetsByNameRequest request;
-  request.Name = InString(bstrName);
+  if (HRESULT hr = Assign(request.Name, InString(bstrName)); FAILED(hr)) return ReportError(hr);
   CGetTargetsByNameResponse response;
   if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
   return ReportError(OutTargetArray(client, response.Targets, pTargets));
@@ -593,7 +619,9 @@ HRESULT CKXVEAPI::StartNetworkManagerPacketLogging(BSTR bstrFilename) {
   if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
   if (HRESULT hr = CheckName(bstrFilename); FAILED(hr)) return ReportError(hr);
   CStartNetMngrPacketLoggingRequest request;
-  request.FileName = InString(bstrFilename);
+  if (HRESULT hr = Assign(request.FileName, InString(bstrFilename)); FAILED(hr)) {
+    return ReportError(hr);
+  }
   CStartNetMngrPacketLoggingResponse response;
   return CallServer(*client, kNoTarget, request, response);
 }
