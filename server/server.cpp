@@ -31,8 +31,8 @@ Server::~Server() {
   StopAll();
 }
 
-int Server::Start(std::string& message) {
-  user_ = platform::CurrentUserName();
+int Server::Start(const std::u16string& user, std::string& message) {
+  user_ = user.empty() ? platform::CurrentUserName() : user;
   const std::optional<std::string> run_dir = platform::ServerRuntimeDirectory();
   if (user_.empty() || !run_dir.has_value()) {
     message = "cannot use the runtime directory (it must be ours and closed to others)";

@@ -32,9 +32,9 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  // Takes the instance lock, listens and signals readiness. On failure returns the exit code
-  // and puts the reason into `message`.
-  int Start(std::string& message);
+  // Takes the instance lock, listens and signals readiness, for `user` (empty: the account
+  // this process runs as). On failure returns the exit code and puts the reason into `message`.
+  int Start(const std::u16string& user, std::string& message);
   // Serves until `stop` is set; then stops every session and releases what Start took.
   void Run(const platform::StopSignal& stop);
 
