@@ -29,8 +29,18 @@ class TargetsTest : public ServerTest {
     EXPECT_EQ(client.Call<Response>(key, Request{}).Result, 0u);
   }
 
-  Client a_;
-  Client b_;
+  Client a_{user_};
+  Client b_{user_};
+};
+
+// The tests that need nothing but what every build serves: the built-in scenario's kits.
+class BuiltInTargetsTest : public TargetsTest {
+ protected:
+  void SetUp() override { StartServer(true); }
+
+  static constexpr char16_t kOnKit[] = u"devkit-alpha";
+  static constexpr char16_t kOffKit[] = u"devkit-beta";
+  static constexpr char16_t kSilentHost[] = u"192.168.40.99";
 };
 
 TEST_F(TargetsTest, ReportsItsVersionAndTheScenarioTargets) {
@@ -57,7 +67,7 @@ TEST_F(TargetsTest, ReportsItsVersionAndTheScenarioTargets) {
   EXPECT_EQ(by_default.Handle, HandleOf(a_, u"KIT-ONE"));
 }
 
-TEST_F(TargetsTest, ListsTheProcessesOfItsClients) {
+TEST_F(BuiltInTargetsTest, ListsTheProcessesOfItsClients) {
   // Both clients connect; each is this test process.
   EXPECT_EQ(b_.Call<CGetServerVersionResponse>(kNone, CGetServerVersionRequest{}).Result, 0u);
   const auto pids = a_.Call<CGetClientPidsResponse>(kNone, CGetClientPidsRequest{});
@@ -104,7 +114,7 @@ TEST_F(TargetsTest, AddingAHostTwiceGivesOneTargetAndOneNotification) {
   EXPECT_TRUE(a_.Notifications().empty());
 }
 
-TEST_F(TargetsTest, RefusesBadTargetsWithAClearResult) {
+TEST_F(BuiltInTargetsTest, RefusesBadTargetsWithAClearResult) {
   struct Case {
     const char* what;
     std::u16string type;
@@ -134,13 +144,13 @@ TEST_F(TargetsTest, RefusesBadTargetsWithAClearResult) {
             static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
 }
 
-TEST_F(TargetsTest, UnknownHostsCanBeAddedButNeverAnswer) {
+TEST_F(BuiltInTargetsTest, UnknownHostsCanBeAddedButNeverAnswer) {
   CAddTargetRequest add;
   add.TargetType = u"VE";
   add.HostName = u"nobody.example";
   const auto added = a_.Call<CAddTargetResponse>(kNone, add);
   ASSERT_EQ(added.Result, 0u);
-  for (uint32_t handle : {added.Handle, HandleOf(a_, u"kit-gone")}) {
+  for (uint32_t handle : {added.Handle, HandleOf(a_, kSilentHost)}) {
     const auto connect = a_.Call<CTargetConnectResponse>(handle, CTargetConnectRequest{});
     EXPECT_EQ(connect.Result, static_cast<uint32_t>(KXAPI_COMMS_ERR_NO_CONNECT));
     EXPECT_NE(platform::Utf16ToUtf8(connect.ResultText).find("no kit answers"), std::string::npos);
@@ -301,8 +311,8 @@ TEST_F(TargetsTest, AClientIsAnsweredDuringItsOwnSlowRequestAndCanCancelIt) {
             static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
 }
 
-TEST_F(TargetsTest, ConnectionsBelongToOneClientAtATime) {
-  const uint32_t one = HandleOf(a_, u"kit-one");
+TEST_F(BuiltInTargetsTest, ConnectionsBelongToOneClientAtATime) {
+  const uint32_t one = HandleOf(a_, kOnKit);
   Subscribe<CRequestTargetEventsRequest>(a_, one);
   auto state = [&](Client& client) {
     const auto response = client.Call<CConnectionStateResponse>(one, CConnectionStateRequest{});
@@ -337,8 +347,8 @@ TEST_F(TargetsTest, ConnectionsBelongToOneClientAtATime) {
   EXPECT_TRUE(WaitUntil([&] { return state(a_) == ConnectionState::kAvailable; }));
 }
 
-TEST_F(TargetsTest, ARequestedConnectionIsHandedOverWhenItsHolderReleasesIt) {
-  const uint32_t one = HandleOf(a_, u"kit-one");
+TEST_F(BuiltInTargetsTest, ARequestedConnectionIsHandedOverWhenItsHolderReleasesIt) {
+  const uint32_t one = HandleOf(a_, kOnKit);
   EXPECT_EQ(a_.Call<CTargetConnectResponse>(one, CTargetConnectRequest{}).Result, 0u);
   std::future<uint32_t> requested = std::async(std::launch::async, [&] {
     return b_.Call<CRequestConnectionResponse>(one, CRequestConnectionRequest{}).Result;
@@ -408,8 +418,8 @@ TEST_F(TargetsTest, NamesAndKitPropertiesComeFromTheScenario) {
   EXPECT_EQ(As<CNameUpdateNotification>(b_.Notifications()[0])->Name, u"Renamed");
 }
 
-TEST_F(TargetsTest, SubscriptionsAreOnePerClientGroupAndKey) {
-  const uint32_t one = HandleOf(a_, u"kit-one");
+TEST_F(BuiltInTargetsTest, SubscriptionsAreOnePerClientGroupAndKey) {
+  const uint32_t one = HandleOf(a_, kOnKit);
   // Every group's pair is served; a cancel of what was never subscribed succeeds too.
   const std::pair<uint32_t, uint32_t> pairs[] = {
       {CRequestCacheUpdateEventsRequest::kTypeNumber, CCancelCacheUpdateEventsRequest::kTypeNumber},
@@ -451,7 +461,7 @@ TEST_F(TargetsTest, SubscriptionsAreOnePerClientGroupAndKey) {
   EXPECT_EQ(a_.Call<CSetTargetNameResponse>(one, rename).Result, 0u);
   Subscribe<CRequestServerEventsRequest>(b_, kNone);
   CSetDefaultTargetRequest set_default;
-  set_default.Handle = HandleOf(a_, u"kit-two");
+  set_default.Handle = HandleOf(a_, kOffKit);
   EXPECT_EQ(a_.Call<CSetDefaultTargetResponse>(kNone, set_default).Result, 0u);
   b_.WaitNotifications(1);
   EXPECT_EQ(b_.NotificationNames(), (std::vector<std::string>{"DEFAULT_TARGET_CHANGED"}));
@@ -469,7 +479,7 @@ TEST_F(TargetsTest, NotificationsKeepTheOrderOfTheChanges) {
       EXPECT_EQ(client.Call<CSetDefaultTargetResponse>(kNone, set_default).Result, 0u);
     }
   };
-  Client c;
+  Client c{user_};
   std::thread other([&] { flip(c, two); });
   flip(a_, one);
   other.join();
@@ -529,7 +539,7 @@ TEST_F(TargetsTest, FindingTargetsReportsTheKitsInEachRange) {
   EXPECT_EQ(a_.Call<CCancelFindTargetsResponse>(kNone, CCancelFindTargetsRequest{}).Result, 0u);
 }
 
-TEST_F(TargetsTest, PacketLoggingWritesEveryRequestAndAnswer) {
+TEST_F(BuiltInTargetsTest, PacketLoggingWritesEveryRequestAndAnswer) {
   const auto path = TestRoot() / "packets.log";
   CStartPacketLoggingRequest start;
   start.FileName = platform::Utf8ToUtf16(path.string());
