@@ -23,7 +23,11 @@ std::u16string Hex(uint64_t value) {
 }  // namespace
 
 Server::Server(const Scenario& scenario)
-    : registry_(scenario), pipe_names_(std::random_device{}()) {
+    : registry_(scenario,
+                [this](uint64_t client_id, const CNotification& notification) {
+                  packet_log_.RecordNotification(client_id, notification);
+                }),
+      pipe_names_(std::random_device{}()) {
   RegisterHandlers(dispatcher_, registry_, packet_log_);
 }
 

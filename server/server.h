@@ -42,8 +42,8 @@ class Server {
   void Janitor();
   void StopAll();
 
+  PacketLog packet_log_;  // before the registry, which records its notifications in it
   TargetRegistry registry_;
-  PacketLog packet_log_;
   RequestDispatcher dispatcher_;
   std::u16string user_;
   std::string runtime_dir_;

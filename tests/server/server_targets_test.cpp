@@ -547,12 +547,23 @@ TEST_F(BuiltInTargetsTest, PacketLoggingWritesEveryRequestAndAnswer) {
   EXPECT_EQ(a_.Call<CGetTargetListResponse>(kNone, CGetTargetListRequest{}).Result, 0u);
   EXPECT_EQ(a_.Call<CGetHostNameResponse>(4242, CGetHostNameRequest{}).Result,
             static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+  // Notifications are logged as they are sent, to the client they are sent to.
+  const uint32_t on = HandleOf(a_, kOnKit);
+  Subscribe<CRequestTargetEventsRequest>(b_, on);
+  CSetTargetNameRequest rename;
+  rename.Name = u"Logged";
+  EXPECT_EQ(a_.Call<CSetTargetNameResponse>(on, rename).Result, 0u);
+  b_.WaitNotifications(1);
   EXPECT_EQ(a_.Call<CStopPacketLoggingResponse>(kNone, CStopPacketLoggingRequest{}).Result, 0u);
   EXPECT_EQ(a_.Call<CGetServerVersionResponse>(kNone, CGetServerVersionRequest{}).Result, 0u);
   const std::string log = ReadText(path);
   EXPECT_NE(log.find("REQUEST GET_TARGET_LIST"), std::string::npos) << log;
   EXPECT_NE(log.find("RESPONSE GET_TARGET_LIST { Result:0x00000000"), std::string::npos) << log;
   EXPECT_NE(log.find("RESPONSE GET_HOST_NAME { Result:0x8004020F"), std::string::npos) << log;
+  EXPECT_NE(
+      log.find("NOTIFICATION NAME_UPDATE { TargetKey:" + std::to_string(on) + " Name:Logged }"),
+      std::string::npos)
+      << log;
   EXPECT_EQ(log.find("GET_SERVER_VERSION"), std::string::npos) << log;
   start.FileName.clear();
   EXPECT_EQ(a_.Call<CStartPacketLoggingResponse>(kNone, start).Result,
