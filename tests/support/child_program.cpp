@@ -24,8 +24,13 @@ std::unique_ptr<ChildProgram> ChildProgram::Start(const std::string& path,
 
 ChildProgram::~ChildProgram() = default;
 
-void ChildProgram::RequestStop() {
+bool ChildProgram::RequestStop() {
   process_->RequestStop();
+  return true;
+}
+
+void ChildProgram::Kill() {
+  process_->Kill();
 }
 
 std::optional<int> ChildProgram::Wait(uint32_t timeout_ms) {
@@ -100,8 +105,12 @@ ChildProgram::~ChildProgram() {
   CloseHandle(process_);
 }
 
-void ChildProgram::RequestStop() {
-  GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, id_);
+bool ChildProgram::RequestStop() {
+  return GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, id_) != FALSE;
+}
+
+void ChildProgram::Kill() {
+  TerminateProcess(process_, 1);
 }
 
 std::optional<int> ChildProgram::Wait(uint32_t timeout_ms) {

@@ -27,7 +27,11 @@ class ChildProgram {
   ChildProgram& operator=(const ChildProgram&) = delete;
 
   // Asks the program to end: SIGTERM on POSIX, Ctrl+Break to its process group on Windows.
-  void RequestStop();
+  // False when the request cannot be delivered: a Ctrl+Break needs a console that this process
+  // shares with the program, and a test run under Wine has none.
+  bool RequestStop();
+  // Ends the program at once.
+  void Kill();
   // Its exit status once it has ended (minus the signal's number when one ended it on POSIX);
   // nullopt while it still runs after `timeout_ms`.
   std::optional<int> Wait(uint32_t timeout_ms);
