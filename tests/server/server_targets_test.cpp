@@ -164,9 +164,9 @@ TEST_F(BuiltInTargetsTest, UnknownHostsCanBeAddedButNeverAnswer) {
   EXPECT_EQ(cached.Name, u"nobody.example");
 }
 
-TEST_F(TargetsTest, DeletingTheDefaultTargetTellsSubscribersAndForgetsIt) {
+TEST_F(BuiltInTargetsTest, DeletingTheDefaultTargetTellsSubscribersAndForgetsIt) {
   Subscribe<CRequestServerEventsRequest>(b_, kNone);
-  const uint32_t one = HandleOf(a_, u"kit-one");
+  const uint32_t one = HandleOf(a_, kOnKit);
   EXPECT_EQ(a_.Call<CDeleteTargetResponse>(one, CDeleteTargetRequest{}).Result, 0u);
   b_.WaitNotifications(2);
   ASSERT_EQ(b_.NotificationNames(),
@@ -184,7 +184,7 @@ TEST_F(TargetsTest, DeletingTheDefaultTargetTellsSubscribersAndForgetsIt) {
   // Adding the host again gives a new handle, never the old one.
   CAddTargetRequest add;
   add.TargetType = u"VE";
-  add.HostName = u"kit-one";
+  add.HostName = kOnKit;
   const auto again = a_.Call<CAddTargetResponse>(kNone, add);
   EXPECT_EQ(again.Result, 0u);
   EXPECT_NE(again.Handle, one);
@@ -514,17 +514,17 @@ TEST_F(TargetsTest, DiscoveryAndSummaryAnswerForReachableKits) {
             static_cast<uint32_t>(KXAPI_COMMS_ERR_NO_CONNECT));
 }
 
-TEST_F(TargetsTest, FindingTargetsReportsTheKitsInEachRange) {
+TEST_F(BuiltInTargetsTest, FindingTargetsReportsTheKitsInEachRange) {
   Subscribe<CRequestServerEventsRequest>(b_, kNone);
   CFindTargetsRequest find;
-  // 10.1.0.0 to 10.1.0.1 holds kit-one; 10.1.0.2 to 10.1.0.9 kit-two; 10.2.0.0/24 nothing.
-  find.Rules = {{0x0A010000, 0x0A010001, 0xFFFFFF00},
-                {0x0A010002, 0x0A010009, 0xFFFFFF00},
+  // 192.168.40.0 to .11 holds Alpha; .12 to .20 Beta; 10.2.0.0/24 nothing.
+  find.Rules = {{0xC0A82800, 0xC0A8280B, 0xFFFFFF00},
+                {0xC0A8280C, 0xC0A82814, 0xFFFFFF00},
                 {0x0A020000, 0x0A0200FF, 0xFFFFFF00}};
   EXPECT_EQ(a_.Call<CFindTargetsResponse>(kNone, find).Result, 0u);
   const auto notifications = b_.WaitNotifications(3);
   ASSERT_EQ(notifications.size(), 3u);
-  const WStringList expected[] = {{u"10.1.0.1"}, {u"10.1.0.2"}, {}};
+  const WStringList expected[] = {{u"192.168.40.11"}, {u"192.168.40.12"}, {}};
   const uint32_t percentages[] = {33, 66, 100};
   for (size_t i = 0; i < 3; ++i) {
     const auto* progress = As<CTargetFindProgressNotification>(notifications[i]);
