@@ -20,17 +20,11 @@
 // the child inherits the pinning.
 
 #include <benchmark/benchmark.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,6 +32,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_floor.h"
 #include "platform/pipe.h"
 #include "platform/process_identity.h"
 #include "platform/server_process.h"
@@ -51,60 +46,8 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// --- The raw socket pair: the floor, and the child's start and end -------------------------------
-// The only direct socket code here. Both ends block; the child ends when the parent closes its end.
-namespace raw {
-
-bool SocketPair(int (&fds)[2]) {
-  return socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0;
-}
-
-bool SendAll(int fd, const uint8_t* data, size_t size) {
-  while (size != 0) {
-    const ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-bool RecvAll(int fd, uint8_t* data, size_t size) {
-  while (size != 0) {
-    const ssize_t n = recv(fd, data, size, 0);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-void Close(int fd) {
-  close(fd);
-}
-
-// Runs `child` in a forked process that exits with its result; returns the child's id, or -1.
-template <class Child>
-pid_t Spawn(Child child) {
-  const pid_t pid = fork();
-  if (pid == 0) _exit(child());
-  return pid;
-}
-
-// The child's exit code, or -1 when it did not exit normally.
-int Wait(pid_t pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return -1;
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-}  // namespace raw
+namespace raw = qv::bench::raw;
+using qv::bench::Clock;
 
 // --- The child: an echo server for the link and the other end of the ping-pong ------------------
 
@@ -205,10 +148,7 @@ bool Handshake(qv::platform::Pipe& pipe, const qv::platform::StopSignal& stop,
 
 // Serves the ping-pong on `fd` until the parent closes it, then stops the link's server.
 void PingPong(int fd, size_t request_bytes, size_t response_bytes, qv::platform::StopSignal& stop) {
-  std::vector<uint8_t> request(request_bytes), response(response_bytes, 0x5A);
-  while (raw::RecvAll(fd, request.data(), request.size()) &&
-         raw::SendAll(fd, response.data(), response.size())) {
-  }
+  raw::Echo(fd, request_bytes, response_bytes);
   stop.Set();
 }
 
@@ -249,30 +189,9 @@ qv::ServerLink* g_link = nullptr;
 int g_raw_fd = -1;
 std::vector<uint8_t> g_raw_request, g_raw_response;
 
-double Microseconds(Clock::duration d) {
-  return std::chrono::duration<double, std::micro>(d).count();
-}
-
-// The `q` quantile of `samples` (reordered).
-double Quantile(std::vector<double>& samples, double q) {
-  const size_t i = std::min(samples.size() - 1, static_cast<size_t>(q * samples.size()));
-  std::nth_element(samples.begin(), samples.begin() + static_cast<ptrdiff_t>(i), samples.end());
-  return samples[i];
-}
-
-void ReportLatency(benchmark::State& state, std::vector<double>& samples) {
-  state.SetItemsProcessed(state.iterations());
-  if (samples.empty()) return;
-  state.counters["p50_us"] = Quantile(samples, 0.50);
-  state.counters["p99_us"] = Quantile(samples, 0.99);
-}
-
-std::vector<double> SampleStorage(const benchmark::State& state) {
-  std::vector<double> samples;
-  samples.reserve(
-      static_cast<size_t>(std::min<benchmark::IterationCount>(state.max_iterations, 10'000'000)));
-  return samples;
-}
+using qv::bench::Microseconds;
+using qv::bench::ReportLatency;
+using qv::bench::SampleStorage;
 
 void BM_RawPingPong(benchmark::State& state) {
   auto samples = SampleStorage(state);
@@ -331,86 +250,29 @@ BENCHMARK(BM_LinkCalls)
     ->UseRealTime()
     ->Unit(benchmark::kMicrosecond);
 
-// Passes every run to the reporter the command line asked for and keeps what the ratios need.
-class RatioReporter : public benchmark::BenchmarkReporter {
- public:
-  explicit RatioReporter(std::string_view format) {
-    if (format == "json") {
-      inner_ = std::make_unique<benchmark::JSONReporter>();
-    } else {
-      // No colour codes: the table is meant to be copied.
-      inner_ = std::make_unique<benchmark::ConsoleReporter>(benchmark::ConsoleReporter::OO_Tabular);
-      ratios_ = stdout;
+// The ratios against the floor, after the runs.
+void PrintRatios(const qv::bench::FigureReporter& reporter) {
+  std::FILE* out = reporter.out();
+  const auto* floor = reporter.Find("BM_RawPingPong/real_time");
+  const auto* single = reporter.Find("BM_LinkRoundTrip/real_time");
+  if (floor == nullptr || floor->p50 <= 0 || floor->calls_per_second <= 0) return;
+  std::fprintf(out, "floor: raw ping-pong p50 %.2f us, p99 %.2f us, %.0f calls/s\n", floor->p50,
+               floor->p99, floor->calls_per_second);
+  if (single != nullptr) {
+    std::fprintf(out, "ratio link round trip p50 / raw p50 = %.2f\n", single->p50 / floor->p50);
+    std::fprintf(out, "ratio link round trip p99 / raw p99 = %.2f\n", single->p99 / floor->p99);
+  }
+  const auto* one = reporter.Find("BM_LinkCalls/real_time/threads:1");
+  for (int threads : {1, 2, 8}) {
+    const auto* calls = reporter.Find("BM_LinkCalls/real_time/threads:" + std::to_string(threads));
+    if (calls == nullptr || calls->calls_per_second <= 0) continue;
+    std::fprintf(out, "ratio link calls/s, %d thread(s) / raw calls/s = %.2f", threads,
+                 calls->calls_per_second / floor->calls_per_second);
+    if (one != nullptr && one->calls_per_second > 0) {
+      std::fprintf(out, "  (%.2fx one thread)", calls->calls_per_second / one->calls_per_second);
     }
+    std::fprintf(out, "\n");
   }
-  bool ReportContext(const Context& context) override { return inner_->ReportContext(context); }
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      // With repetitions, the median of each figure stands for the benchmark.
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
-      Figures& figures = figures_[run.run_name.str()];
-      auto counter = [&run](const char* name) {
-        const auto it = run.counters.find(name);
-        return it != run.counters.end() ? it->second.value : 0.0;
-      };
-      figures.calls_per_second = counter("items_per_second");
-      figures.p50 = counter("p50_us");
-      figures.p99 = counter("p99_us");
-    }
-    inner_->ReportRuns(runs);
-  }
-  void Finalize() override { inner_->Finalize(); }
-
-  void PrintRatios() const {
-    const Figures* floor = Find("BM_RawPingPong/real_time");
-    const Figures* single = Find("BM_LinkRoundTrip/real_time");
-    if (floor == nullptr || floor->p50 <= 0 || floor->calls_per_second <= 0) return;
-    std::fprintf(ratios_, "floor: raw ping-pong p50 %.2f us, p99 %.2f us, %.0f calls/s\n",
-                 floor->p50, floor->p99, floor->calls_per_second);
-    if (single != nullptr) {
-      std::fprintf(ratios_, "ratio link round trip p50 / raw p50 = %.2f\n",
-                   single->p50 / floor->p50);
-      std::fprintf(ratios_, "ratio link round trip p99 / raw p99 = %.2f\n",
-                   single->p99 / floor->p99);
-    }
-    const Figures* one = Find("BM_LinkCalls/real_time/threads:1");
-    for (int threads : {1, 2, 8}) {
-      const Figures* calls = Find("BM_LinkCalls/real_time/threads:" + std::to_string(threads));
-      if (calls == nullptr || calls->calls_per_second <= 0) continue;
-      std::fprintf(ratios_, "ratio link calls/s, %d thread(s) / raw calls/s = %.2f", threads,
-                   calls->calls_per_second / floor->calls_per_second);
-      if (one != nullptr && one->calls_per_second > 0) {
-        std::fprintf(ratios_, "  (%.2fx one thread)",
-                     calls->calls_per_second / one->calls_per_second);
-      }
-      std::fprintf(ratios_, "\n");
-    }
-  }
-
- private:
-  struct Figures {
-    double calls_per_second = 0;
-    double p50 = 0;
-    double p99 = 0;
-  };
-  const Figures* Find(const std::string& name) const {
-    const auto it = figures_.find(name);
-    return it != figures_.end() ? &it->second : nullptr;
-  }
-
-  std::unique_ptr<benchmark::BenchmarkReporter> inner_;
-  std::FILE* ratios_ = stderr;
-  std::map<std::string, Figures> figures_;
-};
-
-// The format the command line asks for; Initialize removes the flag, so this looks first.
-std::string_view OutputFormat(int argc, char** argv) {
-  constexpr std::string_view flag = "--benchmark_format=";
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view arg = argv[i];
-    if (arg.starts_with(flag)) return arg.substr(flag.size());
-  }
-  return "console";
 }
 
 // The request and response frames the link exchanges, so that the floor moves as many bytes.
@@ -428,7 +290,7 @@ void SizeFloorMessages() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string_view format = OutputFormat(argc, argv);
+  const std::string_view format = qv::bench::OutputFormat(argc, argv);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
 
@@ -470,9 +332,9 @@ int main(int argc, char** argv) {
                    static_cast<int>(status));
       result = 1;
     } else {
-      RatioReporter reporter(format);
+      qv::bench::FigureReporter reporter(format);
       benchmark::RunSpecifiedBenchmarks(&reporter);
-      reporter.PrintRatios();
+      PrintRatios(reporter);
     }
     g_link = nullptr;
   }

@@ -6,6 +6,7 @@
 
 #include "platform/pipe.h"
 #include "platform/termination.h"
+#include "platform/wide_string.h"
 #include "server/handlers.h"
 #include "server/options.h"
 #include "server/scenario.h"
@@ -52,7 +53,8 @@ int Main(const std::vector<std::string>& args) {
     return Server::kExitError;
   }
   Server server(scenario);
-  if (const int code = server.Start(error); code != Server::kExitOk) {
+  if (const int code = server.Start(qv::platform::Utf8ToUtf16(options.user), error);
+      code != Server::kExitOk) {
     std::fprintf(stderr, "vesta-kx: %s\n", error.c_str());
     return code;
   }

@@ -19,6 +19,18 @@ bool ParseOptions(const std::vector<std::string>& args, Options& options, std::s
       options.show_version = true;
     } else if (arg == "--scenario") {
       if (!value(options.scenario_path)) return false;
+    } else if (arg == "--user") {
+      if (!value(options.user)) return false;
+      // It becomes part of pipe, event and file names: nothing that could leave them.
+      const bool plain = options.user.size() <= 64 &&
+                         options.user.find_first_not_of(
+                             "abcdefghijklmnopqrstuvwxyz"
+                             "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-") == std::string::npos;
+      if (!plain) {
+        error =
+            "--user takes up to 64 letters, digits, '.', '_' or '-', not '" + options.user + "'";
+        return false;
+      }
     } else if (arg == "--log-level") {
       std::string level;
       if (!value(level)) return false;
@@ -36,7 +48,7 @@ bool ParseOptions(const std::vector<std::string>& args, Options& options, std::s
 }
 
 std::string UsageText() {
-  return "usage: vesta-kx [--scenario FILE] [--log-level N] [--version] [--help]\n"
+  return "usage: vesta-kx [--scenario FILE] [--log-level N] [--user NAME] [--version] [--help]\n"
          "\n"
          "The per-user server that tools reach through the vekxapi library. It serves virtual\n"
          "development kits described by a scenario file, or by its built-in scenario.\n"
@@ -44,6 +56,8 @@ std::string UsageText() {
          "  --scenario FILE  the kits to simulate (YAML; see docs/scenarios.md)\n"
          "  --log-level N    diagnostics on standard error: 0 none, 1 errors (default),\n"
          "                   2 refused input, 3 clients, 4 every request\n"
+         "  --user NAME      serve the pipes of NAME instead of this account's (servers side by\n"
+         "                   side, as tests run them; clients must ask for NAME too)\n"
          "  --version        print the server's version and exit\n"
          "  --help           print this text and exit\n"
          "\n"

@@ -8,6 +8,7 @@ namespace qv::server {
 
 struct Options {
   std::string scenario_path;  // empty: the built-in scenario
+  std::string user;           // empty: the account this process runs as
   int log_level = 1;
   bool show_version = false;
   bool show_help = false;

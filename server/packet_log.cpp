@@ -52,4 +52,17 @@ void PacketLog::Record(const RequestContext& context, const CRequest* request,
   }
 }
 
+void PacketLog::RecordNotification(uint64_t client_id, const CNotification& notification) {
+  std::lock_guard lock(mutex_);
+  if (!file_.is_open()) return;
+  try {
+    file_ << "client " << client_id << " NOTIFICATION "
+          << platform::Utf16ToUtf8(notification.GetName()) << ' ' << notification.ToString()
+          << '\n';
+    file_.flush();
+  } catch (const std::exception&) {
+    // As for requests: the line is left out, the notification still goes.
+  }
+}
+
 }  // namespace qv::server

@@ -8,6 +8,7 @@
 
 #include "server/request_dispatcher.h"
 #include "server/status.h"
+#include "serverlink/messages.h"
 
 namespace qv::server {
 
@@ -18,6 +19,8 @@ class PacketLog {
   Status Stop();
   // Writes the request's and the answer's lines when a log is open.
   void Record(const RequestContext& context, const CRequest* request, const CResponse& response);
+  // Writes the line of a notification handed to the client `client_id` when a log is open.
+  void RecordNotification(uint64_t client_id, const CNotification& notification);
 
  private:
   std::mutex mutex_;

@@ -23,7 +23,11 @@ std::u16string Hex(uint64_t value) {
 }  // namespace
 
 Server::Server(const Scenario& scenario)
-    : registry_(scenario), pipe_names_(std::random_device{}()) {
+    : registry_(scenario,
+                [this](uint64_t client_id, const CNotification& notification) {
+                  packet_log_.RecordNotification(client_id, notification);
+                }),
+      pipe_names_(std::random_device{}()) {
   RegisterHandlers(dispatcher_, registry_, packet_log_);
   RegisterRootHandlers(dispatcher_, registry_, switches_);
 }
@@ -32,8 +36,8 @@ Server::~Server() {
   StopAll();
 }
 
-int Server::Start(std::string& message) {
-  user_ = platform::CurrentUserName();
+int Server::Start(const std::u16string& user, std::string& message) {
+  user_ = user.empty() ? platform::CurrentUserName() : user;
   const std::optional<std::string> run_dir = platform::ServerRuntimeDirectory();
   if (user_.empty() || !run_dir.has_value()) {
     message = "cannot use the runtime directory (it must be ours and closed to others)";

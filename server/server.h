@@ -33,9 +33,9 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  // Takes the instance lock, listens and signals readiness. On failure returns the exit code
-  // and puts the reason into `message`.
-  int Start(std::string& message);
+  // Takes the instance lock, listens and signals readiness, for `user` (empty: the account
+  // this process runs as). On failure returns the exit code and puts the reason into `message`.
+  int Start(const std::u16string& user, std::string& message);
   // Serves until `stop` is set; then stops every session and releases what Start took.
   void Run(const platform::StopSignal& stop);
 
@@ -43,8 +43,8 @@ class Server {
   void Janitor();
   void StopAll();
 
+  PacketLog packet_log_;  // before the registry, which records its notifications in it
   TargetRegistry registry_;
-  PacketLog packet_log_;
   ServerSwitches switches_;
   RequestDispatcher dispatcher_;
   std::u16string user_;

@@ -85,7 +85,8 @@ std::u16string AddressText(uint32_t address) {
 
 }  // namespace
 
-TargetRegistry::TargetRegistry(const Scenario& scenario) : scenario_(scenario) {
+TargetRegistry::TargetRegistry(const Scenario& scenario, NotificationObserver observer)
+    : scenario_(scenario), observer_(std::move(observer)) {
   for (const Kit& kit : scenario_.kits) {
     if (!kit.registered) continue;
     const TargetPtr target = Register(kTargetTypeKit, kit);
@@ -185,7 +186,9 @@ void TargetRegistry::Notify(EventGroup group, uint32_t key, const CNotification&
       std::make_shared<const std::vector<uint8_t>>(buffer.Data(), buffer.Data() + buffer.Size());
   for (uint64_t client_id : it->second) {
     const auto client = clients_.find(client_id);
-    if (client != clients_.end()) client->second.second->Post(body);
+    if (client == clients_.end()) continue;
+    client->second.second->Post(body);
+    if (observer_) observer_(client_id, notification);
   }
 }
 
@@ -569,6 +572,12 @@ Status TargetRegistry::PowerChange(uint64_t client_id, uint32_t handle, PowerOpe
   if (finished) {
     target->kit.power = to;
     NotifyPower(*target, operation, PowerProgress::kCompleted);
+    // Tells whoever works with the kit that it went off without shutting down.
+    if (operation == PowerOperation::kForcePowerOff) {
+      CForcedPowerOffNotification forced;
+      forced.TargetKey = handle;
+      Notify(EventGroup::Target, handle, forced);
+    }
   } else {
     NotifyPower(*target, operation, PowerProgress::kFailed);
   }

@@ -10,6 +10,7 @@
 #include <array>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -42,7 +43,12 @@ struct ClientInfo {
 
 class TargetRegistry {
  public:
-  explicit TargetRegistry(const Scenario& scenario);
+  // Sees every notification as it is handed to a client (the packet log). Called with the
+  // registry's lock held: it must not call back into the registry.
+  using NotificationObserver =
+      std::function<void(uint64_t client_id, const CNotification& notification)>;
+
+  explicit TargetRegistry(const Scenario& scenario, NotificationObserver observer = {});
 
   void AddClient(const ClientInfo& client, ClientSink* sink);
   // Drops the client's subscriptions and releases the targets it holds connected.
@@ -146,6 +152,7 @@ class TargetRegistry {
   std::condition_variable changed_cv_;  // shutdown, deletion, a connection taken
   bool shutting_down_ = false;
   const Scenario scenario_;
+  const NotificationObserver observer_;
   std::map<uint32_t, TargetPtr> targets_;
   uint32_t next_handle_ = 1;
   uint32_t default_handle_ = 0xFFFFFFFF;

@@ -1,7 +1,7 @@
 #pragma once
-// The public objects against a real vesta-kx: each test starts its own server in the test
-// process's runtime directory (see server/server_harness.h) on a scenario with quick timings, and
-// gets a root object that has passed CheckCompatibility.
+// The public objects against a real vesta-kx: each test starts its own server, under a user name
+// of its own in the test process's runtime directory (see server/server_harness.h), on a scenario
+// with quick timings, and gets a root object bound to it that has passed CheckCompatibility.
 
 #include <gtest/gtest.h>
 
@@ -36,21 +36,32 @@ class LiveApiTest : public ::testing::Test {
   virtual std::string Scenario() const { return kQuickScenario; }
 
   void SetUp() override {
+    if (!servertest::kReadsScenarioFiles) GTEST_SKIP() << "this vesta-kx reads no scenario files";
     server_ = std::make_unique<servertest::ServerProcess>(
-        std::vector<std::string>{"--scenario", servertest::WriteScenario(Scenario())});
+        user_, std::vector<std::string>{"--scenario", servertest::WriteScenario(Scenario())});
     ASSERT_TRUE(server_->Started());
     ASSERT_TRUE(server_->WaitReady()) << server_->Output();
-    ASSERT_EQ(CreateRootObject(IID_IVEKXAPI12, reinterpret_cast<void**>(api_.Put())), S_OK);
+    ASSERT_EQ(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(api_.Put())), S_OK);
     ASSERT_EQ(api_->CheckCompatibility(21), S_OK);
   }
 
   void TearDown() override {
     if (api_) api_->Dispose();
     api_.Reset();
-    if (server_ != nullptr) {
-      server_->RequestStop();
-      server_->Wait(10000);
-    }
+    StopServer();
+  }
+
+  // A new root object for this test's server (not yet checked for compatibility).
+  HRESULT NewRoot(REFIID iid, void** object) {
+    return CreateRootObject(CKXVEPrivateAPI::Create({user_, servertest::RunDir()}), iid, object);
+  }
+
+  // Ends the test's server and waits for it.
+  void StopServer() {
+    if (server_ == nullptr) return;
+    bool asked = false;
+    server_->Stop(asked);
+    server_.reset();
   }
 
   // A new target object for `host`, added (or found) through the root object.
@@ -62,6 +73,7 @@ class LiveApiTest : public ::testing::Test {
     return latest;
   }
 
+  const std::u16string user_ = servertest::TestUser();
   std::unique_ptr<servertest::ServerProcess> server_;
   vekx::ComPtr<IVEKXAPI12> api_;
 };

@@ -105,7 +105,7 @@ using RootObjectTest = LiveApiTest;
 
 TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) {
   ComPtr<IVEKXAPI12> fresh;
-  ASSERT_EQ(CreateRootObject(IID_IVEKXAPI12, reinterpret_cast<void**>(fresh.Put())), S_OK);
+  ASSERT_EQ(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(fresh.Put())), S_OK);
   ULONG v[4] = {};
   auto expect_version = [&](IVEKXAPI12* api) {
     ASSERT_EQ(api->Version(&v[0], &v[1], &v[2], &v[3]), S_OK);
@@ -146,9 +146,7 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
   EXPECT_NE(HandleOf(made_before), 0u);
 
   // Stop the server: a disposed root neither reaches nor starts one.
-  server_->RequestStop();
-  ASSERT_TRUE(server_->Wait(10000).has_value());
-  server_.reset();
+  StopServer();
   const char* old_path = std::getenv("PATH");
   testing::ScopedVariable path(
       "PATH", std::filesystem::path(VEKX_SERVER_EXECUTABLE).parent_path().string() + ":" +
@@ -186,9 +184,10 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
     EXPECT_EQ(calls[i](fresh.Get()), E_UNEXPECTED) << "call " << i;
   }
   ComPtr<IVEKXAPI12> never_checked;
-  ASSERT_EQ(CreateRootObject(IID_IVEKXAPI12, reinterpret_cast<void**>(never_checked.Put())), S_OK);
+  ASSERT_EQ(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(never_checked.Put())), S_OK);
   ASSERT_EQ(never_checked->Dispose(), S_OK);  // never connected: nothing to end
   EXPECT_EQ(never_checked->ServerVersion(&v[0], &v[1], &v[2], &v[3]), E_UNEXPECTED);
+  // A server the library starts serves the account's own name.
   EXPECT_FALSE(platform::ServerIsReady(platform::CurrentUserName(), servertest::RunDir(), 0));
 }
 
@@ -313,7 +312,7 @@ TEST_F(RootObjectTest, ServerSwitchesClientsAndOperationsTheServerLacks) {
   ASSERT_EQ(api_->EnableHostExec(VARIANT_TRUE), S_OK);
   // Kept by the server: another root object sees it.
   ComPtr<IVEKXAPI12> other;
-  ASSERT_EQ(CreateRootObject(IID_IVEKXAPI12, reinterpret_cast<void**>(other.Put())), S_OK);
+  ASSERT_EQ(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(other.Put())), S_OK);
   ASSERT_EQ(other->CheckCompatibility(21), S_OK);
   ASSERT_EQ(other->HostExecEnabled(&enabled), S_OK);
   EXPECT_EQ(enabled, VARIANT_TRUE);

@@ -29,8 +29,18 @@ class TargetsTest : public ServerTest {
     EXPECT_EQ(client.Call<Response>(key, Request{}).Result, 0u);
   }
 
-  Client a_;
-  Client b_;
+  Client a_{user_};
+  Client b_{user_};
+};
+
+// The tests that need nothing but what every build serves: the built-in scenario's kits.
+class BuiltInTargetsTest : public TargetsTest {
+ protected:
+  void SetUp() override { StartServer(true); }
+
+  static constexpr char16_t kOnKit[] = u"devkit-alpha";
+  static constexpr char16_t kOffKit[] = u"devkit-beta";
+  static constexpr char16_t kSilentHost[] = u"192.168.40.99";
 };
 
 TEST_F(TargetsTest, ReportsItsVersionAndTheScenarioTargets) {
@@ -57,7 +67,7 @@ TEST_F(TargetsTest, ReportsItsVersionAndTheScenarioTargets) {
   EXPECT_EQ(by_default.Handle, HandleOf(a_, u"KIT-ONE"));
 }
 
-TEST_F(TargetsTest, ListsTheProcessesOfItsClients) {
+TEST_F(BuiltInTargetsTest, ListsTheProcessesOfItsClients) {
   // Both clients connect; each is this test process.
   EXPECT_EQ(b_.Call<CGetServerVersionResponse>(kNone, CGetServerVersionRequest{}).Result, 0u);
   const auto pids = a_.Call<CGetClientPidsResponse>(kNone, CGetClientPidsRequest{});
@@ -104,7 +114,7 @@ TEST_F(TargetsTest, AddingAHostTwiceGivesOneTargetAndOneNotification) {
   EXPECT_TRUE(a_.Notifications().empty());
 }
 
-TEST_F(TargetsTest, RefusesBadTargetsWithAClearResult) {
+TEST_F(BuiltInTargetsTest, RefusesBadTargetsWithAClearResult) {
   struct Case {
     const char* what;
     std::u16string type;
@@ -134,13 +144,13 @@ TEST_F(TargetsTest, RefusesBadTargetsWithAClearResult) {
             static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
 }
 
-TEST_F(TargetsTest, UnknownHostsCanBeAddedButNeverAnswer) {
+TEST_F(BuiltInTargetsTest, UnknownHostsCanBeAddedButNeverAnswer) {
   CAddTargetRequest add;
   add.TargetType = u"VE";
   add.HostName = u"nobody.example";
   const auto added = a_.Call<CAddTargetResponse>(kNone, add);
   ASSERT_EQ(added.Result, 0u);
-  for (uint32_t handle : {added.Handle, HandleOf(a_, u"kit-gone")}) {
+  for (uint32_t handle : {added.Handle, HandleOf(a_, kSilentHost)}) {
     const auto connect = a_.Call<CTargetConnectResponse>(handle, CTargetConnectRequest{});
     EXPECT_EQ(connect.Result, static_cast<uint32_t>(KXAPI_COMMS_ERR_NO_CONNECT));
     EXPECT_NE(platform::Utf16ToUtf8(connect.ResultText).find("no kit answers"), std::string::npos);
@@ -154,9 +164,9 @@ TEST_F(TargetsTest, UnknownHostsCanBeAddedButNeverAnswer) {
   EXPECT_EQ(cached.Name, u"nobody.example");
 }
 
-TEST_F(TargetsTest, DeletingTheDefaultTargetTellsSubscribersAndForgetsIt) {
+TEST_F(BuiltInTargetsTest, DeletingTheDefaultTargetTellsSubscribersAndForgetsIt) {
   Subscribe<CRequestServerEventsRequest>(b_, kNone);
-  const uint32_t one = HandleOf(a_, u"kit-one");
+  const uint32_t one = HandleOf(a_, kOnKit);
   EXPECT_EQ(a_.Call<CDeleteTargetResponse>(one, CDeleteTargetRequest{}).Result, 0u);
   b_.WaitNotifications(2);
   ASSERT_EQ(b_.NotificationNames(),
@@ -174,7 +184,7 @@ TEST_F(TargetsTest, DeletingTheDefaultTargetTellsSubscribersAndForgetsIt) {
   // Adding the host again gives a new handle, never the old one.
   CAddTargetRequest add;
   add.TargetType = u"VE";
-  add.HostName = u"kit-one";
+  add.HostName = kOnKit;
   const auto again = a_.Call<CAddTargetResponse>(kNone, add);
   EXPECT_EQ(again.Result, 0u);
   EXPECT_NE(again.Handle, one);
@@ -301,8 +311,8 @@ TEST_F(TargetsTest, AClientIsAnsweredDuringItsOwnSlowRequestAndCanCancelIt) {
             static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
 }
 
-TEST_F(TargetsTest, ConnectionsBelongToOneClientAtATime) {
-  const uint32_t one = HandleOf(a_, u"kit-one");
+TEST_F(BuiltInTargetsTest, ConnectionsBelongToOneClientAtATime) {
+  const uint32_t one = HandleOf(a_, kOnKit);
   Subscribe<CRequestTargetEventsRequest>(a_, one);
   auto state = [&](Client& client) {
     const auto response = client.Call<CConnectionStateResponse>(one, CConnectionStateRequest{});
@@ -337,8 +347,8 @@ TEST_F(TargetsTest, ConnectionsBelongToOneClientAtATime) {
   EXPECT_TRUE(WaitUntil([&] { return state(a_) == ConnectionState::kAvailable; }));
 }
 
-TEST_F(TargetsTest, ARequestedConnectionIsHandedOverWhenItsHolderReleasesIt) {
-  const uint32_t one = HandleOf(a_, u"kit-one");
+TEST_F(BuiltInTargetsTest, ARequestedConnectionIsHandedOverWhenItsHolderReleasesIt) {
+  const uint32_t one = HandleOf(a_, kOnKit);
   EXPECT_EQ(a_.Call<CTargetConnectResponse>(one, CTargetConnectRequest{}).Result, 0u);
   std::future<uint32_t> requested = std::async(std::launch::async, [&] {
     return b_.Call<CRequestConnectionResponse>(one, CRequestConnectionRequest{}).Result;
@@ -408,8 +418,8 @@ TEST_F(TargetsTest, NamesAndKitPropertiesComeFromTheScenario) {
   EXPECT_EQ(As<CNameUpdateNotification>(b_.Notifications()[0])->Name, u"Renamed");
 }
 
-TEST_F(TargetsTest, SubscriptionsAreOnePerClientGroupAndKey) {
-  const uint32_t one = HandleOf(a_, u"kit-one");
+TEST_F(BuiltInTargetsTest, SubscriptionsAreOnePerClientGroupAndKey) {
+  const uint32_t one = HandleOf(a_, kOnKit);
   // Every group's pair is served; a cancel of what was never subscribed succeeds too.
   const std::pair<uint32_t, uint32_t> pairs[] = {
       {CRequestCacheUpdateEventsRequest::kTypeNumber, CCancelCacheUpdateEventsRequest::kTypeNumber},
@@ -451,7 +461,7 @@ TEST_F(TargetsTest, SubscriptionsAreOnePerClientGroupAndKey) {
   EXPECT_EQ(a_.Call<CSetTargetNameResponse>(one, rename).Result, 0u);
   Subscribe<CRequestServerEventsRequest>(b_, kNone);
   CSetDefaultTargetRequest set_default;
-  set_default.Handle = HandleOf(a_, u"kit-two");
+  set_default.Handle = HandleOf(a_, kOffKit);
   EXPECT_EQ(a_.Call<CSetDefaultTargetResponse>(kNone, set_default).Result, 0u);
   b_.WaitNotifications(1);
   EXPECT_EQ(b_.NotificationNames(), (std::vector<std::string>{"DEFAULT_TARGET_CHANGED"}));
@@ -469,7 +479,7 @@ TEST_F(TargetsTest, NotificationsKeepTheOrderOfTheChanges) {
       EXPECT_EQ(client.Call<CSetDefaultTargetResponse>(kNone, set_default).Result, 0u);
     }
   };
-  Client c;
+  Client c{user_};
   std::thread other([&] { flip(c, two); });
   flip(a_, one);
   other.join();
@@ -504,17 +514,17 @@ TEST_F(TargetsTest, DiscoveryAndSummaryAnswerForReachableKits) {
             static_cast<uint32_t>(KXAPI_COMMS_ERR_NO_CONNECT));
 }
 
-TEST_F(TargetsTest, FindingTargetsReportsTheKitsInEachRange) {
+TEST_F(BuiltInTargetsTest, FindingTargetsReportsTheKitsInEachRange) {
   Subscribe<CRequestServerEventsRequest>(b_, kNone);
   CFindTargetsRequest find;
-  // 10.1.0.0 to 10.1.0.1 holds kit-one; 10.1.0.2 to 10.1.0.9 kit-two; 10.2.0.0/24 nothing.
-  find.Rules = {{0x0A010000, 0x0A010001, 0xFFFFFF00},
-                {0x0A010002, 0x0A010009, 0xFFFFFF00},
+  // 192.168.40.0 to .11 holds Alpha; .12 to .20 Beta; 10.2.0.0/24 nothing.
+  find.Rules = {{0xC0A82800, 0xC0A8280B, 0xFFFFFF00},
+                {0xC0A8280C, 0xC0A82814, 0xFFFFFF00},
                 {0x0A020000, 0x0A0200FF, 0xFFFFFF00}};
   EXPECT_EQ(a_.Call<CFindTargetsResponse>(kNone, find).Result, 0u);
   const auto notifications = b_.WaitNotifications(3);
   ASSERT_EQ(notifications.size(), 3u);
-  const WStringList expected[] = {{u"10.1.0.1"}, {u"10.1.0.2"}, {}};
+  const WStringList expected[] = {{u"192.168.40.11"}, {u"192.168.40.12"}, {}};
   const uint32_t percentages[] = {33, 66, 100};
   for (size_t i = 0; i < 3; ++i) {
     const auto* progress = As<CTargetFindProgressNotification>(notifications[i]);
@@ -529,7 +539,7 @@ TEST_F(TargetsTest, FindingTargetsReportsTheKitsInEachRange) {
   EXPECT_EQ(a_.Call<CCancelFindTargetsResponse>(kNone, CCancelFindTargetsRequest{}).Result, 0u);
 }
 
-TEST_F(TargetsTest, PacketLoggingWritesEveryRequestAndAnswer) {
+TEST_F(BuiltInTargetsTest, PacketLoggingWritesEveryRequestAndAnswer) {
   const auto path = TestRoot() / "packets.log";
   CStartPacketLoggingRequest start;
   start.FileName = platform::Utf8ToUtf16(path.string());
@@ -537,12 +547,23 @@ TEST_F(TargetsTest, PacketLoggingWritesEveryRequestAndAnswer) {
   EXPECT_EQ(a_.Call<CGetTargetListResponse>(kNone, CGetTargetListRequest{}).Result, 0u);
   EXPECT_EQ(a_.Call<CGetHostNameResponse>(4242, CGetHostNameRequest{}).Result,
             static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+  // Notifications are logged as they are sent, to the client they are sent to.
+  const uint32_t on = HandleOf(a_, kOnKit);
+  Subscribe<CRequestTargetEventsRequest>(b_, on);
+  CSetTargetNameRequest rename;
+  rename.Name = u"Logged";
+  EXPECT_EQ(a_.Call<CSetTargetNameResponse>(on, rename).Result, 0u);
+  b_.WaitNotifications(1);
   EXPECT_EQ(a_.Call<CStopPacketLoggingResponse>(kNone, CStopPacketLoggingRequest{}).Result, 0u);
   EXPECT_EQ(a_.Call<CGetServerVersionResponse>(kNone, CGetServerVersionRequest{}).Result, 0u);
   const std::string log = ReadText(path);
   EXPECT_NE(log.find("REQUEST GET_TARGET_LIST"), std::string::npos) << log;
   EXPECT_NE(log.find("RESPONSE GET_TARGET_LIST { Result:0x00000000"), std::string::npos) << log;
   EXPECT_NE(log.find("RESPONSE GET_HOST_NAME { Result:0x8004020F"), std::string::npos) << log;
+  EXPECT_NE(
+      log.find("NOTIFICATION NAME_UPDATE { TargetKey:" + std::to_string(on) + " Name:Logged }"),
+      std::string::npos)
+      << log;
   EXPECT_EQ(log.find("GET_SERVER_VERSION"), std::string::npos) << log;
   start.FileName.clear();
   EXPECT_EQ(a_.Call<CStartPacketLoggingResponse>(kNone, start).Result,

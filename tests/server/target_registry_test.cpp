@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <mutex>
 #include <thread>
 
@@ -169,6 +170,40 @@ TEST(TargetRegistryTest, ChangesUnderWayEndWhenTheirTargetIsTakenOrDeleted) {
   ASSERT_TRUE(registry.DeleteTarget(a).ok());
   powering.join();
   EXPECT_EQ(power_on.code, static_cast<uint32_t>(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED));
+}
+
+TEST(TargetRegistryTest, OnlyAForcedPowerOffIsAnnouncedAsOneAndTheObserverSeesWhatIsSent) {
+  std::vector<std::pair<uint64_t, std::string>> observed;
+  TargetRegistry registry(TwoKits(), [&](uint64_t client_id, const CNotification& notification) {
+    observed.emplace_back(
+        client_id, std::string(notification.GetName().begin(), notification.GetName().end()));
+  });
+  const uint32_t a = registry.TargetList().at(0);
+  RecordingSink sink;
+  registry.AddClient({7, 700}, &sink);
+  ASSERT_TRUE(registry.Subscribe(7, EventGroup::Target, a).ok());
+  ASSERT_TRUE(registry.PowerOff(7, a).ok());
+  ASSERT_TRUE(registry.PowerOn(7, a).ok());
+  // An ordinary power off is not one.
+  const auto ordinary = sink.Names();
+  EXPECT_EQ(std::count(ordinary.begin(), ordinary.end(), "FORCED_POWER_OFF"), 0);
+  sink.received.clear();
+  observed.clear();
+
+  ASSERT_TRUE(registry.ForcePowerOff(7, a).ok());
+  const std::vector<std::string> forced{"BUSY", "POWER_STATE", "POWER_STATE", "FORCED_POWER_OFF",
+                                        "IDLE"};
+  EXPECT_EQ(sink.Names(), forced);
+  EXPECT_EQ(static_cast<const CForcedPowerOffNotification&>(*sink.received[3]).TargetKey, a);
+  ASSERT_EQ(observed.size(), forced.size());
+  for (size_t i = 0; i < forced.size(); ++i) {
+    EXPECT_EQ(observed[i], std::make_pair(uint64_t{7}, forced[i])) << i;
+  }
+  // Nothing is observed for a change nobody subscribed to.
+  observed.clear();
+  registry.Unsubscribe(7, EventGroup::Target, a);
+  ASSERT_TRUE(registry.PowerOn(7, a).ok());
+  EXPECT_TRUE(observed.empty());
 }
 
 }  // namespace

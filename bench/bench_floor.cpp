@@ -1,0 +1,189 @@
+#include "bench_floor.h"
+
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <thread>
+
+namespace qv::bench {
+namespace raw {
+
+bool SocketPair(int (&fds)[2]) {
+  return socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0;
+}
+
+bool SendAll(int fd, const uint8_t* data, size_t size) {
+  while (size != 0) {
+    const ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool RecvAll(int fd, uint8_t* data, size_t size) {
+  while (size != 0) {
+    const ssize_t n = recv(fd, data, size, 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+void Close(int fd) {
+  close(fd);
+}
+
+pid_t Fork() {
+  return fork();
+}
+
+int Wait(pid_t pid) {
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return -1;
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+void Echo(int fd, size_t request_bytes, size_t response_bytes) {
+  std::vector<uint8_t> request(request_bytes), response(response_bytes, 0x5A);
+  while (RecvAll(fd, request.data(), request.size()) &&
+         SendAll(fd, response.data(), response.size())) {
+  }
+}
+
+}  // namespace raw
+
+PingPongFloor::~PingPongFloor() {
+  // Closing our ends ends the child's threads, and so the child.
+  for (int fd : fds_)
+    raw::Close(fd);
+  if (child_ > 0) raw::Wait(child_);
+}
+
+bool PingPongFloor::Start(size_t pairs, size_t request_bytes, size_t response_bytes) {
+  std::vector<int> theirs;
+  for (size_t i = 0; i < pairs; ++i) {
+    int fds[2];
+    if (!raw::SocketPair(fds)) break;
+    fds_.push_back(fds[0]);
+    theirs.push_back(fds[1]);
+  }
+  if (theirs.size() == pairs) {
+    child_ = raw::Spawn([&] {
+      for (int fd : fds_)
+        raw::Close(fd);
+      std::vector<std::thread> threads;
+      for (int fd : theirs)
+        threads.emplace_back(raw::Echo, fd, request_bytes, response_bytes);
+      for (std::thread& thread : threads)
+        thread.join();
+      return 0;
+    });
+  }
+  for (int fd : theirs)
+    raw::Close(fd);
+  request_.assign(request_bytes, 0xA5);
+  responses_.assign(pairs, std::vector<uint8_t>(response_bytes));
+  return child_ > 0;
+}
+
+bool PingPongFloor::RoundTrip(size_t pair) {
+  return raw::SendAll(fds_[pair], request_.data(), request_.size()) &&
+         raw::RecvAll(fds_[pair], responses_[pair].data(), responses_[pair].size());
+}
+
+double Microseconds(Clock::duration d) {
+  return std::chrono::duration<double, std::micro>(d).count();
+}
+
+double Quantile(std::vector<double>& samples, double q) {
+  const size_t i = std::min(samples.size() - 1, static_cast<size_t>(q * samples.size()));
+  std::nth_element(samples.begin(), samples.begin() + static_cast<ptrdiff_t>(i), samples.end());
+  return samples[i];
+}
+
+std::vector<double> SampleStorage(const benchmark::State& state) {
+  std::vector<double> samples;
+  samples.reserve(
+      static_cast<size_t>(std::min<benchmark::IterationCount>(state.max_iterations, 10'000'000)));
+  return samples;
+}
+
+void ReportLatency(benchmark::State& state, std::vector<double>& samples) {
+  state.SetItemsProcessed(state.iterations());
+  if (samples.empty()) return;
+  state.counters["p50_us"] = Quantile(samples, 0.50);
+  state.counters["p99_us"] = Quantile(samples, 0.99);
+}
+
+void SharedLatency::Finish(benchmark::State& state, std::vector<double>& samples) {
+  state.SetItemsProcessed(state.iterations());
+  std::lock_guard lock(mutex_);
+  all_.insert(all_.end(), samples.begin(), samples.end());
+  if (++finished_ < state.threads()) return;
+  if (!all_.empty()) {
+    state.counters["p50_us"] = Quantile(all_, 0.50);
+    state.counters["p99_us"] = Quantile(all_, 0.99);
+  }
+  // Ready for the next run of the benchmark, which starts once all these threads are done.
+  all_.clear();
+  finished_ = 0;
+}
+
+FigureReporter::FigureReporter(std::string_view format) {
+  if (format == "json") {
+    inner_ = std::make_unique<benchmark::JSONReporter>();
+  } else {
+    // No colour codes: the table is meant to be copied.
+    inner_ = std::make_unique<benchmark::ConsoleReporter>(benchmark::ConsoleReporter::OO_Tabular);
+    out_ = stdout;
+  }
+}
+
+bool FigureReporter::ReportContext(const Context& context) {
+  return inner_->ReportContext(context);
+}
+
+void FigureReporter::ReportRuns(const std::vector<Run>& runs) {
+  for (const Run& run : runs) {
+    if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
+    Figures& figures = figures_[run.run_name.str()];
+    auto counter = [&run](const char* name) {
+      const auto it = run.counters.find(name);
+      return it != run.counters.end() ? it->second.value : 0.0;
+    };
+    figures.calls_per_second = counter("items_per_second");
+    figures.p50 = counter("p50_us");
+    figures.p99 = counter("p99_us");
+  }
+  inner_->ReportRuns(runs);
+}
+
+void FigureReporter::Finalize() {
+  inner_->Finalize();
+}
+
+const FigureReporter::Figures* FigureReporter::Find(const std::string& name) const {
+  const auto it = figures_.find(name);
+  return it != figures_.end() ? &it->second : nullptr;
+}
+
+std::string_view OutputFormat(int argc, char** argv) {
+  constexpr std::string_view flag = "--benchmark_format=";
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    if (arg.starts_with(flag)) return arg.substr(flag.size());
+  }
+  return "console";
+}
+
+}  // namespace qv::bench

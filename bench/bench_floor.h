@@ -1,0 +1,130 @@
+#pragma once
+// What the benchmarks share: the raw socket ping-pong they measure themselves against, latency
+// samples and their quantiles, and a reporter that keeps each run's figures for the ratios
+// printed at the end.
+
+#include <benchmark/benchmark.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qv::bench {
+
+using Clock = std::chrono::steady_clock;
+
+// --- Raw Unix sockets: the floor, and forked children --------------------------------------------
+// The only direct socket code of the benchmarks. Both ends block.
+namespace raw {
+
+bool SocketPair(int (&fds)[2]);
+bool SendAll(int fd, const uint8_t* data, size_t size);
+bool RecvAll(int fd, uint8_t* data, size_t size);
+void Close(int fd);
+
+// Runs `child` in a forked process that exits with its result; returns the child's id, or -1.
+// Fork only while this process has one thread.
+pid_t Fork();
+template <class Child>
+pid_t Spawn(Child child) {
+  const pid_t pid = Fork();
+  if (pid == 0) std::_Exit(child());
+  return pid;
+}
+
+// The child's exit code, or -1 when it did not exit normally.
+int Wait(pid_t pid);
+
+// Answers every `request_bytes` read from `fd` with `response_bytes`, until the other end closes.
+void Echo(int fd, size_t request_bytes, size_t response_bytes);
+
+}  // namespace raw
+
+// Ping-pong over `pairs` socket pairs, each served by a thread of one forked child: the floor
+// for as many clients of a server process.
+class PingPongFloor {
+ public:
+  PingPongFloor() = default;
+  ~PingPongFloor();
+  PingPongFloor(const PingPongFloor&) = delete;
+  PingPongFloor& operator=(const PingPongFloor&) = delete;
+
+  // Forks the child (while this process has one thread). False when it cannot.
+  bool Start(size_t pairs, size_t request_bytes, size_t response_bytes);
+  // One message of the request's size to the child on `pair` and one of the response's back.
+  bool RoundTrip(size_t pair);
+  size_t pairs() const { return fds_.size(); }
+
+ private:
+  std::vector<int> fds_;
+  pid_t child_ = -1;
+  std::vector<uint8_t> request_;
+  std::vector<std::vector<uint8_t>> responses_;  // one per pair: threads read at once
+};
+
+// --- Latency
+// ---------------------------------------------------------------------------------------
+
+double Microseconds(Clock::duration d);
+// The `q` quantile of `samples` (reordered).
+double Quantile(std::vector<double>& samples, double q);
+// Room for the samples of one run, so that storing them does not allocate while measuring.
+std::vector<double> SampleStorage(const benchmark::State& state);
+// Calls/s as items_per_second, and p50_us and p99_us of `samples`.
+void ReportLatency(benchmark::State& state, std::vector<double>& samples);
+
+// The samples of every thread of a multi-threaded benchmark: each thread hands its own in after
+// its loop, and the last one reports p50_us and p99_us of them all (the counters of the threads
+// are added up, and only that thread sets them). Every thread reports its calls.
+class SharedLatency {
+ public:
+  void Finish(benchmark::State& state, std::vector<double>& samples);
+
+ private:
+  std::mutex mutex_;
+  std::vector<double> all_;  // guarded by mutex_
+  int finished_ = 0;         // guarded by mutex_
+};
+
+// --- Reporting
+// -------------------------------------------------------------------------------------
+
+// Passes every run to the reporter the command line asked for (console or JSON) and keeps the
+// figures of each for the ratios. With repetitions, the median of each figure stands for the run.
+class FigureReporter : public benchmark::BenchmarkReporter {
+ public:
+  struct Figures {
+    double calls_per_second = 0;
+    double p50 = 0;
+    double p99 = 0;
+  };
+
+  explicit FigureReporter(std::string_view format);
+  bool ReportContext(const Context& context) override;
+  void ReportRuns(const std::vector<Run>& runs) override;
+  void Finalize() override;
+
+  // The figures of the run named `name` ("BM_X/real_time/threads:2"), or nullptr.
+  const Figures* Find(const std::string& name) const;
+  // Where the ratios go: stdout after the console table, stderr when stdout is one JSON document.
+  std::FILE* out() const { return out_; }
+
+ private:
+  std::unique_ptr<benchmark::BenchmarkReporter> inner_;
+  std::FILE* out_ = stderr;
+  std::map<std::string, Figures> figures_;
+};
+
+// The output format the command line asks for; benchmark::Initialize removes the flag, so call
+// this first.
+std::string_view OutputFormat(int argc, char** argv);
+
+}  // namespace qv::bench
