@@ -22,7 +22,7 @@ template <class... Outs>
 HRESULT Ask(const SharedClient& client, uint32_t handle, const CRequest& request,
             CResponse& response, const Outs*... outs) noexcept {
   if (!IsUsable(client)) return ReportError(E_UNEXPECTED);
-  if ((... || (outs == nullptr))) return ReportError(E_POINTER);
+  if ((... || !outs)) return ReportError(E_POINTER);
   return CallServer(*client, handle, request, response);
 }
 
