@@ -4,10 +4,9 @@
 #include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "api/error_reporting.h"
-#include "api/name_value_pair.h"
+#include "api/object_lists.h"
 #include "api/result_values.h"
 #include "requests/catalogue.h"
 
@@ -46,26 +45,6 @@ bool CopyText(std::u16string_view text, std::u16string& copy) noexcept {
   } catch (const std::bad_alloc&) {
     return false;
   }
-}
-
-// VT_ARRAY | VT_VARIANT of new INameValuePair objects, one per entry, in order.
-HRESULT OutNameValueArray(const NameValueList& entries, VARIANT* out) noexcept {
-  std::vector<vekx::ComPtr<IDispatch>> pairs;
-  try {
-    pairs.reserve(entries.size());
-    for (const NameValue& entry : entries) {
-      std::u16string name = entry.Name;
-      std::u16string value = entry.Value;
-      vekx::ComPtr<IDispatch> pair;
-      const HRESULT hr = CreateObject<CKXVENameValuePair>(
-          IID_IDispatch, reinterpret_cast<void**>(pair.Put()), std::move(name), std::move(value));
-      if (FAILED(hr)) return hr;
-      pairs.push_back(std::move(pair));
-    }
-  } catch (const std::bad_alloc&) {
-    return E_OUTOFMEMORY;
-  }
-  return OutObjectArray(pairs, out);
 }
 
 int HexDigit(char16_t c) {
