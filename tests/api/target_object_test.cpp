@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <future>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -174,10 +176,24 @@ TEST_F(TargetObjectTest, PropertiesComeFromTheServer) {
   EXPECT_NE(std::find(pairs.begin(), pairs.end(), "HostName=kit-one"), pairs.end());
   EXPECT_NE(std::find(pairs.begin(), pairs.end(), "SdkVersion=5.1.2.3"), pairs.end());
 
-  // A bad name is refused before anything is sent; a good one is kept and cached.
+  // Refused calls send nothing: the server's packet log has only the one that went through.
+  const std::string log = (std::filesystem::path(servertest::RunDir()) / "target.log").string();
+  std::filesystem::remove(log);
+  ASSERT_EQ(api_->StartPacketLogging(vekx::Bstr::FromUtf8(log).Get()), S_OK);
   EXPECT_EQ(one->put_Name(nullptr), E_POINTER);
   EXPECT_EQ(one->put_Name(vekx::Bstr::FromUtf8("").Get()), E_INVALIDARG);
+  EXPECT_EQ(one->Suspend(), E_NOTIMPL);
   EXPECT_EQ(Text(one.Get(), &ITarget::get_Name), "One");
+  ASSERT_EQ(api_->StopPacketLogging(), S_OK);
+  std::vector<std::string> sent;
+  std::istringstream lines(servertest::ReadText(log));
+  for (std::string line; std::getline(lines, line);) {
+    if (const size_t at = line.find(" REQUEST "); at != std::string::npos) {
+      sent.push_back(line.substr(at + 9, line.find(' ', at + 9) - at - 9));
+    }
+  }
+  EXPECT_EQ(sent, (std::vector<std::string>{"START_PACKET_LOGGING", "GET_TARGET_NAME"}));
+
   EXPECT_EQ(one->put_Name(vekx::Bstr::FromUtf8("Bench kit").Get()), S_OK) << TakeErrorText();
   EXPECT_EQ(Text(OtherTarget("kit-one").Get(), &ITarget::get_Name), "Bench kit");
   EXPECT_EQ(Text(one.Get(), &ITarget::get_CachedName), "Bench kit");
