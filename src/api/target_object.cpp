@@ -1,5 +1,6 @@
 #include "api/target_object.h"
 
+#include <cstring>
 #include <new>
 #include <string>
 #include <string_view>
@@ -84,10 +85,10 @@ HRESULT MacAddressBytes(const VARIANT& address, Bytes& mac) noexcept {
         FAILED(SafeArrayGetUBound(address.parray, 1, &upper)) || upper - lower + 1 != 6) {
       return E_INVALIDARG;
     }
+    mac.resize(6);  // before the array is locked: nothing may throw while it is
     void* data = nullptr;
     if (const HRESULT hr = SafeArrayAccessData(address.parray, &data); FAILED(hr)) return hr;
-    const auto* bytes = static_cast<const uint8_t*>(data);
-    mac.assign(bytes, bytes + 6);
+    std::memcpy(mac.data(), data, 6);
     SafeArrayUnaccessData(address.parray);
     return S_OK;
   } catch (const std::bad_alloc&) {
