@@ -1,0 +1,352 @@
+// Target objects end to end against a real vesta-kx on the quick scenario: kit-one (on, the
+// default), kit-two (off), kit-gone (unreachable) and kit-slow (a 20 s boot). Linux only for now,
+// like the other end-to-end tests: they start processes through a POSIX-only helper.
+#ifndef _WIN32
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <future>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "api/live_api.h"
+#include "api/server_call.h"
+#include "platform/process_identity.h"
+#include "requests/catalogue.h"
+#include "requests/target_states.h"
+
+namespace qv::apitest {
+namespace {
+
+using servertest::WaitUntil;
+
+// A second root object is a second client of the server, so that two can contend for one kit.
+class TargetObjectTest : public LiveApiTest {
+ protected:
+  void SetUp() override {
+    LiveApiTest::SetUp();
+    ASSERT_EQ(CreateRootObject(IID_IVEKXAPI12, reinterpret_cast<void**>(other_api_.Put())), S_OK);
+    ASSERT_EQ(other_api_->CheckCompatibility(21), S_OK);
+  }
+  void TearDown() override {
+    if (other_api_) other_api_->Dispose();
+    other_api_.Reset();
+    LiveApiTest::TearDown();
+  }
+
+  // A target object for `host` from the second client.
+  vekx::ComPtr<ITarget47> OtherTarget(const char* host) {
+    vekx::ComPtr<ITarget> target;
+    EXPECT_EQ(other_api_->AddTarget(vekx::Bstr::FromUtf8(host).Get(), target.Put()), S_OK);
+    vekx::ComPtr<ITarget47> latest;
+    if (target) target.QueryInto(IID_ITarget47, latest);
+    return latest;
+  }
+
+  // What a property getter of `object` returns; the test fails when it fails.
+  template <class Object, class Interface, class Value>
+  static Value Get(Object* object, HRESULT (STDMETHODCALLTYPE Interface::*getter)(Value*)) {
+    Value value{};
+    EXPECT_EQ((object->*getter)(&value), S_OK) << TakeErrorText();
+    return value;
+  }
+  template <class Object, class Interface>
+  static std::string Text(Object* object, HRESULT (STDMETHODCALLTYPE Interface::*getter)(BSTR*)) {
+    return vekx::Bstr::Adopt(Get(object, getter)).Utf8();
+  }
+  static ePowerStatus Power(ITarget47* target) { return Get(target, &ITarget::get_PowerStatus); }
+  static bool IsDefault(ITarget47* target) {
+    return Get(target, &ITarget::get_Default) == VARIANT_TRUE;
+  }
+
+  // "Name=Value" for each INameValuePair of a returned array.
+  static std::vector<std::string> Pairs(const vekx::Variant& array) {
+    std::vector<vekx::Variant> elements;
+    EXPECT_EQ(vekx::ArrayElements(array.Get(), elements), S_OK);
+    std::vector<std::string> pairs;
+    for (const vekx::Variant& element : elements) {
+      vekx::ComPtr<INameValuePair> pair;
+      if (element.Type() == VT_DISPATCH) {
+        element.Get().pdispVal->QueryInterface(IID_INameValuePair,
+                                               reinterpret_cast<void**>(pair.Put()));
+      }
+      if (!pair) return {"not an INameValuePair"};
+      pairs.push_back(Text(pair.Get(), &INameValuePair::get_Name) + "=" +
+                      Text(pair.Get(), &INameValuePair::get_ValueString));
+    }
+    return pairs;
+  }
+
+  vekx::ComPtr<IVEKXAPI12> other_api_;
+};
+
+TEST_F(TargetObjectTest, PowerChangesFollowTheKitAndRefuseTheStateItIsIn) {
+  auto two = Target("kit-two");
+  EXPECT_EQ(Power(two.Get()), POWER_STATUS_OFF);
+  EXPECT_EQ(two->PowerOff(), KXAPI_COMMS_ERR_INVALID_POWER_STATE);
+  EXPECT_EQ(TakeErrorText(),
+            "Target error - The power state is invalid. 'kit-two' is already off (Off)");
+
+  EXPECT_EQ(two->PowerOn(), S_OK) << TakeErrorText();
+  EXPECT_TRUE(WaitUntil([&] { return Power(two.Get()) == POWER_STATUS_ON; }));
+  EXPECT_EQ(two->PowerOn(), KXAPI_COMMS_ERR_INVALID_POWER_STATE);
+  EXPECT_EQ(two->Reboot(), S_OK) << TakeErrorText();
+  EXPECT_TRUE(WaitUntil([&] { return Power(two.Get()) == POWER_STATUS_ON; }));
+  EXPECT_EQ(two->ForcePowerOff(), S_OK) << TakeErrorText();
+  EXPECT_TRUE(WaitUntil([&] { return Power(two.Get()) == POWER_STATUS_OFF; }));
+
+  // Kits are not suspended from the host, and nothing reaches the server: not even a dead one.
+  auto gone = Target("kit-gone");
+  EXPECT_EQ(gone->Suspend(), E_NOTIMPL);
+
+  EXPECT_EQ(gone->Connect(), KXAPI_COMMS_ERR_NO_CONNECT);
+  EXPECT_EQ(TakeErrorText(),
+            "Target error - Could not connect. no kit answers at 'kit-gone'; check the host name "
+            "and the network");
+  EXPECT_EQ(two->get_PowerStatus(nullptr), E_POINTER);
+}
+
+TEST_F(TargetObjectTest, OneClientHoldsTheConnectionAtATime) {
+  auto mine = Target("kit-one");
+  auto theirs = OtherTarget("kit-one");
+  EXPECT_EQ(Get(mine.Get(), &ITarget::get_ConnectionState), CONNECTION_AVAILABLE);
+  vekx::Bstr info;
+  EXPECT_EQ(mine->get_ConnectionInfo(info.Put()), KXAPI_COMMS_ERR_NOT_CONNECTED);
+
+  ASSERT_EQ(mine->Connect(), S_OK) << TakeErrorText();
+  EXPECT_EQ(Get(mine.Get(), &ITarget::get_ConnectionState), CONNECTION_CONNECTED);
+  EXPECT_EQ(Get(theirs.Get(), &ITarget::get_ConnectionState), CONNECTION_IN_USE);
+  EXPECT_EQ(Text(mine.Get(), &ITarget::get_ConnectionInfo), "kit-one (virtual kit 'One')");
+  EXPECT_EQ(theirs->Connect(), KXAPI_COMMS_ERR_TARGET_IN_USE);
+
+  // A request for the connection is granted once the holder lets it go.
+  auto request = std::async(std::launch::async, [&] { return theirs->RequestConnection(); });
+  EXPECT_EQ(mine->ReleaseConnection(), S_OK) << TakeErrorText();
+  EXPECT_EQ(request.get(), S_OK);
+  EXPECT_EQ(Get(theirs.Get(), &ITarget::get_ConnectionState), CONNECTION_CONNECTED);
+
+  EXPECT_EQ(mine->ForceDisconnect(), S_OK) << TakeErrorText();
+  EXPECT_EQ(Get(mine.Get(), &ITarget::get_ConnectionState), CONNECTION_CONNECTED);
+  EXPECT_EQ(theirs->Disconnect(), KXAPI_COMMS_ERR_NOT_CONNECTED);
+  EXPECT_EQ(mine->Disconnect(), S_OK) << TakeErrorText();
+  EXPECT_EQ(Get(mine.Get(), &ITarget::get_ConnectionState), CONNECTION_AVAILABLE);
+
+  // A notification-only connection holds nothing.
+  EXPECT_EQ(theirs->ConnectForNotifications(), S_OK) << TakeErrorText();
+  EXPECT_EQ(Get(mine.Get(), &ITarget::get_ConnectionState), CONNECTION_AVAILABLE);
+  EXPECT_EQ(theirs->DisconnectFromNotifications(), S_OK) << TakeErrorText();
+  EXPECT_EQ(theirs->DisconnectFromNotifications(), KXAPI_COMMS_ERR_NOT_CONNECTED);
+  EXPECT_EQ(Target("kit-gone")->ConnectForNotifications(), KXAPI_COMMS_ERR_NO_CONNECT);
+}
+
+TEST_F(TargetObjectTest, BusyWhileAChangeRunsUntilItIsCancelled) {
+  auto slow = Target("kit-slow");
+  EXPECT_FALSE(Get(slow.Get(), &ITarget::get_IsBusy));
+  auto boot = std::async(std::launch::async, [&] { return slow->PowerOn(); });
+  EXPECT_TRUE(WaitUntil([&] { return Get(slow.Get(), &ITarget::get_IsBusy); }));
+  // Another client's cancel is not this change's.
+  EXPECT_EQ(OtherTarget("kit-slow")->CancelCurrentCommand(), S_OK);
+  EXPECT_TRUE(Get(slow.Get(), &ITarget::get_IsBusy));
+  EXPECT_EQ(slow->CancelCurrentCommand(), S_OK) << TakeErrorText();
+  EXPECT_EQ(boot.get(), KXAPI_COMMS_ERR_OPERATION_CANCELLED);
+  EXPECT_FALSE(Get(slow.Get(), &ITarget::get_IsBusy));
+  EXPECT_EQ(Power(slow.Get()), POWER_STATUS_OFF);
+
+  boot = std::async(std::launch::async, [&] { return slow->PowerOn(); });
+  EXPECT_TRUE(WaitUntil([&] { return Get(slow.Get(), &ITarget::get_IsBusy); }));
+  EXPECT_EQ(Target("kit-one")->CancelMyCommands(), S_OK) << TakeErrorText();
+  EXPECT_EQ(boot.get(), KXAPI_COMMS_ERR_OPERATION_CANCELLED);
+  EXPECT_EQ(slow->get_IsBusy(nullptr), E_POINTER);
+}
+
+TEST_F(TargetObjectTest, PropertiesComeFromTheServer) {
+  auto one = Target("kit-one");
+  EXPECT_EQ(Text(one.Get(), &ITarget::get_HostName), "kit-one");
+  EXPECT_EQ(Text(one.Get(), &ITarget::get_Name), "One");
+  ULONG version[4] = {};
+  EXPECT_EQ(one->SDKVersion(&version[0], &version[1], &version[2], &version[3]), S_OK);
+  EXPECT_EQ(std::vector<ULONG>(version, version + 4), (std::vector<ULONG>{5, 1, 2, 3}));
+  EXPECT_EQ(one->SDKVersion(&version[0], &version[1], nullptr, &version[3]), E_POINTER);
+
+  vekx::Variant info;
+  ASSERT_EQ(one->get_TargetInfo(info.Put()), S_OK) << TakeErrorText();
+  const auto pairs = Pairs(info);
+  EXPECT_NE(std::find(pairs.begin(), pairs.end(), "HostName=kit-one"), pairs.end());
+  EXPECT_NE(std::find(pairs.begin(), pairs.end(), "SdkVersion=5.1.2.3"), pairs.end());
+
+  // Refused calls send nothing: the server's packet log has only the one that went through.
+  const std::string log = (std::filesystem::path(servertest::RunDir()) / "target.log").string();
+  std::filesystem::remove(log);
+  ASSERT_EQ(api_->StartPacketLogging(vekx::Bstr::FromUtf8(log).Get()), S_OK);
+  EXPECT_EQ(one->put_Name(nullptr), E_POINTER);
+  EXPECT_EQ(one->put_Name(vekx::Bstr::FromUtf8("").Get()), E_INVALIDARG);
+  EXPECT_EQ(one->Suspend(), E_NOTIMPL);
+  EXPECT_EQ(Text(one.Get(), &ITarget::get_Name), "One");
+  ASSERT_EQ(api_->StopPacketLogging(), S_OK);
+  std::vector<std::string> sent;
+  std::istringstream lines(servertest::ReadText(log));
+  for (std::string line; std::getline(lines, line);) {
+    if (const size_t at = line.find(" REQUEST "); at != std::string::npos) {
+      sent.push_back(line.substr(at + 9, line.find(' ', at + 9) - at - 9));
+    }
+  }
+  EXPECT_EQ(sent, (std::vector<std::string>{"START_PACKET_LOGGING", "GET_TARGET_NAME"}));
+
+  EXPECT_EQ(one->put_Name(vekx::Bstr::FromUtf8("Bench kit").Get()), S_OK) << TakeErrorText();
+  EXPECT_EQ(Text(OtherTarget("kit-one").Get(), &ITarget::get_Name), "Bench kit");
+  EXPECT_EQ(Text(one.Get(), &ITarget::get_CachedName), "Bench kit");
+
+  // The unreachable kit keeps its cached name but has no live one.
+  auto gone = Target("kit-gone");
+  EXPECT_EQ(Text(gone.Get(), &ITarget::get_CachedName), "kit-gone");
+  vekx::Bstr name;
+  EXPECT_EQ(gone->get_Name(name.Put()), KXAPI_COMMS_ERR_NO_CONNECT);
+
+  CGetCachedSubnetMaskResponse mask;
+  EXPECT_EQ(one->put_SubnetMask(0xFFFFFF00u), S_OK) << TakeErrorText();
+  ULONG handle = 0;
+  one->get_Handle(&handle);
+  const SharedClient client = CKXVEPrivateAPI::Create(
+      ServerLink::ServerNames{platform::CurrentUserName(), servertest::RunDir()});
+  EXPECT_EQ(client->Call(handle, CGetCachedSubnetMaskRequest{}, mask), S_OK);
+  EXPECT_EQ(mask.SubnetMask, 0xFFFFFF00u);
+}
+
+TEST_F(TargetObjectTest, MacAddressTravelsAsSixBytesAndIsTakenAsBytesOrText) {
+  auto one = Target("kit-one");
+  auto mac = [&] {
+    vekx::Variant address;
+    EXPECT_EQ(one->get_MacAddress(address.Put()), S_OK) << TakeErrorText();
+    std::vector<uint8_t> bytes;
+    LONG upper = -1;
+    void* data = nullptr;
+    if (address.Type() == (VT_ARRAY | VT_UI1) &&
+        SafeArrayGetUBound(address.Get().parray, 1, &upper) == S_OK &&
+        SafeArrayAccessData(address.Get().parray, &data) == S_OK) {
+      bytes.assign(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + upper + 1);
+      SafeArrayUnaccessData(address.Get().parray);
+    }
+    return bytes;
+  };
+  auto put_text = [&](const char* text) {
+    vekx::Variant value;
+    VARIANT* slot = value.Put();
+    slot->bstrVal = vekx::Bstr::FromUtf8(text).Detach();
+    slot->vt = VT_BSTR;
+    return one->put_MacAddress(value.Get());
+  };
+
+  vekx::Variant original;
+  ASSERT_EQ(one->get_MacAddress(original.Put()), S_OK);
+  EXPECT_EQ(mac(), (std::vector<uint8_t>{2, 0, 0, 0, 0, 1}));
+  EXPECT_EQ(put_text("0a-1B-2c-3D-4e-5F"), S_OK) << TakeErrorText();
+  EXPECT_EQ(mac(), (std::vector<uint8_t>{0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f}));
+  EXPECT_EQ(one->put_MacAddress(original.Get()), S_OK) << TakeErrorText();
+  EXPECT_EQ(mac(), (std::vector<uint8_t>{2, 0, 0, 0, 0, 1}));
+
+  // A wrong length, digit or type is refused here and changes nothing.
+  EXPECT_EQ(put_text("0a:1b:2c:3d:4e"), E_INVALIDARG);
+  EXPECT_EQ(put_text("0a:1b:2c:3d:4e:5g"), E_INVALIDARG);
+  vekx::Variant number;
+  number.Put()->vt = VT_UI4;
+  EXPECT_EQ(one->put_MacAddress(number.Get()), E_INVALIDARG);
+  EXPECT_EQ(mac(), (std::vector<uint8_t>{2, 0, 0, 0, 0, 1}));
+}
+
+TEST_F(TargetObjectTest, DefaultIsTheServersOneAndAnyPutMakesIt) {
+  auto one = Target("kit-one");
+  auto two = Target("kit-two");
+  auto two_again = OtherTarget("kit-two");
+  EXPECT_TRUE(IsDefault(one.Get()));
+  EXPECT_FALSE(IsDefault(two.Get()));
+
+  EXPECT_EQ(two->put_Default(VARIANT_FALSE), S_OK) << TakeErrorText();
+  EXPECT_TRUE(IsDefault(two.Get()));
+  EXPECT_TRUE(IsDefault(two_again.Get()));
+  EXPECT_FALSE(IsDefault(one.Get()));
+  EXPECT_EQ(one->put_Default(VARIANT_TRUE), S_OK) << TakeErrorText();
+  EXPECT_TRUE(IsDefault(one.Get()));
+  EXPECT_FALSE(IsDefault(two_again.Get()));
+  EXPECT_EQ(one->get_Default(nullptr), E_POINTER);
+
+  // Deleting the default leaves none, which the server reports as an error.
+  EXPECT_EQ(one->Delete(), S_OK) << TakeErrorText();
+  VARIANT_BOOL is_default = VARIANT_TRUE;
+  EXPECT_EQ(two->get_Default(&is_default), KXAPI_NO_TARGET);
+  vekx::Bstr host;
+  EXPECT_EQ(one->get_HostName(host.Put()), KXAPI_SERVER_INVALID_TARGET);
+}
+
+TEST_F(TargetObjectTest, AProtocolIsHeldByOneClientAtATime) {
+  auto mine = Target("kit-one");
+  auto theirs = OtherTarget("kit-one");
+  auto in_use = [](ITarget47* target) {
+    VARIANT_BOOL used = VARIANT_FALSE;
+    EXPECT_EQ(target->QueryProtocolInUse(7, &used), S_OK) << TakeErrorText();
+    return used == VARIANT_TRUE;
+  };
+  const std::string pid = std::to_string(platform::CurrentProcessId());
+
+  EXPECT_FALSE(in_use(theirs.Get()));
+  EXPECT_EQ(mine->SetProtocolInUse(7), S_OK) << TakeErrorText();
+  EXPECT_TRUE(in_use(theirs.Get()));
+  vekx::Variant held;
+  ASSERT_EQ(mine->get_ProtocolRegistrationInfo(held.Put()), S_OK) << TakeErrorText();
+  std::vector<vekx::Variant> protocols;
+  ASSERT_EQ(vekx::ArrayElements(held.Get(), protocols), S_OK);
+  ASSERT_EQ(protocols.size(), 1u);
+  EXPECT_EQ(protocols[0].Get().ulVal, 7u);
+
+  EXPECT_EQ(theirs->SetProtocolInUse(7), KXAPI_COMMS_ERR_ALREADY_REGISTERED);
+  EXPECT_EQ(
+      TakeErrorText(),
+      "Target error - Already registered. protocol 7 of 'kit-one' is in use by process " + pid);
+  EXPECT_EQ(theirs->ClearProtocolInUse(7), KXAPI_COMMS_ERR_NOT_REGISTERED);
+  vekx::Variant info;
+  ASSERT_EQ(theirs->GetProtocolInfo(7, info.Put()), S_OK) << TakeErrorText();
+  EXPECT_EQ(Pairs(info), (std::vector<std::string>{"Protocol=7", "InUse=Yes", "ProcessId=" + pid,
+                                                   "HeldByCaller=No"}));
+
+  EXPECT_EQ(mine->ClearProtocolInUse(7), S_OK) << TakeErrorText();
+  EXPECT_EQ(theirs->SetProtocolInUse(7), S_OK) << TakeErrorText();
+  // A client that goes away gives its protocols up.
+  theirs.Reset();
+  other_api_->Dispose();
+  EXPECT_TRUE(WaitUntil([&] { return !in_use(mine.Get()); }));
+  EXPECT_EQ(Target("kit-gone")->SetProtocolInUse(7), KXAPI_COMMS_ERR_NO_CONNECT);
+}
+
+TEST_F(TargetObjectTest, AfterDisposeOnlyTheHandleWorks) {
+  auto one = Target("kit-one");
+  ULONG handle_before = 0;
+  ASSERT_EQ(one->get_Handle(&handle_before), S_OK);
+  ASSERT_EQ(api_->Dispose(), S_OK);
+
+  // One method of each shape; the client check comes before every other check.
+  ePowerStatus power{};
+  VARIANT_BOOL flag = VARIANT_FALSE;
+  vekx::Variant value;
+  const HRESULT results[] = {one->Connect(),
+                             one->get_PowerStatus(&power),
+                             one->SDKVersion(nullptr, nullptr, nullptr, nullptr),
+                             one->put_Default(VARIANT_TRUE),
+                             one->get_Default(&flag),
+                             one->put_Name(nullptr),
+                             one->put_MacAddress(value.Get()),
+                             one->GetProtocolInfo(1, value.Put()),
+                             one->Suspend(),
+                             one->ScreenShot(nullptr)};
+  for (size_t i = 0; i < std::size(results); ++i) {
+    EXPECT_EQ(results[i], E_UNEXPECTED) << "call " << i;
+  }
+  ULONG handle = 0;
+  EXPECT_EQ(one->get_Handle(&handle), S_OK);
+  EXPECT_EQ(handle, handle_before);
+}
+
+}  // namespace
+}  // namespace qv::apitest
+
+#endif  // _WIN32
