@@ -27,7 +27,7 @@ class TargetObjectTest : public LiveApiTest {
  protected:
   void SetUp() override {
     LiveApiTest::SetUp();
-    ASSERT_EQ(CreateRootObject(IID_IVEKXAPI12, reinterpret_cast<void**>(other_api_.Put())), S_OK);
+    ASSERT_EQ(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(other_api_.Put())), S_OK);
     ASSERT_EQ(other_api_->CheckCompatibility(21), S_OK);
   }
   void TearDown() override {
@@ -208,8 +208,8 @@ TEST_F(TargetObjectTest, PropertiesComeFromTheServer) {
   EXPECT_EQ(one->put_SubnetMask(0xFFFFFF00u), S_OK) << TakeErrorText();
   ULONG handle = 0;
   one->get_Handle(&handle);
-  const SharedClient client = CKXVEPrivateAPI::Create(
-      ServerLink::ServerNames{platform::CurrentUserName(), servertest::RunDir()});
+  const SharedClient client =
+      CKXVEPrivateAPI::Create(ServerLink::ServerNames{user_, servertest::RunDir()});
   EXPECT_EQ(client->Call(handle, CGetCachedSubnetMaskRequest{}, mask), S_OK);
   EXPECT_EQ(mask.SubnetMask, 0xFFFFFF00u);
 }
