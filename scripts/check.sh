@@ -32,6 +32,7 @@ ctest --test-dir "$out/linux" --output-on-failure -j "$jobs"
 "$out/linux/bench/bench_wire_encoding" --benchmark_min_time=0.01 >/dev/null
 "$out/linux/bench/bench_server_link" --benchmark_min_time=0.01 >/dev/null
 "$out/linux/bench/bench_server" --benchmark_min_time=0.01 >/dev/null
+"$out/linux/bench/bench_public_calls" --benchmark_min_time=0.01 >/dev/null
 
 step "linux (clang, address and undefined behaviour sanitizers, fuzzers)"
 cmake -S "$root" -B "$out/asan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
