@@ -1,5 +1,9 @@
 // The DLL's registration entry points, which regsvr32 and installers call. DllGetClassObject and
 // DllCanUnloadNow are portable and live with the object model.
+//
+// No proxy/stub code of our own: every interface is dual and oleautomation, so registering the
+// type library gives each the system's automation marshaller, which builds proxies from the
+// library at run time. Generated proxies would only duplicate that for every generation.
 
 #include <windows.h>
 

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "vekxapi/vekxapi.h"
 
@@ -145,6 +146,34 @@ void ExpectNotRegisteredUnder(HKEY root) {
     EXPECT_FALSE(KeyExists(root, entry.path)) << entry.path.c_str();
   }
   EXPECT_FALSE(KeyExists(root, L"AppID\\VEKXAPIx86.DLL"));
+}
+
+TEST(Resources, CarryTheTypeLibraryAndTheVersion) {
+  ITypeLib* library = nullptr;
+  ASSERT_EQ(LoadTypeLibEx(DllPath().c_str(), REGKIND_NONE, &library), S_OK);
+  TLIBATTR* attributes = nullptr;
+  ASSERT_EQ(library->GetLibAttr(&attributes), S_OK);
+  EXPECT_TRUE(IsEqualGUID(attributes->guid, LIBID_VEKXAPILib));
+  library->ReleaseTLibAttr(attributes);
+  ITypeInfo* target = nullptr;
+  EXPECT_EQ(library->GetTypeInfoOfGuid(IID_ITarget47, &target), S_OK);
+  if (target != nullptr) target->Release();
+  library->Release();
+
+  DWORD unused = 0;
+  const DWORD size = GetFileVersionInfoSizeW(DllPath().c_str(), &unused);
+  ASSERT_GT(size, 0u);
+  std::vector<BYTE> block(size);
+  ASSERT_TRUE(GetFileVersionInfoW(DllPath().c_str(), 0, size, block.data()));
+  VS_FIXEDFILEINFO* fixed = nullptr;
+  UINT length = 0;
+  ASSERT_TRUE(VerQueryValueW(block.data(), L"\\", reinterpret_cast<void**>(&fixed), &length));
+  EXPECT_EQ(fixed->dwFileVersionMS, 0x00050000u);
+  EXPECT_EQ(fixed->dwFileVersionLS, 0x0000000Au);
+  wchar_t* text = nullptr;
+  ASSERT_TRUE(VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\FileVersion",
+                             reinterpret_cast<void**>(&text), &length));
+  EXPECT_STREQ(text, L"5.0.0.10");
 }
 
 TEST(Registration, MachineWideWritesEveryKeyAndUnregisteringRemovesThemAll) {
