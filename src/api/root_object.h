@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <string_view>
 
 #include "api/automation_object.h"
 #include "api/server_call.h"
@@ -114,6 +115,17 @@ class CKXVEAPI final : public AutomationObject<CKXVEAPI, IVEKXAPI12> {
   // The private client, or null after Dispose. Free-threaded: a Dispose on one thread may race
   // a call on another, so methods take their own reference under the lock.
   SharedClient Client() const;
+  // The checks every method but a few starts with: the private client present and not disposed
+  // (E_UNEXPECTED), then, when `compatibility` is set, a passed CheckCompatibility
+  // (KXAPI_INCOMPATIBLE_CLIENT). On success `client` holds this call's reference; a failure is
+  // reported and returned.
+  HRESULT Begin(SharedClient& client, bool compatibility = true) const;
+  // For a method whose subsystem this library does not have yet: the usual checks first, so that
+  // a disposed or unchecked root object answers as it does everywhere else, then E_NOTIMPL.
+  HRESULT NotAvailable(std::u16string_view method) const;
+  // FindTargets and FindMiradorTargets: the same rule handling, different requests.
+  template <class Request, class Response>
+  HRESULT SendFindRules(const VARIANT& rules);
 
   mutable std::mutex client_mutex_;
   SharedClient client_;
