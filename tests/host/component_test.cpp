@@ -409,6 +409,23 @@ TEST_F(Component, DispatchCallsByNameAndCarriesFailures) {
     SysFreeString(exception.bstrSource);
     SysFreeString(exception.bstrHelpFile);
 
+    // Version(major, minor, patch, build): four out-arguments, by reference, in reverse order.
+    ULONG parts[4] = {};
+    VARIANTARG outputs[4];
+    for (int i = 0; i < 4; ++i) {
+      VariantInit(&outputs[i]);
+      V_VT(&outputs[i]) = VT_UI4 | VT_BYREF;
+      V_UI4REF(&outputs[i]) = &parts[3 - i];
+    }
+    DISPPARAMS version_params = {outputs, nullptr, 4, 0};
+    ASSERT_EQ(api->Invoke(IdOf(api, L"Version"), IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD,
+                          &version_params, nullptr, &exception, &bad_argument),
+              S_OK);
+    EXPECT_EQ(parts[0], 5u);
+    EXPECT_EQ(parts[1], 0u);
+    EXPECT_EQ(parts[2], 0u);
+    EXPECT_EQ(parts[3], 10u);
+
     // The type library, not the object, checks the arguments.
     params.cArgs = 0;
     EXPECT_EQ(api->Invoke(check, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &params, nullptr,
