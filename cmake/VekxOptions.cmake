@@ -3,11 +3,12 @@ add_library(vekx_options INTERFACE)
 target_compile_features(vekx_options INTERFACE cxx_std_20)
 
 if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
-  target_compile_options(vekx_options INTERFACE
-    -Wall -Wextra -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wimplicit-fallthrough
-    -Wno-missing-field-initializers)
+  # C++ only: the Windows DLL also compiles a resource script, and windres takes none of these.
+  set(warnings -Wall -Wextra -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
+               -Wimplicit-fallthrough -Wno-missing-field-initializers)
+  target_compile_options(vekx_options INTERFACE "$<$<COMPILE_LANGUAGE:CXX>:${warnings}>")
   if(VEKX_WERROR)
-    target_compile_options(vekx_options INTERFACE -Werror)
+    target_compile_options(vekx_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Werror>)
   endif()
 endif()
 
@@ -27,7 +28,7 @@ if(WIN32)
   target_compile_definitions(vekx_options INTERFACE _WIN32_WINNT=0x0601 UNICODE _UNICODE NOMINMAX
                                                     WIN32_LEAN_AND_MEAN)
   # The catalogue's translation units hold more sections than a plain COFF object allows.
-  target_compile_options(vekx_options INTERFACE -Wa,-mbig-obj)
+  target_compile_options(vekx_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wa,-mbig-obj>)
   # Test and tool executables carry their own runtime so that Wine needs no MinGW DLLs.
   set(VEKX_STATIC_RUNTIME_FLAGS -static -static-libgcc -static-libstdc++)
 endif()
