@@ -25,6 +25,7 @@ std::u16string Hex(uint64_t value) {
 Server::Server(const Scenario& scenario)
     : registry_(scenario), pipe_names_(std::random_device{}()) {
   RegisterHandlers(dispatcher_, registry_, packet_log_);
+  RegisterRootHandlers(dispatcher_, registry_, switches_);
 }
 
 Server::~Server() {

@@ -17,6 +17,7 @@
 #include "server/client_session.h"
 #include "server/packet_log.h"
 #include "server/request_dispatcher.h"
+#include "server/root_handlers.h"
 #include "server/scenario.h"
 #include "server/target_registry.h"
 
@@ -44,6 +45,7 @@ class Server {
 
   TargetRegistry registry_;
   PacketLog packet_log_;
+  ServerSwitches switches_;
   RequestDispatcher dispatcher_;
   std::u16string user_;
   std::string runtime_dir_;

@@ -16,6 +16,10 @@ void SetLogLevel(int level) {
   g_level.store(level);
 }
 
+int GetLogLevel() {
+  return g_level.load();
+}
+
 bool LogEnabled(int level) {
   return level <= g_level.load();
 }

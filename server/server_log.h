@@ -10,6 +10,7 @@ namespace qv::server {
 enum LogLevel : int { kLogErrors = 1, kLogRefusals = 2, kLogClients = 3, kLogRequests = 4 };
 
 void SetLogLevel(int level);
+int GetLogLevel();
 bool LogEnabled(int level);
 // Writes "vesta-kx: <text>" when `level` is enabled.
 void ServerLog(int level, const std::string& text);

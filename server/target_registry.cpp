@@ -304,6 +304,19 @@ U32List TargetRegistry::TargetsByName(std::u16string_view name) const {
   return TargetsWhere(&Kit::name, name);
 }
 
+Status TargetRegistry::CoreDumpTargetByHost(std::u16string_view pseudo_host,
+                                            uint32_t& handle) const {
+  std::lock_guard lock(mutex_);
+  for (const auto& [existing, target] : targets_) {
+    if (target->type == kTargetTypeCoreDump && SameHost(target->kit.host, pseudo_host)) {
+      handle = existing;
+      return Status::Ok();
+    }
+  }
+  return Status::Fail(KXAPI_SERVER_INVALID_TARGET,
+                      u"no core dump was loaded for the host " + Quoted(pseudo_host));
+}
+
 Status TargetRegistry::GetDefaultTarget(uint32_t& handle) const {
   std::lock_guard lock(mutex_);
   if (default_handle_ == kNoTarget) {

@@ -55,6 +55,8 @@ class TargetRegistry {
   U32List TargetList() const;
   U32List TargetsByHost(std::u16string_view host) const;
   U32List TargetsByName(std::u16string_view name) const;
+  // The core dump target added for `pseudo_host` (ADD_TARGET of type CoreDump).
+  Status CoreDumpTargetByHost(std::u16string_view pseudo_host, uint32_t& handle) const;
   Status GetDefaultTarget(uint32_t& handle) const;
   Status SetDefaultTarget(uint32_t handle);
   Status TargetInfo(uint32_t handle, NameValueList& info) const;

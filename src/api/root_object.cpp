@@ -1,10 +1,91 @@
 #include "api/root_object.h"
 
+#include <new>
+#include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
+#include "api/error_descriptions.h"
 #include "api/error_reporting.h"
+#include "api/object_lists.h"
+#include "api/result_values.h"
+#include "api/target_find_rule.h"
+#include "api/target_object.h"
+#include "api/target_picker.h"
+#include "requests/catalogue.h"
+#include "vekxapi/com_ptr.h"
+#include "vekxapi/result_codes.h"
+#include "vekxapi/variant.h"
 
 namespace qv {
+namespace {
+
+// The interface generation a client must name in CheckCompatibility.
+constexpr ULONG kInterfaceGeneration = 21;
+// The library's own version, major to build.
+constexpr ULONG kLibraryVersion[4] = {5, 0, 0, 10};
+
+// A string argument that names a host, a file or a name: present and not empty.
+HRESULT CheckName(BSTR text) noexcept {
+  if (text == nullptr) return E_POINTER;
+  if (InString(text).empty()) return E_INVALIDARG;
+  return S_OK;
+}
+
+template <class... Out>
+bool AllPresent(Out*... out) noexcept {
+  return ((out != nullptr) && ...);
+}
+
+// A new target object for `handle`, handed out as ITarget.
+HRESULT OutTarget(const SharedClient& client, uint32_t handle, ITarget** out) noexcept {
+  return CreateTargetObject(client, handle, IID_ITarget, reinterpret_cast<void**>(out));
+}
+
+// Reads the rules of FindTargets from a VARIANT holding an array of ITargetFindRule objects, in
+// array order. The first failure ends it: the conversion's code, or a getter's.
+HRESULT ReadFindRules(const VARIANT& argument, FindRuleList& rules) noexcept {
+  // A copy, so that a client changing its array meanwhile cannot pull elements away.
+  vekx::Variant copy;
+  if (HRESULT hr = VariantCopyInd(copy.Put(), const_cast<VARIANT*>(&argument)); FAILED(hr)) {
+    return hr;
+  }
+  std::vector<vekx::Variant> elements;
+  if (HRESULT hr = vekx::ArrayElements(copy.Get(), elements); FAILED(hr)) return hr;
+  try {
+    rules.reserve(elements.size());
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+  for (const vekx::Variant& element : elements) {
+    const VARIANT& value = element.Get();
+    IUnknown* object = value.vt == VT_DISPATCH  ? value.pdispVal
+                       : value.vt == VT_UNKNOWN ? value.punkVal
+                                                : nullptr;
+    if (object == nullptr) return DISP_E_TYPEMISMATCH;
+    vekx::ComPtr<ITargetFindRule> rule;
+    if (HRESULT hr =
+            object->QueryInterface(IID_ITargetFindRule, reinterpret_cast<void**>(rule.Put()));
+        FAILED(hr)) {
+      return hr;
+    }
+    ULONG start = 0;
+    ULONG end = 0;
+    ULONG mask = 0;
+    if (HRESULT hr = rule->get_StartAddress(&start); FAILED(hr)) return hr;
+    if (HRESULT hr = rule->get_EndAddress(&end); FAILED(hr)) return hr;
+    if (HRESULT hr = rule->get_SubnetMask(&mask); FAILED(hr)) return hr;
+    FindRule found;
+    found.StartAddress = start;
+    found.EndAddress = end;
+    found.SubnetMask = mask;
+    rules.push_back(found);  // reserved above
+  }
+  return S_OK;
+}
+
+}  // namespace
 
 CKXVEAPI::CKXVEAPI(SharedClient client) noexcept : client_(std::move(client)) {}
 
@@ -22,6 +103,25 @@ SharedClient CKXVEAPI::Client() const {
   return client_;
 }
 
+HRESULT CKXVEAPI::Begin(SharedClient& client, bool compatibility) const {
+  client = Client();
+  if (!IsUsable(client)) return ReportError(E_UNEXPECTED);
+  if (compatibility && !compatible_.load(std::memory_order_acquire)) {
+    return ReportError(KXAPI_INCOMPATIBLE_CLIENT);
+  }
+  return S_OK;
+}
+
+template <class Request, class Response>
+HRESULT CKXVEAPI::SendFindRules(const VARIANT& rules) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  Request request;
+  if (HRESULT hr = ReadFindRules(rules, request.Rules); FAILED(hr)) return ReportError(hr);
+  Response response;
+  return CallServer(*client, kNoTarget, request, response);
+}
+
 HRESULT CreateRootObject(REFIID iid, void** object) noexcept {
   if (object == nullptr) return E_POINTER;
   *object = nullptr;
@@ -34,38 +134,126 @@ HRESULT CreateRootObject(SharedClient client, REFIID iid, void** object) noexcep
   return CreateObject<CKXVEAPI>(iid, object, std::move(client));
 }
 
-HRESULT CKXVEAPI::AddTarget(BSTR, ITarget**) {
-  return ReportNotAvailable(u"IVEKXAPI::AddTarget");
+HRESULT CKXVEAPI::AddTarget(BSTR bstrHostName, ITarget** ppTarget) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (ppTarget == nullptr) return ReportError(E_POINTER);
+  if (HRESULT hr = CheckName(bstrHostName); FAILED(hr)) return ReportError(hr);
+  CAddTargetRequest request;
+  request.TargetType = u"VE";
+  request.HostName = InString(bstrHostName);
+  CAddTargetResponse response;
+  if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
+  return ReportError(OutTarget(client, response.Handle, ppTarget));
 }
 
-HRESULT CKXVEAPI::get_Targets(VARIANT*) {
-  return ReportNotAvailable(u"IVEKXAPI::get_Targets");
+HRESULT CKXVEAPI::get_Targets(VARIANT* pTargets) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (pTargets == nullptr) return ReportError(E_POINTER);
+  CGetTargetListRequest request;
+  CGetTargetListResponse response;
+  if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
+  return ReportError(OutTargetArray(client, response.Targets, pTargets));
 }
 
-HRESULT CKXVEAPI::ShowTargetPicker(LONGLONG, ITarget**) {
-  return ReportNotAvailable(u"IVEKXAPI::ShowTargetPicker");
+HRESULT CKXVEAPI::ShowTargetPicker(LONGLONG hParent, ITarget** ppTarget) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (ppTarget == nullptr) return ReportError(E_POINTER);
+  if (!HasTargetPicker()) {
+    return ReportError(E_NOTIMPL, u"This platform has no target picker; use Targets instead.");
+  }
+  vekx::Variant targets;
+  if (HRESULT hr = get_Targets(targets.Put()); FAILED(hr)) return hr;
+  PickerOutcome outcome;
+  if (HRESULT hr = RunTargetPicker(hParent, targets.Get(), outcome); FAILED(hr)) {
+    return ReportError(hr);
+  }
+  switch (outcome.end) {
+    case PickerOutcome::End::kCancelled:
+      return S_FALSE;  // the out-argument stays as the caller left it
+    case PickerOutcome::End::kNothingChosen:
+      return ReportError(E_FAIL, u"No target was chosen.");
+    case PickerOutcome::End::kChosen:
+      break;
+  }
+  std::vector<vekx::Variant> elements;
+  if (HRESULT hr = vekx::ArrayElements(targets.Get(), elements); FAILED(hr)) {
+    return ReportError(hr);
+  }
+  if (outcome.index >= elements.size() || elements[outcome.index].Type() != VT_DISPATCH ||
+      elements[outcome.index].Get().pdispVal == nullptr) {
+    return ReportError(E_FAIL, u"The picker chose no target of its list.");
+  }
+  return ReportError(elements[outcome.index].Get().pdispVal->QueryInterface(
+      IID_ITarget, reinterpret_cast<void**>(ppTarget)));
 }
 
-HRESULT CKXVEAPI::DiscoverTargets(VARIANT*) {
-  return ReportNotAvailable(u"IVEKXAPI::DiscoverTargets");
+HRESULT CKXVEAPI::DiscoverTargets(VARIANT* pAddresses) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (pAddresses == nullptr) return ReportError(E_POINTER);
+  CDiscoverTargetsRequest request;
+  CDiscoverTargetsResponse response;
+  if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
+  return ReportError(OutStringArray(response.Addresses, pAddresses));
 }
 
-HRESULT CKXVEAPI::GetErrorDescription(LONG, BSTR*) {
-  return ReportNotAvailable(u"IVEKXAPI::GetErrorDescription");
+// Works without the private client and before CheckCompatibility: a client may ask what a code
+// means at any time, also after Dispose.
+HRESULT CKXVEAPI::GetErrorDescription(LONG hr, BSTR* pbstrDescription) {
+  if (pbstrDescription == nullptr) return ReportError(E_POINTER);
+  const std::optional<std::u16string> text = ExpandedErrorDescription(hr);
+  if (!text) return ReportError(E_INVALIDARG, u"The code has no description.");
+  return ReportError(OutString(*text, pbstrDescription));
 }
 
 HRESULT CKXVEAPI::Dispose() {
-  return ReportNotAvailable(u"IVEKXAPI::Dispose");
+  SharedClient client;
+  {
+    std::lock_guard lock(client_mutex_);
+    client = std::move(client_);
+    client_ = nullptr;
+  }
+  if (client == nullptr) return S_OK;
+  // First, so that no object sharing the client sends, reconnects or starts a server from now on.
+  client->MarkDisposed();
+  HRESULT result = S_OK;
+  if (client->IsLinkUp()) {
+    client->ShutdownStep();
+    result = client->Disconnect();
+  }
+  // Our reference goes with `client`; target objects still holding one keep the client alive.
+  return ReportError(result);
 }
 
-HRESULT CKXVEAPI::CheckCompatibility(ULONG) {
-  return ReportNotAvailable(u"IVEKXAPI::CheckCompatibility");
+HRESULT CKXVEAPI::CheckCompatibility(ULONG uExpectedVersion) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client, false); FAILED(hr)) return hr;
+  if (uExpectedVersion < kInterfaceGeneration) {
+    return ReportError(KXAPI_INCOMPATIBLE_CLIENT_TOO_OLD);
+  }
+  if (uExpectedVersion > kInterfaceGeneration) {
+    return ReportError(KXAPI_INCOMPATIBLE_CLIENT_TOO_NEW);
+  }
+  compatible_.store(true, std::memory_order_release);
+  return S_OK;
 }
 
-HRESULT CKXVEAPI::TargetInfo(BSTR, VARIANT*) {
-  return ReportNotAvailable(u"IVEKXAPI::TargetInfo");
+HRESULT CKXVEAPI::TargetInfo(BSTR bstrHost, VARIANT* pInfo) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (pInfo == nullptr) return ReportError(E_POINTER);
+  if (HRESULT hr = CheckName(bstrHost); FAILED(hr)) return ReportError(hr);
+  CGetTargetSummaryRequest request;
+  request.Host = InString(bstrHost);
+  CGetTargetSummaryResponse response;
+  if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
+  return ReportError(OutNameValueArray(response.Summary, pInfo));
 }
 
+// TODO(feature): server event sinks arrive with the notify clients of the events subsystem.
 HRESULT CKXVEAPI::AdviseServerEvents(IEventServer*) {
   return ReportNotAvailable(u"IVEKXAPI::AdviseServerEvents");
 }
@@ -74,80 +262,232 @@ HRESULT CKXVEAPI::UnadviseServerEvents(IEventServer*) {
   return ReportNotAvailable(u"IVEKXAPI::UnadviseServerEvents");
 }
 
-HRESULT CKXVEAPI::StartPacketLogging(BSTR) {
-  return ReportNotAvailable(u"IVEKXAPI::StartPacketLogging");
+HRESULT CKXVEAPI::StartPacketLogging(BSTR bstrFilename) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (HRESULT hr = CheckName(bstrFilename); FAILED(hr)) return ReportError(hr);
+  CStartPacketLoggingRequest request;
+  request.FileName = InString(bstrFilename);
+  CStartPacketLoggingResponse response;
+  return CallServer(*client, kNoTarget, request, response);
 }
 
 HRESULT CKXVEAPI::StopPacketLogging() {
-  return ReportNotAvailable(u"IVEKXAPI::StopPacketLogging");
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  CStopPacketLoggingRequest request;
+  CStopPacketLoggingResponse response;
+  return CallServer(*client, kNoTarget, request, response);
 }
 
-HRESULT CKXVEAPI::Version(ULONG*, ULONG*, ULONG*, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI::Version");
+// Needs neither the private client nor CheckCompatibility.
+HRESULT CKXVEAPI::Version(ULONG* puMajor, ULONG* puMinor, ULONG* puPatch, ULONG* puBuild) {
+  if (!AllPresent(puMajor, puMinor, puPatch, puBuild)) return ReportError(E_POINTER);
+  *puMajor = kLibraryVersion[0];
+  *puMinor = kLibraryVersion[1];
+  *puPatch = kLibraryVersion[2];
+  *puBuild = kLibraryVersion[3];
+  return S_OK;
 }
 
-HRESULT CKXVEAPI::ServerVersion(ULONG*, ULONG*, ULONG*, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI::ServerVersion");
+// Before CheckCompatibility too: a client may want to know whom it talks to first.
+HRESULT CKXVEAPI::ServerVersion(ULONG* puMajor, ULONG* puMinor, ULONG* puPatch, ULONG* puBuild) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client, false); FAILED(hr)) return hr;
+  if (!AllPresent(puMajor, puMinor, puPatch, puBuild)) return ReportError(E_POINTER);
+  CGetServerVersionRequest request;
+  CGetServerVersionResponse response;
+  if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
+  *puMajor = response.Major;
+  *puMinor = response.Minor;
+  *puPatch = response.Patch;
+  *puBuild = response.Build;
+  return S_OK;
 }
 
-HRESULT CKXVEAPI::LoadCoreDump(BSTR, IEventTarget*, BSTR, ITarget**) {
-  return ReportNotAvailable(u"IVEKXAPI::LoadCoreDump");
+HRESULT CKXVEAPI::LoadCoreDump(BSTR bstrFilename, IEventTarget* pSink, BSTR bstrPseudoHost,
+                               ITarget** ppTarget) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (ppTarget == nullptr) return ReportError(E_POINTER);
+  if (HRESULT hr = CheckName(bstrFilename); FAILED(hr)) return ReportError(hr);
+  if (HRESULT hr = CheckName(bstrPseudoHost); FAILED(hr)) return ReportError(hr);
+
+  CAddTargetRequest add;
+  add.TargetType = u"CoreDump";
+  add.HostName = InString(bstrPseudoHost);
+  CAddTargetResponse added;
+  if (HRESULT hr = CallServer(*client, kNoTarget, add, added); FAILED(hr)) return hr;
+  vekx::ComPtr<ITarget> target;
+  if (HRESULT hr = OutTarget(client, added.Handle, target.Put()); FAILED(hr)) {
+    return ReportError(hr);
+  }
+  // The sink hears the dump's events from the start; the target reports its own failure.
+  if (HRESULT hr = target->AdviseTargetEvents(pSink); FAILED(hr)) return hr;
+
+  CLoadCoreDumpRequest load;
+  load.FileName = InString(bstrFilename);
+  CLoadCoreDumpResponse loaded;
+  const HRESULT hr = client->Call(added.Handle, load, loaded);
+  if (FAILED(hr)) {
+    target->UnadviseTargetEvents(pSink);
+    // After the unadvise, which may set an error object of its own.
+    return ReportError(hr, loaded.ResultText);
+  }
+  *ppTarget = target.Detach();
+  return S_OK;
 }
 
-HRESULT CKXVEAPI::StartRVS(unsigned char, ULONG) {
-  return ReportNotAvailable(u"IVEKXAPI::StartRVS");
+HRESULT CKXVEAPI::StartRVS(unsigned char chDriveLetter, ULONG uOptions) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  CStartFileSystemDriverRequest request;
+  request.DriveLetter = chDriveLetter;
+  request.Options = uOptions;
+  CStartFileSystemDriverResponse response;
+  return CallServer(*client, kNoTarget, request, response);
 }
 
 HRESULT CKXVEAPI::StopRVS() {
-  return ReportNotAvailable(u"IVEKXAPI::StopRVS");
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  CStopFileSystemDriverRequest request;
+  CStopFileSystemDriverResponse response;
+  return CallServer(*client, kNoTarget, request, response);
 }
 
-HRESULT CKXVEAPI::GetRVSDrive(ULONG*, unsigned char*) {
-  return ReportNotAvailable(u"IVEKXAPI::GetRVSDrive");
+HRESULT CKXVEAPI::GetRVSDrive(ULONG* puOptions, unsigned char* pchDriveLetter) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (!AllPresent(puOptions, pchDriveLetter)) return ReportError(E_POINTER);
+  CGetFileSystemDriveRequest request;
+  CGetFileSystemDriveResponse response;
+  if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
+  *puOptions = response.Options;
+  *pchDriveLetter = response.DriveLetter;
+  return S_OK;
 }
 
-HRESULT CKXVEAPI::GetCoreDumpTargetByHost(BSTR, ITarget**) {
-  return ReportNotAvailable(u"IVEKXAPI::GetCoreDumpTargetByHost");
+HRESULT CKXVEAPI::GetCoreDumpTargetByHost(BSTR bstrPseudoHost, ITarget** ppTarget) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (ppTarget == nullptr) return ReportError(E_POINTER);
+  if (HRESULT hr = CheckName(bstrPseudoHost); FAILED(hr)) return ReportError(hr);
+  CGetCoreDumpTargetByHostRequest request;
+  request.PseudoHost = InString(bstrPseudoHost);
+  CGetCoreDumpTargetByHostResponse response;
+  if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
+  return ReportError(OutTarget(client, response.Handle, ppTarget));
 }
 
-HRESULT CKXVEAPI::get_DefaultTarget(ITarget**) {
-  return ReportNotAvailable(u"IVEKXAPI::get_DefaultTarget");
+HRESULT CKXVEAPI::get_DefaultTarget(ITarget** ppTarget) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (ppTarget == nullptr) return ReportError(E_POINTER);
+  CGetDefaultTargetRequest request;
+  CGetDefaultTargetResponse response;
+  if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
+  return ReportError(OutTarget(client, response.Handle, ppTarget));
 }
 
-HRESULT CKXVEAPI::GetTargetsByHost(BSTR, VARIANT*) {
-  return ReportNotAvailable(u"IVEKXAPI::GetTargetsByHost");
+HRESULT CKXVEAPI::GetTargetsByHost(BSTR bstrHostName, VARIANT* pTargets) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (pTargets == nullptr) return ReportError(E_POINTER);
+  if (HRESULT hr = CheckName(bstrHostName); FAILED(hr)) return ReportError(hr);
+  CGetTargetsByHostRequest request;
+  request.HostName = InString(bstrHostName);
+  CGetTargetsByHostResponse response;
+  if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
+  return ReportError(OutTargetArray(client, response.Targets, pTargets));
 }
 
-HRESULT CKXVEAPI::StartMultiFilePacketLogging(BSTR, BSTR, ULONGLONG) {
-  return ReportNotAvailable(u"IVEKXAPI::StartMultiFilePacketLogging");
+HRESULT CKXVEAPI::StartMultiFilePacketLogging(BSTR bstrFile1, BSTR bstrFile2, ULONGLONG uSize) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (HRESULT hr = CheckName(bstrFile1); FAILED(hr)) return ReportError(hr);
+  if (HRESULT hr = CheckName(bstrFile2); FAILED(hr)) return ReportError(hr);
+  CStartMultiFilePacketLoggingRequest request;
+  request.FileName1 = InString(bstrFile1);
+  request.FileName2 = InString(bstrFile2);
+  request.Size = uSize;
+  CStartMultiFilePacketLoggingResponse response;
+  return CallServer(*client, kNoTarget, request, response);
 }
 
-HRESULT CKXVEAPI::FileSystemDriverVersion(ULONG*, ULONG*, ULONG*, ULONG*, ULONG*, BSTR*) {
-  return ReportNotAvailable(u"IVEKXAPI::FileSystemDriverVersion");
+// Before CheckCompatibility too, like ServerVersion.
+HRESULT CKXVEAPI::FileSystemDriverVersion(ULONG* puMajor, ULONG* puMinor, ULONG* puPatch,
+                                          ULONG* puBuild, ULONG* puDriver, BSTR* pbstrName) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client, false); FAILED(hr)) return hr;
+  if (!AllPresent(puMajor, puMinor, puPatch, puBuild, puDriver, pbstrName)) {
+    return ReportError(E_POINTER);
+  }
+  CGetFileSystemDriverVersionRequest request;
+  CGetFileSystemDriverVersionResponse response;
+  if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
+  if (HRESULT hr = OutString(response.Name, pbstrName); FAILED(hr)) return ReportError(hr);
+  *puMajor = response.Major;
+  *puMinor = response.Minor;
+  *puPatch = response.Patch;
+  *puBuild = response.Build;
+  *puDriver = response.Driver;
+  return S_OK;
 }
 
-HRESULT CKXVEAPI::GetTargetsByName(BSTR, VARIANT*) {
-  return ReportNotAvailable(u"IVEKXAPI::GetTargetsByName");
+HRESULT CKXVEAPI::GetTargetsByName(BSTR bstrName, VARIANT* pTargets) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (pTargets == nullptr) return ReportError(E_POINTER);
+  if (HRESULT hr = CheckName(bstrName); FAILED(hr)) return ReportError(hr);
+  CGetTargetsByNameRequest request;
+  request.Name = InString(bstrName);
+  CGetTargetsByNameResponse response;
+  if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
+  return ReportError(OutTargetArray(client, response.Targets, pTargets));
 }
 
-HRESULT CKXVEAPI::FindTargets(VARIANT) {
-  return ReportNotAvailable(u"IVEKXAPI::FindTargets");
+HRESULT CKXVEAPI::FindTargets(VARIANT arrRules) {
+  return SendFindRules<CFindTargetsRequest, CFindTargetsResponse>(arrRules);
 }
 
-HRESULT CKXVEAPI::AllocTargetFindRule(ITargetFindRule**) {
-  return ReportNotAvailable(u"IVEKXAPI::AllocTargetFindRule");
+HRESULT CKXVEAPI::AllocTargetFindRule(ITargetFindRule** ppRule) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (ppRule == nullptr) return ReportError(E_POINTER);
+  return ReportError(
+      CreateObject<CKXVETargetFindRule>(IID_ITargetFindRule, reinterpret_cast<void**>(ppRule)));
 }
 
 HRESULT CKXVEAPI::CancelFindTargets() {
-  return ReportNotAvailable(u"IVEKXAPI::CancelFindTargets");
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  CCancelFindTargetsRequest request;
+  CCancelFindTargetsResponse response;
+  return CallServer(*client, kNoTarget, request, response);
 }
 
-HRESULT CKXVEAPI::SetLoggingLevel(eLoggingLevel) {
-  return ReportNotAvailable(u"IVEKXAPI2::SetLoggingLevel");
+HRESULT CKXVEAPI::SetLoggingLevel(eLoggingLevel level) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (level < LOGGING_LEVEL_NONE || level > LOGGING_LEVEL_REQUESTS) {
+    return ReportError(E_INVALIDARG, u"The logging level is not one of eLoggingLevel.");
+  }
+  CSetLoggingLevelRequest request;
+  request.Level = static_cast<uint32_t>(level);
+  CSetLoggingLevelResponse response;
+  return CallServer(*client, kNoTarget, request, response);
 }
 
-HRESULT CKXVEAPI::GetLoggingLevel(eLoggingLevel*) {
-  return ReportNotAvailable(u"IVEKXAPI2::GetLoggingLevel");
+HRESULT CKXVEAPI::GetLoggingLevel(eLoggingLevel* pLevel) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (pLevel == nullptr) return ReportError(E_POINTER);
+  CGetLoggingLevelRequest request;
+  CGetLoggingLevelResponse response;
+  if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
+  *pLevel = static_cast<eLoggingLevel>(response.Level);
+  return S_OK;
 }
 
 HRESULT CKXVEAPI::AllocControllerData(IDispatch**) {
@@ -166,12 +506,24 @@ HRESULT CKXVEAPI::AllocTouchPoint(IDispatch**) {
   return ReportNotAvailable(u"IVEKXAPI3::AllocTouchPoint");
 }
 
-HRESULT CKXVEAPI::EnableHostExec(VARIANT_BOOL) {
-  return ReportNotAvailable(u"IVEKXAPI4::EnableHostExec");
+HRESULT CKXVEAPI::EnableHostExec(VARIANT_BOOL bEnable) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  CEnableHostExecRequest request;
+  request.Enable = bEnable != VARIANT_FALSE;
+  CEnableHostExecResponse response;
+  return CallServer(*client, kNoTarget, request, response);
 }
 
-HRESULT CKXVEAPI::HostExecEnabled(VARIANT_BOOL*) {
-  return ReportNotAvailable(u"IVEKXAPI4::HostExecEnabled");
+HRESULT CKXVEAPI::HostExecEnabled(VARIANT_BOOL* pbEnabled) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (pbEnabled == nullptr) return ReportError(E_POINTER);
+  CHostExecEnabledRequest request;
+  CHostExecEnabledResponse response;
+  if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
+  *pbEnabled = response.Enabled ? VARIANT_TRUE : VARIANT_FALSE;
+  return S_OK;
 }
 
 HRESULT CKXVEAPI::EnableDistributedCopy(VARIANT_BOOL) {
@@ -210,32 +562,64 @@ HRESULT CKXVEAPI::CancelCopy(ULONG) {
   return ReportNotAvailable(u"IVEKXAPI5::CancelCopy");
 }
 
-HRESULT CKXVEAPI::SetNetworkManagerLogging(VARIANT_BOOL) {
-  return ReportNotAvailable(u"IVEKXAPI6::SetNetworkManagerLogging");
+HRESULT CKXVEAPI::SetNetworkManagerLogging(VARIANT_BOOL bEnable) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  CSetNetworkManagerLoggingRequest request;
+  request.Enable = bEnable != VARIANT_FALSE;
+  CSetNetworkManagerLoggingResponse response;
+  return CallServer(*client, kNoTarget, request, response);
 }
 
-HRESULT CKXVEAPI::GetNetworkManagerLogging(VARIANT_BOOL*) {
-  return ReportNotAvailable(u"IVEKXAPI6::GetNetworkManagerLogging");
+HRESULT CKXVEAPI::GetNetworkManagerLogging(VARIANT_BOOL* pbEnabled) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (pbEnabled == nullptr) return ReportError(E_POINTER);
+  CGetNetworkManagerLoggingRequest request;
+  CGetNetworkManagerLoggingResponse response;
+  if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
+  *pbEnabled = response.Enabled ? VARIANT_TRUE : VARIANT_FALSE;
+  return S_OK;
 }
 
-HRESULT CKXVEAPI::StartNetworkManagerPacketLogging(BSTR) {
-  return ReportNotAvailable(u"IVEKXAPI6::StartNetworkManagerPacketLogging");
+HRESULT CKXVEAPI::StartNetworkManagerPacketLogging(BSTR bstrFilename) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (HRESULT hr = CheckName(bstrFilename); FAILED(hr)) return ReportError(hr);
+  CStartNetMngrPacketLoggingRequest request;
+  request.FileName = InString(bstrFilename);
+  CStartNetMngrPacketLoggingResponse response;
+  return CallServer(*client, kNoTarget, request, response);
 }
 
 HRESULT CKXVEAPI::StopNetworkManagerPacketLogging() {
-  return ReportNotAvailable(u"IVEKXAPI6::StopNetworkManagerPacketLogging");
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  CStopNetMngrPacketLoggingRequest request;
+  CStopNetMngrPacketLoggingResponse response;
+  return CallServer(*client, kNoTarget, request, response);
 }
 
-HRESULT CKXVEAPI::NetworkManagerInfo(VARIANT*) {
-  return ReportNotAvailable(u"IVEKXAPI6::NetworkManagerInfo");
+HRESULT CKXVEAPI::NetworkManagerInfo(VARIANT* pInfo) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (pInfo == nullptr) return ReportError(E_POINTER);
+  CGetNetworkManagerInfoRequest request;
+  CGetNetworkManagerInfoResponse response;
+  if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
+  return ReportError(OutNameValueArray(response.Info, pInfo));
 }
 
-HRESULT CKXVEAPI::FindMiradorTargets(VARIANT) {
-  return ReportNotAvailable(u"IVEKXAPI6::FindMiradorTargets");
+HRESULT CKXVEAPI::FindMiradorTargets(VARIANT arrRules) {
+  return SendFindRules<CFindMiradorTargetsRequest, CFindMiradorTargetsResponse>(arrRules);
 }
 
 HRESULT CKXVEAPI::CancelFindMiradorTargets() {
-  return ReportNotAvailable(u"IVEKXAPI6::CancelFindMiradorTargets");
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  CCancelFindMiradorTargetsRequest request;
+  CCancelFindMiradorTargetsResponse response;
+  return CallServer(*client, kNoTarget, request, response);
 }
 
 HRESULT CKXVEAPI::FileCopyEx(VARIANT, BSTR, BSTR, VARIANT_BOOL, ULONG*) {
@@ -250,8 +634,14 @@ HRESULT CKXVEAPI::DirectoryCopyEx(VARIANT, BSTR, BSTR, VARIANT_BOOL, ULONG*) {
   return ReportNotAvailable(u"IVEKXAPI7::DirectoryCopyEx");
 }
 
-HRESULT CKXVEAPI::GetClientPids(VARIANT*) {
-  return ReportNotAvailable(u"IVEKXAPI8::GetClientPids");
+HRESULT CKXVEAPI::GetClientPids(VARIANT* pPids) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  if (pPids == nullptr) return ReportError(E_POINTER);
+  CGetClientPidsRequest request;
+  CGetClientPidsResponse response;
+  if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
+  return ReportError(OutU32Array(response.ProcessIds, pPids));
 }
 
 HRESULT CKXVEAPI::GetDistributedCopyTargetsById(ULONG, VARIANT*) {

@@ -114,6 +114,14 @@ class CKXVEAPI final : public AutomationObject<CKXVEAPI, IVEKXAPI12> {
   // The private client, or null after Dispose. Free-threaded: a Dispose on one thread may race
   // a call on another, so methods take their own reference under the lock.
   SharedClient Client() const;
+  // The checks every method but a few starts with: the private client present and not disposed
+  // (E_UNEXPECTED), then, when `compatibility` is set, a passed CheckCompatibility
+  // (KXAPI_INCOMPATIBLE_CLIENT). On success `client` holds this call's reference; a failure is
+  // reported and returned.
+  HRESULT Begin(SharedClient& client, bool compatibility = true) const;
+  // FindTargets and FindMiradorTargets: the same rule handling, different requests.
+  template <class Request, class Response>
+  HRESULT SendFindRules(const VARIANT& rules);
 
   mutable std::mutex client_mutex_;
   SharedClient client_;

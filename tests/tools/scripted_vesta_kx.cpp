@@ -8,7 +8,8 @@
 //
 // It answers every request with success, GET_SERVER_VERSION with its own process id as the Build
 // number (so that a test can tell a restarted server from the first), and dies without answering
-// on POWER_OFF, as a server that crashes in the middle of a call.
+// on POWER_OFF and CANCEL_FIND_TARGETS (a target's call and a root object's), as a server that
+// crashes in the middle of a call.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -33,7 +34,10 @@ int main() {
   options.user = platform::Utf8ToUtf16(user);
   options.mark_ready = std::getenv("VEKX_SCRIPTED_NOT_READY") == nullptr;
   testing::ScriptedServer server(options, [](const testing::ReceivedRequest& received) {
-    if (received.type_number == CPowerOffRequest::kTypeNumber) std::_Exit(3);
+    if (received.type_number == CPowerOffRequest::kTypeNumber ||
+        received.type_number == CCancelFindTargetsRequest::kTypeNumber) {
+      std::_Exit(3);
+    }
     testing::Reply reply;
     if (received.type_number == CGetServerVersionRequest::kTypeNumber) {
       reply.fill = [](CResponse& response) {

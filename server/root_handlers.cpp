@@ -1,0 +1,51 @@
+#include "server/root_handlers.h"
+
+#include <string>
+
+#include "platform/wide_string.h"
+#include "requests/catalogue.h"
+#include "server/server_log.h"
+
+namespace qv::server {
+
+void RegisterRootHandlers(RequestDispatcher& dispatcher, TargetRegistry& registry,
+                          ServerSwitches& switches) {
+  using Context = RequestContext;
+  dispatcher.Register<CEnableHostExecRequest, CEnableHostExecResponse>(
+      [&switches](const Context&, CEnableHostExecRequest& request, CEnableHostExecResponse&) {
+        switches.host_exec.store(request.Enable);
+        return Status::Ok();
+      });
+  dispatcher.Register<CHostExecEnabledRequest, CHostExecEnabledResponse>(
+      [&switches](const Context&, CHostExecEnabledRequest&, CHostExecEnabledResponse& response) {
+        response.Enabled = switches.host_exec.load();
+        return Status::Ok();
+      });
+  // The level of the server's own diagnostics, the one --log-level sets at start.
+  dispatcher.Register<CSetLoggingLevelRequest, CSetLoggingLevelResponse>(
+      [](const Context&, CSetLoggingLevelRequest& request, CSetLoggingLevelResponse&) {
+        if (request.Level > kLogRequests) {
+          return Status::Fail(KXAPI_SERVER_INVALID_ARG,
+                              u"the logging level " +
+                                  platform::Utf8ToUtf16(std::to_string(request.Level)) +
+                                  u" is not one from 0 to 4");
+        }
+        SetLogLevel(static_cast<int>(request.Level));
+        return Status::Ok();
+      });
+  dispatcher.Register<CGetLoggingLevelRequest, CGetLoggingLevelResponse>(
+      [](const Context&, CGetLoggingLevelRequest&, CGetLoggingLevelResponse& response) {
+        response.Level = static_cast<uint32_t>(GetLogLevel());
+        return Status::Ok();
+      });
+  dispatcher.Register<CGetCoreDumpTargetByHostRequest, CGetCoreDumpTargetByHostResponse>(
+      [&registry](const Context&, CGetCoreDumpTargetByHostRequest& request,
+                  CGetCoreDumpTargetByHostResponse& response) {
+        if (request.PseudoHost.empty()) {
+          return Status::Fail(KXAPI_SERVER_INVALID_ARG, u"the pseudo host is empty");
+        }
+        return registry.CoreDumpTargetByHost(request.PseudoHost, response.Handle);
+      });
+}
+
+}  // namespace qv::server

@@ -1,0 +1,23 @@
+#pragma once
+// Handlers for the root object's server-wide operations: the host-exec switch, the server's log
+// level, and finding the target of a loaded core dump by its pseudo host.
+
+#include <atomic>
+
+#include "server/request_dispatcher.h"
+#include "server/target_registry.h"
+
+namespace qv::server {
+
+// Switches a client sets for the whole server; every client sees the same values, and they last
+// as long as the server does.
+struct ServerSwitches {
+  std::atomic<bool> host_exec{false};
+};
+
+// Registers the handlers with `dispatcher`; they keep references to `registry` and `switches`,
+// which must outlive it.
+void RegisterRootHandlers(RequestDispatcher& dispatcher, TargetRegistry& registry,
+                          ServerSwitches& switches);
+
+}  // namespace qv::server

@@ -1,0 +1,26 @@
+#pragma once
+// The target picker: a modal list of targets from which the user chooses one, behind
+// IVEKXAPI::ShowTargetPicker. Only a Windows dialog can fill it, and that dialog is not part of
+// this library yet, so every build reports that it has none rather than pretending to choose.
+
+#include <cstddef>
+
+#include "platform/automation.h"
+
+namespace qv {
+
+struct PickerOutcome {
+  enum class End { kChosen, kNothingChosen, kCancelled };
+  End end = End::kCancelled;
+  size_t index = 0;  // into the targets shown, when kChosen
+};
+
+// Whether this build can show the picker at all.
+bool HasTargetPicker() noexcept;
+
+// Shows the picker modally over the window `parent`, listing `targets` (VT_ARRAY | VT_VARIANT of
+// ITarget dispatch pointers, as Targets returns them), and waits for the user. S_OK with the
+// outcome; E_NOTIMPL where HasTargetPicker is false.
+HRESULT RunTargetPicker(LONGLONG parent, const VARIANT& targets, PickerOutcome& outcome) noexcept;
+
+}  // namespace qv

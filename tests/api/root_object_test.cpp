@@ -1,0 +1,433 @@
+// The root object end to end: against the real vesta-kx for its methods, and against the
+// scripted stand-in, started by the library from PATH, for a server that dies in a call.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "api/automation_object.h"
+#include "api/error_descriptions.h"
+#include "api/live_api.h"
+#include "platform/process_identity.h"
+#include "platform/server_process.h"
+#include "platform/wide_string.h"
+#include "support/test_environment.h"
+#include "vekxapi/result_codes.h"
+
+namespace qv::apitest {
+namespace {
+
+using vekx::Bstr;
+using vekx::ComPtr;
+using vekx::Variant;
+
+Bstr B(const char* text) {
+  return Bstr::FromUtf8(text);
+}
+
+// The table text of `code`, as the error object starts with it.
+std::string TableText(HRESULT code) {
+  return platform::Utf16ToUtf8(LookupErrorDescription(code).value_or(u"(none)"));
+}
+
+// The handles of the targets of a list a root method returned.
+std::vector<ULONG> Handles(const Variant& list) {
+  EXPECT_EQ(list.Type(), VT_ARRAY | VT_VARIANT);
+  std::vector<Variant> elements;
+  EXPECT_EQ(vekx::ArrayElements(list.Get(), elements), S_OK);
+  std::vector<ULONG> handles;
+  for (const Variant& element : elements) {
+    ComPtr<ITarget> target;
+    EXPECT_EQ(element.Type(), VT_DISPATCH);
+    if (element.Type() != VT_DISPATCH) continue;
+    EXPECT_EQ(
+        element.Get().pdispVal->QueryInterface(IID_ITarget, reinterpret_cast<void**>(target.Put())),
+        S_OK);
+    ULONG handle = 0;
+    EXPECT_EQ(target->get_Handle(&handle), S_OK);
+    handles.push_back(handle);
+  }
+  return handles;
+}
+
+ULONG HandleOf(const ComPtr<ITarget>& target) {
+  ULONG handle = 0;
+  EXPECT_EQ(target->get_Handle(&handle), S_OK);
+  return handle;
+}
+
+// VT_ARRAY | VT_VARIANT holding `rules` as dispatch pointers, as a script would pass them.
+Variant RuleArray(const std::vector<IDispatch*>& rules) {
+  Variant array;
+  SAFEARRAY* data = SafeArrayCreateVector(VT_VARIANT, 0, static_cast<ULONG>(rules.size()));
+  for (LONG i = 0; i < static_cast<LONG>(rules.size()); ++i) {
+    VARIANT element;
+    VariantInit(&element);
+    element.vt = VT_DISPATCH;
+    element.pdispVal = rules[i];
+    SafeArrayPutElement(data, &i, &element);  // copies: AddRefs the rule
+  }
+  VARIANT* out = array.Put();
+  out->vt = VT_ARRAY | VT_VARIANT;
+  out->parray = data;
+  return array;
+}
+
+// A rule whose end address cannot be read.
+class BrokenRule final : public AutomationObject<BrokenRule, ITargetFindRule> {
+ public:
+  static bool IsFamily(REFIID iid) { return IsEqualIID(iid, IID_ITargetFindRule); }
+  static const IID& DispatchIid() { return IID_ITargetFindRule; }
+  HRESULT STDMETHODCALLTYPE get_StartAddress(ULONG* value) override {
+    *value = 1;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE put_StartAddress(ULONG) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE get_EndAddress(ULONG*) override { return E_ACCESSDENIED; }
+  HRESULT STDMETHODCALLTYPE put_EndAddress(ULONG) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE get_SubnetMask(ULONG* value) override {
+    *value = 0;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE put_SubnetMask(ULONG) override { return S_OK; }
+};
+
+using RootObjectTest = LiveApiTest;
+
+TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) {
+  ComPtr<IVEKXAPI12> fresh;
+  ASSERT_EQ(CreateRootObject(IID_IVEKXAPI12, reinterpret_cast<void**>(fresh.Put())), S_OK);
+  ULONG v[4] = {};
+  auto expect_version = [&](IVEKXAPI12* api) {
+    ASSERT_EQ(api->Version(&v[0], &v[1], &v[2], &v[3]), S_OK);
+    EXPECT_EQ(std::vector<ULONG>(v, v + 4), (std::vector<ULONG>{5, 0, 0, 10}));
+  };
+  expect_version(fresh.Get());
+  EXPECT_EQ(fresh->Version(&v[0], nullptr, &v[2], &v[3]), E_POINTER);
+
+  // Nothing but the exceptions works before CheckCompatibility, and a failed check changes that
+  // no more than none.
+  Variant targets;
+  EXPECT_EQ(fresh->get_Targets(targets.Put()), KXAPI_INCOMPATIBLE_CLIENT);
+  EXPECT_EQ(TakeErrorText(), TableText(KXAPI_INCOMPATIBLE_CLIENT));
+  EXPECT_EQ(fresh->CheckCompatibility(20), KXAPI_INCOMPATIBLE_CLIENT_TOO_OLD);
+  EXPECT_EQ(fresh->CheckCompatibility(22), KXAPI_INCOMPATIBLE_CLIENT_TOO_NEW);
+  EXPECT_EQ(fresh->get_Targets(targets.Put()), KXAPI_INCOMPATIBLE_CLIENT);
+  ASSERT_EQ(fresh->ServerVersion(&v[0], &v[1], &v[2], &v[3]), S_OK);
+  EXPECT_EQ(std::vector<ULONG>(v, v + 4), (std::vector<ULONG>{5, 0, 10, 0}));
+  EXPECT_EQ(fresh->CheckCompatibility(21), S_OK);
+  expect_version(fresh.Get());
+  EXPECT_EQ(fresh->get_Targets(targets.Put()), S_OK);
+
+  Bstr text;
+  EXPECT_EQ(fresh->GetErrorDescription(0, text.Put()), S_OK);
+  EXPECT_EQ(text.Utf8(), "Success.");
+  EXPECT_EQ(fresh->GetErrorDescription(KXAPI_COMMS_ERR_NO_ENTRY, text.Put()), S_OK);
+  EXPECT_EQ(text.Utf8(), "Target error - The entry does not exist.");
+  EXPECT_EQ(fresh->GetErrorDescription(E_INVALIDARG, text.Put()), E_INVALIDARG);
+  EXPECT_EQ(fresh->GetErrorDescription(0, nullptr), E_POINTER);
+
+  ComPtr<ITarget> made_before;
+  ASSERT_EQ(fresh->AddTarget(B("kit-one").Get(), made_before.Put()), S_OK);
+  EXPECT_EQ(fresh->Dispose(), S_OK);
+  EXPECT_EQ(fresh->Dispose(), S_OK);
+  expect_version(fresh.Get());
+  EXPECT_EQ(fresh->GetErrorDescription(0, text.Put()), S_OK);
+  EXPECT_EQ(text.Utf8(), "Success.");
+  EXPECT_NE(HandleOf(made_before), 0u);
+
+  // Stop the server: a disposed root neither reaches nor starts one.
+  server_->RequestStop();
+  ASSERT_TRUE(server_->Wait(10000).has_value());
+  server_.reset();
+  const char* old_path = std::getenv("PATH");
+  testing::ScopedVariable path(
+      "PATH", std::filesystem::path(VEKX_SERVER_EXECUTABLE).parent_path().string() + ":" +
+                  (old_path != nullptr ? old_path : ""));
+  ComPtr<ITarget> target;
+  Variant list;
+  BSTR name = nullptr;
+  ULONG driver = 0;
+  eLoggingLevel level{};
+  VARIANT_BOOL flag = VARIANT_FALSE;
+  ComPtr<ITargetFindRule> rule;
+  const std::vector<std::function<HRESULT(IVEKXAPI12*)>> calls = {
+      [&](IVEKXAPI12* a) { return a->CheckCompatibility(21); },
+      [&](IVEKXAPI12* a) { return a->AddTarget(B("kit-one").Get(), target.Put()); },
+      [&](IVEKXAPI12* a) { return a->get_Targets(list.Put()); },
+      [&](IVEKXAPI12* a) { return a->DiscoverTargets(list.Put()); },
+      [&](IVEKXAPI12* a) { return a->TargetInfo(B("kit-one").Get(), list.Put()); },
+      [&](IVEKXAPI12* a) { return a->ServerVersion(&v[0], &v[1], &v[2], &v[3]); },
+      [&](IVEKXAPI12* a) {
+        return a->FileSystemDriverVersion(&v[0], &v[1], &v[2], &v[3], &driver, &name);
+      },
+      [&](IVEKXAPI12* a) { return a->GetCoreDumpTargetByHost(B("dump").Get(), target.Put()); },
+      [&](IVEKXAPI12* a) { return a->get_DefaultTarget(target.Put()); },
+      [&](IVEKXAPI12* a) { return a->GetTargetsByName(B("One").Get(), list.Put()); },
+      [&](IVEKXAPI12* a) { return a->AllocTargetFindRule(rule.Put()); },
+      [&](IVEKXAPI12* a) { return a->CancelFindTargets(); },
+      [&](IVEKXAPI12* a) { return a->ShowTargetPicker(0, target.Put()); },
+      [&](IVEKXAPI12* a) { return a->GetLoggingLevel(&level); },
+      [&](IVEKXAPI12* a) { return a->HostExecEnabled(&flag); },
+      [&](IVEKXAPI12* a) { return a->GetClientPids(list.Put()); },
+  };
+  for (size_t i = 0; i < calls.size(); ++i) {
+    EXPECT_EQ(calls[i](fresh.Get()), E_UNEXPECTED) << "call " << i;
+  }
+  ComPtr<IVEKXAPI12> never_checked;
+  ASSERT_EQ(CreateRootObject(IID_IVEKXAPI12, reinterpret_cast<void**>(never_checked.Put())), S_OK);
+  ASSERT_EQ(never_checked->Dispose(), S_OK);  // never connected: nothing to end
+  EXPECT_EQ(never_checked->ServerVersion(&v[0], &v[1], &v[2], &v[3]), E_UNEXPECTED);
+  EXPECT_FALSE(platform::ServerIsReady(platform::CurrentUserName(), servertest::RunDir(), 0));
+}
+
+TEST_F(RootObjectTest, TargetsListsAndLookups) {
+  ComPtr<ITarget> one;
+  ASSERT_EQ(api_->AddTarget(B("kit-one").Get(), one.Put()), S_OK);
+  ComPtr<ITarget> again;
+  ASSERT_EQ(api_->AddTarget(B("kit-one").Get(), again.Put()), S_OK);
+  EXPECT_NE(one.Get(), again.Get());
+  EXPECT_EQ(HandleOf(one), HandleOf(again));
+  EXPECT_EQ(api_->AddTarget(B("").Get(), again.Put()), E_INVALIDARG);
+  EXPECT_EQ(api_->AddTarget(nullptr, again.Put()), E_POINTER);
+  EXPECT_EQ(api_->AddTarget(B("kit-one").Get(), nullptr), E_POINTER);
+
+  ComPtr<ITarget> first_default;
+  ComPtr<ITarget> second_default;
+  ASSERT_EQ(api_->get_DefaultTarget(first_default.Put()), S_OK);
+  ASSERT_EQ(api_->get_DefaultTarget(second_default.Put()), S_OK);
+  EXPECT_NE(first_default.Get(), second_default.Get());
+  EXPECT_EQ(HandleOf(first_default), HandleOf(second_default));
+  EXPECT_EQ(HandleOf(first_default), HandleOf(one));  // kit-one is the scenario's default
+
+  Variant list;
+  ASSERT_EQ(api_->get_Targets(list.Put()), S_OK);
+  const std::vector<ULONG> all = Handles(list);
+  EXPECT_NE(std::find(all.begin(), all.end(), HandleOf(one)), all.end());
+  ASSERT_EQ(api_->GetTargetsByHost(B("kit-one").Get(), list.Put()), S_OK);
+  EXPECT_EQ(Handles(list), std::vector<ULONG>{HandleOf(one)});
+  ASSERT_EQ(api_->GetTargetsByName(B("One").Get(), list.Put()), S_OK);
+  EXPECT_EQ(Handles(list), std::vector<ULONG>{HandleOf(one)});
+  ASSERT_EQ(api_->GetTargetsByName(B("nobody").Get(), list.Put()), S_OK);
+  EXPECT_TRUE(Handles(list).empty());
+  EXPECT_EQ(api_->GetTargetsByHost(B("").Get(), list.Put()), E_INVALIDARG);
+  EXPECT_EQ(api_->GetTargetsByName(B("One").Get(), nullptr), E_POINTER);
+
+  ASSERT_EQ(api_->TargetInfo(B("kit-one").Get(), list.Put()), S_OK);
+  std::vector<Variant> pairs;
+  ASSERT_EQ(vekx::ArrayElements(list.Get(), pairs), S_OK);
+  std::vector<std::string> texts;
+  for (const Variant& element : pairs) {
+    ComPtr<INameValuePair> pair;
+    ASSERT_EQ(element.Get().pdispVal->QueryInterface(IID_INameValuePair,
+                                                     reinterpret_cast<void**>(pair.Put())),
+              S_OK);
+    Bstr name;
+    Bstr value;
+    ASSERT_EQ(pair->get_Name(name.Put()), S_OK);
+    ASSERT_EQ(pair->get_ValueString(value.Put()), S_OK);
+    texts.push_back(name.Utf8() + "=" + value.Utf8());
+  }
+  EXPECT_NE(std::find(texts.begin(), texts.end(), "Name=One"), texts.end());
+  EXPECT_NE(std::find(texts.begin(), texts.end(), "HostName=kit-one"), texts.end());
+
+  // A server failure: the table's text, a blank and the server's own.
+  EXPECT_EQ(api_->TargetInfo(B("kit-gone").Get(), list.Put()), KXAPI_COMMS_ERR_NO_CONNECT);
+  const std::string failure = TakeErrorText();
+  EXPECT_EQ(failure.rfind(TableText(KXAPI_COMMS_ERR_NO_CONNECT) + " no kit answers at", 0), 0u)
+      << failure;
+
+  ASSERT_EQ(api_->DiscoverTargets(list.Put()), S_OK);
+  EXPECT_EQ(list.Type(), VT_ARRAY | VT_BSTR);
+  std::vector<Variant> addresses;
+  ASSERT_EQ(vekx::ArrayElements(list.Get(), addresses), S_OK);
+  std::vector<std::string> found;
+  for (const Variant& address : addresses) {
+    found.push_back(Bstr(platform::BstrView(address.Get().bstrVal)).Utf8());
+  }
+  EXPECT_EQ(found, (std::vector<std::string>{"10.1.0.1", "10.1.0.2"}));
+}
+
+TEST_F(RootObjectTest, FindRulesAndWhatReachesTheServer) {
+  const std::string log =
+      (std::filesystem::path(servertest::RunDir()) / "root-packets.log").string();
+  std::filesystem::remove(log);
+  ASSERT_EQ(api_->StartPacketLogging(B(log.c_str()).Get()), S_OK);
+
+  // Refused before anything is sent.
+  ComPtr<ITarget> target;
+  EXPECT_EQ(api_->AddTarget(B("").Get(), target.Put()), E_INVALIDARG);
+  ComPtr<ITargetFindRule> good;
+  ASSERT_EQ(api_->AllocTargetFindRule(good.Put()), S_OK);
+  ASSERT_EQ(good->put_StartAddress(0x0A010002), S_OK);
+  ASSERT_EQ(good->put_EndAddress(0x0A010001), S_OK);
+  ASSERT_EQ(good->put_SubnetMask(0xFFFFFF00), S_OK);
+  ComPtr<ITargetFindRule> broken;
+  ASSERT_EQ(CreateObject<BrokenRule>(IID_ITargetFindRule, reinterpret_cast<void**>(broken.Put())),
+            S_OK);
+  EXPECT_EQ(api_->FindTargets(RuleArray({good.Get(), broken.Get()}).Get()), E_ACCESSDENIED);
+  Variant not_an_array;
+  not_an_array.Put()->vt = VT_I4;
+  EXPECT_EQ(api_->FindTargets(not_an_array.Get()), DISP_E_TYPEMISMATCH);
+
+  // Sent: an empty list, then one rule whose range runs backwards, which the server names, in
+  // the order the rule gave its addresses.
+  EXPECT_EQ(api_->FindTargets(RuleArray({}).Get()), S_OK);
+  EXPECT_EQ(api_->FindTargets(RuleArray({good.Get()}).Get()), KXAPI_SERVER_INVALID_ARG);
+  EXPECT_EQ(TakeErrorText(), TableText(KXAPI_SERVER_INVALID_ARG) +
+                                 " a search range ends before it starts (10.1.0.2 to 10.1.0.1)");
+  EXPECT_EQ(api_->CancelFindTargets(), S_OK);
+  // No kit of the second kind: the server says it has no such search.
+  EXPECT_EQ(api_->FindMiradorTargets(RuleArray({}).Get()), KXAPI_SERVER_NOT_IMPLEMENTED);
+  EXPECT_NE(TakeErrorText().find("FIND_MIRADOR_TARGETS"), std::string::npos);
+  ASSERT_EQ(api_->StopPacketLogging(), S_OK);
+
+  std::ifstream file(log);
+  std::vector<std::string> requests;
+  for (std::string line; std::getline(file, line);) {
+    const size_t at = line.find(" REQUEST ");
+    if (at != std::string::npos)
+      requests.push_back(line.substr(at + 9, line.find(' ', at + 9) - at - 9));
+  }
+  EXPECT_EQ(requests,
+            (std::vector<std::string>{"START_PACKET_LOGGING", "FIND_TARGETS", "FIND_TARGETS",
+                                      "CANCEL_FIND_TARGETS", "FIND_MIRADOR_TARGETS"}));
+  EXPECT_EQ(api_->StartPacketLogging(B("").Get()), E_INVALIDARG);
+}
+
+TEST_F(RootObjectTest, ServerSwitchesClientsAndOperationsTheServerLacks) {
+  VARIANT_BOOL enabled = VARIANT_TRUE;
+  ASSERT_EQ(api_->HostExecEnabled(&enabled), S_OK);
+  EXPECT_EQ(enabled, VARIANT_FALSE);
+  ASSERT_EQ(api_->EnableHostExec(VARIANT_TRUE), S_OK);
+  // Kept by the server: another root object sees it.
+  ComPtr<IVEKXAPI12> other;
+  ASSERT_EQ(CreateRootObject(IID_IVEKXAPI12, reinterpret_cast<void**>(other.Put())), S_OK);
+  ASSERT_EQ(other->CheckCompatibility(21), S_OK);
+  ASSERT_EQ(other->HostExecEnabled(&enabled), S_OK);
+  EXPECT_EQ(enabled, VARIANT_TRUE);
+  EXPECT_EQ(api_->HostExecEnabled(nullptr), E_POINTER);
+
+  eLoggingLevel level = LOGGING_LEVEL_NONE;
+  ASSERT_EQ(api_->SetLoggingLevel(LOGGING_LEVEL_CLIENTS), S_OK);
+  ASSERT_EQ(other->GetLoggingLevel(&level), S_OK);
+  EXPECT_EQ(level, LOGGING_LEVEL_CLIENTS);
+  EXPECT_EQ(api_->SetLoggingLevel(static_cast<eLoggingLevel>(9)), E_INVALIDARG);
+
+  Variant pids;
+  ASSERT_EQ(other->GetClientPids(pids.Put()), S_OK);
+  std::vector<Variant> ids;
+  ASSERT_EQ(vekx::ArrayElements(pids.Get(), ids), S_OK);
+  ASSERT_EQ(ids.size(), 2u);  // both root objects of this process
+  EXPECT_EQ(ids[0].Get().ulVal, platform::CurrentProcessId());
+  EXPECT_EQ(ids[1].Get().ulVal, platform::CurrentProcessId());
+  EXPECT_EQ(other->Dispose(), S_OK);
+
+  // A failure's error object stays through a later success.
+  ComPtr<ITarget> target;
+  EXPECT_EQ(api_->GetCoreDumpTargetByHost(B("no-dump").Get(), target.Put()),
+            KXAPI_SERVER_INVALID_TARGET);
+  ULONG v[4] = {};
+  ASSERT_EQ(api_->ServerVersion(&v[0], &v[1], &v[2], &v[3]), S_OK);
+  EXPECT_EQ(TakeErrorText(), TableText(KXAPI_SERVER_INVALID_TARGET) +
+                                 " no core dump was loaded for the host 'no-dump'");
+
+  // A core dump's pseudo host becomes a target whatever the later steps say.
+  EXPECT_EQ(api_->LoadCoreDump(B("/tmp/core").Get(), nullptr, B("").Get(), target.Put()),
+            E_INVALIDARG);
+  EXPECT_TRUE(
+      FAILED(api_->LoadCoreDump(B("/tmp/core").Get(), nullptr, B("dump-one").Get(), target.Put())));
+  ComPtr<ITarget> dump;
+  ASSERT_EQ(api_->GetCoreDumpTargetByHost(B("dump-one").Get(), dump.Put()), S_OK);
+  ComPtr<ITarget> kit;
+  ASSERT_EQ(api_->AddTarget(B("kit-one").Get(), kit.Put()), S_OK);
+  EXPECT_NE(HandleOf(dump), HandleOf(kit));
+
+  // Requests the server answers as not implemented, naming them.
+  const std::vector<std::pair<std::function<HRESULT()>, std::string>> unimplemented = {
+      {[&] { return api_->StartRVS('R', 1); }, "START_FILE_SYSTEM_DRIVER"},
+      {[&] { return api_->StopRVS(); }, "STOP_FILE_SYSTEM_DRIVER"},
+      {[&] {
+         ULONG options = 0;
+         unsigned char letter = 0;
+         return api_->GetRVSDrive(&options, &letter);
+       },
+       "GET_FILE_SYSTEM_DRIVE"},
+      {[&] {
+         ULONG driver = 0;
+         Bstr name;
+         return api_->FileSystemDriverVersion(&v[0], &v[1], &v[2], &v[3], &driver, name.Put());
+       },
+       "GET_FILE_SYSTEM_DRIVER_VERSION"},
+      {[&] { return api_->SetNetworkManagerLogging(VARIANT_TRUE); }, "SET_NETWORK_MANAGER_LOGGING"},
+      {[&] { return api_->StartNetworkManagerPacketLogging(B("/tmp/nm").Get()); },
+       "START_NET_MNGR_PACKET_LOGGING"},
+      {[&] { return api_->StartMultiFilePacketLogging(B("a").Get(), B("b").Get(), 4096); },
+       "START_MULTI_FILE_PACKET_LOGGING"},
+  };
+  for (const auto& [call, name] : unimplemented) {
+    EXPECT_EQ(call(), KXAPI_SERVER_NOT_IMPLEMENTED) << name;
+    EXPECT_NE(TakeErrorText().find(name), std::string::npos) << name;
+  }
+  EXPECT_EQ(api_->ShowTargetPicker(0, target.Put()), E_NOTIMPL);
+}
+
+// The scripted stand-in, found along PATH: it dies without answering CANCEL_FIND_TARGETS.
+class RootObjectServerDeathTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    std::error_code error;
+    std::filesystem::remove(alive_file_, error);  // the stand-ins exit
+  }
+  uint32_t ServerPid(IVEKXAPI12* api) {
+    ULONG v[4] = {};
+    EXPECT_EQ(api->ServerVersion(&v[0], &v[1], &v[2], &v[3]), S_OK);
+    return v[3];  // its process id
+  }
+  bool Ready() const { return platform::ServerIsReady(user_, servertest::RunDir(), 0); }
+
+  std::u16string user_ = testing::UniqueUser("vkxroot");
+  testing::TempDir dir_;
+  std::filesystem::path alive_file_ = dir_.path() / "alive";
+  testing::ScopedVariable scripted_user_{"VEKX_SCRIPTED_USER", platform::Utf16ToUtf8(user_)};
+  testing::ScopedVariable alive_{"VEKX_SCRIPTED_ALIVE_FILE", alive_file_.string()};
+  testing::ScopedVariable path_{"PATH", std::string(VEKX_SCRIPTED_SERVER_DIR) + ":" +
+                                            (std::getenv("PATH") ? std::getenv("PATH") : "")};
+};
+
+TEST_F(RootObjectServerDeathTest, ACallTheServerDiesInFailsAndTheNextStartsAnother) {
+  std::ofstream(alive_file_) << "serve\n";
+  ComPtr<IVEKXAPI12> api;
+  ASSERT_EQ(CreateRootObject(CKXVEPrivateAPI::Create({user_, servertest::RunDir()}), IID_IVEKXAPI12,
+                             reinterpret_cast<void**>(api.Put())),
+            S_OK);
+  ASSERT_EQ(api->CheckCompatibility(21), S_OK);
+  const uint32_t first = ServerPid(api.Get());
+  ASSERT_NE(first, 0u);
+
+  EXPECT_EQ(api->CancelFindTargets(), KXAPI_WAIT_ERROR);
+  EXPECT_EQ(TakeErrorText(), TableText(KXAPI_WAIT_ERROR));
+  ASSERT_TRUE(testing::WaitUntil([&] { return !Ready(); }));
+  const uint32_t second = ServerPid(api.Get());
+  EXPECT_NE(second, 0u);
+  EXPECT_NE(second, first);
+
+  // After Dispose and with no server left, nothing starts one.
+  EXPECT_EQ(api->Dispose(), S_OK);
+  EXPECT_EQ(api->CancelFindTargets(), E_UNEXPECTED);
+  std::filesystem::remove(alive_file_);
+  ASSERT_TRUE(testing::WaitUntil([&] { return !Ready(); }));
+  std::ofstream(alive_file_) << "serve\n";
+  ULONG v[4] = {};
+  EXPECT_EQ(api->ServerVersion(&v[0], &v[1], &v[2], &v[3]), E_UNEXPECTED);
+  EXPECT_FALSE(Ready());
+}
+
+}  // namespace
+}  // namespace qv::apitest
