@@ -237,6 +237,45 @@ void RegisterPowerAndConnection(RequestDispatcher& dispatcher, TargetRegistry& r
       });
 }
 
+void RegisterNotificationsAndProtocols(RequestDispatcher& dispatcher, TargetRegistry& registry) {
+  dispatcher.Register<CConnectForNotificationsRequest, CConnectForNotificationsResponse>(
+      [&registry](const Context& context, CConnectForNotificationsRequest&,
+                  CConnectForNotificationsResponse&) {
+        return registry.ConnectForNotifications(context.client_id, context.target);
+      });
+  dispatcher.Register<CDisconnectFromNotificationsRequest, CDisconnectFromNotificationsResponse>(
+      [&registry](const Context& context, CDisconnectFromNotificationsRequest&,
+                  CDisconnectFromNotificationsResponse&) {
+        return registry.DisconnectFromNotifications(context.client_id, context.target);
+      });
+  dispatcher.Register<CSetProtocolInUseRequest, CSetProtocolInUseResponse>(
+      [&registry](const Context& context, CSetProtocolInUseRequest& request,
+                  CSetProtocolInUseResponse&) {
+        return registry.SetProtocolInUse(context.client_id, context.target, request.Protocol);
+      });
+  dispatcher.Register<CClearProtocolInUseRequest, CClearProtocolInUseResponse>(
+      [&registry](const Context& context, CClearProtocolInUseRequest& request,
+                  CClearProtocolInUseResponse&) {
+        return registry.ClearProtocolInUse(context.client_id, context.target, request.Protocol);
+      });
+  dispatcher.Register<CQueryProtocolInUseRequest, CQueryProtocolInUseResponse>(
+      [&registry](const Context& context, CQueryProtocolInUseRequest& request,
+                  CQueryProtocolInUseResponse& response) {
+        return registry.QueryProtocolInUse(context.target, request.Protocol, response.InUse);
+      });
+  dispatcher.Register<CProtocolRegistrationInfoRequest, CProtocolRegistrationInfoResponse>(
+      [&registry](const Context& context, CProtocolRegistrationInfoRequest&,
+                  CProtocolRegistrationInfoResponse& response) {
+        return registry.ProtocolsHeldBy(context.client_id, context.target, response.Protocols);
+      });
+  dispatcher.Register<CGetProtocolInfoRequest, CGetProtocolInfoResponse>(
+      [&registry](const Context& context, CGetProtocolInfoRequest& request,
+                  CGetProtocolInfoResponse& response) {
+        return registry.ProtocolInfo(context.client_id, context.target, request.Protocol,
+                                     response.Info);
+      });
+}
+
 void RegisterServerOperations(RequestDispatcher& dispatcher, TargetRegistry& registry,
                               PacketLog& packet_log) {
   dispatcher.Register<CGetClientPidsRequest, CGetClientPidsResponse>(
@@ -269,6 +308,7 @@ void RegisterHandlers(RequestDispatcher& dispatcher, TargetRegistry& registry,
   RegisterTargetList(dispatcher, registry);
   RegisterTargetProperties(dispatcher, registry);
   RegisterPowerAndConnection(dispatcher, registry);
+  RegisterNotificationsAndProtocols(dispatcher, registry);
   RegisterServerOperations(dispatcher, registry, packet_log);
   dispatcher.observer = [&packet_log](const Context& context, const CRequest* request,
                                       const CResponse& response) {

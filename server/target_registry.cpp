@@ -114,6 +114,8 @@ void TargetRegistry::RemoveClient(uint64_t client_id) {
     it = it->second.empty() ? subscriptions_.erase(it) : std::next(it);
   }
   for (auto& [handle, target] : targets_) {
+    target->notification_clients.erase(client_id);
+    std::erase_if(target->protocols, [&](const auto& claim) { return claim.second == client_id; });
     if (target->owner != client_id) continue;
     target->owner = 0;
     CDisconnectNotification disconnect;
@@ -728,6 +730,96 @@ Status TargetRegistry::ConnectionStateOf(uint64_t client_id, uint32_t handle,
   state = target->owner == 0           ? ConnectionState::kAvailable
           : target->owner == client_id ? ConnectionState::kConnected
                                        : ConnectionState::kInUse;
+  return Status::Ok();
+}
+
+uint32_t TargetRegistry::ProcessIdOf(uint64_t client_id) const {
+  const auto client = clients_.find(client_id);
+  return client != clients_.end() ? client->second.first.process_id : 0;
+}
+
+Status TargetRegistry::ConnectForNotifications(uint64_t client_id, uint32_t handle) {
+  std::lock_guard lock(mutex_);
+  TargetPtr target;
+  if (Status status = Lookup(handle, target); !status.ok()) return status;
+  if (Status status = Reachable(*target); !status.ok()) return status;
+  target->notification_clients.insert(client_id);
+  return Status::Ok();
+}
+
+Status TargetRegistry::DisconnectFromNotifications(uint64_t client_id, uint32_t handle) {
+  std::lock_guard lock(mutex_);
+  TargetPtr target;
+  if (Status status = Lookup(handle, target); !status.ok()) return status;
+  if (target->notification_clients.erase(client_id) == 0) {
+    return Status::Fail(
+        KXAPI_COMMS_ERR_NOT_CONNECTED,
+        u"this client is not connected to " + Quoted(target->kit.host) + u" for notifications");
+  }
+  return Status::Ok();
+}
+
+Status TargetRegistry::SetProtocolInUse(uint64_t client_id, uint32_t handle, uint32_t protocol) {
+  std::lock_guard lock(mutex_);
+  TargetPtr target;
+  if (Status status = Lookup(handle, target); !status.ok()) return status;
+  if (Status status = Reachable(*target); !status.ok()) return status;
+  const auto [claim, added] = target->protocols.try_emplace(protocol, client_id);
+  if (!added && claim->second != client_id) {
+    return Status::Fail(KXAPI_COMMS_ERR_ALREADY_REGISTERED,
+                        u"protocol " + Number(protocol) + u" of " + Quoted(target->kit.host) +
+                            u" is in use by process " + Number(ProcessIdOf(claim->second)));
+  }
+  return Status::Ok();
+}
+
+Status TargetRegistry::ClearProtocolInUse(uint64_t client_id, uint32_t handle, uint32_t protocol) {
+  std::lock_guard lock(mutex_);
+  TargetPtr target;
+  if (Status status = Lookup(handle, target); !status.ok()) return status;
+  const auto claim = target->protocols.find(protocol);
+  if (claim == target->protocols.end() || claim->second != client_id) {
+    return Status::Fail(KXAPI_COMMS_ERR_NOT_REGISTERED, u"this client does not hold protocol " +
+                                                            Number(protocol) + u" of " +
+                                                            Quoted(target->kit.host));
+  }
+  target->protocols.erase(claim);
+  return Status::Ok();
+}
+
+Status TargetRegistry::QueryProtocolInUse(uint32_t handle, uint32_t protocol, bool& in_use) const {
+  std::lock_guard lock(mutex_);
+  TargetPtr target;
+  if (Status status = Lookup(handle, target); !status.ok()) return status;
+  if (Status status = Reachable(*target); !status.ok()) return status;
+  in_use = target->protocols.count(protocol) != 0;
+  return Status::Ok();
+}
+
+Status TargetRegistry::ProtocolsHeldBy(uint64_t client_id, uint32_t handle,
+                                       U32List& protocols) const {
+  std::lock_guard lock(mutex_);
+  TargetPtr target;
+  if (Status status = Lookup(handle, target); !status.ok()) return status;
+  protocols.clear();
+  for (const auto& [protocol, holder] : target->protocols) {
+    if (holder == client_id) protocols.push_back(protocol);
+  }
+  return Status::Ok();
+}
+
+Status TargetRegistry::ProtocolInfo(uint64_t client_id, uint32_t handle, uint32_t protocol,
+                                    NameValueList& info) const {
+  std::lock_guard lock(mutex_);
+  TargetPtr target;
+  if (Status status = Lookup(handle, target); !status.ok()) return status;
+  if (Status status = Reachable(*target); !status.ok()) return status;
+  const auto claim = target->protocols.find(protocol);
+  const uint64_t holder = claim != target->protocols.end() ? claim->second : 0;
+  info = {{u"Protocol", Number(protocol)},
+          {u"InUse", holder != 0 ? u"Yes" : u"No"},
+          {u"ProcessId", Number(holder != 0 ? ProcessIdOf(holder) : 0)},
+          {u"HeldByCaller", holder == client_id ? u"Yes" : u"No"}};
   return Status::Ok();
 }
 

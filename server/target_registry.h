@@ -96,6 +96,21 @@ class TargetRegistry {
   Status RequestConnection(uint64_t client_id, uint32_t handle);
   Status ConnectionStateOf(uint64_t client_id, uint32_t handle, ConnectionState& state) const;
 
+  // A notification-only connection: it holds nothing, so any number of clients may have one
+  // beside the client that holds the target connected.
+  Status ConnectForNotifications(uint64_t client_id, uint32_t handle);
+  Status DisconnectFromNotifications(uint64_t client_id, uint32_t handle);
+
+  // Protocol claims on a target: at most one client holds a protocol, until it clears the claim
+  // or goes away.
+  Status SetProtocolInUse(uint64_t client_id, uint32_t handle, uint32_t protocol);
+  Status ClearProtocolInUse(uint64_t client_id, uint32_t handle, uint32_t protocol);
+  Status QueryProtocolInUse(uint32_t handle, uint32_t protocol, bool& in_use) const;
+  // The protocols `client_id` holds on the target, ascending.
+  Status ProtocolsHeldBy(uint64_t client_id, uint32_t handle, U32List& protocols) const;
+  Status ProtocolInfo(uint64_t client_id, uint32_t handle, uint32_t protocol,
+                      NameValueList& info) const;
+
   // Subscriptions: one entry per (client, group, key). The Server group's key is always
   // 0xFFFFFFFF; the other groups' keys are target handles.
   Status Subscribe(uint64_t client_id, EventGroup group, uint32_t key);
@@ -117,6 +132,8 @@ class TargetRegistry {
     uint64_t changer = 0;    // the client whose change is under way
     bool cancelled = false;  // that change is to end early
     bool deleted = false;
+    std::set<uint64_t> notification_clients;
+    std::map<uint32_t, uint64_t> protocols;  // protocol -> the client holding it
   };
   using TargetPtr = std::shared_ptr<Target>;
   using Lock = std::unique_lock<std::mutex>;
@@ -141,6 +158,8 @@ class TargetRegistry {
   bool Sleep(Lock& lock, uint32_t ms, const Target& target, bool until_owned = false);
   // Runs a timed power change: `from` states it may start in, `to` where it ends.
   Status PowerChange(uint64_t client_id, uint32_t handle, PowerOperation operation, PowerStatus to);
+  // The process id a client gave in its handshake, 0 once it has gone.
+  uint32_t ProcessIdOf(uint64_t client_id) const;
 
   mutable std::mutex mutex_;
   std::condition_variable changed_cv_;  // shutdown, deletion, a connection taken

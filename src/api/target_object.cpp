@@ -1,10 +1,137 @@
 #include "api/target_object.h"
 
+#include <new>
+#include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "api/error_reporting.h"
+#include "api/name_value_pair.h"
+#include "api/result_values.h"
+#include "requests/catalogue.h"
+#include "vekxapi/variant.h"
 
 namespace qv {
+
+namespace {
+
+// The checks before a request, in their order (the private client, then the out-pointers), and
+// the call. Returns the reported failure, or the response's (successful) result.
+template <class... Outs>
+HRESULT Ask(const SharedClient& client, uint32_t handle, const CRequest& request,
+            CResponse& response, const Outs*... outs) noexcept {
+  if (!IsUsable(client)) return ReportError(E_UNEXPECTED);
+  if ((... || (outs == nullptr))) return ReportError(E_POINTER);
+  return CallServer(*client, handle, request, response);
+}
+
+// A request with no body whose response has no fields of its own.
+template <class Request, class Response>
+HRESULT Command(const SharedClient& client, uint32_t handle) noexcept {
+  Request request;
+  Response response;
+  return Ask(client, handle, request, response);
+}
+
+// A method of a subsystem this version does not have; after Dispose it fails like every other.
+HRESULT NotAvailable(const SharedClient& client, std::u16string_view method) noexcept {
+  if (!IsUsable(client)) return ReportError(E_UNEXPECTED);
+  return ReportNotAvailable(method);
+}
+
+bool CopyText(std::u16string_view text, std::u16string& copy) noexcept {
+  try {
+    copy.assign(text);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+// VT_ARRAY | VT_VARIANT of new INameValuePair objects, one per entry, in order.
+HRESULT OutNameValueArray(const NameValueList& entries, VARIANT* out) noexcept {
+  std::vector<vekx::ComPtr<IDispatch>> pairs;
+  try {
+    pairs.reserve(entries.size());
+    for (const NameValue& entry : entries) {
+      std::u16string name = entry.Name;
+      std::u16string value = entry.Value;
+      vekx::ComPtr<IDispatch> pair;
+      const HRESULT hr = CreateObject<CKXVENameValuePair>(
+          IID_IDispatch, reinterpret_cast<void**>(pair.Put()), std::move(name), std::move(value));
+      if (FAILED(hr)) return hr;
+      pairs.push_back(std::move(pair));
+    }
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+  return OutObjectArray(pairs, out);
+}
+
+int HexDigit(char16_t c) {
+  if (c >= u'0' && c <= u'9') return c - u'0';
+  if (c >= u'a' && c <= u'f') return c - u'a' + 10;
+  if (c >= u'A' && c <= u'F') return c - u'A' + 10;
+  return -1;
+}
+
+// "02:00:00:00:00:01" or "02-00-00-00-00-01".
+bool ParseMacText(std::u16string_view text, Bytes& mac) {
+  if (text.size() != 17) return false;
+  mac.assign(6, 0);
+  for (size_t i = 0; i < 6; ++i) {
+    const int high = HexDigit(text[i * 3]);
+    const int low = HexDigit(text[i * 3 + 1]);
+    if (high < 0 || low < 0) return false;
+    if (i < 5 && text[i * 3 + 2] != u':' && text[i * 3 + 2] != u'-') return false;
+    mac[i] = static_cast<uint8_t>(high * 16 + low);
+  }
+  return true;
+}
+
+// The 6 bytes of a MAC address given as VT_ARRAY | VT_UI1, as an array of 6 numbers (what
+// VBScript's Array() makes) or as text; E_INVALIDARG otherwise.
+HRESULT MacAddressBytes(const VARIANT& address, Bytes& mac) noexcept {
+  try {
+    if (address.vt == VT_BSTR) {
+      return ParseMacText(InString(address.bstrVal), mac) ? S_OK : E_INVALIDARG;
+    }
+    if (address.vt == (VT_ARRAY | VT_VARIANT)) {
+      std::vector<vekx::Variant> numbers;
+      if (const HRESULT hr = vekx::ArrayElements(address, numbers); hr == E_OUTOFMEMORY) return hr;
+      if (numbers.size() != 6) return E_INVALIDARG;
+      mac.clear();
+      for (const vekx::Variant& number : numbers) {
+        VARIANT byte;
+        VariantInit(&byte);
+        if (VariantChangeType(&byte, &number.Get(), 0, VT_UI1) != S_OK) return E_INVALIDARG;
+        mac.push_back(byte.bVal);
+      }
+      return S_OK;
+    }
+    if (address.vt != (VT_ARRAY | VT_UI1) || address.parray == nullptr ||
+        SafeArrayGetDim(address.parray) != 1) {
+      return E_INVALIDARG;
+    }
+    LONG lower = 0;
+    LONG upper = -1;
+    if (FAILED(SafeArrayGetLBound(address.parray, 1, &lower)) ||
+        FAILED(SafeArrayGetUBound(address.parray, 1, &upper)) || upper - lower + 1 != 6) {
+      return E_INVALIDARG;
+    }
+    void* data = nullptr;
+    if (const HRESULT hr = SafeArrayAccessData(address.parray, &data); FAILED(hr)) return hr;
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    mac.assign(bytes, bytes + 6);
+    SafeArrayUnaccessData(address.parray);
+    return S_OK;
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+}
+
+}  // namespace
 
 CKXVETarget::CKXVETarget(SharedClient client, uint32_t handle) noexcept
     : client_(std::move(client)), handle_(handle) {}
@@ -38,540 +165,639 @@ HRESULT CKXVETarget::get_Handle(ULONG* handle) {
 }
 
 HRESULT CKXVETarget::Connect() {
-  return ReportNotAvailable(u"ITarget::Connect");
+  return Command<CTargetConnectRequest, CTargetConnectResponse>(client_, handle_);
 }
 
 HRESULT CKXVETarget::Disconnect() {
-  return ReportNotAvailable(u"ITarget::Disconnect");
+  return Command<CTargetDisconnectRequest, CTargetDisconnectResponse>(client_, handle_);
 }
 
 HRESULT CKXVETarget::ForceDisconnect() {
-  return ReportNotAvailable(u"ITarget::ForceDisconnect");
+  return Command<CForceDisconnectRequest, CForceDisconnectResponse>(client_, handle_);
 }
 
 HRESULT CKXVETarget::PowerOff() {
-  return ReportNotAvailable(u"ITarget::PowerOff");
+  return Command<CPowerOffRequest, CPowerOffResponse>(client_, handle_);
 }
 
 HRESULT CKXVETarget::PowerOn() {
-  return ReportNotAvailable(u"ITarget::PowerOn");
+  return Command<CPowerOnRequest, CPowerOnResponse>(client_, handle_);
 }
 
-HRESULT CKXVETarget::get_PowerStatus(ePowerStatus*) {
-  return ReportNotAvailable(u"ITarget::get_PowerStatus");
+HRESULT CKXVETarget::get_PowerStatus(ePowerStatus* status) {
+  CPowerStatusResponse response;
+  if (const HRESULT hr = Ask(client_, handle_, CPowerStatusRequest{}, response, status); FAILED(hr))
+    return hr;
+  *status = static_cast<ePowerStatus>(response.PowerStatus);
+  return S_OK;
 }
 
+// Kits cannot be suspended from the host; nothing is sent.
 HRESULT CKXVETarget::Suspend() {
-  return ReportNotAvailable(u"ITarget::Suspend");
+  if (!IsUsable(client_)) return ReportError(E_UNEXPECTED);
+  return ReportError(E_NOTIMPL);
 }
 
 HRESULT CKXVETarget::Reboot() {
-  return ReportNotAvailable(u"ITarget::Reboot");
+  return Command<CRebootRequest, CRebootResponse>(client_, handle_);
 }
 
 HRESULT CKXVETarget::ForcePowerOff() {
-  return ReportNotAvailable(u"ITarget::ForcePowerOff");
+  return Command<CForcePowerOffRequest, CForcePowerOffResponse>(client_, handle_);
 }
 
 HRESULT CKXVETarget::ConnectForNotifications() {
-  return ReportNotAvailable(u"ITarget::ConnectForNotifications");
+  return Command<CConnectForNotificationsRequest, CConnectForNotificationsResponse>(client_,
+                                                                                    handle_);
 }
 
 HRESULT CKXVETarget::DisconnectFromNotifications() {
-  return ReportNotAvailable(u"ITarget::DisconnectFromNotifications");
+  return Command<CDisconnectFromNotificationsRequest, CDisconnectFromNotificationsResponse>(
+      client_, handle_);
 }
 
-HRESULT CKXVETarget::get_ConnectionState(eConnectionState*) {
-  return ReportNotAvailable(u"ITarget::get_ConnectionState");
+HRESULT CKXVETarget::get_ConnectionState(eConnectionState* state) {
+  CConnectionStateResponse response;
+  if (const HRESULT hr = Ask(client_, handle_, CConnectionStateRequest{}, response, state);
+      FAILED(hr))
+    return hr;
+  *state = static_cast<eConnectionState>(response.State);
+  return S_OK;
 }
 
-HRESULT CKXVETarget::get_HostName(BSTR*) {
-  return ReportNotAvailable(u"ITarget::get_HostName");
+HRESULT CKXVETarget::get_HostName(BSTR* host) {
+  CGetHostNameResponse response;
+  if (const HRESULT hr = Ask(client_, handle_, CGetHostNameRequest{}, response, host); FAILED(hr))
+    return hr;
+  return ReportError(OutString(response.HostName, host));
 }
 
 HRESULT CKXVETarget::Delete() {
-  return ReportNotAvailable(u"ITarget::Delete");
+  return Command<CDeleteTargetRequest, CDeleteTargetResponse>(client_, handle_);
 }
 
 HRESULT CKXVETarget::CancelCurrentCommand() {
-  return ReportNotAvailable(u"ITarget::CancelCurrentCommand");
+  return Command<CCancelCurrentCommandRequest, CCancelCurrentCommandResponse>(client_, handle_);
 }
 
 HRESULT CKXVETarget::CancelMyCommands() {
-  return ReportNotAvailable(u"ITarget::CancelMyCommands");
+  return Command<CCancelMyCommandsRequest, CCancelMyCommandsResponse>(client_, handle_);
 }
 
-HRESULT CKXVETarget::get_TargetInfo(VARIANT*) {
-  return ReportNotAvailable(u"ITarget::get_TargetInfo");
+HRESULT CKXVETarget::get_TargetInfo(VARIANT* info) {
+  CGetTargetInfoResponse response;
+  if (const HRESULT hr = Ask(client_, handle_, CGetTargetInfoRequest{}, response, info); FAILED(hr))
+    return hr;
+  return ReportError(OutNameValueArray(response.Info, info));
 }
 
-HRESULT CKXVETarget::get_Default(VARIANT_BOOL*) {
-  return ReportNotAvailable(u"ITarget::get_Default");
+// The server keeps one default for all clients; this object is it when the handles match.
+HRESULT CKXVETarget::get_Default(VARIANT_BOOL* is_default) {
+  CGetDefaultTargetResponse response;
+  if (const HRESULT hr = Ask(client_, kNoTarget, CGetDefaultTargetRequest{}, response, is_default);
+      FAILED(hr))
+    return hr;
+  *is_default = response.Handle == handle_ ? VARIANT_TRUE : VARIANT_FALSE;
+  return S_OK;
 }
 
+// Any value makes this target the default: there is no "no default" to go back to.
 HRESULT CKXVETarget::put_Default(VARIANT_BOOL) {
-  return ReportNotAvailable(u"ITarget::put_Default");
+  CSetDefaultTargetRequest request;
+  request.Handle = handle_;
+  CSetDefaultTargetResponse response;
+  return Ask(client_, kNoTarget, request, response);
 }
 
-HRESULT CKXVETarget::get_ConnectionInfo(BSTR*) {
-  return ReportNotAvailable(u"ITarget::get_ConnectionInfo");
+HRESULT CKXVETarget::get_ConnectionInfo(BSTR* info) {
+  CGetConnectionInfoResponse response;
+  if (const HRESULT hr = Ask(client_, handle_, CGetConnectionInfoRequest{}, response, info);
+      FAILED(hr))
+    return hr;
+  return ReportError(OutString(response.ConnectionInfo, info));
 }
 
 HRESULT CKXVETarget::RequestConnection() {
-  return ReportNotAvailable(u"ITarget::RequestConnection");
+  return Command<CRequestConnectionRequest, CRequestConnectionResponse>(client_, handle_);
 }
 
 HRESULT CKXVETarget::ReleaseConnection() {
-  return ReportNotAvailable(u"ITarget::ReleaseConnection");
+  return Command<CReleaseConnectionRequest, CReleaseConnectionResponse>(client_, handle_);
 }
 
-HRESULT CKXVETarget::get_IsBusy(VARIANT_BOOL*) {
-  return ReportNotAvailable(u"ITarget::get_IsBusy");
+HRESULT CKXVETarget::get_IsBusy(VARIANT_BOOL* busy) {
+  CGetTargetBusyStateResponse response;
+  if (const HRESULT hr = Ask(client_, handle_, CGetTargetBusyStateRequest{}, response, busy);
+      FAILED(hr))
+    return hr;
+  *busy = response.BusyCount > 0 ? VARIANT_TRUE : VARIANT_FALSE;
+  return S_OK;
 }
 
-HRESULT CKXVETarget::get_Name(BSTR*) {
-  return ReportNotAvailable(u"ITarget::get_Name");
+HRESULT CKXVETarget::get_Name(BSTR* name) {
+  CGetTargetNameResponse response;
+  if (const HRESULT hr = Ask(client_, handle_, CGetTargetNameRequest{}, response, name); FAILED(hr))
+    return hr;
+  return ReportError(OutString(response.Name, name));
 }
 
-HRESULT CKXVETarget::put_Name(BSTR) {
-  return ReportNotAvailable(u"ITarget::put_Name");
+HRESULT CKXVETarget::put_Name(BSTR name) {
+  if (!IsUsable(client_)) return ReportError(E_UNEXPECTED);
+  if (name == nullptr) return ReportError(E_POINTER);
+  if (InString(name).empty()) return ReportError(E_INVALIDARG);
+  CSetTargetNameRequest request;
+  if (!CopyText(InString(name), request.Name)) return ReportError(E_OUTOFMEMORY);
+  CSetTargetNameResponse response;
+  return CallServer(*client_, handle_, request, response);
 }
 
-HRESULT CKXVETarget::get_CachedName(BSTR*) {
-  return ReportNotAvailable(u"ITarget::get_CachedName");
+HRESULT CKXVETarget::get_CachedName(BSTR* name) {
+  CGetCachedTargetNameResponse response;
+  if (const HRESULT hr = Ask(client_, handle_, CGetCachedTargetNameRequest{}, response, name);
+      FAILED(hr))
+    return hr;
+  return ReportError(OutString(response.Name, name));
 }
 
-HRESULT CKXVETarget::get_MacAddress(VARIANT*) {
-  return ReportNotAvailable(u"ITarget::get_MacAddress");
+// VT_ARRAY | VT_UI1 holding the address's bytes in wire order (6 of them; none when the server
+// knows no address), the form put_MacAddress takes back.
+HRESULT CKXVETarget::get_MacAddress(VARIANT* address) {
+  CGetMacAddressResponse response;
+  if (const HRESULT hr = Ask(client_, handle_, CGetMacAddressRequest{}, response, address);
+      FAILED(hr))
+    return hr;
+  return ReportError(OutByteArray(response.MacAddress, address));
 }
 
-HRESULT CKXVETarget::put_MacAddress(VARIANT) {
-  return ReportNotAvailable(u"ITarget::put_MacAddress");
+// Takes the 6 bytes as VT_ARRAY | VT_UI1, as an array of 6 numbers from 0 to 255, or as text
+// "02:00:00:00:00:01" (':' or '-' between the pairs), the forms scripts can make.
+HRESULT CKXVETarget::put_MacAddress(VARIANT address) {
+  if (!IsUsable(client_)) return ReportError(E_UNEXPECTED);
+  CSetCachedMacAddressRequest request;
+  if (const HRESULT hr = MacAddressBytes(address, request.MacAddress); FAILED(hr))
+    return ReportError(hr);
+  CSetCachedMacAddressResponse response;
+  return CallServer(*client_, handle_, request, response);
 }
 
-HRESULT CKXVETarget::put_SubnetMask(ULONG) {
-  return ReportNotAvailable(u"ITarget::put_SubnetMask");
+HRESULT CKXVETarget::put_SubnetMask(ULONG mask) {
+  CSetCachedSubnetMaskRequest request;
+  request.SubnetMask = mask;
+  CSetCachedSubnetMaskResponse response;
+  return Ask(client_, handle_, request, response);
 }
 
-HRESULT CKXVETarget::SDKVersion(ULONG*, ULONG*, ULONG*, ULONG*) {
-  return ReportNotAvailable(u"ITarget::SDKVersion");
+HRESULT CKXVETarget::SDKVersion(ULONG* major, ULONG* minor, ULONG* patch, ULONG* build) {
+  CGetSdkVersionResponse response;
+  if (const HRESULT hr =
+          Ask(client_, handle_, CGetSdkVersionRequest{}, response, major, minor, patch, build);
+      FAILED(hr))
+    return hr;
+  *major = response.Major;
+  *minor = response.Minor;
+  *patch = response.Patch;
+  *build = response.Build;
+  return S_OK;
 }
 
 HRESULT CKXVETarget::AdviseTargetEvents(IEventTarget*) {
-  return ReportNotAvailable(u"ITarget::AdviseTargetEvents");
+  return NotAvailable(client_, u"ITarget::AdviseTargetEvents");
 }
 
 HRESULT CKXVETarget::UnadviseTargetEvents(IEventTarget*) {
-  return ReportNotAvailable(u"ITarget::UnadviseTargetEvents");
+  return NotAvailable(client_, u"ITarget::UnadviseTargetEvents");
 }
 
 HRESULT CKXVETarget::AdviseDebugEvents(IEventDebug*) {
-  return ReportNotAvailable(u"ITarget::AdviseDebugEvents");
+  return NotAvailable(client_, u"ITarget::AdviseDebugEvents");
 }
 
 HRESULT CKXVETarget::UnadviseDebugEvents(IEventDebug*) {
-  return ReportNotAvailable(u"ITarget::UnadviseDebugEvents");
+  return NotAvailable(client_, u"ITarget::UnadviseDebugEvents");
 }
 
 HRESULT CKXVETarget::AdviseConsoleOutputEvents(IEventConsoleOutput*) {
-  return ReportNotAvailable(u"ITarget::AdviseConsoleOutputEvents");
+  return NotAvailable(client_, u"ITarget::AdviseConsoleOutputEvents");
 }
 
 HRESULT CKXVETarget::UnadviseConsoleOutputEvents(IEventConsoleOutput*) {
-  return ReportNotAvailable(u"ITarget::UnadviseConsoleOutputEvents");
+  return NotAvailable(client_, u"ITarget::UnadviseConsoleOutputEvents");
 }
 
 HRESULT CKXVETarget::AdviseCacheUpdateEvents(IEventCacheUpdate*) {
-  return ReportNotAvailable(u"ITarget::AdviseCacheUpdateEvents");
+  return NotAvailable(client_, u"ITarget::AdviseCacheUpdateEvents");
 }
 
 HRESULT CKXVETarget::UnadviseCacheUpdateEvents(IEventCacheUpdate*) {
-  return ReportNotAvailable(u"ITarget::UnadviseCacheUpdateEvents");
+  return NotAvailable(client_, u"ITarget::UnadviseCacheUpdateEvents");
 }
 
 HRESULT CKXVETarget::AdviseControllerEvents(IEventController*) {
-  return ReportNotAvailable(u"ITarget::AdviseControllerEvents");
+  return NotAvailable(client_, u"ITarget::AdviseControllerEvents");
 }
 
 HRESULT CKXVETarget::UnadviseControllerEvents(IEventController*) {
-  return ReportNotAvailable(u"ITarget::UnadviseControllerEvents");
+  return NotAvailable(client_, u"ITarget::UnadviseControllerEvents");
 }
 
 HRESULT CKXVETarget::get_ProcessInfoSnapshot(VARIANT*) {
-  return ReportNotAvailable(u"ITarget::get_ProcessInfoSnapshot");
+  return NotAvailable(client_, u"ITarget::get_ProcessInfoSnapshot");
 }
 
 HRESULT CKXVETarget::LoadProcess(eDevice, BSTR, ULONG, ULONG, BSTR, BSTR, IProcess**) {
-  return ReportNotAvailable(u"ITarget::LoadProcess");
+  return NotAvailable(client_, u"ITarget::LoadProcess");
 }
 
 HRESULT CKXVETarget::SendConsoleInput(eConsoleOutputPort, eConsoleOutputCategory, ULONG, BSTR) {
-  return ReportNotAvailable(u"ITarget::SendConsoleInput");
+  return NotAvailable(client_, u"ITarget::SendConsoleInput");
 }
 
 HRESULT CKXVETarget::CachedConsoleOutput(ULONG*, VARIANT*) {
-  return ReportNotAvailable(u"ITarget::CachedConsoleOutput");
+  return NotAvailable(client_, u"ITarget::CachedConsoleOutput");
 }
 
 HRESULT CKXVETarget::get_ConsoleCacheIndex(ULONG*) {
-  return ReportNotAvailable(u"ITarget::get_ConsoleCacheIndex");
+  return NotAvailable(client_, u"ITarget::get_ConsoleCacheIndex");
 }
 
 HRESULT CKXVETarget::ClearConsoleCache() {
-  return ReportNotAvailable(u"ITarget::ClearConsoleCache");
+  return NotAvailable(client_, u"ITarget::ClearConsoleCache");
 }
 
-HRESULT CKXVETarget::get_ProtocolRegistrationInfo(VARIANT*) {
-  return ReportNotAvailable(u"ITarget2::get_ProtocolRegistrationInfo");
+// VT_ARRAY | VT_UI4: the protocols this client holds in use on the target, ascending.
+HRESULT CKXVETarget::get_ProtocolRegistrationInfo(VARIANT* registrations) {
+  CProtocolRegistrationInfoResponse response;
+  if (const HRESULT hr =
+          Ask(client_, handle_, CProtocolRegistrationInfoRequest{}, response, registrations);
+      FAILED(hr))
+    return hr;
+  return ReportError(OutU32Array(response.Protocols, registrations));
 }
 
-HRESULT CKXVETarget::SetProtocolInUse(ULONG) {
-  return ReportNotAvailable(u"ITarget2::SetProtocolInUse");
+HRESULT CKXVETarget::SetProtocolInUse(ULONG protocol) {
+  CSetProtocolInUseRequest request;
+  request.Protocol = protocol;
+  CSetProtocolInUseResponse response;
+  return Ask(client_, handle_, request, response);
 }
 
-HRESULT CKXVETarget::ClearProtocolInUse(ULONG) {
-  return ReportNotAvailable(u"ITarget2::ClearProtocolInUse");
+HRESULT CKXVETarget::ClearProtocolInUse(ULONG protocol) {
+  CClearProtocolInUseRequest request;
+  request.Protocol = protocol;
+  CClearProtocolInUseResponse response;
+  return Ask(client_, handle_, request, response);
 }
 
-HRESULT CKXVETarget::QueryProtocolInUse(ULONG, VARIANT_BOOL*) {
-  return ReportNotAvailable(u"ITarget2::QueryProtocolInUse");
+// True when any client holds the protocol, this one included.
+HRESULT CKXVETarget::QueryProtocolInUse(ULONG protocol, VARIANT_BOOL* in_use) {
+  CQueryProtocolInUseRequest request;
+  request.Protocol = protocol;
+  CQueryProtocolInUseResponse response;
+  if (const HRESULT hr = Ask(client_, handle_, request, response, in_use); FAILED(hr)) return hr;
+  *in_use = response.InUse ? VARIANT_TRUE : VARIANT_FALSE;
+  return S_OK;
 }
 
-HRESULT CKXVETarget::GetProtocolInfo(ULONG, VARIANT*) {
-  return ReportNotAvailable(u"ITarget2::GetProtocolInfo");
+// INameValuePair objects: Protocol, InUse, ProcessId (of the holder) and HeldByCaller.
+HRESULT CKXVETarget::GetProtocolInfo(ULONG protocol, VARIANT* info) {
+  CGetProtocolInfoRequest request;
+  request.Protocol = protocol;
+  CGetProtocolInfoResponse response;
+  if (const HRESULT hr = Ask(client_, handle_, request, response, info); FAILED(hr)) return hr;
+  return ReportError(OutNameValueArray(response.Info, info));
 }
 
 HRESULT CKXVETarget::get_ConsoleCacheSize(ULONG*) {
-  return ReportNotAvailable(u"ITarget3::get_ConsoleCacheSize");
+  return NotAvailable(client_, u"ITarget3::get_ConsoleCacheSize");
 }
 
 HRESULT CKXVETarget::put_ConsoleCacheSize(ULONG) {
-  return ReportNotAvailable(u"ITarget3::put_ConsoleCacheSize");
+  return NotAvailable(client_, u"ITarget3::put_ConsoleCacheSize");
 }
 
 HRESULT CKXVETarget::ScreenShot(BSTR) {
-  return ReportNotAvailable(u"ITarget4::ScreenShot");
+  return NotAvailable(client_, u"ITarget4::ScreenShot");
 }
 
 HRESULT CKXVETarget::GetThreadNames(ULONG, VARIANT*) {
-  return ReportNotAvailable(u"ITarget5::GetThreadNames");
+  return NotAvailable(client_, u"ITarget5::GetThreadNames");
 }
 
 HRESULT CKXVETarget::MemoryRanges(ULONG, VARIANT*) {
-  return ReportNotAvailable(u"ITarget5::MemoryRanges");
+  return NotAvailable(client_, u"ITarget5::MemoryRanges");
 }
 
 HRESULT CKXVETarget::AdviseEventViewerEvents(IEventViewer*) {
-  return ReportNotAvailable(u"ITarget6::AdviseEventViewerEvents");
+  return NotAvailable(client_, u"ITarget6::AdviseEventViewerEvents");
 }
 
 HRESULT CKXVETarget::UnadviseEventViewerEvents(IEventViewer*) {
-  return ReportNotAvailable(u"ITarget6::UnadviseEventViewerEvents");
+  return NotAvailable(client_, u"ITarget6::UnadviseEventViewerEvents");
 }
 
 HRESULT CKXVETarget::get_ControllerInterface(IDispatch**) {
-  return ReportNotAvailable(u"ITarget7::get_ControllerInterface");
+  return NotAvailable(client_, u"ITarget7::get_ControllerInterface");
 }
 
 HRESULT CKXVETarget::OpenGenericProtocol(ULONG, IEventGenericProtocol*, IGenericProtocol**) {
-  return ReportNotAvailable(u"ITarget8::OpenGenericProtocol");
+  return NotAvailable(client_, u"ITarget8::OpenGenericProtocol");
 }
 
 HRESULT CKXVETarget::UnadviseGenericProtocolEvents(IEventGenericProtocol*) {
-  return ReportNotAvailable(u"ITarget8::UnadviseGenericProtocolEvents");
+  return NotAvailable(client_, u"ITarget8::UnadviseGenericProtocolEvents");
 }
 
 HRESULT CKXVETarget::AdviseTrickleEvents(IEventTrickle*) {
-  return ReportNotAvailable(u"ITarget9::AdviseTrickleEvents");
+  return NotAvailable(client_, u"ITarget9::AdviseTrickleEvents");
 }
 
 HRESULT CKXVETarget::UnadviseTrickleEvents(IEventTrickle*) {
-  return ReportNotAvailable(u"ITarget9::UnadviseTrickleEvents");
+  return NotAvailable(client_, u"ITarget9::UnadviseTrickleEvents");
 }
 
 HRESULT CKXVETarget::SendConsoleInputWithEcho(eConsoleOutputPort, eConsoleOutputCategory, ULONG,
                                               BSTR) {
-  return ReportNotAvailable(u"ITarget10::SendConsoleInputWithEcho");
+  return NotAvailable(client_, u"ITarget10::SendConsoleInputWithEcho");
 }
 
 HRESULT CKXVETarget::AdviseProcessLockEvents(IEventProcessLock*) {
-  return ReportNotAvailable(u"ITarget11::AdviseProcessLockEvents");
+  return NotAvailable(client_, u"ITarget11::AdviseProcessLockEvents");
 }
 
 HRESULT CKXVETarget::UnadviseProcessLockEvents(IEventProcessLock*) {
-  return ReportNotAvailable(u"ITarget11::UnadviseProcessLockEvents");
+  return NotAvailable(client_, u"ITarget11::UnadviseProcessLockEvents");
 }
 
 HRESULT CKXVETarget::LoadProcessArgv(eDevice, BSTR, ULONG, ULONG, VARIANT, BSTR, IProcess**) {
-  return ReportNotAvailable(u"ITarget12::LoadProcessArgv");
+  return NotAvailable(client_, u"ITarget12::LoadProcessArgv");
 }
 
 HRESULT CKXVETarget::GetSettings(VARIANT, VARIANT*) {
-  return ReportNotAvailable(u"ITarget13::GetSettings");
+  return NotAvailable(client_, u"ITarget13::GetSettings");
 }
 
 HRESULT CKXVETarget::SetSettings(VARIANT) {
-  return ReportNotAvailable(u"ITarget13::SetSettings");
+  return NotAvailable(client_, u"ITarget13::SetSettings");
 }
 
 HRESULT CKXVETarget::GetDefaultSettings(VARIANT, VARIANT*) {
-  return ReportNotAvailable(u"ITarget14::GetDefaultSettings");
+  return NotAvailable(client_, u"ITarget14::GetDefaultSettings");
 }
 
 HRESULT CKXVETarget::GetSettingsLayout(BSTR*) {
-  return ReportNotAvailable(u"ITarget14::GetSettingsLayout");
+  return NotAvailable(client_, u"ITarget14::GetSettingsLayout");
 }
 
 HRESULT CKXVETarget::AllocSetting(IDispatch**) {
-  return ReportNotAvailable(u"ITarget15::AllocSetting");
+  return NotAvailable(client_, u"ITarget15::AllocSetting");
 }
 
 HRESULT CKXVETarget::get_GetSoftwareInfo(VARIANT*) {
-  return ReportNotAvailable(u"ITarget16::get_GetSoftwareInfo");
+  return NotAvailable(client_, u"ITarget16::get_GetSoftwareInfo");
 }
 
 HRESULT CKXVETarget::get_Configuration(VARIANT*) {
-  return ReportNotAvailable(u"ITarget17::get_Configuration");
+  return NotAvailable(client_, u"ITarget17::get_Configuration");
 }
 
 HRESULT CKXVETarget::GetNetworkSystemInfo(VARIANT*) {
-  return ReportNotAvailable(u"ITarget18::GetNetworkSystemInfo");
+  return NotAvailable(client_, u"ITarget18::GetNetworkSystemInfo");
 }
 
 HRESULT CKXVETarget::GetNetworkResolverInfo(VARIANT*) {
-  return ReportNotAvailable(u"ITarget19::GetNetworkResolverInfo");
+  return NotAvailable(client_, u"ITarget19::GetNetworkResolverInfo");
 }
 
 HRESULT CKXVETarget::GetNetworkInterfaceInfo(VARIANT*) {
-  return ReportNotAvailable(u"ITarget20::GetNetworkInterfaceInfo");
+  return NotAvailable(client_, u"ITarget20::GetNetworkInterfaceInfo");
 }
 
 HRESULT CKXVETarget::GetCompressedMemory(ULONG, ULONGLONG, ULONG, ULONG, VARIANT_BOOL, VARIANT*) {
-  return ReportNotAvailable(u"ITarget21::GetCompressedMemory");
+  return NotAvailable(client_, u"ITarget21::GetCompressedMemory");
 }
 
 HRESULT CKXVETarget::TraceCreate(VARIANT, ULONG*) {
-  return ReportNotAvailable(u"ITarget22::TraceCreate");
+  return NotAvailable(client_, u"ITarget22::TraceCreate");
 }
 
 HRESULT CKXVETarget::TraceReset(ULONG) {
-  return ReportNotAvailable(u"ITarget22::TraceReset");
+  return NotAvailable(client_, u"ITarget22::TraceReset");
 }
 
 HRESULT CKXVETarget::IBSTraceCreate(VARIANT, ULONG*) {
-  return ReportNotAvailable(u"ITarget23::IBSTraceCreate");
+  return NotAvailable(client_, u"ITarget23::IBSTraceCreate");
 }
 
 HRESULT CKXVETarget::WriteTracePacket(ULONG, VARIANT) {
-  return ReportNotAvailable(u"ITarget24::WriteTracePacket");
+  return NotAvailable(client_, u"ITarget24::WriteTracePacket");
 }
 
 HRESULT CKXVETarget::MonoVmInfo(ULONG, VARIANT*) {
-  return ReportNotAvailable(u"ITarget25::MonoVmInfo");
+  return NotAvailable(client_, u"ITarget25::MonoVmInfo");
 }
 
 HRESULT CKXVETarget::UpdateKernel(BSTR) {
-  return ReportNotAvailable(u"ITarget26::UpdateKernel");
+  return NotAvailable(client_, u"ITarget26::UpdateKernel");
 }
 
 HRESULT CKXVETarget::get_FileServingRoot(BSTR*) {
-  return ReportNotAvailable(u"ITarget27::get_FileServingRoot");
+  return NotAvailable(client_, u"ITarget27::get_FileServingRoot");
 }
 
 HRESULT CKXVETarget::put_FileServingRoot(BSTR) {
-  return ReportNotAvailable(u"ITarget27::put_FileServingRoot");
+  return NotAvailable(client_, u"ITarget27::put_FileServingRoot");
 }
 
 HRESULT CKXVETarget::get_CaseSensitiveFileServing(VARIANT_BOOL*) {
-  return ReportNotAvailable(u"ITarget28::get_CaseSensitiveFileServing");
+  return NotAvailable(client_, u"ITarget28::get_CaseSensitiveFileServing");
 }
 
 HRESULT CKXVETarget::put_CaseSensitiveFileServing(VARIANT_BOOL) {
-  return ReportNotAvailable(u"ITarget28::put_CaseSensitiveFileServing");
+  return NotAvailable(client_, u"ITarget28::put_CaseSensitiveFileServing");
 }
 
 HRESULT CKXVETarget::AdviseHighFreqFileCopyEvents(IEventHighFreqFileCopy*) {
-  return ReportNotAvailable(u"ITarget29::AdviseHighFreqFileCopyEvents");
+  return NotAvailable(client_, u"ITarget29::AdviseHighFreqFileCopyEvents");
 }
 
 HRESULT CKXVETarget::UnadviseHighFreqFileCopyEvents(IEventHighFreqFileCopy*) {
-  return ReportNotAvailable(u"ITarget29::UnadviseHighFreqFileCopyEvents");
+  return NotAvailable(client_, u"ITarget29::UnadviseHighFreqFileCopyEvents");
 }
 
 HRESULT CKXVETarget::AdviseLowFreqFileCopyEvents(IEventLowFreqFileCopy*) {
-  return ReportNotAvailable(u"ITarget29::AdviseLowFreqFileCopyEvents");
+  return NotAvailable(client_, u"ITarget29::AdviseLowFreqFileCopyEvents");
 }
 
 HRESULT CKXVETarget::UnadviseLowFreqFileCopyEvents(IEventLowFreqFileCopy*) {
-  return ReportNotAvailable(u"ITarget29::UnadviseLowFreqFileCopyEvents");
+  return NotAvailable(client_, u"ITarget29::UnadviseLowFreqFileCopyEvents");
 }
 
 HRESULT CKXVETarget::InstallPackage(BSTR) {
-  return ReportNotAvailable(u"ITarget30::InstallPackage");
+  return NotAvailable(client_, u"ITarget30::InstallPackage");
 }
 
 HRESULT CKXVETarget::UninstallPackage(BSTR) {
-  return ReportNotAvailable(u"ITarget30::UninstallPackage");
+  return NotAvailable(client_, u"ITarget30::UninstallPackage");
 }
 
 HRESULT CKXVETarget::ListInstalledPackages(VARIANT*) {
-  return ReportNotAvailable(u"ITarget30::ListInstalledPackages");
+  return NotAvailable(client_, u"ITarget30::ListInstalledPackages");
 }
 
 HRESULT CKXVETarget::AppList(VARIANT*) {
-  return ReportNotAvailable(u"ITarget31::AppList");
+  return NotAvailable(client_, u"ITarget31::AppList");
 }
 
 HRESULT CKXVETarget::AppSpawn(BSTR, ULONG*) {
-  return ReportNotAvailable(u"ITarget31::AppSpawn");
+  return NotAvailable(client_, u"ITarget31::AppSpawn");
 }
 
 HRESULT CKXVETarget::AppKill(ULONG) {
-  return ReportNotAvailable(u"ITarget31::AppKill");
+  return NotAvailable(client_, u"ITarget31::AppKill");
 }
 
 HRESULT CKXVETarget::AppSuspend(ULONG) {
-  return ReportNotAvailable(u"ITarget31::AppSuspend");
+  return NotAvailable(client_, u"ITarget31::AppSuspend");
 }
 
 HRESULT CKXVETarget::AppResume(ULONG) {
-  return ReportNotAvailable(u"ITarget31::AppResume");
+  return NotAvailable(client_, u"ITarget31::AppResume");
 }
 
 HRESULT CKXVETarget::get_RealTimeClock(ULONGLONG*) {
-  return ReportNotAvailable(u"ITarget32::get_RealTimeClock");
+  return NotAvailable(client_, u"ITarget32::get_RealTimeClock");
 }
 
 HRESULT CKXVETarget::get_SystemTime(ULONGLONG*) {
-  return ReportNotAvailable(u"ITarget32::get_SystemTime");
+  return NotAvailable(client_, u"ITarget32::get_SystemTime");
 }
 
 HRESULT CKXVETarget::MountBluray(BSTR) {
-  return ReportNotAvailable(u"ITarget33::MountBluray");
+  return NotAvailable(client_, u"ITarget33::MountBluray");
 }
 
 HRESULT CKXVETarget::UnmountBluray() {
-  return ReportNotAvailable(u"ITarget33::UnmountBluray");
+  return NotAvailable(client_, u"ITarget33::UnmountBluray");
 }
 
 HRESULT CKXVETarget::get_BlurayMountStatus(VARIANT_BOOL*) {
-  return ReportNotAvailable(u"ITarget33::get_BlurayMountStatus");
+  return NotAvailable(client_, u"ITarget33::get_BlurayMountStatus");
 }
 
 HRESULT CKXVETarget::RequestProcessLock() {
-  return ReportNotAvailable(u"ITarget34::RequestProcessLock");
+  return NotAvailable(client_, u"ITarget34::RequestProcessLock");
 }
 
 HRESULT CKXVETarget::ReleaseProcessLock() {
-  return ReportNotAvailable(u"ITarget34::ReleaseProcessLock");
+  return NotAvailable(client_, u"ITarget34::ReleaseProcessLock");
 }
 
 HRESULT CKXVETarget::get_IsProcessLocked(VARIANT_BOOL*) {
-  return ReportNotAvailable(u"ITarget34::get_IsProcessLocked");
+  return NotAvailable(client_, u"ITarget34::get_IsProcessLocked");
 }
 
 HRESULT CKXVETarget::TransferProcessLock(ULONG) {
-  return ReportNotAvailable(u"ITarget34::TransferProcessLock");
+  return NotAvailable(client_, u"ITarget34::TransferProcessLock");
 }
 
 HRESULT CKXVETarget::ReclaimProcessLock() {
-  return ReportNotAvailable(u"ITarget34::ReclaimProcessLock");
+  return NotAvailable(client_, u"ITarget34::ReclaimProcessLock");
 }
 
 HRESULT CKXVETarget::GetEventViewerXML(BSTR*) {
-  return ReportNotAvailable(u"ITarget35::GetEventViewerXML");
+  return NotAvailable(client_, u"ITarget35::GetEventViewerXML");
 }
 
 HRESULT CKXVETarget::get_EventViewerFilter(BSTR*) {
-  return ReportNotAvailable(u"ITarget35::get_EventViewerFilter");
+  return NotAvailable(client_, u"ITarget35::get_EventViewerFilter");
 }
 
 HRESULT CKXVETarget::put_EventViewerFilter(BSTR) {
-  return ReportNotAvailable(u"ITarget35::put_EventViewerFilter");
+  return NotAvailable(client_, u"ITarget35::put_EventViewerFilter");
 }
 
 HRESULT CKXVETarget::StartRecording(BSTR) {
-  return ReportNotAvailable(u"ITarget36::StartRecording");
+  return NotAvailable(client_, u"ITarget36::StartRecording");
 }
 
 HRESULT CKXVETarget::StopRecording() {
-  return ReportNotAvailable(u"ITarget36::StopRecording");
+  return NotAvailable(client_, u"ITarget36::StopRecording");
 }
 
 HRESULT CKXVETarget::StartPlayback(BSTR) {
-  return ReportNotAvailable(u"ITarget36::StartPlayback");
+  return NotAvailable(client_, u"ITarget36::StartPlayback");
 }
 
 HRESULT CKXVETarget::StopPlayback() {
-  return ReportNotAvailable(u"ITarget36::StopPlayback");
+  return NotAvailable(client_, u"ITarget36::StopPlayback");
 }
 
 HRESULT CKXVETarget::get_NetworkEmulationSettings(VARIANT*) {
-  return ReportNotAvailable(u"ITarget37::get_NetworkEmulationSettings");
+  return NotAvailable(client_, u"ITarget37::get_NetworkEmulationSettings");
 }
 
 HRESULT CKXVETarget::put_NetworkEmulationSettings(VARIANT) {
-  return ReportNotAvailable(u"ITarget37::put_NetworkEmulationSettings");
+  return NotAvailable(client_, u"ITarget37::put_NetworkEmulationSettings");
 }
 
 HRESULT CKXVETarget::Standby() {
-  return ReportNotAvailable(u"ITarget38::Standby");
+  return NotAvailable(client_, u"ITarget38::Standby");
 }
 
 HRESULT CKXVETarget::get_ToolType(BSTR*) {
-  return ReportNotAvailable(u"ITarget39::get_ToolType");
+  return NotAvailable(client_, u"ITarget39::get_ToolType");
 }
 
 HRESULT CKXVETarget::get_CachedToolType(BSTR*) {
-  return ReportNotAvailable(u"ITarget39::get_CachedToolType");
+  return NotAvailable(client_, u"ITarget39::get_CachedToolType");
 }
 
 HRESULT CKXVETarget::get_OutputDisplayMode(VARIANT*) {
-  return ReportNotAvailable(u"ITarget40::get_OutputDisplayMode");
+  return NotAvailable(client_, u"ITarget40::get_OutputDisplayMode");
 }
 
 HRESULT CKXVETarget::get_TitleSafeAreaInfo(VARIANT*) {
-  return ReportNotAvailable(u"ITarget40::get_TitleSafeAreaInfo");
+  return NotAvailable(client_, u"ITarget40::get_TitleSafeAreaInfo");
 }
 
 HRESULT CKXVETarget::GenerateSystemCoredump(BSTR) {
-  return ReportNotAvailable(u"ITarget41::GenerateSystemCoredump");
+  return NotAvailable(client_, u"ITarget41::GenerateSystemCoredump");
 }
 
 HRESULT CKXVETarget::get_SystemFrequencies(VARIANT*) {
-  return ReportNotAvailable(u"ITarget42::get_SystemFrequencies");
+  return NotAvailable(client_, u"ITarget42::get_SystemFrequencies");
 }
 
 HRESULT CKXVETarget::get_SystemTimestamps(VARIANT*) {
-  return ReportNotAvailable(u"ITarget42::get_SystemTimestamps");
+  return NotAvailable(client_, u"ITarget42::get_SystemTimestamps");
 }
 
 HRESULT CKXVETarget::MoveTitle(BSTR, BSTR) {
-  return ReportNotAvailable(u"ITarget43::MoveTitle");
+  return NotAvailable(client_, u"ITarget43::MoveTitle");
 }
 
 HRESULT CKXVETarget::get_HMDVersionInfo(VARIANT*) {
-  return ReportNotAvailable(u"ITarget44::get_HMDVersionInfo");
+  return NotAvailable(client_, u"ITarget44::get_HMDVersionInfo");
 }
 
 HRESULT CKXVETarget::UpdateCpFirmware(BSTR) {
-  return ReportNotAvailable(u"ITarget45::UpdateCpFirmware");
+  return NotAvailable(client_, u"ITarget45::UpdateCpFirmware");
 }
 
 HRESULT CKXVETarget::PerfCounterOpen(ULONG, ULONG*) {
-  return ReportNotAvailable(u"ITarget46::PerfCounterOpen");
+  return NotAvailable(client_, u"ITarget46::PerfCounterOpen");
 }
 
 HRESULT CKXVETarget::PerfCounterClose(ULONG) {
-  return ReportNotAvailable(u"ITarget46::PerfCounterClose");
+  return NotAvailable(client_, u"ITarget46::PerfCounterClose");
 }
 
 HRESULT CKXVETarget::get_DebugAgentLogging(VARIANT_BOOL*) {
-  return ReportNotAvailable(u"ITarget47::get_DebugAgentLogging");
+  return NotAvailable(client_, u"ITarget47::get_DebugAgentLogging");
 }
 
 HRESULT CKXVETarget::put_DebugAgentLogging(VARIANT_BOOL) {
-  return ReportNotAvailable(u"ITarget47::put_DebugAgentLogging");
+  return NotAvailable(client_, u"ITarget47::put_DebugAgentLogging");
 }
 
 }  // namespace qv
