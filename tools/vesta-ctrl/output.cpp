@@ -30,18 +30,17 @@ void Table::Print(std::ostream& out) const {
       widths[column] = std::max(widths[column], DisplayWidth(row[column]));
   }
   auto print_row = [&](const std::vector<std::string>& cells) {
+    std::string line;
     for (std::size_t column = 0; column < widths.size(); ++column) {
       const std::string& cell = column < cells.size() ? cells[column] : std::string();
-      const bool last = column + 1 == widths.size();
-      if (column > 0) out << "  ";
-      // No trailing blanks after the last column.
-      if (last) {
-        out << cell;
-      } else {
-        PrintPadded(out, cell, widths[column]);
-      }
+      if (column > 0) line += "  ";
+      line += cell;
+      for (std::size_t pad = DisplayWidth(cell); pad < widths[column]; ++pad)
+        line += ' ';
     }
-    out << '\n';
+    // Blank cells at the end of a row leave no trailing blanks.
+    line.erase(line.find_last_not_of(' ') + 1);
+    out << line << '\n';
   };
   print_row(headers_);
   for (const auto& row : rows_)
