@@ -34,7 +34,7 @@ ctest --test-dir "$out/linux" --output-on-failure -j "$jobs"
 
 step "installed tree: the example program through find_package(vekxapi) and pkg-config"
 prefix="$out/install"
-rm -rf "$prefix"
+rm -rf "$prefix" "$out/examples"
 cmake --install "$out/linux" --prefix "$prefix" >/dev/null
 cmake -S "$root/examples" -B "$out/examples" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror" >/dev/null
