@@ -50,16 +50,16 @@ show default "$kit"
 show targets
 
 step "What to try next"
-cat <<TEXT
-vesta-ctrl is $ctrl; a TARGET is a handle, a host name or a name.
-  $ctrl --help                    every command
-  $ctrl reboot $kit           reboot a kit and wait until it is back
-  $ctrl connect devkit-alpha      connect (192.168.40.99 never answers: see the error)
-  $ctrl discover                  the kits that answer on the network
-  $ctrl error 0x8004021B          what a result code means
-  $ctrl --json targets            the same list for scripts (docs/vesta-ctrl.md)
-  $ctrl server start | stop       run the server yourself between commands
-TEXT
+shown=${ctrl#"$PWD"/}
+echo "vesta-ctrl is $shown; a TARGET is a handle, a host name or a name."
+try() { printf '  %-52s %s\n' "$shown $1" "$2"; }
+try "--help" "every command"
+try "reboot $kit" "reboot a kit; returns once it is back on"
+try "connect 192.168.40.99" "a host that never answers: see the error"
+try "discover" "the kits that answer on the network"
+try "error 0x8004021B" "what a result code means"
+try "--json targets" "the list for scripts (docs/vesta-ctrl.md)"
+try "server start" "keep a server running between commands"
 if $started_here; then
   step "Stopping the server the tour started (start one with 'server start' to keep it)"
   trap - EXIT

@@ -73,6 +73,7 @@ TEST_F(VestaCtrlTest, CommandLineMistakesExitWithTwo) {
   for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
            {},
            {"--no-such-option", "targets"},
+           {"--json", "kit-one"},
            {"power"},
            {"power", "sideways", "kit-one"},
            {"info"},

@@ -43,7 +43,16 @@ int Main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    // Help is a success; every other complaint of the parser is a usage error.
+    // Help is a success; every other complaint of the parser is a usage error. A word that
+    // names no command would otherwise be reported as a missing command.
+    if (error.get_exit_code() != 0 && app.get_subcommands().empty()) {
+      for (int index = 1; index < argc; ++index) {
+        if (argv[index][0] == '-') continue;
+        std::cerr << "vesta-ctrl: unknown command '" << argv[index]
+                  << "'\nRun with --help for more information.\n";
+        return kExitUsage;
+      }
+    }
     const int code = app.exit(error);
     return code == 0 ? 0 : kExitUsage;
   } catch (const vesta_ctrl::UsageError& error) {
