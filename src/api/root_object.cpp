@@ -33,6 +33,16 @@ HRESULT CheckName(BSTR text) noexcept {
   return S_OK;
 }
 
+// Copies a string into a request field; the one allocation of a method that could throw.
+HRESULT Assign(std::u16string& field, std::u16string_view text) noexcept {
+  try {
+    field.assign(text);
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+  return S_OK;
+}
+
 template <class... Out>
 bool AllPresent(Out*... out) noexcept {
   return ((out != nullptr) && ...);
@@ -112,6 +122,12 @@ HRESULT CKXVEAPI::Begin(SharedClient& client, bool compatibility) const {
   return S_OK;
 }
 
+HRESULT CKXVEAPI::NotAvailable(std::u16string_view method) const {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  return ReportNotAvailable(method);
+}
+
 template <class Request, class Response>
 HRESULT CKXVEAPI::SendFindRules(const VARIANT& rules) {
   SharedClient client;
@@ -140,8 +156,10 @@ HRESULT CKXVEAPI::AddTarget(BSTR bstrHostName, ITarget** ppTarget) {
   if (ppTarget == nullptr) return ReportError(E_POINTER);
   if (HRESULT hr = CheckName(bstrHostName); FAILED(hr)) return ReportError(hr);
   CAddTargetRequest request;
-  request.TargetType = u"VE";
-  request.HostName = InString(bstrHostName);
+  if (HRESULT hr = Assign(request.TargetType, u"VE"); FAILED(hr)) return ReportError(hr);
+  if (HRESULT hr = Assign(request.HostName, InString(bstrHostName)); FAILED(hr)) {
+    return ReportError(hr);
+  }
   CAddTargetResponse response;
   if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
   return ReportError(OutTarget(client, response.Handle, ppTarget));
@@ -247,7 +265,7 @@ HRESULT CKXVEAPI::TargetInfo(BSTR bstrHost, VARIANT* pInfo) {
   if (pInfo == nullptr) return ReportError(E_POINTER);
   if (HRESULT hr = CheckName(bstrHost); FAILED(hr)) return ReportError(hr);
   CGetTargetSummaryRequest request;
-  request.Host = InString(bstrHost);
+  if (HRESULT hr = Assign(request.Host, InString(bstrHost)); FAILED(hr)) return ReportError(hr);
   CGetTargetSummaryResponse response;
   if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
   return ReportError(OutNameValueArray(response.Summary, pInfo));
@@ -255,11 +273,11 @@ HRESULT CKXVEAPI::TargetInfo(BSTR bstrHost, VARIANT* pInfo) {
 
 // TODO(feature): server event sinks arrive with the notify clients of the events subsystem.
 HRESULT CKXVEAPI::AdviseServerEvents(IEventServer*) {
-  return ReportNotAvailable(u"IVEKXAPI::AdviseServerEvents");
+  return NotAvailable(u"IVEKXAPI::AdviseServerEvents");
 }
 
 HRESULT CKXVEAPI::UnadviseServerEvents(IEventServer*) {
-  return ReportNotAvailable(u"IVEKXAPI::UnadviseServerEvents");
+  return NotAvailable(u"IVEKXAPI::UnadviseServerEvents");
 }
 
 HRESULT CKXVEAPI::StartPacketLogging(BSTR bstrFilename) {
@@ -267,7 +285,9 @@ HRESULT CKXVEAPI::StartPacketLogging(BSTR bstrFilename) {
   if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
   if (HRESULT hr = CheckName(bstrFilename); FAILED(hr)) return ReportError(hr);
   CStartPacketLoggingRequest request;
-  request.FileName = InString(bstrFilename);
+  if (HRESULT hr = Assign(request.FileName, InString(bstrFilename)); FAILED(hr)) {
+    return ReportError(hr);
+  }
   CStartPacketLoggingResponse response;
   return CallServer(*client, kNoTarget, request, response);
 }
@@ -313,9 +333,15 @@ HRESULT CKXVEAPI::LoadCoreDump(BSTR bstrFilename, IEventTarget* pSink, BSTR bstr
   if (HRESULT hr = CheckName(bstrFilename); FAILED(hr)) return ReportError(hr);
   if (HRESULT hr = CheckName(bstrPseudoHost); FAILED(hr)) return ReportError(hr);
 
+  CLoadCoreDumpRequest load;  // filled first: nothing can fail between the steps but a call
+  if (HRESULT hr = Assign(load.FileName, InString(bstrFilename)); FAILED(hr)) {
+    return ReportError(hr);
+  }
   CAddTargetRequest add;
-  add.TargetType = u"CoreDump";
-  add.HostName = InString(bstrPseudoHost);
+  if (HRESULT hr = Assign(add.TargetType, u"CoreDump"); FAILED(hr)) return ReportError(hr);
+  if (HRESULT hr = Assign(add.HostName, InString(bstrPseudoHost)); FAILED(hr)) {
+    return ReportError(hr);
+  }
   CAddTargetResponse added;
   if (HRESULT hr = CallServer(*client, kNoTarget, add, added); FAILED(hr)) return hr;
   vekx::ComPtr<ITarget> target;
@@ -325,8 +351,6 @@ HRESULT CKXVEAPI::LoadCoreDump(BSTR bstrFilename, IEventTarget* pSink, BSTR bstr
   // The sink hears the dump's events from the start; the target reports its own failure.
   if (HRESULT hr = target->AdviseTargetEvents(pSink); FAILED(hr)) return hr;
 
-  CLoadCoreDumpRequest load;
-  load.FileName = InString(bstrFilename);
   CLoadCoreDumpResponse loaded;
   const HRESULT hr = client->Call(added.Handle, load, loaded);
   if (FAILED(hr)) {
@@ -374,7 +398,9 @@ HRESULT CKXVEAPI::GetCoreDumpTargetByHost(BSTR bstrPseudoHost, ITarget** ppTarge
   if (ppTarget == nullptr) return ReportError(E_POINTER);
   if (HRESULT hr = CheckName(bstrPseudoHost); FAILED(hr)) return ReportError(hr);
   CGetCoreDumpTargetByHostRequest request;
-  request.PseudoHost = InString(bstrPseudoHost);
+  if (HRESULT hr = Assign(request.PseudoHost, InString(bstrPseudoHost)); FAILED(hr)) {
+    return ReportError(hr);
+  }
   CGetCoreDumpTargetByHostResponse response;
   if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
   return ReportError(OutTarget(client, response.Handle, ppTarget));
@@ -396,7 +422,9 @@ HRESULT CKXVEAPI::GetTargetsByHost(BSTR bstrHostName, VARIANT* pTargets) {
   if (pTargets == nullptr) return ReportError(E_POINTER);
   if (HRESULT hr = CheckName(bstrHostName); FAILED(hr)) return ReportError(hr);
   CGetTargetsByHostRequest request;
-  request.HostName = InString(bstrHostName);
+  if (HRESULT hr = Assign(request.HostName, InString(bstrHostName)); FAILED(hr)) {
+    return ReportError(hr);
+  }
   CGetTargetsByHostResponse response;
   if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
   return ReportError(OutTargetArray(client, response.Targets, pTargets));
@@ -408,8 +436,12 @@ HRESULT CKXVEAPI::StartMultiFilePacketLogging(BSTR bstrFile1, BSTR bstrFile2, UL
   if (HRESULT hr = CheckName(bstrFile1); FAILED(hr)) return ReportError(hr);
   if (HRESULT hr = CheckName(bstrFile2); FAILED(hr)) return ReportError(hr);
   CStartMultiFilePacketLoggingRequest request;
-  request.FileName1 = InString(bstrFile1);
-  request.FileName2 = InString(bstrFile2);
+  if (HRESULT hr = Assign(request.FileName1, InString(bstrFile1)); FAILED(hr)) {
+    return ReportError(hr);
+  }
+  if (HRESULT hr = Assign(request.FileName2, InString(bstrFile2)); FAILED(hr)) {
+    return ReportError(hr);
+  }
   request.Size = uSize;
   CStartMultiFilePacketLoggingResponse response;
   return CallServer(*client, kNoTarget, request, response);
@@ -441,7 +473,7 @@ HRESULT CKXVEAPI::GetTargetsByName(BSTR bstrName, VARIANT* pTargets) {
   if (pTargets == nullptr) return ReportError(E_POINTER);
   if (HRESULT hr = CheckName(bstrName); FAILED(hr)) return ReportError(hr);
   CGetTargetsByNameRequest request;
-  request.Name = InString(bstrName);
+  if (HRESULT hr = Assign(request.Name, InString(bstrName)); FAILED(hr)) return ReportError(hr);
   CGetTargetsByNameResponse response;
   if (HRESULT hr = CallServer(*client, kNoTarget, request, response); FAILED(hr)) return hr;
   return ReportError(OutTargetArray(client, response.Targets, pTargets));
@@ -491,19 +523,19 @@ HRESULT CKXVEAPI::GetLoggingLevel(eLoggingLevel* pLevel) {
 }
 
 HRESULT CKXVEAPI::AllocControllerData(IDispatch**) {
-  return ReportNotAvailable(u"IVEKXAPI3::AllocControllerData");
+  return NotAvailable(u"IVEKXAPI3::AllocControllerData");
 }
 
 HRESULT CKXVEAPI::AllocControllerState(IDispatch**) {
-  return ReportNotAvailable(u"IVEKXAPI3::AllocControllerState");
+  return NotAvailable(u"IVEKXAPI3::AllocControllerState");
 }
 
 HRESULT CKXVEAPI::AllocTouchData(IDispatch**) {
-  return ReportNotAvailable(u"IVEKXAPI3::AllocTouchData");
+  return NotAvailable(u"IVEKXAPI3::AllocTouchData");
 }
 
 HRESULT CKXVEAPI::AllocTouchPoint(IDispatch**) {
-  return ReportNotAvailable(u"IVEKXAPI3::AllocTouchPoint");
+  return NotAvailable(u"IVEKXAPI3::AllocTouchPoint");
 }
 
 HRESULT CKXVEAPI::EnableHostExec(VARIANT_BOOL bEnable) {
@@ -527,39 +559,39 @@ HRESULT CKXVEAPI::HostExecEnabled(VARIANT_BOOL* pbEnabled) {
 }
 
 HRESULT CKXVEAPI::EnableDistributedCopy(VARIANT_BOOL) {
-  return ReportNotAvailable(u"IVEKXAPI5::EnableDistributedCopy");
+  return NotAvailable(u"IVEKXAPI5::EnableDistributedCopy");
 }
 
 HRESULT CKXVEAPI::DistributedCopyEnabled(VARIANT_BOOL*) {
-  return ReportNotAvailable(u"IVEKXAPI5::DistributedCopyEnabled");
+  return NotAvailable(u"IVEKXAPI5::DistributedCopyEnabled");
 }
 
 HRESULT CKXVEAPI::InstallPackage(VARIANT, BSTR, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI5::InstallPackage");
+  return NotAvailable(u"IVEKXAPI5::InstallPackage");
 }
 
 HRESULT CKXVEAPI::UpdateKernel(VARIANT, BSTR, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI5::UpdateKernel");
+  return NotAvailable(u"IVEKXAPI5::UpdateKernel");
 }
 
 HRESULT CKXVEAPI::FileCopy(VARIANT, BSTR, BSTR, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI5::FileCopy");
+  return NotAvailable(u"IVEKXAPI5::FileCopy");
 }
 
 HRESULT CKXVEAPI::SyncDirectory(VARIANT, BSTR, BSTR, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI5::SyncDirectory");
+  return NotAvailable(u"IVEKXAPI5::SyncDirectory");
 }
 
 HRESULT CKXVEAPI::DirectoryCopy(VARIANT, BSTR, BSTR, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI5::DirectoryCopy");
+  return NotAvailable(u"IVEKXAPI5::DirectoryCopy");
 }
 
 HRESULT CKXVEAPI::CopyInProgress(VARIANT_BOOL*) {
-  return ReportNotAvailable(u"IVEKXAPI5::CopyInProgress");
+  return NotAvailable(u"IVEKXAPI5::CopyInProgress");
 }
 
 HRESULT CKXVEAPI::CancelCopy(ULONG) {
-  return ReportNotAvailable(u"IVEKXAPI5::CancelCopy");
+  return NotAvailable(u"IVEKXAPI5::CancelCopy");
 }
 
 HRESULT CKXVEAPI::SetNetworkManagerLogging(VARIANT_BOOL bEnable) {
@@ -587,7 +619,9 @@ HRESULT CKXVEAPI::StartNetworkManagerPacketLogging(BSTR bstrFilename) {
   if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
   if (HRESULT hr = CheckName(bstrFilename); FAILED(hr)) return ReportError(hr);
   CStartNetMngrPacketLoggingRequest request;
-  request.FileName = InString(bstrFilename);
+  if (HRESULT hr = Assign(request.FileName, InString(bstrFilename)); FAILED(hr)) {
+    return ReportError(hr);
+  }
   CStartNetMngrPacketLoggingResponse response;
   return CallServer(*client, kNoTarget, request, response);
 }
@@ -623,15 +657,15 @@ HRESULT CKXVEAPI::CancelFindMiradorTargets() {
 }
 
 HRESULT CKXVEAPI::FileCopyEx(VARIANT, BSTR, BSTR, VARIANT_BOOL, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI7::FileCopyEx");
+  return NotAvailable(u"IVEKXAPI7::FileCopyEx");
 }
 
 HRESULT CKXVEAPI::SyncDirectoryEx(VARIANT, BSTR, BSTR, VARIANT_BOOL, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI7::SyncDirectoryEx");
+  return NotAvailable(u"IVEKXAPI7::SyncDirectoryEx");
 }
 
 HRESULT CKXVEAPI::DirectoryCopyEx(VARIANT, BSTR, BSTR, VARIANT_BOOL, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI7::DirectoryCopyEx");
+  return NotAvailable(u"IVEKXAPI7::DirectoryCopyEx");
 }
 
 HRESULT CKXVEAPI::GetClientPids(VARIANT* pPids) {
@@ -645,23 +679,23 @@ HRESULT CKXVEAPI::GetClientPids(VARIANT* pPids) {
 }
 
 HRESULT CKXVEAPI::GetDistributedCopyTargetsById(ULONG, VARIANT*) {
-  return ReportNotAvailable(u"IVEKXAPI8::GetDistributedCopyTargetsById");
+  return NotAvailable(u"IVEKXAPI8::GetDistributedCopyTargetsById");
 }
 
 HRESULT CKXVEAPI::InstallPackageEx(VARIANT, BSTR, ULONG, ULONG, ULONG*) {
-  return ReportNotAvailable(u"IVEKXAPI9::InstallPackageEx");
+  return NotAvailable(u"IVEKXAPI9::InstallPackageEx");
 }
 
 HRESULT CKXVEAPI::ConvertFSDPathToTargetAndPath(BSTR, BSTR*, ITarget**) {
-  return ReportNotAvailable(u"IVEKXAPI10::ConvertFSDPathToTargetAndPath");
+  return NotAvailable(u"IVEKXAPI10::ConvertFSDPathToTargetAndPath");
 }
 
 HRESULT CKXVEAPI::AllocSyncPoint(IDispatch**) {
-  return ReportNotAvailable(u"IVEKXAPI11::AllocSyncPoint");
+  return NotAvailable(u"IVEKXAPI11::AllocSyncPoint");
 }
 
 HRESULT CKXVEAPI::AllocControllerConnectivity(IDispatch**) {
-  return ReportNotAvailable(u"IVEKXAPI12::AllocControllerConnectivity");
+  return NotAvailable(u"IVEKXAPI12::AllocControllerConnectivity");
 }
 
 }  // namespace qv

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <string_view>
 
 #include "api/automation_object.h"
 #include "api/server_call.h"
@@ -119,6 +120,9 @@ class CKXVEAPI final : public AutomationObject<CKXVEAPI, IVEKXAPI12> {
   // (KXAPI_INCOMPATIBLE_CLIENT). On success `client` holds this call's reference; a failure is
   // reported and returned.
   HRESULT Begin(SharedClient& client, bool compatibility = true) const;
+  // For a method whose subsystem this library does not have yet: the usual checks first, so that
+  // a disposed or unchecked root object answers as it does everywhere else, then E_NOTIMPL.
+  HRESULT NotAvailable(std::u16string_view method) const;
   // FindTargets and FindMiradorTargets: the same rule handling, different requests.
   template <class Request, class Response>
   HRESULT SendFindRules(const VARIANT& rules);

@@ -10,7 +10,6 @@
 #include "api/name_value_pair.h"
 #include "api/result_values.h"
 #include "requests/catalogue.h"
-#include "vekxapi/variant.h"
 
 namespace qv {
 
@@ -22,7 +21,7 @@ template <class... Outs>
 HRESULT Ask(const SharedClient& client, uint32_t handle, const CRequest& request,
             CResponse& response, const Outs*... outs) noexcept {
   if (!IsUsable(client)) return ReportError(E_UNEXPECTED);
-  if ((... || (outs == nullptr))) return ReportError(E_POINTER);
+  if ((... || !outs)) return ReportError(E_POINTER);
   return CallServer(*client, handle, request, response);
 }
 
@@ -90,25 +89,11 @@ bool ParseMacText(std::u16string_view text, Bytes& mac) {
   return true;
 }
 
-// The 6 bytes of a MAC address given as VT_ARRAY | VT_UI1, as an array of 6 numbers (what
-// VBScript's Array() makes) or as text; E_INVALIDARG otherwise.
+// The 6 bytes of a MAC address given as VT_ARRAY | VT_UI1 or as text; E_INVALIDARG otherwise.
 HRESULT MacAddressBytes(const VARIANT& address, Bytes& mac) noexcept {
   try {
     if (address.vt == VT_BSTR) {
       return ParseMacText(InString(address.bstrVal), mac) ? S_OK : E_INVALIDARG;
-    }
-    if (address.vt == (VT_ARRAY | VT_VARIANT)) {
-      std::vector<vekx::Variant> numbers;
-      if (const HRESULT hr = vekx::ArrayElements(address, numbers); hr == E_OUTOFMEMORY) return hr;
-      if (numbers.size() != 6) return E_INVALIDARG;
-      mac.clear();
-      for (const vekx::Variant& number : numbers) {
-        VARIANT byte;
-        VariantInit(&byte);
-        if (VariantChangeType(&byte, &number.Get(), 0, VT_UI1) != S_OK) return E_INVALIDARG;
-        mac.push_back(byte.bVal);
-      }
-      return S_OK;
     }
     if (address.vt != (VT_ARRAY | VT_UI1) || address.parray == nullptr ||
         SafeArrayGetDim(address.parray) != 1) {
@@ -329,8 +314,8 @@ HRESULT CKXVETarget::get_MacAddress(VARIANT* address) {
   return ReportError(OutByteArray(response.MacAddress, address));
 }
 
-// Takes the 6 bytes as VT_ARRAY | VT_UI1, as an array of 6 numbers from 0 to 255, or as text
-// "02:00:00:00:00:01" (':' or '-' between the pairs), the forms scripts can make.
+// Takes the 6 bytes as VT_ARRAY | VT_UI1, or as text "02:00:00:00:00:01" (':' or '-' between the
+// pairs), which is what scripts can make.
 HRESULT CKXVETarget::put_MacAddress(VARIANT address) {
   if (!IsUsable(client_)) return ReportError(E_UNEXPECTED);
   CSetCachedMacAddressRequest request;

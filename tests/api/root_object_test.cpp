@@ -1,5 +1,8 @@
 // The root object end to end: against the real vesta-kx for its methods, and against the
-// scripted stand-in, started by the library from PATH, for a server that dies in a call.
+// scripted stand-in, started by the library from PATH, for a server that dies in a call. Linux
+// only for now, like the server's own end-to-end tests: they start processes through a
+// POSIX-only helper.
+#ifndef _WIN32
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -176,6 +179,8 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
       [&](IVEKXAPI12* a) { return a->GetLoggingLevel(&level); },
       [&](IVEKXAPI12* a) { return a->HostExecEnabled(&flag); },
       [&](IVEKXAPI12* a) { return a->GetClientPids(list.Put()); },
+      [&](IVEKXAPI12* a) { return a->AdviseServerEvents(nullptr); },
+      [&](IVEKXAPI12* a) { return a->CancelCopy(1); },
   };
   for (size_t i = 0; i < calls.size(); ++i) {
     EXPECT_EQ(calls[i](fresh.Get()), E_UNEXPECTED) << "call " << i;
@@ -352,13 +357,6 @@ TEST_F(RootObjectTest, ServerSwitchesClientsAndOperationsTheServerLacks) {
   // Requests the server answers as not implemented, naming them.
   const std::vector<std::pair<std::function<HRESULT()>, std::string>> unimplemented = {
       {[&] { return api_->StartRVS('R', 1); }, "START_FILE_SYSTEM_DRIVER"},
-      {[&] { return api_->StopRVS(); }, "STOP_FILE_SYSTEM_DRIVER"},
-      {[&] {
-         ULONG options = 0;
-         unsigned char letter = 0;
-         return api_->GetRVSDrive(&options, &letter);
-       },
-       "GET_FILE_SYSTEM_DRIVE"},
       {[&] {
          ULONG driver = 0;
          Bstr name;
@@ -366,8 +364,6 @@ TEST_F(RootObjectTest, ServerSwitchesClientsAndOperationsTheServerLacks) {
        },
        "GET_FILE_SYSTEM_DRIVER_VERSION"},
       {[&] { return api_->SetNetworkManagerLogging(VARIANT_TRUE); }, "SET_NETWORK_MANAGER_LOGGING"},
-      {[&] { return api_->StartNetworkManagerPacketLogging(B("/tmp/nm").Get()); },
-       "START_NET_MNGR_PACKET_LOGGING"},
       {[&] { return api_->StartMultiFilePacketLogging(B("a").Get(), B("b").Get(), 4096); },
        "START_MULTI_FILE_PACKET_LOGGING"},
   };
@@ -431,3 +427,4 @@ TEST_F(RootObjectServerDeathTest, ACallTheServerDiesInFailsAndTheNextStartsAnoth
 
 }  // namespace
 }  // namespace qv::apitest
+#endif  // _WIN32
