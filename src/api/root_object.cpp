@@ -1,5 +1,6 @@
 #include "api/root_object.h"
 
+#include <cstring>
 #include <new>
 #include <optional>
 #include <string>
@@ -502,11 +503,15 @@ HRESULT CKXVEAPI::CancelFindTargets() {
 HRESULT CKXVEAPI::SetLoggingLevel(eLoggingLevel level) {
   SharedClient client;
   if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
-  if (level < LOGGING_LEVEL_NONE || level > LOGGING_LEVEL_REQUESTS) {
+  // A script may pass any 32-bit number: read it as one, not as the enumeration.
+  uint32_t value = 0;
+  static_assert(sizeof value == sizeof level);
+  std::memcpy(&value, &level, sizeof value);
+  if (value > LOGGING_LEVEL_REQUESTS) {
     return ReportError(E_INVALIDARG, u"The logging level is not one of eLoggingLevel.");
   }
   CSetLoggingLevelRequest request;
-  request.Level = static_cast<uint32_t>(level);
+  request.Level = value;
   CSetLoggingLevelResponse response;
   return CallServer(*client, kNoTarget, request, response);
 }
