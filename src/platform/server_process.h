@@ -77,7 +77,7 @@ class InstanceLock {
       : handle_(handle), record_(record) {}
 
   std::intptr_t handle_;  // The mutex's HANDLE on Windows, the locked file's descriptor on POSIX.
-  std::intptr_t record_;  // Windows: the section holding the process id. POSIX: unused.
+  [[maybe_unused]] std::intptr_t record_;  // Windows: the section holding the process id.
 };
 
 /// The process id of the server that holds the InstanceLock of `user_name` now, or nullopt when
