@@ -1,13 +1,13 @@
 #include "api/target_object.h"
 
+#include <cstring>
 #include <new>
 #include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "api/error_reporting.h"
-#include "api/name_value_pair.h"
+#include "api/object_lists.h"
 #include "api/result_values.h"
 #include "requests/catalogue.h"
 
@@ -48,26 +48,6 @@ bool CopyText(std::u16string_view text, std::u16string& copy) noexcept {
   }
 }
 
-// VT_ARRAY | VT_VARIANT of new INameValuePair objects, one per entry, in order.
-HRESULT OutNameValueArray(const NameValueList& entries, VARIANT* out) noexcept {
-  std::vector<vekx::ComPtr<IDispatch>> pairs;
-  try {
-    pairs.reserve(entries.size());
-    for (const NameValue& entry : entries) {
-      std::u16string name = entry.Name;
-      std::u16string value = entry.Value;
-      vekx::ComPtr<IDispatch> pair;
-      const HRESULT hr = CreateObject<CKXVENameValuePair>(
-          IID_IDispatch, reinterpret_cast<void**>(pair.Put()), std::move(name), std::move(value));
-      if (FAILED(hr)) return hr;
-      pairs.push_back(std::move(pair));
-    }
-  } catch (const std::bad_alloc&) {
-    return E_OUTOFMEMORY;
-  }
-  return OutObjectArray(pairs, out);
-}
-
 int HexDigit(char16_t c) {
   if (c >= u'0' && c <= u'9') return c - u'0';
   if (c >= u'a' && c <= u'f') return c - u'a' + 10;
@@ -105,10 +85,10 @@ HRESULT MacAddressBytes(const VARIANT& address, Bytes& mac) noexcept {
         FAILED(SafeArrayGetUBound(address.parray, 1, &upper)) || upper - lower + 1 != 6) {
       return E_INVALIDARG;
     }
+    mac.resize(6);  // before the array is locked: nothing may throw while it is
     void* data = nullptr;
     if (const HRESULT hr = SafeArrayAccessData(address.parray, &data); FAILED(hr)) return hr;
-    const auto* bytes = static_cast<const uint8_t*>(data);
-    mac.assign(bytes, bytes + 6);
+    std::memcpy(mac.data(), data, 6);
     SafeArrayUnaccessData(address.parray);
     return S_OK;
   } catch (const std::bad_alloc&) {

@@ -1,19 +1,18 @@
 // Target objects end to end against a real vesta-kx on the quick scenario: kit-one (on, the
-// default), kit-two (off), kit-gone (unreachable) and kit-slow (a 20 s boot). Linux only for now:
-// the Windows build's tests do not start a server.
-
-#include "api/target_object.h"
-
+// default), kit-two (off), kit-gone (unreachable) and kit-slow (a 20 s boot). Linux only for now,
+// like the other end-to-end tests: they start processes through a POSIX-only helper.
+#ifndef _WIN32
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <future>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#ifdef VEKX_SERVER_EXECUTABLE
-
 #include "api/live_api.h"
+#include "api/server_call.h"
 #include "platform/process_identity.h"
 #include "requests/catalogue.h"
 #include "requests/target_states.h"
@@ -21,49 +20,30 @@
 namespace qv::apitest {
 namespace {
 
-using servertest::kNone;
 using servertest::WaitUntil;
 
-// The target objects are made straight from the server's handles, each test with private clients
-// of its own, so that two clients can contend for one kit.
-class TargetObjectTest : public ::testing::Test {
+// A second root object is a second client of the server, so that two can contend for one kit.
+class TargetObjectTest : public LiveApiTest {
  protected:
   void SetUp() override {
-    server_ = std::make_unique<servertest::ServerProcess>(
-        std::vector<std::string>{"--scenario", servertest::WriteScenario(kQuickScenario)});
-    ASSERT_TRUE(server_->Started());
-    ASSERT_TRUE(server_->WaitReady()) << server_->Output();
-    client_ = NewClient();
-    other_client_ = NewClient();
-    ASSERT_TRUE(client_ && other_client_);
+    LiveApiTest::SetUp();
+    ASSERT_EQ(CreateRootObject(IID_IVEKXAPI12, reinterpret_cast<void**>(other_api_.Put())), S_OK);
+    ASSERT_EQ(other_api_->CheckCompatibility(21), S_OK);
   }
-
   void TearDown() override {
-    client_.reset();
-    other_client_.reset();
-    server_->RequestStop();
-    server_->Wait(10000);
+    if (other_api_) other_api_->Dispose();
+    other_api_.Reset();
+    LiveApiTest::TearDown();
   }
 
-  static SharedClient NewClient() {
-    return CKXVEPrivateAPI::Create(
-        ServerLink::ServerNames{platform::CurrentUserName(), servertest::RunDir()});
+  // A target object for `host` from the second client.
+  vekx::ComPtr<ITarget47> OtherTarget(const char* host) {
+    vekx::ComPtr<ITarget> target;
+    EXPECT_EQ(other_api_->AddTarget(vekx::Bstr::FromUtf8(host).Get(), target.Put()), S_OK);
+    vekx::ComPtr<ITarget47> latest;
+    if (target) target.QueryInto(IID_ITarget47, latest);
+    return latest;
   }
-
-  // A new object for `host`, added to the server's list if it is not there yet.
-  static vekx::ComPtr<ITarget47> Target(const SharedClient& client, const char16_t* host) {
-    CAddTargetRequest request;
-    request.TargetType = kTargetTypeKit;
-    request.HostName = host;
-    CAddTargetResponse response;
-    EXPECT_EQ(client->Call(kNone, request, response), S_OK);
-    vekx::ComPtr<ITarget47> target;
-    EXPECT_EQ(CreateTargetObject(client, response.Handle, IID_ITarget47,
-                                 reinterpret_cast<void**>(target.Put())),
-              S_OK);
-    return target;
-  }
-  vekx::ComPtr<ITarget47> Target(const char16_t* host) { return Target(client_, host); }
 
   // What a property getter of `object` returns; the test fails when it fails.
   template <class Object, class Interface, class Value>
@@ -99,13 +79,11 @@ class TargetObjectTest : public ::testing::Test {
     return pairs;
   }
 
-  std::unique_ptr<servertest::ServerProcess> server_;
-  SharedClient client_;
-  SharedClient other_client_;
+  vekx::ComPtr<IVEKXAPI12> other_api_;
 };
 
 TEST_F(TargetObjectTest, PowerChangesFollowTheKitAndRefuseTheStateItIsIn) {
-  auto two = Target(u"kit-two");
+  auto two = Target("kit-two");
   EXPECT_EQ(Power(two.Get()), POWER_STATUS_OFF);
   EXPECT_EQ(two->PowerOff(), KXAPI_COMMS_ERR_INVALID_POWER_STATE);
   EXPECT_EQ(TakeErrorText(),
@@ -120,7 +98,7 @@ TEST_F(TargetObjectTest, PowerChangesFollowTheKitAndRefuseTheStateItIsIn) {
   EXPECT_TRUE(WaitUntil([&] { return Power(two.Get()) == POWER_STATUS_OFF; }));
 
   // Kits are not suspended from the host, and nothing reaches the server: not even a dead one.
-  auto gone = Target(u"kit-gone");
+  auto gone = Target("kit-gone");
   EXPECT_EQ(gone->Suspend(), E_NOTIMPL);
 
   EXPECT_EQ(gone->Connect(), KXAPI_COMMS_ERR_NO_CONNECT);
@@ -131,8 +109,8 @@ TEST_F(TargetObjectTest, PowerChangesFollowTheKitAndRefuseTheStateItIsIn) {
 }
 
 TEST_F(TargetObjectTest, OneClientHoldsTheConnectionAtATime) {
-  auto mine = Target(u"kit-one");
-  auto theirs = Target(other_client_, u"kit-one");
+  auto mine = Target("kit-one");
+  auto theirs = OtherTarget("kit-one");
   EXPECT_EQ(Get(mine.Get(), &ITarget::get_ConnectionState), CONNECTION_AVAILABLE);
   vekx::Bstr info;
   EXPECT_EQ(mine->get_ConnectionInfo(info.Put()), KXAPI_COMMS_ERR_NOT_CONNECTED);
@@ -160,16 +138,16 @@ TEST_F(TargetObjectTest, OneClientHoldsTheConnectionAtATime) {
   EXPECT_EQ(Get(mine.Get(), &ITarget::get_ConnectionState), CONNECTION_AVAILABLE);
   EXPECT_EQ(theirs->DisconnectFromNotifications(), S_OK) << TakeErrorText();
   EXPECT_EQ(theirs->DisconnectFromNotifications(), KXAPI_COMMS_ERR_NOT_CONNECTED);
-  EXPECT_EQ(Target(u"kit-gone")->ConnectForNotifications(), KXAPI_COMMS_ERR_NO_CONNECT);
+  EXPECT_EQ(Target("kit-gone")->ConnectForNotifications(), KXAPI_COMMS_ERR_NO_CONNECT);
 }
 
 TEST_F(TargetObjectTest, BusyWhileAChangeRunsUntilItIsCancelled) {
-  auto slow = Target(u"kit-slow");
+  auto slow = Target("kit-slow");
   EXPECT_FALSE(Get(slow.Get(), &ITarget::get_IsBusy));
   auto boot = std::async(std::launch::async, [&] { return slow->PowerOn(); });
   EXPECT_TRUE(WaitUntil([&] { return Get(slow.Get(), &ITarget::get_IsBusy); }));
   // Another client's cancel is not this change's.
-  EXPECT_EQ(Target(other_client_, u"kit-slow")->CancelCurrentCommand(), S_OK);
+  EXPECT_EQ(OtherTarget("kit-slow")->CancelCurrentCommand(), S_OK);
   EXPECT_TRUE(Get(slow.Get(), &ITarget::get_IsBusy));
   EXPECT_EQ(slow->CancelCurrentCommand(), S_OK) << TakeErrorText();
   EXPECT_EQ(boot.get(), KXAPI_COMMS_ERR_OPERATION_CANCELLED);
@@ -178,13 +156,13 @@ TEST_F(TargetObjectTest, BusyWhileAChangeRunsUntilItIsCancelled) {
 
   boot = std::async(std::launch::async, [&] { return slow->PowerOn(); });
   EXPECT_TRUE(WaitUntil([&] { return Get(slow.Get(), &ITarget::get_IsBusy); }));
-  EXPECT_EQ(Target(u"kit-one")->CancelMyCommands(), S_OK) << TakeErrorText();
+  EXPECT_EQ(Target("kit-one")->CancelMyCommands(), S_OK) << TakeErrorText();
   EXPECT_EQ(boot.get(), KXAPI_COMMS_ERR_OPERATION_CANCELLED);
   EXPECT_EQ(slow->get_IsBusy(nullptr), E_POINTER);
 }
 
 TEST_F(TargetObjectTest, PropertiesComeFromTheServer) {
-  auto one = Target(u"kit-one");
+  auto one = Target("kit-one");
   EXPECT_EQ(Text(one.Get(), &ITarget::get_HostName), "kit-one");
   EXPECT_EQ(Text(one.Get(), &ITarget::get_Name), "One");
   ULONG version[4] = {};
@@ -198,16 +176,30 @@ TEST_F(TargetObjectTest, PropertiesComeFromTheServer) {
   EXPECT_NE(std::find(pairs.begin(), pairs.end(), "HostName=kit-one"), pairs.end());
   EXPECT_NE(std::find(pairs.begin(), pairs.end(), "SdkVersion=5.1.2.3"), pairs.end());
 
-  // A bad name is refused before anything is sent; a good one is kept and cached.
+  // Refused calls send nothing: the server's packet log has only the one that went through.
+  const std::string log = (std::filesystem::path(servertest::RunDir()) / "target.log").string();
+  std::filesystem::remove(log);
+  ASSERT_EQ(api_->StartPacketLogging(vekx::Bstr::FromUtf8(log).Get()), S_OK);
   EXPECT_EQ(one->put_Name(nullptr), E_POINTER);
   EXPECT_EQ(one->put_Name(vekx::Bstr::FromUtf8("").Get()), E_INVALIDARG);
+  EXPECT_EQ(one->Suspend(), E_NOTIMPL);
   EXPECT_EQ(Text(one.Get(), &ITarget::get_Name), "One");
+  ASSERT_EQ(api_->StopPacketLogging(), S_OK);
+  std::vector<std::string> sent;
+  std::istringstream lines(servertest::ReadText(log));
+  for (std::string line; std::getline(lines, line);) {
+    if (const size_t at = line.find(" REQUEST "); at != std::string::npos) {
+      sent.push_back(line.substr(at + 9, line.find(' ', at + 9) - at - 9));
+    }
+  }
+  EXPECT_EQ(sent, (std::vector<std::string>{"START_PACKET_LOGGING", "GET_TARGET_NAME"}));
+
   EXPECT_EQ(one->put_Name(vekx::Bstr::FromUtf8("Bench kit").Get()), S_OK) << TakeErrorText();
-  EXPECT_EQ(Text(Target(other_client_, u"kit-one").Get(), &ITarget::get_Name), "Bench kit");
+  EXPECT_EQ(Text(OtherTarget("kit-one").Get(), &ITarget::get_Name), "Bench kit");
   EXPECT_EQ(Text(one.Get(), &ITarget::get_CachedName), "Bench kit");
 
   // The unreachable kit keeps its cached name but has no live one.
-  auto gone = Target(u"kit-gone");
+  auto gone = Target("kit-gone");
   EXPECT_EQ(Text(gone.Get(), &ITarget::get_CachedName), "kit-gone");
   vekx::Bstr name;
   EXPECT_EQ(gone->get_Name(name.Put()), KXAPI_COMMS_ERR_NO_CONNECT);
@@ -216,12 +208,14 @@ TEST_F(TargetObjectTest, PropertiesComeFromTheServer) {
   EXPECT_EQ(one->put_SubnetMask(0xFFFFFF00u), S_OK) << TakeErrorText();
   ULONG handle = 0;
   one->get_Handle(&handle);
-  EXPECT_EQ(client_->Call(handle, CGetCachedSubnetMaskRequest{}, mask), S_OK);
+  const SharedClient client = CKXVEPrivateAPI::Create(
+      ServerLink::ServerNames{platform::CurrentUserName(), servertest::RunDir()});
+  EXPECT_EQ(client->Call(handle, CGetCachedSubnetMaskRequest{}, mask), S_OK);
   EXPECT_EQ(mask.SubnetMask, 0xFFFFFF00u);
 }
 
 TEST_F(TargetObjectTest, MacAddressTravelsAsSixBytesAndIsTakenAsBytesOrText) {
-  auto one = Target(u"kit-one");
+  auto one = Target("kit-one");
   auto mac = [&] {
     vekx::Variant address;
     EXPECT_EQ(one->get_MacAddress(address.Put()), S_OK) << TakeErrorText();
@@ -262,9 +256,9 @@ TEST_F(TargetObjectTest, MacAddressTravelsAsSixBytesAndIsTakenAsBytesOrText) {
 }
 
 TEST_F(TargetObjectTest, DefaultIsTheServersOneAndAnyPutMakesIt) {
-  auto one = Target(u"kit-one");
-  auto two = Target(u"kit-two");
-  auto two_again = Target(other_client_, u"kit-two");
+  auto one = Target("kit-one");
+  auto two = Target("kit-two");
+  auto two_again = OtherTarget("kit-two");
   EXPECT_TRUE(IsDefault(one.Get()));
   EXPECT_FALSE(IsDefault(two.Get()));
 
@@ -286,8 +280,8 @@ TEST_F(TargetObjectTest, DefaultIsTheServersOneAndAnyPutMakesIt) {
 }
 
 TEST_F(TargetObjectTest, AProtocolIsHeldByOneClientAtATime) {
-  auto mine = Target(u"kit-one");
-  auto theirs = Target(other_client_, u"kit-one");
+  auto mine = Target("kit-one");
+  auto theirs = OtherTarget("kit-one");
   auto in_use = [](ITarget47* target) {
     VARIANT_BOOL used = VARIANT_FALSE;
     EXPECT_EQ(target->QueryProtocolInUse(7, &used), S_OK) << TakeErrorText();
@@ -319,16 +313,16 @@ TEST_F(TargetObjectTest, AProtocolIsHeldByOneClientAtATime) {
   EXPECT_EQ(theirs->SetProtocolInUse(7), S_OK) << TakeErrorText();
   // A client that goes away gives its protocols up.
   theirs.Reset();
-  other_client_.reset();
+  other_api_->Dispose();
   EXPECT_TRUE(WaitUntil([&] { return !in_use(mine.Get()); }));
-  EXPECT_EQ(Target(u"kit-gone")->SetProtocolInUse(7), KXAPI_COMMS_ERR_NO_CONNECT);
+  EXPECT_EQ(Target("kit-gone")->SetProtocolInUse(7), KXAPI_COMMS_ERR_NO_CONNECT);
 }
 
 TEST_F(TargetObjectTest, AfterDisposeOnlyTheHandleWorks) {
-  auto one = Target(u"kit-one");
+  auto one = Target("kit-one");
   ULONG handle_before = 0;
   ASSERT_EQ(one->get_Handle(&handle_before), S_OK);
-  client_->MarkDisposed();  // what the root object's Dispose does to the shared client
+  ASSERT_EQ(api_->Dispose(), S_OK);
 
   // One method of each shape; the client check comes before every other check.
   ePowerStatus power{};
@@ -355,4 +349,4 @@ TEST_F(TargetObjectTest, AfterDisposeOnlyTheHandleWorks) {
 }  // namespace
 }  // namespace qv::apitest
 
-#endif  // VEKX_SERVER_EXECUTABLE
+#endif  // _WIN32
