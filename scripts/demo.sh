@@ -52,7 +52,8 @@ show targets
 step "What to try next"
 shown=${ctrl#"$PWD"/}
 echo "vesta-ctrl is $shown; a TARGET is a handle, a host name or a name."
-try() { printf '  %-52s %s\n' "$shown $1" "$2"; }
+width=$((${#shown} + 24))
+try() { printf '  %-*s %s\n' "$width" "$shown $1" "$2"; }
 try "--help" "every command"
 try "reboot $kit" "reboot a kit; returns once it is back on"
 try "connect 192.168.40.99" "a host that never answers: see the error"
