@@ -34,6 +34,28 @@ ctest --test-dir "$out/linux" --output-on-failure -j "$jobs"
 "$out/linux/bench/bench_server" --benchmark_min_time=0.01 >/dev/null
 "$out/linux/bench/bench_public_calls" --benchmark_min_time=0.01 >/dev/null
 
+step "installed tree: the example program through find_package(vekxapi) and pkg-config"
+prefix="$out/install"
+rm -rf "$prefix" "$out/examples"
+cmake --install "$out/linux" --prefix "$prefix" >/dev/null
+cmake -S "$root/examples" -B "$out/examples" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror" >/dev/null
+cmake --build "$out/examples"
+pc_dir=$(dirname "$(find "$prefix" -name vekxapi.pc)")
+# shellcheck disable=SC2046 # pkg-config's flags are meant to split.
+c++ "$root/examples/list_targets.cpp" -o "$out/examples/list_targets_pc" \
+  $(PKG_CONFIG_PATH="$pc_dir" pkg-config --cflags --libs vekxapi) -Wl,-rpath,"$pc_dir/.."
+# The library starts the installed server from PATH, in a runtime directory of this run's own,
+# and the installed vesta-ctrl stops it again.
+(
+  export XDG_RUNTIME_DIR PATH="$prefix/bin:$PATH"
+  XDG_RUNTIME_DIR=$(mktemp -d)
+  trap 'vesta-ctrl server stop >/dev/null; rm -rf "$XDG_RUNTIME_DIR"' EXIT
+  "$out/examples/list_targets" | tee "$out/examples/list_targets.out"
+  grep -q '^3 targets$' "$out/examples/list_targets.out"
+  "$out/examples/list_targets_pc" >/dev/null
+)
+
 step "linux (clang, address and undefined behaviour sanitizers, fuzzers)"
 cmake -S "$root" -B "$out/asan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
   -DVEKX_WERROR=ON -DVEKX_SANITIZE=address,undefined -DVEKX_BUILD_FUZZ=ON >/dev/null

@@ -7,6 +7,7 @@ packages=(
   cmake ninja-build g++ clang libclang-rt-14-dev clang-format
   libgtest-dev googletest libbenchmark-dev
   libyaml-cpp-dev
+  libcli11-dev nlohmann-json3-dev pkg-config
   mingw-w64 wine wine64 wine64-tools
 )
 

@@ -59,7 +59,9 @@ enum class InstanceLockFailure {
 
 /// The right to be the one server of a user, held for the server's lifetime. Windows: the named
 /// mutex "Local\vesta-kx-<user>", whose existence is the lock. POSIX: a write lock on
-/// `<runtime_dir>/vesta-kx.lock`.
+/// `<runtime_dir>/vesta-kx.lock`. The holder's process id is recorded beside the lock (POSIX: as
+/// the lock file's text; Windows: in the named section "Local\vesta-kx-pid-<user>") so that a
+/// tool can ask that very process to stop.
 class InstanceLock {
  public:
   /// The lock, or nullptr when it cannot be had; `failure`, when not null, then says why.
@@ -71,10 +73,23 @@ class InstanceLock {
   InstanceLock& operator=(const InstanceLock&) = delete;
 
  private:
-  explicit InstanceLock(std::intptr_t handle) noexcept : handle_(handle) {}
+  InstanceLock(std::intptr_t handle, std::intptr_t record) noexcept
+      : handle_(handle), record_(record) {}
 
   std::intptr_t handle_;  // The mutex's HANDLE on Windows, the locked file's descriptor on POSIX.
+  [[maybe_unused]] std::intptr_t record_;  // Windows: the section holding the process id.
 };
+
+/// The process id of the server that holds the InstanceLock of `user_name` now, or nullopt when
+/// no server holds it or the holder cannot be told (POSIX: a lock file whose text names no live
+/// vesta-kx, as when a server has just taken the lock and not yet written its id).
+std::optional<std::uint32_t> RunningServerProcessId(std::u16string_view user_name,
+                                                    const std::string& runtime_dir) noexcept;
+
+/// Asks the server process `process_id` to end cleanly, as the user's Ctrl+C would: SIGTERM on
+/// POSIX, a console Ctrl+C event on Windows. It returns at once; the caller watches
+/// RunningServerProcessId to see it go. False when the system refuses the request.
+bool RequestServerStop(std::uint32_t process_id) noexcept;
 
 /// The full path of the server executable, or nullopt when there is none to be found.
 ///

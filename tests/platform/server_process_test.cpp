@@ -222,6 +222,31 @@ TEST(InstanceLock, MissingRuntimeDirectoryIsASystemError) {
             nullptr);
   EXPECT_EQ(failure, InstanceLockFailure::kSystemError);
 }
+
+// The holder's id is the lock file's text while it holds the lock; only a held lock naming a
+// running vesta-kx counts, so neither a crashed server's leftover nor a reused id is signalled.
+TEST(InstanceLock, RecordsItsHolderForTheStopRequest) {
+  TempDir dir;
+  ASSERT_FALSE(dir.path().empty());
+  const fs::path file = fs::path(dir.runtime_dir()) / "vesta-kx.lock";
+  auto text = [&] {
+    std::ifstream in(file);
+    std::stringstream content;
+    content << in.rdbuf();
+    return content.str();
+  };
+
+  std::ofstream(file) << getpid() << "\n";  // As a crashed server would leave it.
+  EXPECT_EQ(RunningServerProcessId(u"user", dir.runtime_dir()), std::nullopt);
+
+  std::unique_ptr<InstanceLock> lock = InstanceLock::TryAcquire(u"user", dir.runtime_dir());
+  ASSERT_NE(lock, nullptr);
+  EXPECT_EQ(text(), std::to_string(getpid()) + "\n");
+  // Held, but by a process that is not vesta-kx.
+  EXPECT_EQ(RunningServerProcessId(u"user", dir.runtime_dir()), std::nullopt);
+  lock.reset();
+  EXPECT_EQ(text(), "");
+}
 #endif
 
 // --- Finding the executable ------------------------------------------------------------------

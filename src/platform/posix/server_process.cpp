@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -238,7 +239,15 @@ std::unique_ptr<InstanceLock> InstanceLock::TryAcquire(std::u16string_view /*use
     bool busy = false;
     const int fd = OpenLocked(RuntimeFilePath(runtime_dir, kInstanceLockName, u""), &busy);
     if (fd >= 0) {
-      result.reset(new (std::nothrow) InstanceLock(fd));
+      // The holder's id as the file's text, for `vesta-ctrl server stop`. An OFD lock does not
+      // name its owner (F_OFD_GETLK reports pid -1), so the file has to.
+      const std::string pid = std::to_string(getpid()) + "\n";
+      if (ftruncate(fd, 0) != 0 || pwrite(fd, pid.data(), pid.size(), 0) < 0) {
+        close(fd);
+        if (failure != nullptr) *failure = why;
+        return nullptr;
+      }
+      result.reset(new (std::nothrow) InstanceLock(fd, 0));
       if (result == nullptr) close(fd);
     } else if (busy) {
       why = InstanceLockFailure::kHeldElsewhere;
@@ -250,7 +259,47 @@ std::unique_ptr<InstanceLock> InstanceLock::TryAcquire(std::u16string_view /*use
 }
 
 InstanceLock::~InstanceLock() {
+  // A server that stops cleanly leaves no id behind that a later process might reuse.
+  if (ftruncate(static_cast<int>(handle_), 0) != 0) {
+  }
   close(static_cast<int>(handle_));
+}
+
+std::optional<std::uint32_t> RunningServerProcessId(std::u16string_view /*user_name*/,
+                                                    const std::string& runtime_dir) noexcept {
+  try {
+    const std::string path = RuntimeFilePath(runtime_dir, kInstanceLockName, u"");
+    if (path.empty()) return std::nullopt;
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW);
+    if (fd < 0) return std::nullopt;
+    struct flock lock = WholeFileLock(F_WRLCK);
+    const bool held = fcntl(fd, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+    char text[24] = {};
+    const ssize_t got = held ? pread(fd, text, sizeof text - 1, 0) : -1;
+    close(fd);
+    if (got <= 0) return std::nullopt;
+    char* end = nullptr;
+    const unsigned long pid = std::strtoul(text, &end, 10);
+    if (end == text || *end != '\n' || pid == 0 || pid > 0x7FFFFFFF) return std::nullopt;
+    // A crashed server's text may name a process id that has since been reused: only a process
+    // that runs vesta-kx counts.
+    char comm_path[40];
+    std::snprintf(comm_path, sizeof comm_path, "/proc/%lu/comm", pid);
+    const int comm_fd = open(comm_path, O_RDONLY | O_CLOEXEC);
+    if (comm_fd < 0) return std::nullopt;
+    char comm[32] = {};
+    const ssize_t comm_length = read(comm_fd, comm, sizeof comm - 1);
+    close(comm_fd);
+    if (comm_length <= 0 || std::strncmp(comm, "vesta-kx\n", 9) != 0) return std::nullopt;
+    return static_cast<std::uint32_t>(pid);
+  } catch (const std::bad_alloc&) {
+    return std::nullopt;
+  }
+}
+
+bool RequestServerStop(std::uint32_t process_id) noexcept {
+  if (process_id == 0 || process_id > 0x7FFFFFFF) return false;
+  return kill(static_cast<pid_t>(process_id), SIGTERM) == 0;
 }
 
 // --- Finding and starting the server ------------------------------------------------------

@@ -1,5 +1,6 @@
 #include "platform/server_process.h"
 
+#include <cstring>
 #include <new>
 
 #include "platform/automation.h"
@@ -31,6 +32,26 @@ std::intptr_t FromHandle(HANDLE handle) {
 
 bool IsSeparator(wchar_t c) {
   return c == L'\\' || c == L'/';
+}
+
+std::wstring ProcessIdRecordName(std::u16string_view user_name) {
+  return ObjectName(L"Local\\vesta-kx-pid-", user_name);
+}
+
+// A named section holding this process's id, for the instance lock to keep while it is held.
+HANDLE RecordProcessId(std::u16string_view user_name) {
+  const HANDLE record = CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
+                                           sizeof(DWORD), ProcessIdRecordName(user_name).c_str());
+  if (record == nullptr) return nullptr;
+  void* view = MapViewOfFile(record, FILE_MAP_WRITE, 0, 0, sizeof(DWORD));
+  if (view == nullptr) {
+    CloseHandle(record);
+    return nullptr;
+  }
+  const DWORD pid = GetCurrentProcessId();
+  std::memcpy(view, &pid, sizeof pid);
+  UnmapViewOfFile(view);
+  return record;
 }
 
 }  // namespace
@@ -87,9 +108,14 @@ std::unique_ptr<InstanceLock> InstanceLock::TryAcquire(std::u16string_view user_
       if (GetLastError() == ERROR_ALREADY_EXISTS) {
         CloseHandle(mutex);
         why = InstanceLockFailure::kHeldElsewhere;
+      } else if (const HANDLE record = RecordProcessId(user_name); record != nullptr) {
+        result.reset(new (std::nothrow) InstanceLock(FromHandle(mutex), FromHandle(record)));
+        if (result == nullptr) {
+          CloseHandle(record);
+          CloseHandle(mutex);
+        }
       } else {
-        result.reset(new (std::nothrow) InstanceLock(FromHandle(mutex)));
-        if (result == nullptr) CloseHandle(mutex);
+        CloseHandle(mutex);
       }
     } else if (GetLastError() == ERROR_ACCESS_DENIED) {
       why = InstanceLockFailure::kHeldElsewhere;  // Made by a server with other rights.
@@ -101,7 +127,43 @@ std::unique_ptr<InstanceLock> InstanceLock::TryAcquire(std::u16string_view user_
 }
 
 InstanceLock::~InstanceLock() {
+  CloseHandle(ToHandle(record_));
   CloseHandle(ToHandle(handle_));
+}
+
+std::optional<std::uint32_t> RunningServerProcessId(std::u16string_view user_name,
+                                                    const std::string& /*runtime_dir*/) noexcept {
+  try {
+    const HANDLE record =
+        OpenFileMappingW(FILE_MAP_READ, FALSE, ProcessIdRecordName(user_name).c_str());
+    if (record == nullptr) return std::nullopt;
+    std::optional<std::uint32_t> pid;
+    if (const void* view = MapViewOfFile(record, FILE_MAP_READ, 0, 0, sizeof(DWORD))) {
+      DWORD value = 0;
+      std::memcpy(&value, view, sizeof value);
+      UnmapViewOfFile(view);
+      if (value != 0) pid = value;
+    }
+    CloseHandle(record);
+    return pid;
+  } catch (const std::bad_alloc&) {
+    return std::nullopt;
+  }
+}
+
+bool RequestServerStop(std::uint32_t process_id) noexcept {
+  // A console control event reaches only the processes of the caller's console: join the
+  // server's (hidden) console for the moment, ignoring the event ourselves, then go back.
+  FreeConsole();
+  if (!AttachConsole(process_id)) {
+    AttachConsole(ATTACH_PARENT_PROCESS);
+    return false;
+  }
+  SetConsoleCtrlHandler(nullptr, TRUE);
+  const bool sent = GenerateConsoleCtrlEvent(CTRL_C_EVENT, 0) != FALSE;
+  FreeConsole();
+  AttachConsole(ATTACH_PARENT_PROCESS);
+  return sent;
 }
 
 std::optional<std::u16string> FindServerExecutable() noexcept {

@@ -1,0 +1,244 @@
+// vesta-ctrl run as a user runs it, against a real vesta-kx in the test process's private
+// runtime directory: what it prints and how it exits.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "platform/pipe.h"
+#include "platform/server_process.h"
+#include "server/server_harness.h"
+
+namespace {
+
+using qv::servertest::ReadText;
+using qv::servertest::TestRoot;
+
+struct CtrlRun {
+  int exit_code = -1;
+  std::string out;
+  std::string err;
+};
+
+std::string Quoted(const std::string& text) {
+  std::string quoted = "'";
+  for (char c : text) {
+    if (c == '\'') {
+      quoted += "'\\''";
+    } else {
+      quoted += c;
+    }
+  }
+  return quoted + "'";
+}
+
+CtrlRun Ctrl(const std::vector<std::string>& args) {
+  const auto out = TestRoot() / "ctrl.out";
+  const auto err = TestRoot() / "ctrl.err";
+  std::string command = Quoted(VEKX_CTRL_EXECUTABLE);
+  for (const std::string& arg : args)
+    command += " " + Quoted(arg);
+  command += " >" + Quoted(out.string()) + " 2>" + Quoted(err.string()) + " </dev/null";
+  const int status = std::system(command.c_str());
+  CtrlRun run;
+  run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  run.out = ReadText(out);
+  run.err = ReadText(err);
+  return run;
+}
+
+nlohmann::json Json(const CtrlRun& run) {
+  return nlohmann::json::parse(run.out, nullptr, /*allow_exceptions=*/false);
+}
+
+// The target of `targets --json` whose host is `host`; null when there is none.
+nlohmann::json TargetWithHost(const std::string& host) {
+  const nlohmann::json list = Json(Ctrl({"--json", "targets"}));
+  for (const auto& target : list.value("targets", nlohmann::json::array())) {
+    if (target["host"] == host) return target;
+  }
+  return nullptr;
+}
+
+class VestaCtrlTest : public qv::servertest::ServerTest {};
+
+TEST_F(VestaCtrlTest, CommandLineMistakesExitWithTwo) {
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {},
+           {"--no-such-option", "targets"},
+           {"--json", "kit-one"},
+           {"power"},
+           {"power", "sideways", "kit-one"},
+           {"info"},
+           {"find", "10.1.0.300"},
+           {"find", "10.1.0.9-10.1.0.1"},
+           {"error", "not-a-code"},
+       }) {
+    std::string joined;
+    for (const auto& arg : args)
+      joined += arg + " ";
+    const CtrlRun run = Ctrl(args);
+    EXPECT_EQ(run.exit_code, 2) << joined << run.err;
+    EXPECT_FALSE(run.err.empty()) << joined;
+    EXPECT_EQ(run.out, "") << joined;
+  }
+}
+
+TEST_F(VestaCtrlTest, UnknownTargetFailsWithOneAndSaysWhy) {
+  const CtrlRun run = Ctrl({"info", "kit-nowhere"});
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_EQ(run.err,
+            "vesta-ctrl: no target has the handle, host name or name 'kit-nowhere' (see "
+            "'vesta-ctrl targets')\n");
+  EXPECT_EQ(run.out, "");
+
+  const CtrlRun json = Ctrl({"--json", "power", "on", "kit-nowhere"});
+  EXPECT_EQ(json.exit_code, 1);
+  EXPECT_EQ(Json(json)["error"]["message"],
+            "no target has the handle, host name or name 'kit-nowhere' (see 'vesta-ctrl "
+            "targets')");
+}
+
+TEST_F(VestaCtrlTest, ServerFailureCarriesTheLibrarysDescription) {
+  // kit-gone is registered but never answers.
+  const CtrlRun run = Ctrl({"power", "on", "kit-gone"});
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_EQ(run.err.rfind("vesta-ctrl: Target error - Could not connect.", 0), 0u) << run.err;
+
+  const nlohmann::json json = Json(Ctrl({"--json", "connect", "kit-gone"}));
+  EXPECT_EQ(json["error"]["code"], "0x80040246") << json;
+}
+
+TEST_F(VestaCtrlTest, ErrorDescribesResultCodes) {
+  CtrlRun run = Ctrl({"error", "0x8004021B"});
+  EXPECT_EQ(run.exit_code, 0);
+  EXPECT_EQ(run.out, "0x8004021B  Target error - The entry does not exist.\n");
+  // The same code as a signed decimal.
+  EXPECT_EQ(Ctrl({"error", "-2147220965"}).out, run.out);
+
+  run = Ctrl({"--json", "error", "0"});
+  EXPECT_EQ(Json(run), nlohmann::json({{"code", "0x00000000"}, {"description", "Success."}}));
+
+  run = Ctrl({"error", "0x80041000"});
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_EQ(run.err, "vesta-ctrl: 0x80041000 is not one of the library's result codes\n");
+}
+
+TEST_F(VestaCtrlTest, TargetsListsEveryRegisteredKit) {
+  const CtrlRun run = Ctrl({"--json", "targets"});
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  const nlohmann::json list = Json(run);
+  ASSERT_TRUE(list.is_object()) << run.out;
+  ASSERT_EQ(list["targets"].size(), 4u) << run.out;  // kit-spare is not registered.
+  const nlohmann::json one = TargetWithHost("kit-one");
+  EXPECT_EQ(one["name"], "One");
+  EXPECT_EQ(one["power"], "on");
+  EXPECT_EQ(one["connection"], "available");
+  EXPECT_EQ(one["default"], true);
+  EXPECT_TRUE(one["handle"].is_number_unsigned());
+  // What an unreachable kit cannot tell is null, not made up.
+  const nlohmann::json gone = TargetWithHost("kit-gone");
+  EXPECT_TRUE(gone["name"].is_null()) << gone;
+  EXPECT_TRUE(gone["power"].is_null()) << gone;
+
+  // The human table: every row's cells start under their column's header.
+  const CtrlRun table = Ctrl({"targets"});
+  std::istringstream lines(table.out);
+  std::string header;
+  std::getline(lines, header);
+  ASSERT_EQ(header.rfind("HANDLE", 0), 0u) << table.out;
+  const std::size_t host_column = header.find("HOST");
+  const std::size_t power_column = header.find("POWER");
+  int rows = 0;
+  for (std::string line; std::getline(lines, line); ++rows) {
+    EXPECT_NE(line[host_column], ' ') << table.out;
+    EXPECT_EQ(line[host_column - 1], ' ') << table.out;
+    EXPECT_NE(line[power_column], ' ') << table.out;
+    EXPECT_NE(line.back(), ' ') << table.out;
+  }
+  EXPECT_EQ(rows, 4);
+}
+
+TEST_F(VestaCtrlTest, PowerAndDefaultChangeTheTargetsState) {
+  const nlohmann::json two = TargetWithHost("kit-two");
+  ASSERT_EQ(two["power"], "off");
+  const std::string handle = std::to_string(two["handle"].get<unsigned>());
+
+  // By name, by host and by handle.
+  CtrlRun run = Ctrl({"power", "on", "Two"});
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(Ctrl({"power", "status", "kit-two"}).out, "on\n");
+  run = Ctrl({"--json", "default", handle});
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(Json(run)["default"]["host"], "kit-two");
+  EXPECT_EQ(TargetWithHost("kit-two")["default"], true);
+  EXPECT_EQ(TargetWithHost("kit-one")["default"], false);
+  EXPECT_EQ(Json(Ctrl({"--json", "default"}))["default"]["handle"], two["handle"]);
+
+  run = Ctrl({"power", "off", handle});
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(TargetWithHost("kit-two")["power"], "off");
+}
+
+TEST_F(VestaCtrlTest, AddInfoAndDelete) {
+  CtrlRun run = Ctrl({"--json", "add", "kit-spare"});
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(Json(run)["target"]["host"], "kit-spare");
+
+  run = Ctrl({"--json", "info", "kit-spare"});
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  const nlohmann::json info = Json(run);
+  EXPECT_EQ(info["target"]["host"], "kit-spare");
+  bool names_host = false;
+  for (const auto& pair : info["info"])
+    names_host = names_host || pair["value"] == "kit-spare";
+  EXPECT_TRUE(names_host) << info;
+
+  run = Ctrl({"delete", "kit-spare"});
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_TRUE(TargetWithHost("kit-spare").is_null());
+  EXPECT_EQ(Ctrl({"delete", "kit-spare"}).exit_code, 1);
+}
+
+// No server at first: `server start` has the library start one, `server stop` ends it.
+class VestaCtrlServerTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    // Whatever happened above, no server of this test outlives it.
+    if (auto pid = RunningServer()) qv::platform::RequestServerStop(*pid);
+  }
+  static std::optional<std::uint32_t> RunningServer() {
+    return qv::platform::RunningServerProcessId(qv::platform::CurrentUserName(),
+                                                qv::servertest::RunDir());
+  }
+};
+
+TEST_F(VestaCtrlServerTest, StartStatusAndStop) {
+  EXPECT_EQ(Json(Ctrl({"--json", "server", "status"})),
+            nlohmann::json({{"running", false}, {"pid", nullptr}}));
+
+  CtrlRun run = Ctrl({"server", "start"});
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  const std::optional<std::uint32_t> pid = RunningServer();
+  ASSERT_TRUE(pid.has_value());
+  EXPECT_EQ(run.out, "vesta-kx 5.0.10.0 started (process " + std::to_string(*pid) + ").\n");
+  EXPECT_EQ(Json(Ctrl({"--json", "server", "status"})),
+            nlohmann::json({{"running", true}, {"pid", *pid}}));
+  EXPECT_EQ(Ctrl({"server", "start"}).out,
+            "vesta-kx is already running (process " + std::to_string(*pid) + ").\n");
+
+  run = Ctrl({"server", "stop"});
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(run.out, "vesta-kx (process " + std::to_string(*pid) + ") stopped.\n");
+  EXPECT_FALSE(RunningServer().has_value());
+  EXPECT_EQ(Ctrl({"server", "stop"}).out, "vesta-kx is not running.\n");
+}
+
+}  // namespace

@@ -1,0 +1,28 @@
+#pragma once
+// The tool's commands, one group per file; each Add* function declares its group's commands
+// on `app` with callbacks that run through `context`.
+
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+
+#include "session.h"
+
+namespace vesta_ctrl {
+
+struct Context {
+  Session session;
+  bool json = false;  // --json: one JSON document on standard output instead of text.
+  std::ostream& out = std::cout;
+};
+
+// server start|stop|status|version, error CODE.
+void AddServerCommands(CLI::App& app, Context& context);
+// targets, add, delete, default, info.
+void AddTargetCommands(CLI::App& app, Context& context);
+// connect, disconnect, power on|off|status, reboot.
+void AddPowerCommands(CLI::App& app, Context& context);
+// discover, find.
+void AddDiscoveryCommands(CLI::App& app, Context& context);
+
+}  // namespace vesta_ctrl

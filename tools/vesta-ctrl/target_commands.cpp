@@ -1,0 +1,171 @@
+// The target list: listing, adding, deleting, the default target and a target's information.
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "commands.h"
+#include "failure.h"
+#include "output.h"
+#include "target_resolution.h"
+#include "target_view.h"
+#include "vekxapi/bstr.h"
+#include "vekxapi/variant.h"
+
+namespace vesta_ctrl {
+namespace {
+
+void PrintTargets(Context& context, const std::vector<TargetView>& views) {
+  if (context.json) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const TargetView& view : views)
+      list.push_back(ToJson(view));
+    PrintJson(context.out, {{"targets", list}});
+    return;
+  }
+  if (views.empty()) {
+    context.out << "No targets. Add one with 'vesta-ctrl add HOST'.\n";
+    return;
+  }
+  Table table({"HANDLE", "NAME", "HOST", "POWER", "CONNECTION", "DEFAULT"});
+  for (const TargetView& view : views) {
+    table.AddRow({std::to_string(view.handle), Cell(view.name), Cell(view.host), Cell(view.power),
+                  Cell(view.connection), view.is_default.value.value_or(false) ? "*" : ""});
+  }
+  table.Print(context.out);
+}
+
+// One target as a person reads it: each field, or why it could not be read.
+std::vector<std::pair<std::string, std::string>> Fields(const TargetView& view) {
+  auto text = [](const std::string& cell, const std::string& error) {
+    return cell != "-" ? cell : "- (" + error + ")";
+  };
+  return {{"handle", std::to_string(view.handle)},
+          {"name", text(Cell(view.name), view.name.error)},
+          {"host", text(Cell(view.host), view.host.error)},
+          {"power", text(Cell(view.power), view.power.error)},
+          {"connection", text(Cell(view.connection), view.connection.error)},
+          {"default", text(Cell(view.is_default), view.is_default.error)}};
+}
+
+void PrintTarget(Context& context, const TargetView& view) {
+  if (context.json) {
+    PrintJson(context.out, {{"target", ToJson(view)}});
+  } else {
+    PrintFields(context.out, Fields(view));
+  }
+}
+
+void List(Context& context) {
+  std::vector<TargetView> views;
+  for (const auto& target : ListTargets(context.session.Api()))
+    views.push_back(ReadTargetView(*target.Get()));
+  PrintTargets(context, views);
+}
+
+void Add(Context& context, const std::string& host) {
+  if (host.empty()) throw UsageError("HOST must not be empty");
+  vekx::ComPtr<ITarget> target;
+  Check(context.session.Api().AddTarget(vekx::Bstr::FromUtf8(host).Get(), target.Put()));
+  PrintTarget(context, ReadTargetView(*target.Get()));
+}
+
+void Delete(Context& context, const std::string& spec) {
+  vekx::ComPtr<ITarget> target = ResolveTarget(context.session.Api(), spec);
+  const TargetView view = ReadTargetView(*target.Get());
+  Check(target->Delete());
+  if (context.json) {
+    PrintJson(context.out, {{"deleted", ToJson(view)}});
+  } else {
+    context.out << "Deleted " << Describe(view) << ".\n";
+  }
+}
+
+void Default(Context& context, const std::optional<std::string>& spec) {
+  IVEKXAPI12& api = context.session.Api();
+  if (spec) {
+    vekx::ComPtr<ITarget> target = ResolveTarget(api, *spec);
+    // The value is not looked at: setting Default always makes this target the default.
+    Check(target->put_Default(VARIANT_TRUE));
+  }
+  vekx::ComPtr<ITarget> current;
+  Check(api.get_DefaultTarget(current.Put()));
+  const TargetView view = ReadTargetView(*current.Get());
+  if (context.json) {
+    PrintJson(context.out, {{"default", ToJson(view)}});
+  } else {
+    context.out << (spec ? "The default target is now " : "The default target is ")
+                << Describe(view) << ".\n";
+  }
+}
+
+// The target's information from the server, as name and value texts, in the server's order.
+std::vector<std::pair<std::string, std::string>> ReadInfo(ITarget& target) {
+  vekx::Variant info;
+  Check(target.get_TargetInfo(info.Put()));
+  std::vector<vekx::Variant> elements;
+  Check(vekx::ArrayElements(info.Get(), elements));
+  std::vector<std::pair<std::string, std::string>> pairs;
+  for (const vekx::Variant& element : elements) {
+    if (element.Type() != VT_DISPATCH || element.Get().pdispVal == nullptr) {
+      Check(DISP_E_TYPEMISMATCH);
+    }
+    vekx::ComPtr<INameValuePair> pair;
+    Check(element.Get().pdispVal->QueryInterface(IID_INameValuePair,
+                                                 reinterpret_cast<void**>(pair.Put())));
+    vekx::Bstr name;
+    vekx::Bstr value;
+    Check(pair->get_Name(name.Put()));
+    Check(pair->get_ValueString(value.Put()));
+    pairs.emplace_back(name.Utf8(), value.Utf8());
+  }
+  return pairs;
+}
+
+void Info(Context& context, const std::string& spec) {
+  vekx::ComPtr<ITarget> target = ResolveTarget(context.session.Api(), spec);
+  const TargetView view = ReadTargetView(*target.Get());
+  const auto info = ReadInfo(*target.Get());
+  if (context.json) {
+    nlohmann::json pairs = nlohmann::json::array();
+    for (const auto& [name, value] : info)
+      pairs.push_back({{"name", name}, {"value", value}});
+    PrintJson(context.out, {{"target", ToJson(view)}, {"info", pairs}});
+    return;
+  }
+  auto fields = Fields(view);
+  fields.insert(fields.end(), info.begin(), info.end());
+  PrintFields(context.out, fields);
+}
+
+}  // namespace
+
+void AddTargetCommands(CLI::App& app, Context& context) {
+  app.add_subcommand("targets", "List the targets the server knows")->callback([&context] {
+    List(context);
+  });
+
+  auto host = std::make_shared<std::string>();
+  CLI::App* add = app.add_subcommand("add", "Add a target by its host name or address");
+  add->add_option("HOST", *host, "Host name or IPv4 address of the kit")->required();
+  add->callback([&context, host] { Add(context, *host); });
+
+  auto spec = std::make_shared<std::string>();
+  CLI::App* remove = app.add_subcommand("delete", "Remove a target from the server's list");
+  remove->add_option("TARGET", *spec, "Handle, host name or name")->required();
+  remove->callback([&context, spec] { Delete(context, *spec); });
+
+  CLI::App* make_default =
+      app.add_subcommand("default", "Show the default target, or make TARGET the default");
+  CLI::Option* new_default = make_default->add_option("TARGET", *spec, "Handle, host name or name");
+  make_default->callback([&context, spec, new_default] {
+    Default(context, new_default->count() > 0 ? std::optional(*spec) : std::nullopt);
+  });
+
+  CLI::App* info = app.add_subcommand("info", "A target's state and the server's information");
+  info->add_option("TARGET", *spec, "Handle, host name or name")->required();
+  info->callback([&context, spec] { Info(context, *spec); });
+}
+
+}  // namespace vesta_ctrl
