@@ -67,7 +67,12 @@ nlohmann::json TargetWithHost(const std::string& host) {
   return nullptr;
 }
 
-class VestaCtrlTest : public qv::servertest::ServerTest {};
+// vesta-ctrl serves the account's own user name; the test process's runtime directory keeps its
+// servers apart from any other.
+class VestaCtrlTest : public qv::servertest::ServerTest {
+ protected:
+  VestaCtrlTest() : ServerTest(qv::platform::CurrentUserName()) {}
+};
 
 TEST_F(VestaCtrlTest, CommandLineMistakesExitWithTwo) {
   for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{

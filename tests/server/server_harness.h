@@ -332,6 +332,9 @@ class RawClient {
 // the tests that need kQuickScenario are skipped.
 class ServerTest : public ::testing::Test {
  protected:
+  // Tests of a tool that serves the account's own user name pass that name.
+  explicit ServerTest(std::u16string user = TestUser()) : user_(std::move(user)) {}
+
   void StartServer(bool built_in = false) {
     std::vector<std::string> args{"--log-level", "2"};
     if (!built_in) {
@@ -355,7 +358,7 @@ class ServerTest : public ::testing::Test {
     }
   }
 
-  const std::u16string user_ = TestUser();
+  const std::u16string user_;
   std::unique_ptr<ServerProcess> server_;
 };
 
