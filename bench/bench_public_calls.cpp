@@ -14,19 +14,13 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "api/root_object.h"
 #include "bench_floor.h"
-#include "platform/child_process.h"
-#include "platform/process_identity.h"
-#include "platform/server_process.h"
-#include "platform/wide_string.h"
+#include "bench_server_process.h"
 #include "requests/catalogue.h"
 #include "serverlink/frame.h"
 #include "serverlink/wire_fields.h"
@@ -167,48 +161,11 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  namespace fs = std::filesystem;
-  const std::string pid = std::to_string(qv::platform::CurrentProcessId());
-  const fs::path root = fs::temp_directory_path() / ("vkx-bench-api-" + pid);
-  std::error_code error;
-  fs::remove_all(root, error);
-  if (!fs::create_directory(root, error)) {
-    std::fprintf(stderr, "cannot make %s\n", root.c_str());
-    return 1;
-  }
-  fs::permissions(root, fs::perms::owner_all, fs::perm_options::replace, error);
-  qv::platform::SetEnvironmentValue("XDG_RUNTIME_DIR", root.string());
-  const auto run_dir = qv::platform::ServerRuntimeDirectory();
-
-  const std::u16string user = u"vkxbenchapi" + qv::platform::Utf8ToUtf16(pid);
-  int result = 1;
-  {
-    auto server = qv::platform::ChildProcess::Start(
-        VEKX_SERVER_EXECUTABLE, {"--user", qv::platform::Utf16ToUtf8(user), "--log-level", "1"},
-        (root / "vesta-kx.out").string());
-    bool ready = false;
-    for (int i = 0; server != nullptr && run_dir && i < 1000 && !ready; ++i) {
-      ready = qv::platform::ServerIsReady(user, *run_dir, 0);
-      if (!ready) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (!ready) {
-      std::fprintf(stderr, "vesta-kx did not become ready\n");
-    } else if (RunAgainstServer(user, *run_dir, format)) {
-      result = 0;
-    }
-    if (server != nullptr) {
-      server->RequestStop();
-      if (server->Wait(10000) != std::optional<int>(0)) {
-        std::fprintf(stderr, "vesta-kx did not end cleanly\n");
-        result = 1;
-      }
-    }
-  }
-  if (result != 0) {
-    std::ifstream output(root / "vesta-kx.out");
-    std::fprintf(stderr, "%s", std::string(std::istreambuf_iterator<char>(output), {}).c_str());
-  }
-  fs::remove_all(root, error);
+  qv::bench::BenchServer server;
+  bool ok = server.Prepare("bench-api") && server.Start({"--log-level", "1"}) &&
+            RunAgainstServer(server.user(), server.run_dir(), format);
+  ok = server.Stop() && ok;
+  if (!ok) server.PrintOutput();
   benchmark::Shutdown();
-  return result;
+  return ok ? 0 : 1;
 }

@@ -1,0 +1,39 @@
+#pragma once
+// The real vesta-kx for a benchmark: a runtime directory of its own under the temporary directory
+// (XDG_RUNTIME_DIR points there for this process), a user name of its own, so that it meets no
+// other server; stopped, and the directory removed, at the end.
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/child_process.h"
+
+namespace qv::bench {
+
+class BenchServer {
+ public:
+  // Makes the directory, named after `tag` and this process. False when it cannot.
+  bool Prepare(const std::string& tag);
+  ~BenchServer();
+
+  const std::filesystem::path& root() const { return root_; }
+  const std::u16string& user() const { return user_; }
+  const std::string& run_dir() const { return run_dir_; }
+
+  // Starts vesta-kx with `args` for this user and waits until it is ready.
+  bool Start(std::vector<std::string> args);
+  // Asks it to end; false when it did not end cleanly.
+  bool Stop();
+  // Copies its output to stderr (after a failure).
+  void PrintOutput() const;
+
+ private:
+  std::filesystem::path root_;
+  std::u16string user_;
+  std::string run_dir_;
+  std::unique_ptr<platform::ChildProcess> process_;
+};
+
+}  // namespace qv::bench
