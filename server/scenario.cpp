@@ -1,8 +1,13 @@
 #include "server/scenario.h"
 
+#include <algorithm>
 #include <exception>
 #include <fstream>
+#include <set>
 #include <sstream>
+
+#include "platform/wide_string.h"
+#include "server/scenario_document.h"
 
 namespace qv::server {
 
@@ -58,12 +63,225 @@ Scenario DefaultScenario() {
   return scenario;
 }
 
-#ifndef VEKX_SERVER_HAVE_YAML
-ScenarioResult ParseScenario(const std::string&, const std::string& file_name) noexcept {
-  return {std::nullopt, file_name +
-                            ": this vesta-kx was built without yaml-cpp and reads no scenario "
-                            "files; start it without --scenario for the built-in kits"};
+namespace {
+
+using Kind = DocNode::Kind;
+
+[[noreturn]] void Refuse(const DocNode& node, std::string what) {
+  throw DocumentError{node.line, std::move(what)};
 }
+
+// The value of `key` in `map`, or nullptr (keys are unique: CheckKeys has seen to that).
+const DocNode* Find(const DocNode& map, std::string_view key) {
+  for (const auto& [name, value] : map.entries) {
+    if (name.kind == Kind::kScalar && name.scalar == key) return &value;
+  }
+  return nullptr;
+}
+
+std::string Single(const DocNode& node, const std::string& key) {
+  if (node.kind != Kind::kScalar) Refuse(node, "'" + key + "' must be a single value");
+  return node.scalar;
+}
+
+std::u16string Text(const DocNode& node, const std::string& key) {
+  const std::string value = Single(node, key);
+  if (value.empty()) Refuse(node, "'" + key + "' must not be empty");
+  return platform::Utf8ToUtf16(value);
+}
+
+bool Flag(const DocNode& node, const std::string& key) {
+  const std::string value = Single(node, key);
+  if (value == "true" || value == "yes" || value == "on") return true;
+  if (value == "false" || value == "no" || value == "off") return false;
+  Refuse(node, "'" + key + "' must be true or false, not '" + value + "'");
+}
+
+uint32_t Milliseconds(const DocNode& node, const std::string& key) {
+  const std::string value = Single(node, key);
+  uint64_t result = 0;
+  if (value.empty() || value.size() > 9) {
+    Refuse(node, "'" + key + "' must be a whole number of milliseconds up to 999999999");
+  }
+  for (char c : value) {
+    if (c < '0' || c > '9') {
+      Refuse(node, "'" + key + "' must be a whole number of milliseconds, not '" + value + "'");
+    }
+    result = result * 10 + static_cast<uint64_t>(c - '0');
+  }
+  return static_cast<uint32_t>(result);
+}
+
+// Dotted decimal numbers: "a.b.c.d" with `count` parts, each at most `max`.
+std::vector<uint32_t> Dotted(const DocNode& node, const std::string& key, size_t count,
+                             uint32_t max) {
+  const std::string value = Single(node, key);
+  std::vector<uint32_t> parts(1, 0);
+  bool digit_seen = false;
+  for (char c : value) {
+    if (c == '.') {
+      if (!digit_seen) break;
+      parts.push_back(0);
+      digit_seen = false;
+    } else if (c >= '0' && c <= '9' && parts.back() <= max) {
+      parts.back() = parts.back() * 10 + static_cast<uint32_t>(c - '0');
+      digit_seen = true;
+    } else {
+      digit_seen = false;
+      break;
+    }
+  }
+  bool ok = digit_seen && parts.size() == count;
+  for (uint32_t part : parts)
+    ok = ok && part <= max;
+  if (!ok) {
+    Refuse(node, "'" + key + "' must be " + std::to_string(count) +
+                     " dot-separated numbers up to " + std::to_string(max) + ", not '" + value +
+                     "'");
+  }
+  return parts;
+}
+
+std::vector<uint8_t> Mac(const DocNode& node) {
+  const std::string value = Single(node, "mac");
+  std::vector<uint8_t> bytes;
+  auto hex = [](char c) -> int {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+  };
+  bool ok = value.size() == 17;
+  for (size_t i = 0; ok && i < value.size(); i += 3) {
+    const int high = hex(value[i]);
+    const int low = hex(value[i + 1]);
+    ok = high >= 0 && low >= 0 && (i + 2 == value.size() || value[i + 2] == ':');
+    if (ok) bytes.push_back(static_cast<uint8_t>(high * 16 + low));
+  }
+  if (!ok) Refuse(node, "'mac' must be six hex byte pairs joined by ':', not '" + value + "'");
+  return bytes;
+}
+
+PowerStatus Power(const DocNode& node) {
+  const std::string value = Single(node, "power");
+  // YAML 1.1 readers take on/off for booleans; both spellings mean the power state here.
+  if (value == "on" || value == "true") return PowerStatus::kOn;
+  if (value == "off" || value == "false") return PowerStatus::kOff;
+  if (value == "standby") return PowerStatus::kStandby;
+  Refuse(node, "'power' must be on, off or standby, not '" + value + "'");
+}
+
+// Unknown keys are refused (a misspelt one would otherwise be ignored), and so are repeated ones
+// (which value counts would be a guess).
+void CheckKeys(const DocNode& map, const std::set<std::string>& known, const char* what) {
+  std::set<std::string> seen;
+  for (const auto& [key, value] : map.entries) {
+    if (key.kind != Kind::kScalar) Refuse(key, std::string("a key in ") + what + " must be a name");
+    if (known.count(key.scalar) == 0) {
+      std::string list;
+      for (const std::string& name : known)
+        list += (list.empty() ? "" : ", ") + name;
+      Refuse(key, "unknown key '" + key.scalar + "' in " + what + " (known: " + list + ")");
+    }
+    if (!seen.insert(key.scalar).second) {
+      Refuse(key, "'" + key.scalar + "' is given twice in " + what);
+    }
+  }
+}
+
+KitTimings Timings(const DocNode& node) {
+  if (node.kind != Kind::kMap) Refuse(node, "'timings' must be a mapping");
+  CheckKeys(node, {"boot_ms", "power_off_ms", "connect_ms"}, "timings");
+  KitTimings timings;
+  if (const DocNode* value = Find(node, "boot_ms")) {
+    timings.boot_ms = Milliseconds(*value, "boot_ms");
+  }
+  if (const DocNode* value = Find(node, "power_off_ms")) {
+    timings.power_off_ms = Milliseconds(*value, "power_off_ms");
+  }
+  if (const DocNode* value = Find(node, "connect_ms")) {
+    timings.connect_ms = Milliseconds(*value, "connect_ms");
+  }
+  return timings;
+}
+
+Kit ReadKit(const DocNode& node) {
+  if (node.kind != Kind::kMap) Refuse(node, "each kit must be a mapping with at least 'host'");
+  CheckKeys(node,
+            {"host", "name", "mac", "sdk_version", "power", "reachable", "registered", "default",
+             "address", "timings"},
+            "a kit");
+  Kit kit;
+  const DocNode* host = Find(node, "host");
+  if (host == nullptr) Refuse(node, "a kit needs a 'host'");
+  kit.host = Text(*host, "host");
+  const DocNode* name = Find(node, "name");
+  kit.name = name != nullptr ? Text(*name, "name") : kit.host;
+  if (const DocNode* value = Find(node, "mac")) kit.mac = Mac(*value);
+  if (const DocNode* value = Find(node, "sdk_version")) {
+    const auto parts = Dotted(*value, "sdk_version", 4, 0xFFFF);
+    std::copy(parts.begin(), parts.end(), kit.sdk_version.begin());
+  }
+  if (const DocNode* value = Find(node, "power")) kit.power = Power(*value);
+  if (const DocNode* value = Find(node, "reachable")) kit.reachable = Flag(*value, "reachable");
+  if (const DocNode* value = Find(node, "registered")) {
+    kit.registered = Flag(*value, "registered");
+  }
+  const DocNode* is_default = Find(node, "default");
+  if (is_default != nullptr) kit.is_default = Flag(*is_default, "default");
+  if (const DocNode* value = Find(node, "address")) {
+    Dotted(*value, "address", 4, 255);
+    kit.address = Text(*value, "address");
+  }
+  if (const DocNode* value = Find(node, "timings")) kit.timings = Timings(*value);
+  if (kit.is_default && !kit.registered) Refuse(*is_default, "a default kit must be registered");
+  return kit;
+}
+
+}  // namespace
+
+Scenario ScenarioFromDocument(const DocNode& root) {
+  Scenario scenario;
+  if (root.kind == Kind::kNull) return scenario;
+  if (root.kind != Kind::kMap) Refuse(root, "a scenario must be a mapping with the key 'kits'");
+  CheckKeys(root, {"kits"}, "the scenario");
+  const DocNode* kits = Find(root, "kits");
+  if (kits == nullptr || kits->kind == Kind::kNull) return scenario;
+  if (kits->kind != Kind::kList) Refuse(*kits, "'kits' must be a list");
+  bool default_seen = false;
+  for (const DocNode& entry : kits->items) {
+    Kit kit = ReadKit(entry);
+    if (scenario.FindKit(kit.host) != nullptr) {
+      Refuse(*Find(entry, "host"),
+             "host '" + platform::Utf16ToUtf8(kit.host) + "' is listed twice");
+    }
+    if (kit.is_default && default_seen)
+      Refuse(*Find(entry, "default"), "only one kit can be default");
+    default_seen = default_seen || kit.is_default;
+    scenario.kits.push_back(std::move(kit));
+  }
+  return scenario;
+}
+
+ScenarioResult ParseScenarioWith(DocumentReader reader, const std::string& text,
+                                 const std::string& file_name) noexcept {
+  ScenarioResult result;
+  try {
+    result.scenario = ScenarioFromDocument(reader(text));
+  } catch (const DocumentError& error) {
+    result.error = file_name + ":" + std::to_string(error.line) + ": " + error.what;
+  } catch (const std::exception& error) {
+    result.error = file_name + ": " + error.what();
+  }
+  return result;
+}
+
+ScenarioResult ParseScenario(const std::string& text, const std::string& file_name) noexcept {
+#ifdef VEKX_SERVER_HAVE_YAML
+  return ParseScenarioWith(ReadYamlWithYamlCpp, text, file_name);
+#else
+  return ParseScenarioWith(ReadYamlSubset, text, file_name);
 #endif
+}
 
 }  // namespace qv::server

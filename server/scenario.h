@@ -17,6 +17,8 @@ struct KitTimings {
   uint32_t boot_ms = 2000;       // off -> on
   uint32_t power_off_ms = 1000;  // on -> off
   uint32_t connect_ms = 100;     // time to bring up a connection
+
+  friend bool operator==(const KitTimings&, const KitTimings&) = default;
 };
 
 struct Kit {
@@ -30,6 +32,8 @@ struct Kit {
   bool is_default = false;  // the default target from the start
   std::u16string address;   // IPv4 address that discovery answers with; empty: not discovered
   KitTimings timings;
+
+  friend bool operator==(const Kit&, const Kit&) = default;
 };
 
 struct Scenario {
@@ -45,8 +49,8 @@ struct ScenarioResult {
   std::string error;
 };
 
-// Parses scenario text; `file_name` only names the source in error messages. A build without
-// yaml-cpp (Windows, for now) refuses every scenario text.
+// Parses scenario text; `file_name` only names the source in error messages. Read with yaml-cpp
+// where the build has it, else with our reader of the subset docs/scenarios.md describes.
 ScenarioResult ParseScenario(const std::string& text, const std::string& file_name) noexcept;
 // Reads and parses the file at `path`.
 ScenarioResult LoadScenarioFile(const std::string& path) noexcept;

@@ -36,7 +36,6 @@ class LiveApiTest : public ::testing::Test {
   virtual std::string Scenario() const { return kQuickScenario; }
 
   void SetUp() override {
-    if (!servertest::kReadsScenarioFiles) GTEST_SKIP() << "this vesta-kx reads no scenario files";
     server_ = std::make_unique<servertest::ServerProcess>(
         user_, std::vector<std::string>{"--scenario", servertest::WriteScenario(Scenario())});
     ASSERT_TRUE(server_->Started());

@@ -1,8 +1,5 @@
 // The root object end to end: against the real vesta-kx for its methods, and against the
-// scripted stand-in, started by the library from PATH, for a server that dies in a call. Linux
-// only for now, like the server's own end-to-end tests: they start processes through a
-// POSIX-only helper.
-#ifndef _WIN32
+// scripted stand-in, started by the library from PATH, for a server that dies in a call.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -147,10 +144,9 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
 
   // Stop the server: a disposed root neither reaches nor starts one.
   StopServer();
-  const char* old_path = std::getenv("PATH");
   testing::ScopedVariable path(
-      "PATH", std::filesystem::path(VEKX_SERVER_EXECUTABLE).parent_path().string() + ":" +
-                  (old_path != nullptr ? old_path : ""));
+      "PATH", testing::PathStartingWith(
+                  std::filesystem::path(VEKX_SERVER_EXECUTABLE).parent_path().string()));
   ComPtr<ITarget> target;
   Variant list;
   BSTR name = nullptr;
@@ -259,8 +255,7 @@ TEST_F(RootObjectTest, TargetsListsAndLookups) {
 }
 
 TEST_F(RootObjectTest, FindRulesAndWhatReachesTheServer) {
-  const std::string log =
-      (std::filesystem::path(servertest::RunDir()) / "root-packets.log").string();
+  const std::string log = (servertest::TestRoot() / "root-packets.log").string();
   std::filesystem::remove(log);
   ASSERT_EQ(api_->StartPacketLogging(B(log.c_str()).Get()), S_OK);
 
@@ -392,8 +387,7 @@ class RootObjectServerDeathTest : public ::testing::Test {
   std::filesystem::path alive_file_ = dir_.path() / "alive";
   testing::ScopedVariable scripted_user_{"VEKX_SCRIPTED_USER", platform::Utf16ToUtf8(user_)};
   testing::ScopedVariable alive_{"VEKX_SCRIPTED_ALIVE_FILE", alive_file_.string()};
-  testing::ScopedVariable path_{"PATH", std::string(VEKX_SCRIPTED_SERVER_DIR) + ":" +
-                                            (std::getenv("PATH") ? std::getenv("PATH") : "")};
+  testing::ScopedVariable path_{"PATH", testing::PathStartingWith(VEKX_SCRIPTED_SERVER_DIR)};
 };
 
 TEST_F(RootObjectServerDeathTest, ACallTheServerDiesInFailsAndTheNextStartsAnother) {
@@ -426,4 +420,3 @@ TEST_F(RootObjectServerDeathTest, ACallTheServerDiesInFailsAndTheNextStartsAnoth
 
 }  // namespace
 }  // namespace qv::apitest
-#endif  // _WIN32

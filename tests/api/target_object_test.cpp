@@ -1,7 +1,5 @@
 // Target objects end to end against a real vesta-kx on the quick scenario: kit-one (on, the
-// default), kit-two (off), kit-gone (unreachable) and kit-slow (a 20 s boot). Linux only for now,
-// like the other end-to-end tests: they start processes through a POSIX-only helper.
-#ifndef _WIN32
+// default), kit-two (off), kit-gone (unreachable) and kit-slow (a 20 s boot).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -177,7 +175,7 @@ TEST_F(TargetObjectTest, PropertiesComeFromTheServer) {
   EXPECT_NE(std::find(pairs.begin(), pairs.end(), "SdkVersion=5.1.2.3"), pairs.end());
 
   // Refused calls send nothing: the server's packet log has only the one that went through.
-  const std::string log = (std::filesystem::path(servertest::RunDir()) / "target.log").string();
+  const std::string log = (servertest::TestRoot() / "target.log").string();
   std::filesystem::remove(log);
   ASSERT_EQ(api_->StartPacketLogging(vekx::Bstr::FromUtf8(log).Get()), S_OK);
   EXPECT_EQ(one->put_Name(nullptr), E_POINTER);
@@ -348,5 +346,3 @@ TEST_F(TargetObjectTest, AfterDisposeOnlyTheHandleWorks) {
 
 }  // namespace
 }  // namespace qv::apitest
-
-#endif  // _WIN32

@@ -3,13 +3,19 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
 #include "server/options.h"
+#include "server/scenario_document.h"
+#include "server/server_harness.h"
 
 namespace qv::server {
 namespace {
 
-// Scenario files are read with yaml-cpp, where the build has it.
-#ifdef VEKX_SERVER_HAVE_YAML
+// With yaml-cpp where the build has it, with the subset reader elsewhere.
 TEST(ScenarioTest, ReadsEveryFieldOfAKit) {
   const ScenarioResult result = ParseScenario(R"(kits:
   - host: kit-a
@@ -90,6 +96,106 @@ TEST(ScenarioTest, TheExampleScenarioParses) {
   const ScenarioResult result = LoadScenarioFile(VEKX_SOURCE_DIR "/scenarios/example.yaml");
   ASSERT_TRUE(result.scenario.has_value()) << result.error;
   EXPECT_EQ(result.scenario->kits.size(), 4u);
+}
+
+// What the subset reader does not read it refuses, with the line, rather than read differently.
+TEST(ScenarioTest, TheSubsetReaderRefusesYamlBeyondTheSubset) {
+  struct Case {
+    const char* text;
+    const char* error;
+  };
+  const Case cases[] = {
+      {"kits:\n  - &a {host: a}\n", "s.yaml:2: '&' starts YAML that scenario files do not use"},
+      {"kits:\n  - host: a\n    name: |\n      x\n", "s.yaml:3: '|' starts YAML"},
+      {"kits:\n  - host: \"a\n      b\"\n", "s.yaml:2: a quoted value must end on its line"},
+      {"kits:\n  - host: a\n    name: b\n      c\n",
+       "s.yaml:4: this line's indentation matches no"},
+      // yaml-cpp marks an empty item where the next one starts; this reader, at its dash.
+      {"kits:\n  -\n  - host: a\n", "s.yaml:2: each kit must be a mapping"},
+      {"kits:\n  - host: \"\\x41\"\n", "s.yaml:2: unsupported escape '\\x'"},
+      {"kits:\n  - {host: a\n", "s.yaml:2: '{' must be closed with '}' on the same line"},
+      {"kits:\n\t- host: a\n", "s.yaml:2: tabs cannot indent"},
+      {"kits:\n  - host: a\n    name: [[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[\n",
+       "s.yaml:3: values nest deeper than 32 levels"},
+      {"kits:\n  - host: a: b\n", "s.yaml:2: a value that holds ': ' must be in quotes"},
+  };
+  for (const Case& c : cases) {
+    const ScenarioResult result = ParseScenarioWith(ReadYamlSubset, c.text, "s.yaml");
+    EXPECT_FALSE(result.scenario.has_value()) << c.text;
+    EXPECT_EQ(result.error.rfind(c.error, 0), 0u) << c.text << "\n  got: " << result.error;
+  }
+}
+
+#ifdef VEKX_SERVER_HAVE_YAML
+// The line a refusal names: "s.yaml:<line>: ...".
+std::string RefusedLine(const std::string& error) {
+  const size_t start = error.find(':') + 1;
+  return error.substr(start, error.find(':', start) - start);
+}
+
+// The Windows build's reader and yaml-cpp read every scenario the same way: the same document
+// (values and their lines), the same kits, or a refusal at the same line.
+TEST(ScenarioTest, TheSubsetReaderAndYamlCppAgree) {
+  std::vector<std::pair<std::string, std::string>> files;  // what it is, its text
+  for (const auto& entry : std::filesystem::directory_iterator(VEKX_SOURCE_DIR "/scenarios")) {
+    if (entry.path().extension() == ".yaml") {
+      files.emplace_back(entry.path().filename().string(), servertest::ReadText(entry.path()));
+    }
+  }
+  ASSERT_FALSE(files.empty());
+  files.emplace_back("the quick test scenario", servertest::kQuickScenario);
+  const char* texts[] = {
+      // What the subset reads.
+      "",
+      "# only a comment\n",
+      "---\nkits:\n- host: a\n- host: b\n",
+      "kits: []\n",
+      "kits: ~\n",
+      "kits:\r\n  - host: a\r\n    name: 'it''s a #1'  # comment\r\n",
+      "kits:\n  - \"host\": \"x\\\"y\\\\z\"\n    name: \"null\"\n",
+      "kits:\n  -\n    host: a\n    timings:\n      boot_ms: 1\n\n      connect_ms: 2\n",
+      "kits:\n  - {host: a, name: b c, timings: {boot_ms: 1,},}\n",
+      "kits:\n  - host: a\n    mac: 00:11:22:33:44:55\n    name: a#b\n",
+      // Mistakes in the scenario.
+      "kits:\n  - host: a\n  - [a, 'b']\n",
+      "kits:\n  - host: a\n    name:\n",
+      "kits:\n  - host: a\n    power: sideways\n",
+      "kits:\n  - host: a\n    name: b\n\n\n    power: sideways\n",
+      "kits:\n  - host: a\n    host: b\n",
+      "kits:\n  - host: a\n  - host: A\n",
+      "kits:\n  - name: a\n",
+      "kits:\n  - host: a\n    timings: {boot_ms: 1, boot: 2}\n",
+      "kits:\n  - host: a\n    timings: {boot_ms}\n",
+      "kits:\n  - host: a\n    name: [x, {a: 1}]\n",
+      "kits:\n  - host: a\n    registered: false\n    default: true\n",
+      "kits: {host: a}\n",
+      "kits:\n  - host: a\nhost: b\n",
+      "- host: a\n",
+      // Mistakes in the YAML.
+      "kits:\n  - host: a: b\n",
+      "kits: [a, b}\n",
+      "kits:\n  - host: a\n    name: \"b\" c\n",
+      "kits:\n  - host: a\n   name: b\n",
+      "kits:\n  - host: a\n - host: b\n",
+      "kits:\n  - host: a\n    timings:\n      boot_ms: 1\n     connect_ms: 2\n",
+  };
+  for (const char* text : texts)
+    files.emplace_back(text, text);
+
+  for (const auto& [what, text] : files) {
+    SCOPED_TRACE(what);
+    const ScenarioResult ours = ParseScenarioWith(ReadYamlSubset, text, "s.yaml");
+    const ScenarioResult theirs = ParseScenarioWith(ReadYamlWithYamlCpp, text, "s.yaml");
+    ASSERT_EQ(ours.scenario.has_value(), theirs.scenario.has_value())
+        << "subset: " << ours.error << "\nyaml-cpp: " << theirs.error;
+    if (ours.scenario) {
+      EXPECT_EQ(ReadYamlSubset(text), ReadYamlWithYamlCpp(text));
+      EXPECT_EQ(ours.scenario->kits, theirs.scenario->kits);
+    } else {
+      EXPECT_EQ(RefusedLine(ours.error), RefusedLine(theirs.error))
+          << "subset: " << ours.error << "\nyaml-cpp: " << theirs.error;
+    }
+  }
 }
 #endif
 

@@ -38,13 +38,6 @@ namespace qv::servertest {
 
 inline constexpr uint32_t kNone = 0xFFFFFFFF;
 
-// A build without yaml-cpp (Windows) serves the built-in scenario only.
-#ifdef VEKX_SERVER_HAVE_YAML
-inline constexpr bool kReadsScenarioFiles = true;
-#else
-inline constexpr bool kReadsScenarioFiles = false;
-#endif
-
 // A user name for one test's server.
 inline std::u16string TestUser() {
   return testing::UniqueUser("vkxsrv");
@@ -328,8 +321,7 @@ class RawClient {
 };
 
 // A fixture that starts vesta-kx on kQuickScenario (or the built-in one) and stops it at the end,
-// expecting a clean exit where it can be asked to stop. Where the server reads no scenario files,
-// the tests that need kQuickScenario are skipped.
+// expecting a clean exit where it can be asked to stop.
 class ServerTest : public ::testing::Test {
  protected:
   // Tests of a tool that serves the account's own user name pass that name.
@@ -345,10 +337,7 @@ class ServerTest : public ::testing::Test {
     ASSERT_TRUE(server_->Started());
     ASSERT_TRUE(server_->WaitReady()) << server_->Output();
   }
-  void SetUp() override {
-    if (!kReadsScenarioFiles) GTEST_SKIP() << "this build of vesta-kx reads no scenario files";
-    StartServer();
-  }
+  void SetUp() override { StartServer(); }
   void TearDown() override {
     if (server_ == nullptr) return;
     bool asked = false;

@@ -10,11 +10,9 @@
 namespace qv::servertest {
 namespace {
 
-// On the quick scenario where the server reads one, else on the built-in scenario.
+// On the quick scenario.
 class HostileTest : public ServerTest {
  protected:
-  void SetUp() override { StartServer(!kReadsScenarioFiles); }
-
   // The well-behaved client still gets its answers.
   void ExpectServerServes() {
     const auto version = good_.Call<CGetServerVersionResponse>(kNone, CGetServerVersionRequest{});
@@ -141,8 +139,7 @@ TEST_F(HostileTest, RandomRequestsNeitherCrashNorHangTheServer) {
     const uint32_t type_number =
         random() % 4 == 0 ? random() : entries[random() % entries.size()].type_number;
     // The target is a real one or anything at all. Handles 1 to 3 are the quick kits, whose
-    // power and connection changes take milliseconds (kit-slow, handle 4, is left out), or the
-    // built-in ones.
+    // power and connection changes take milliseconds (kit-slow, handle 4, is left out).
     const uint32_t target = random() % 2 == 0 ? 1 + random() % 3 : random();
     ASSERT_TRUE(raw.WriteRequest(type_number, target, sequence, fields));
     uint32_t answered_type = 0;

@@ -84,10 +84,7 @@ TEST(ServerProcessTest, AScenarioWithAnErrorIsRefusedWithFileAndLine) {
   ServerProcess process(TestUser(), {"--scenario", path}, "bad");
   ASSERT_TRUE(process.Started());
   EXPECT_EQ(process.Wait(10000), std::optional<int>(2));
-  // A build without a YAML reader refuses every scenario file, and says so.
-  const std::string expected = kReadsScenarioFiles
-                                   ? path + ":3: 'power' must be on, off or standby"
-                                   : path + ": this vesta-kx was built without yaml-cpp";
+  const std::string expected = path + ":3: 'power' must be on, off or standby";
   EXPECT_NE(process.Output().find(expected), std::string::npos) << process.Output();
 }
 

@@ -61,6 +61,16 @@ void ScopedVariable::Set(const char* value) {
 #endif
 }
 
+std::string PathStartingWith(const std::string& directory) {
+#ifdef _WIN32
+  const char separator = ';';
+#else
+  const char separator = ':';
+#endif
+  const char* path = std::getenv("PATH");
+  return directory + separator + (path != nullptr ? path : "");
+}
+
 bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!done()) {

@@ -46,6 +46,9 @@ class ScopedVariable {
   std::optional<std::string> old_;
 };
 
+// PATH with `directory` searched first (';' separates Windows's PATH entries, ':' POSIX's).
+std::string PathStartingWith(const std::string& directory);
+
 // Polls `done` until it holds or `limit` passes, so that a broken wake-up fails a test instead of
 // hanging it.
 bool WaitUntil(const std::function<bool()>& done,
