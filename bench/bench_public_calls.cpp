@@ -22,8 +22,6 @@
 #include "bench_floor.h"
 #include "bench_server_process.h"
 #include "requests/catalogue.h"
-#include "serverlink/frame.h"
-#include "serverlink/wire_fields.h"
 #include "vekxapi/bstr.h"
 #include "vekxapi/com_ptr.h"
 #include "vekxapi/vekxapi.h"
@@ -105,17 +103,6 @@ void PrintRatios(const qv::bench::FigureReporter& reporter) {
   }
 }
 
-// The sizes of a POWER_STATUS request and response frame, so that the floor moves as many bytes.
-std::pair<size_t, size_t> PowerStatusFrameSizes() {
-  qv::MessageBuffer request, response;
-  qv::WriteRequestHeader(request, qv::CPowerStatusRequest::kTypeNumber, 1, 1);
-  qv::CPowerStatusRequest().Serialize(request);
-  qv::WriteField(response, static_cast<uint32_t>(qv::IncomingKind::kResponse));
-  qv::WriteField(response, qv::CPowerStatusResponse::kTypeNumber);
-  qv::CPowerStatusResponse().Serialize(response);
-  return {qv::kFrameHeaderBytes + request.Size(), qv::kFrameHeaderBytes + response.Size()};
-}
-
 // Makes the root object and one target object per thread for the server of `user`, runs the
 // benchmarks and lets the objects go; false when the server cannot be used.
 bool RunAgainstServer(const std::u16string& user, const std::string& run_dir,
@@ -155,7 +142,7 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
 
   // The floor's child is forked while this process still has one thread.
-  const auto [request_bytes, response_bytes] = PowerStatusFrameSizes();
+  const auto [request_bytes, response_bytes] = qv::bench::PowerStatusFrameSizes();
   if (!g_floor.Start(kMostThreads, request_bytes, response_bytes)) {
     std::fprintf(stderr, "the ping-pong floor did not start\n");
     return 1;

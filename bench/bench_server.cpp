@@ -186,17 +186,6 @@ void PrintRatios(const qv::bench::FigureReporter& reporter) {
   }
 }
 
-// The sizes of a POWER_STATUS request and response frame, so that the floor moves as many bytes.
-std::pair<size_t, size_t> SmallFrameSizes() {
-  qv::MessageBuffer request, response;
-  qv::WriteRequestHeader(request, qv::CPowerStatusRequest::kTypeNumber, 1, 1);
-  qv::CPowerStatusRequest().Serialize(request);
-  qv::WriteField(response, static_cast<uint32_t>(qv::IncomingKind::kResponse));
-  qv::WriteField(response, qv::CPowerStatusResponse::kTypeNumber);
-  qv::CPowerStatusResponse().Serialize(response);
-  return {qv::kFrameHeaderBytes + request.Size(), qv::kFrameHeaderBytes + response.Size()};
-}
-
 // Runs the benchmarks against the server of `user`; false when it cannot be reached.
 bool RunAgainstServer(const std::u16string& user, const std::string& run_dir,
                       std::string_view format) {
@@ -236,7 +225,7 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
 
   // The floor's child is forked while this process still has one thread.
-  const auto [request_bytes, response_bytes] = SmallFrameSizes();
+  const auto [request_bytes, response_bytes] = qv::bench::PowerStatusFrameSizes();
   if (!g_floor.Start(kClients, request_bytes, response_bytes)) {
     std::fprintf(stderr, "the ping-pong floor did not start\n");
     return 1;

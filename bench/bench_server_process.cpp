@@ -10,6 +10,9 @@
 #include "platform/process_identity.h"
 #include "platform/server_process.h"
 #include "platform/wide_string.h"
+#include "requests/catalogue.h"
+#include "serverlink/frame.h"
+#include "serverlink/wire_fields.h"
 
 namespace qv::bench {
 
@@ -60,6 +63,16 @@ bool BenchServer::Stop() {
 void BenchServer::PrintOutput() const {
   std::ifstream output(root_ / "vesta-kx.out");
   std::fprintf(stderr, "%s", std::string(std::istreambuf_iterator<char>(output), {}).c_str());
+}
+
+std::pair<size_t, size_t> PowerStatusFrameSizes() {
+  MessageBuffer request, response;
+  WriteRequestHeader(request, CPowerStatusRequest::kTypeNumber, 1, 1);
+  CPowerStatusRequest().Serialize(request);
+  WriteField(response, static_cast<uint32_t>(IncomingKind::kResponse));
+  WriteField(response, CPowerStatusResponse::kTypeNumber);
+  CPowerStatusResponse().Serialize(response);
+  return {kFrameHeaderBytes + request.Size(), kFrameHeaderBytes + response.Size()};
 }
 
 }  // namespace qv::bench

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/child_process.h"
@@ -35,5 +36,9 @@ class BenchServer {
   std::string run_dir_;
   std::unique_ptr<platform::ChildProcess> process_;
 };
+
+// The sizes of a POWER_STATUS request and response frame, so that a floor moves as many bytes as
+// the benchmarks' small requests.
+std::pair<size_t, size_t> PowerStatusFrameSizes();
 
 }  // namespace qv::bench
