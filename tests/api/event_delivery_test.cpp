@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -19,6 +22,7 @@
 #include "platform/process_identity.h"
 #include "platform/wide_string.h"
 #include "requests/catalogue.h"
+#include "serverlink/log.h"
 #include "support/scripted_server.h"
 #include "support/test_environment.h"
 #include "vekxapi/bstr.h"
@@ -324,6 +328,44 @@ TEST_F(EventDeliveryTest, AdviseRulesGoByTheSinksIdentity) {
   EXPECT_EQ(Requests(CCancelTargetEventsRequest::kTypeNumber)[0].target_handle, kHandle);
   sink->Release();
   other->Release();
+}
+
+TEST_F(EventDeliveryTest, AHandlerMayUnadviseItselfAndEachCallIsLogged) {
+  const std::string log_path = ::testing::TempDir() + "vkxevt_notify.log";
+  std::remove(log_path.c_str());
+  Log& log = LibraryLog();
+  ASSERT_TRUE(log.SetFile(log_path));
+  log.SetLevel(Log::kPackets);
+
+  auto* sink = new RecordingSink();
+  ASSERT_EQ(target_->AdviseTargetEvents(sink), S_OK);
+  // On the notification thread, inside the group's delivery.
+  sink->OnCall([&] { target_->UnadviseTargetEvents(sink); });
+  CConnectedNotification connected;
+  connected.TargetKey = kHandle;
+  ASSERT_TRUE(PushAndWait(connected, *sink, 1));
+  ASSERT_TRUE(
+      WaitUntil([&] { return !Requests(CCancelTargetEventsRequest::kTypeNumber).empty(); }));
+  EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, kHandle), 0u);
+
+  // Nothing more reaches it; a server sink pushed after proves the second one was handled.
+  auto* fence = new RecordingSink();
+  ASSERT_EQ(root_->AdviseServerEvents(fence), S_OK);
+  CTargetAddedNotification added;
+  added.TargetKey = kNoTarget;
+  ASSERT_TRUE(server_->Notify(connected));
+  ASSERT_TRUE(PushAndWait(added, *fence, 1));
+  EXPECT_EQ(sink->CallCount(), 1u);
+
+  log.SetLevel(Log::kSilent);
+  log.SetStandardError();
+  std::ifstream in(log_path, std::ios::binary);
+  const std::string logged((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_NE(logged.find("MSG\tEVENT NOTIFY OnConnected\n"), std::string::npos) << logged;
+  EXPECT_NE(logged.find("MSG\tEVENT NOTIFY OnTargetAdded\n"), std::string::npos) << logged;
+  root_->UnadviseServerEvents(fence);
+  sink->Release();
+  fence->Release();
 }
 
 TEST_F(EventDeliveryTest, ServerEventsNeedACheckedRoot) {
