@@ -82,4 +82,10 @@ HRESULT OutByteArray(const std::vector<uint8_t>& bytes, VARIANT* out) noexcept {
   });
 }
 
+HRESULT OutVariantArray(size_t count, VARIANT* out, HRESULT (*fill)(VARIANT*, const void*),
+                        const void* context) noexcept {
+  return OutArray(VT_VARIANT, count, out,
+                  [&](void* data) { return fill(static_cast<VARIANT*>(data), context); });
+}
+
 }  // namespace qv

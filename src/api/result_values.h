@@ -3,6 +3,7 @@
 // one-dimensional arrays of objects, strings, numbers and bytes. Each puts its result into the
 // caller's out-argument only when all of it could be made, and reports E_OUTOFMEMORY otherwise.
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -27,5 +28,18 @@ HRESULT OutStringArray(const std::vector<std::u16string>& strings, VARIANT* out)
 HRESULT OutU32Array(const std::vector<uint32_t>& values, VARIANT* out) noexcept;
 // VT_ARRAY | VT_UI1.
 HRESULT OutByteArray(const std::vector<uint8_t>& bytes, VARIANT* out) noexcept;
+// VT_ARRAY | VT_VARIANT of `count` elements that `fill(elements)` sets; a failing fill leaves
+// `*out` untouched and frees what it had set.
+HRESULT OutVariantArray(size_t count, VARIANT* out, HRESULT (*fill)(VARIANT*, const void*),
+                        const void* context) noexcept;
+template <class Fill>
+HRESULT OutVariantArray(size_t count, VARIANT* out, const Fill& fill) noexcept {
+  return OutVariantArray(
+      count, out,
+      [](VARIANT* elements, const void* context) {
+        return (*static_cast<const Fill*>(context))(elements);
+      },
+      &fill);
+}
 
 }  // namespace qv

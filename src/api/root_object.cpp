@@ -14,6 +14,7 @@
 #include "api/target_find_rule.h"
 #include "api/target_object.h"
 #include "api/target_picker.h"
+#include "events/event_subscriptions.h"
 #include "requests/catalogue.h"
 #include "vekxapi/com_ptr.h"
 #include "vekxapi/result_codes.h"
@@ -272,13 +273,17 @@ HRESULT CKXVEAPI::TargetInfo(BSTR bstrHost, VARIANT* pInfo) {
   return ReportError(OutNameValueArray(response.Summary, pInfo));
 }
 
-// TODO(feature): server event sinks arrive with the notify clients of the events subsystem.
-HRESULT CKXVEAPI::AdviseServerEvents(IEventServer*) {
-  return NotAvailable(u"IVEKXAPI::AdviseServerEvents");
+HRESULT CKXVEAPI::AdviseServerEvents(IEventServer* pSink) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
+  return AdviseEvents<EventGroup::Server>(client, kNoTarget, pSink, IID_IEventServer);
 }
 
-HRESULT CKXVEAPI::UnadviseServerEvents(IEventServer*) {
-  return NotAvailable(u"IVEKXAPI::UnadviseServerEvents");
+// Needs no CheckCompatibility: a client may always let go of what it advised.
+HRESULT CKXVEAPI::UnadviseServerEvents(IEventServer* pSink) {
+  SharedClient client;
+  if (HRESULT hr = Begin(client, false); FAILED(hr)) return hr;
+  return UnadviseEvents<EventGroup::Server>(client, kNoTarget, pSink);
 }
 
 HRESULT CKXVEAPI::StartPacketLogging(BSTR bstrFilename) {

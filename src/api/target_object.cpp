@@ -5,10 +5,13 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "api/error_reporting.h"
 #include "api/object_lists.h"
 #include "api/result_values.h"
+#include "events/console_output.h"
+#include "events/event_subscriptions.h"
 #include "requests/catalogue.h"
 
 namespace qv {
@@ -46,6 +49,24 @@ bool CopyText(std::u16string_view text, std::u16string& copy) noexcept {
   } catch (const std::bad_alloc&) {
     return false;
   }
+}
+
+// Console input: the text up to its first null goes out; an empty text is refused unsent.
+template <class Request, class Response>
+HRESULT SendConsoleText(const SharedClient& client, uint32_t handle, eConsoleOutputPort port,
+                        eConsoleOutputCategory category, ULONG process_id, BSTR text) noexcept {
+  if (!IsUsable(client)) return ReportError(E_UNEXPECTED);
+  if (text == nullptr) return ReportError(E_POINTER);
+  std::u16string_view typed = InString(text);
+  if (typed.empty()) return ReportError(E_INVALIDARG);
+  typed = typed.substr(0, typed.find(u'\0'));
+  Request request;
+  request.Port = static_cast<uint32_t>(port);
+  request.Category = static_cast<uint32_t>(category);
+  request.ProcessId = process_id;
+  if (!CopyText(typed, request.Text)) return ReportError(E_OUTOFMEMORY);
+  Response response;
+  return CallServer(*client, handle, request, response);
 }
 
 int HexDigit(char16_t c) {
@@ -325,44 +346,44 @@ HRESULT CKXVETarget::SDKVersion(ULONG* major, ULONG* minor, ULONG* patch, ULONG*
   return S_OK;
 }
 
-HRESULT CKXVETarget::AdviseTargetEvents(IEventTarget*) {
-  return NotAvailable(client_, u"ITarget::AdviseTargetEvents");
+HRESULT CKXVETarget::AdviseTargetEvents(IEventTarget* pSink) {
+  return AdviseEvents<EventGroup::Target>(client_, handle_, pSink, IID_IEventTarget);
 }
 
-HRESULT CKXVETarget::UnadviseTargetEvents(IEventTarget*) {
-  return NotAvailable(client_, u"ITarget::UnadviseTargetEvents");
+HRESULT CKXVETarget::UnadviseTargetEvents(IEventTarget* pSink) {
+  return UnadviseEvents<EventGroup::Target>(client_, handle_, pSink);
 }
 
-HRESULT CKXVETarget::AdviseDebugEvents(IEventDebug*) {
-  return NotAvailable(client_, u"ITarget::AdviseDebugEvents");
+HRESULT CKXVETarget::AdviseDebugEvents(IEventDebug* pSink) {
+  return AdviseEvents<EventGroup::Debug>(client_, handle_, pSink, IID_IEventDebug);
 }
 
-HRESULT CKXVETarget::UnadviseDebugEvents(IEventDebug*) {
-  return NotAvailable(client_, u"ITarget::UnadviseDebugEvents");
+HRESULT CKXVETarget::UnadviseDebugEvents(IEventDebug* pSink) {
+  return UnadviseEvents<EventGroup::Debug>(client_, handle_, pSink);
 }
 
-HRESULT CKXVETarget::AdviseConsoleOutputEvents(IEventConsoleOutput*) {
-  return NotAvailable(client_, u"ITarget::AdviseConsoleOutputEvents");
+HRESULT CKXVETarget::AdviseConsoleOutputEvents(IEventConsoleOutput* pSink) {
+  return AdviseEvents<EventGroup::ConsoleOutput>(client_, handle_, pSink, IID_IEventConsoleOutput);
 }
 
-HRESULT CKXVETarget::UnadviseConsoleOutputEvents(IEventConsoleOutput*) {
-  return NotAvailable(client_, u"ITarget::UnadviseConsoleOutputEvents");
+HRESULT CKXVETarget::UnadviseConsoleOutputEvents(IEventConsoleOutput* pSink) {
+  return UnadviseEvents<EventGroup::ConsoleOutput>(client_, handle_, pSink);
 }
 
-HRESULT CKXVETarget::AdviseCacheUpdateEvents(IEventCacheUpdate*) {
-  return NotAvailable(client_, u"ITarget::AdviseCacheUpdateEvents");
+HRESULT CKXVETarget::AdviseCacheUpdateEvents(IEventCacheUpdate* pSink) {
+  return AdviseEvents<EventGroup::CacheUpdate>(client_, handle_, pSink, IID_IEventCacheUpdate);
 }
 
-HRESULT CKXVETarget::UnadviseCacheUpdateEvents(IEventCacheUpdate*) {
-  return NotAvailable(client_, u"ITarget::UnadviseCacheUpdateEvents");
+HRESULT CKXVETarget::UnadviseCacheUpdateEvents(IEventCacheUpdate* pSink) {
+  return UnadviseEvents<EventGroup::CacheUpdate>(client_, handle_, pSink);
 }
 
-HRESULT CKXVETarget::AdviseControllerEvents(IEventController*) {
-  return NotAvailable(client_, u"ITarget::AdviseControllerEvents");
+HRESULT CKXVETarget::AdviseControllerEvents(IEventController* pSink) {
+  return AdviseEvents<EventGroup::Controller>(client_, handle_, pSink, IID_IEventController);
 }
 
-HRESULT CKXVETarget::UnadviseControllerEvents(IEventController*) {
-  return NotAvailable(client_, u"ITarget::UnadviseControllerEvents");
+HRESULT CKXVETarget::UnadviseControllerEvents(IEventController* pSink) {
+  return UnadviseEvents<EventGroup::Controller>(client_, handle_, pSink);
 }
 
 HRESULT CKXVETarget::get_ProcessInfoSnapshot(VARIANT*) {
@@ -373,22 +394,53 @@ HRESULT CKXVETarget::LoadProcess(eDevice, BSTR, ULONG, ULONG, BSTR, BSTR, IProce
   return NotAvailable(client_, u"ITarget::LoadProcess");
 }
 
-HRESULT CKXVETarget::SendConsoleInput(eConsoleOutputPort, eConsoleOutputCategory, ULONG, BSTR) {
-  return NotAvailable(client_, u"ITarget::SendConsoleInput");
+HRESULT CKXVETarget::SendConsoleInput(eConsoleOutputPort port, eConsoleOutputCategory category,
+                                      ULONG uProcessId, BSTR bstrInputText) {
+  return SendConsoleText<CSendConsoleInputRequest, CSendConsoleInputResponse>(
+      client_, handle_, port, category, uProcessId, bstrInputText);
 }
-
-HRESULT CKXVETarget::CachedConsoleOutput(ULONG*, VARIANT*) {
-  return NotAvailable(client_, u"ITarget::CachedConsoleOutput");
+HRESULT CKXVETarget::CachedConsoleOutput(ULONG* puIndex, VARIANT* pOutput) {
+  CFetchConsoleCacheRequest request;
+  CFetchConsoleCacheResponse response;
+  if (!IsUsable(client_)) return ReportError(E_UNEXPECTED);
+  if (puIndex == nullptr || pOutput == nullptr) return ReportError(E_POINTER);
+  request.StartIndex = *puIndex;
+  if (HRESULT hr = CallServer(*client_, handle_, request, response); FAILED(hr)) return hr;
+  std::vector<vekx::ComPtr<IDispatch>> pieces;
+  try {
+    pieces.reserve(response.Records.size());
+    for (ConsoleCacheRecord& record : response.Records) {
+      IDispatch* piece = nullptr;
+      if (HRESULT hr = CreateObject<CKXVEConsoleOutput>(
+              IID_IDispatch, reinterpret_cast<void**>(&piece), std::move(record));
+          FAILED(hr)) {
+        return ReportError(hr);
+      }
+      pieces.push_back(vekx::ComPtr<IDispatch>::Adopt(piece));
+    }
+  } catch (const std::bad_alloc&) {
+    return ReportError(E_OUTOFMEMORY);
+  }
+  VARIANT records;
+  if (HRESULT hr = OutObjectArray(pieces, &records); FAILED(hr)) return ReportError(hr);
+  // Only now, with everything made: a failure above leaves the caller's index and output as they
+  // were.
+  VariantClear(pOutput);
+  *pOutput = records;
+  *puIndex = response.NextIndex;
+  return S_OK;
 }
-
-HRESULT CKXVETarget::get_ConsoleCacheIndex(ULONG*) {
-  return NotAvailable(client_, u"ITarget::get_ConsoleCacheIndex");
+HRESULT CKXVETarget::get_ConsoleCacheIndex(ULONG* puIndex) {
+  CGetConsoleCacheUBoundResponse response;
+  if (HRESULT hr = Ask(client_, handle_, CGetConsoleCacheUBoundRequest{}, response, puIndex);
+      FAILED(hr))
+    return hr;
+  *puIndex = response.UpperBound;
+  return S_OK;
 }
-
 HRESULT CKXVETarget::ClearConsoleCache() {
-  return NotAvailable(client_, u"ITarget::ClearConsoleCache");
+  return Command<CClearConsoleCacheRequest, CClearConsoleCacheResponse>(client_, handle_);
 }
-
 // VT_ARRAY | VT_UI4: the protocols this client holds in use on the target, ascending.
 HRESULT CKXVETarget::get_ProtocolRegistrationInfo(VARIANT* registrations) {
   CProtocolRegistrationInfoResponse response;
@@ -432,14 +484,20 @@ HRESULT CKXVETarget::GetProtocolInfo(ULONG protocol, VARIANT* info) {
   return ReportError(OutNameValueArray(response.Info, info));
 }
 
-HRESULT CKXVETarget::get_ConsoleCacheSize(ULONG*) {
-  return NotAvailable(client_, u"ITarget3::get_ConsoleCacheSize");
+HRESULT CKXVETarget::get_ConsoleCacheSize(ULONG* puSize) {
+  CGetConsoleCacheSizeResponse response;
+  if (HRESULT hr = Ask(client_, handle_, CGetConsoleCacheSizeRequest{}, response, puSize);
+      FAILED(hr))
+    return hr;
+  *puSize = response.Size;
+  return S_OK;
 }
-
-HRESULT CKXVETarget::put_ConsoleCacheSize(ULONG) {
-  return NotAvailable(client_, u"ITarget3::put_ConsoleCacheSize");
+HRESULT CKXVETarget::put_ConsoleCacheSize(ULONG uSize) {
+  CSetConsoleCacheSizeRequest request;
+  request.Size = uSize;
+  CSetConsoleCacheSizeResponse response;
+  return Ask(client_, handle_, request, response);
 }
-
 HRESULT CKXVETarget::ScreenShot(BSTR) {
   return NotAvailable(client_, u"ITarget4::ScreenShot");
 }
@@ -452,12 +510,12 @@ HRESULT CKXVETarget::MemoryRanges(ULONG, VARIANT*) {
   return NotAvailable(client_, u"ITarget5::MemoryRanges");
 }
 
-HRESULT CKXVETarget::AdviseEventViewerEvents(IEventViewer*) {
-  return NotAvailable(client_, u"ITarget6::AdviseEventViewerEvents");
+HRESULT CKXVETarget::AdviseEventViewerEvents(IEventViewer* pSink) {
+  return AdviseEvents<EventGroup::Viewer>(client_, handle_, pSink, IID_IEventViewer);
 }
 
-HRESULT CKXVETarget::UnadviseEventViewerEvents(IEventViewer*) {
-  return NotAvailable(client_, u"ITarget6::UnadviseEventViewerEvents");
+HRESULT CKXVETarget::UnadviseEventViewerEvents(IEventViewer* pSink) {
+  return UnadviseEvents<EventGroup::Viewer>(client_, handle_, pSink);
 }
 
 HRESULT CKXVETarget::get_ControllerInterface(IDispatch**) {
@@ -468,29 +526,30 @@ HRESULT CKXVETarget::OpenGenericProtocol(ULONG, IEventGenericProtocol*, IGeneric
   return NotAvailable(client_, u"ITarget8::OpenGenericProtocol");
 }
 
-HRESULT CKXVETarget::UnadviseGenericProtocolEvents(IEventGenericProtocol*) {
-  return NotAvailable(client_, u"ITarget8::UnadviseGenericProtocolEvents");
+HRESULT CKXVETarget::UnadviseGenericProtocolEvents(IEventGenericProtocol* pSink) {
+  return UnadviseEvents<EventGroup::GenericProtocol>(client_, handle_, pSink);
 }
 
-HRESULT CKXVETarget::AdviseTrickleEvents(IEventTrickle*) {
-  return NotAvailable(client_, u"ITarget9::AdviseTrickleEvents");
+HRESULT CKXVETarget::AdviseTrickleEvents(IEventTrickle* pSink) {
+  return AdviseEvents<EventGroup::Trickle>(client_, handle_, pSink, IID_IEventTrickle);
 }
 
-HRESULT CKXVETarget::UnadviseTrickleEvents(IEventTrickle*) {
-  return NotAvailable(client_, u"ITarget9::UnadviseTrickleEvents");
+HRESULT CKXVETarget::UnadviseTrickleEvents(IEventTrickle* pSink) {
+  return UnadviseEvents<EventGroup::Trickle>(client_, handle_, pSink);
 }
 
-HRESULT CKXVETarget::SendConsoleInputWithEcho(eConsoleOutputPort, eConsoleOutputCategory, ULONG,
-                                              BSTR) {
-  return NotAvailable(client_, u"ITarget10::SendConsoleInputWithEcho");
+HRESULT CKXVETarget::SendConsoleInputWithEcho(eConsoleOutputPort port,
+                                              eConsoleOutputCategory category, ULONG uProcessId,
+                                              BSTR bstrInputText) {
+  return SendConsoleText<CSendConsoleInputWithEchoRequest, CSendConsoleInputWithEchoResponse>(
+      client_, handle_, port, category, uProcessId, bstrInputText);
+}
+HRESULT CKXVETarget::AdviseProcessLockEvents(IEventProcessLock* pSink) {
+  return AdviseEvents<EventGroup::ProcessLock>(client_, handle_, pSink, IID_IEventProcessLock);
 }
 
-HRESULT CKXVETarget::AdviseProcessLockEvents(IEventProcessLock*) {
-  return NotAvailable(client_, u"ITarget11::AdviseProcessLockEvents");
-}
-
-HRESULT CKXVETarget::UnadviseProcessLockEvents(IEventProcessLock*) {
-  return NotAvailable(client_, u"ITarget11::UnadviseProcessLockEvents");
+HRESULT CKXVETarget::UnadviseProcessLockEvents(IEventProcessLock* pSink) {
+  return UnadviseEvents<EventGroup::ProcessLock>(client_, handle_, pSink);
 }
 
 HRESULT CKXVETarget::LoadProcessArgv(eDevice, BSTR, ULONG, ULONG, VARIANT, BSTR, IProcess**) {
@@ -581,20 +640,22 @@ HRESULT CKXVETarget::put_CaseSensitiveFileServing(VARIANT_BOOL) {
   return NotAvailable(client_, u"ITarget28::put_CaseSensitiveFileServing");
 }
 
-HRESULT CKXVETarget::AdviseHighFreqFileCopyEvents(IEventHighFreqFileCopy*) {
-  return NotAvailable(client_, u"ITarget29::AdviseHighFreqFileCopyEvents");
+HRESULT CKXVETarget::AdviseHighFreqFileCopyEvents(IEventHighFreqFileCopy* pSink) {
+  return AdviseEvents<EventGroup::HighFreqFileCopy>(client_, handle_, pSink,
+                                                    IID_IEventHighFreqFileCopy);
 }
 
-HRESULT CKXVETarget::UnadviseHighFreqFileCopyEvents(IEventHighFreqFileCopy*) {
-  return NotAvailable(client_, u"ITarget29::UnadviseHighFreqFileCopyEvents");
+HRESULT CKXVETarget::UnadviseHighFreqFileCopyEvents(IEventHighFreqFileCopy* pSink) {
+  return UnadviseEvents<EventGroup::HighFreqFileCopy>(client_, handle_, pSink);
 }
 
-HRESULT CKXVETarget::AdviseLowFreqFileCopyEvents(IEventLowFreqFileCopy*) {
-  return NotAvailable(client_, u"ITarget29::AdviseLowFreqFileCopyEvents");
+HRESULT CKXVETarget::AdviseLowFreqFileCopyEvents(IEventLowFreqFileCopy* pSink) {
+  return AdviseEvents<EventGroup::LowFreqFileCopy>(client_, handle_, pSink,
+                                                   IID_IEventLowFreqFileCopy);
 }
 
-HRESULT CKXVETarget::UnadviseLowFreqFileCopyEvents(IEventLowFreqFileCopy*) {
-  return NotAvailable(client_, u"ITarget29::UnadviseLowFreqFileCopyEvents");
+HRESULT CKXVETarget::UnadviseLowFreqFileCopyEvents(IEventLowFreqFileCopy* pSink) {
+  return UnadviseEvents<EventGroup::LowFreqFileCopy>(client_, handle_, pSink);
 }
 
 HRESULT CKXVETarget::InstallPackage(BSTR) {

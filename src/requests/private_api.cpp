@@ -146,6 +146,12 @@ void CKXVEPrivateAPI::OnNotification(const std::shared_ptr<CNotification>& notif
   if (notification == nullptr) return;
   const auto route = FindNotificationRoute(notification->GetTypeNumber());
   if (!route || !IsSinkGroup(route->group)) return;
+  if (notification->GetTypeNumber() == CConsoleOutputNotification::kTypeNumber) {
+    // Before the group's lock and whether or not anyone listens: the acknowledgement is what lets
+    // the server send the next piece. Post skips it while the link is down.
+    const CAckConsoleOutputRequest ack;
+    Post(notification->GetTargetKey(), ack);
+  }
   registries_[static_cast<size_t>(route->group)].Deliver(notification->GetTargetKey(), route->slot,
                                                          notification);
   if (notification->GetTypeNumber() == CTargetDeletedNotification::kTypeNumber) {

@@ -1,0 +1,150 @@
+#include "api/event_sink_recorder.h"
+
+#include <cctype>
+#include <cstring>
+#include <string_view>
+#include <type_traits>
+
+#include "platform/wide_string.h"
+
+namespace qv::apitest {
+namespace {
+
+std::string Text(const VARIANT& value);
+
+std::string ArrayText(SAFEARRAY* array, VARTYPE type) {
+  std::string out = "[";
+  LONG low = 0;
+  LONG high = -1;
+  SafeArrayGetLBound(array, 1, &low);
+  SafeArrayGetUBound(array, 1, &high);
+  for (LONG i = low; i <= high; ++i) {
+    if (i != low) out += ",";
+    VARIANT element;
+    VariantInit(&element);
+    if (type == VT_VARIANT) {
+      SafeArrayGetElement(array, &i, &element);
+    } else {
+      element.vt = type;
+      SafeArrayGetElement(array, &i, &element.lVal);  // the value part of the VARIANT
+    }
+    out += Text(element);
+    VariantClear(&element);
+  }
+  return out + "]";
+}
+
+std::string Text(const VARIANT& value) {
+  if ((value.vt & VT_ARRAY) != 0) return ArrayText(value.parray, value.vt & ~VT_ARRAY);
+  switch (value.vt) {
+    case VT_UI1:
+      return std::to_string(value.bVal);
+    case VT_UI4:
+      return std::to_string(value.ulVal);
+    case VT_BSTR:
+      return platform::Utf16ToUtf8(platform::BstrView(value.bstrVal));
+    default:
+      return "vt " + std::to_string(value.vt);
+  }
+}
+
+// The text of one property value as the getter handed it out; frees what the getter allocated.
+template <class Out>
+std::string Text(Out& value) {
+  if constexpr (std::is_same_v<Out, BSTR>) {
+    std::string text = platform::Utf16ToUtf8(platform::BstrView(value));
+    SysFreeString(value);
+    return text;
+  } else if constexpr (std::is_same_v<Out, VARIANT>) {
+    std::string text = Text(static_cast<const VARIANT&>(value));
+    VariantClear(&value);
+    return text;
+  } else if constexpr (std::is_same_v<Out, VARIANT_BOOL>) {
+    return value == VARIANT_TRUE ? "true" : value == VARIANT_FALSE ? "false" : "bad bool";
+  } else {
+    return std::to_string(static_cast<long long>(value));
+  }
+}
+
+template <class Event, class Out>
+std::string ReadValue(Event* event, HRESULT (STDMETHODCALLTYPE Event::*get)(Out*)) {
+  if ((event->*get)(nullptr) != E_POINTER) return "no E_POINTER";
+  Out value{};
+  const HRESULT hr = (event->*get)(&value);
+  if (FAILED(hr)) return "failed " + std::to_string(static_cast<uint32_t>(hr));
+  return Text(value);
+}
+
+template <class Event, class Out>
+std::string ReadObject(Event* event, HRESULT (STDMETHODCALLTYPE Event::*get)(Out**)) {
+  Out* object = nullptr;
+  const HRESULT hr = (event->*get)(&object);
+  if (object != nullptr) object->Release();
+  return hr == E_NOTIMPL && object == nullptr ? "E_NOTIMPL" : "object or " + std::to_string(hr);
+}
+
+#define VEKX_EVENT_BEGIN(Camel)                             \
+  [[maybe_unused]] std::map<std::string, std::string> Read( \
+      [[maybe_unused]] I##Camel##Event* event) {            \
+    std::map<std::string, std::string> values;
+#define VEKX_EVENT_VALUE(Camel, Property) \
+  values[#Property] = ReadValue(event, &I##Camel##Event::get_##Property);
+#define VEKX_EVENT_OBJECT(Camel, Property) \
+  values[#Property] = ReadObject(event, &I##Camel##Event::get_##Property);
+#define VEKX_EVENT_END(Camel) \
+  return values;              \
+  }
+#include "events/event_properties.def"
+
+}  // namespace
+
+HRESULT RecordingSink::QueryInterface(REFIID iid, void** object) {
+  *object = nullptr;
+  if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch)) {
+    *object = static_cast<IEventViewer*>(this);
+  }
+#define VEKX_SINK_ANSWER(Interface)                                                      \
+  else if (IsEqualIID(iid, IID_##Interface)) {                                           \
+    if (later_versions_ ||                                                               \
+        !std::isdigit(static_cast<unsigned char>(#Interface[sizeof(#Interface) - 2]))) { \
+      *object = static_cast<Interface*>(this);                                           \
+    }                                                                                    \
+  }
+  VEKX_FOR_EACH_SINK_INTERFACE(VEKX_SINK_ANSWER)
+  else if (IsEqualIID(iid, IID_IEventViewer)) {
+    *object = static_cast<IEventViewer*>(this);
+  }
+#undef VEKX_SINK_ANSWER
+  if (*object == nullptr) return E_NOINTERFACE;
+  AddRef();
+  return S_OK;
+}
+
+#define VEKX_NOTIFICATION(Camel, WIRE, number, Base, Group, Slot, SinkInterface, SinkMethod, \
+                          DispId, fields)                                                    \
+  VEKX_SINK_IF(SinkInterface)                                                                \
+  (HRESULT RecordingSink::SinkMethod(I##Camel##Event * event) {                              \
+    return Record(SinkCall{#SinkMethod, Read(event)});                                       \
+  })
+#include "requests/notifications.def"
+
+HRESULT RecordingSink::Record(SinkCall call) {
+  {
+    std::lock_guard lock(mutex_);
+    calls_.push_back(std::move(call));
+  }
+  if (action_) action_();
+  return S_OK;
+}
+
+std::vector<SinkCall> RecordingSink::Calls() const {
+  std::lock_guard lock(mutex_);
+  return calls_;
+}
+
+size_t RecordingSink::CallCount() const {
+  std::lock_guard lock(mutex_);
+  return calls_.size();
+}
+
+}  // namespace qv::apitest
