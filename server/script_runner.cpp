@@ -4,7 +4,7 @@
 
 namespace qv::server {
 
-ScriptRunner::ScriptRunner(Send send) : send_(std::move(send)), thread_([this] { Loop(); }) {}
+ScriptRunner::ScriptRunner(Send send) : send_(std::move(send)) {}
 
 ScriptRunner::~ScriptRunner() {
   Stop();
@@ -15,6 +15,9 @@ void ScriptRunner::Start(const std::u16string& host, const KitScript& script) {
   if (stopping_ || script.steps.empty()) return;
   running_.push_back(
       {host, &script, 0, 0, Clock::now() + std::chrono::milliseconds(script.steps[0].after_ms)});
+  // The thread starts with the first script: most servers (and every registry in the unit tests
+  // and the fuzzer) have none.
+  if (!thread_.joinable()) thread_ = std::thread([this] { Loop(); });
   wake_.notify_all();
 }
 
@@ -24,7 +27,13 @@ void ScriptRunner::Stop() {
     stopping_ = true;
     wake_.notify_all();
   }
-  if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
+  // Start makes the thread under the lock, and nothing starts once stopping_ is set.
+  std::thread thread;
+  {
+    std::lock_guard lock(mutex_);
+    thread = std::move(thread_);
+  }
+  if (thread.joinable()) thread.join();
 }
 
 void ScriptRunner::Loop() {

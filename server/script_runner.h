@@ -50,7 +50,7 @@ class ScriptRunner {
   bool stopping_ = false;         // guarded by mutex_
   std::vector<Running> running_;  // guarded by mutex_
   const Send send_;
-  std::thread thread_;  // last: starts once everything above is ready
+  std::thread thread_;  // guarded by mutex_; started by the first Start
 };
 
 }  // namespace qv::server
