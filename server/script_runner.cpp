@@ -1,6 +1,7 @@
 #include "server/script_runner.h"
 
 #include <algorithm>
+#include <exception>
 
 namespace qv::server {
 
@@ -63,7 +64,11 @@ void ScriptRunner::Loop() {
       next->due += std::chrono::milliseconds(next->script->steps[next->step].after_ms);
     }
     lock.unlock();
-    send_(host, step);
+    try {
+      send_(host, step);
+    } catch (const std::exception&) {
+      // Only memory running out gets here: that step is lost, the script goes on.
+    }
     lock.lock();
   }
 }
