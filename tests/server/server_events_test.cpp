@@ -182,15 +182,19 @@ TEST_F(EventsTest, ConsoleOutputIsPacedOnAcknowledgementsAndDropsAreReported) {
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   EXPECT_EQ(a_.Notifications().size(), 64u);
 
+  // Acknowledged as the library does: without waiting for the answer.
   size_t acknowledged = 0;
   const auto last_text = [&] {
     const auto pieces = a_.Notifications();
     for (; acknowledged < pieces.size(); ++acknowledged) {
-      a_.Call<CAckConsoleOutputResponse>(flood, CAckConsoleOutputRequest{});
+      uint32_t sequence = 0;
+      uint64_t epoch = 0;
+      EXPECT_EQ(a_.link().SendRequest(flood, CAckConsoleOutputRequest{}, sequence, false, epoch),
+                LinkStatus::kSuccess);
     }
     return As<CConsoleOutputNotification>(pieces.back())->Text;
   };
-  ASSERT_TRUE(WaitUntil([&] { return last_text() != u"x"; }));
+  ASSERT_TRUE(WaitUntil([&] { return last_text() != u"x"; }, 60000));
   const auto pieces = a_.Notifications();
   EXPECT_EQ(pieces.size(), 64u + 1024u + 1u);
   const std::string notice =
