@@ -52,6 +52,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   DiscardingSink sink;
   registry.AddClient({1, 100}, &sink);
   registry.Subscribe(1, qv::EventGroup::Server, qv::kNoTarget);
+  // Echoed console input then takes the paced path to this client.
+  registry.Subscribe(1, qv::EventGroup::ConsoleOutput, 1);
 
   const auto entries = qv::RequestFactory().Entries();
   uint32_t sequence = 0;

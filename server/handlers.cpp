@@ -300,6 +300,55 @@ void RegisterServerOperations(RequestDispatcher& dispatcher, TargetRegistry& reg
       });
 }
 
+// The console cache, console input and the acknowledgement that paces console output.
+void RegisterConsole(RequestDispatcher& dispatcher, TargetRegistry& registry) {
+  dispatcher.Register<CGetConsoleCacheSizeRequest, CGetConsoleCacheSizeResponse>(
+      [&registry](const Context& context, CGetConsoleCacheSizeRequest&,
+                  CGetConsoleCacheSizeResponse& response) {
+        return registry.ConsoleCacheSize(context.target, response.Size);
+      });
+  dispatcher.Register<CSetConsoleCacheSizeRequest, CSetConsoleCacheSizeResponse>(
+      [&registry](const Context& context, CSetConsoleCacheSizeRequest& request,
+                  CSetConsoleCacheSizeResponse&) {
+        return registry.SetConsoleCacheSize(context.target, request.Size);
+      });
+  dispatcher.Register<CGetConsoleCacheUBoundRequest, CGetConsoleCacheUBoundResponse>(
+      [&registry](const Context& context, CGetConsoleCacheUBoundRequest&,
+                  CGetConsoleCacheUBoundResponse& response) {
+        return registry.ConsoleCacheUpperBound(context.target, response.UpperBound);
+      });
+  dispatcher.Register<CFetchConsoleCacheRequest, CFetchConsoleCacheResponse>(
+      [&registry](const Context& context, CFetchConsoleCacheRequest& request,
+                  CFetchConsoleCacheResponse& response) {
+        return registry.FetchConsoleCache(context.target, request.StartIndex, response.NextIndex,
+                                          response.Records);
+      });
+  dispatcher.Register<CClearConsoleCacheRequest, CClearConsoleCacheResponse>(
+      [&registry](const Context& context, CClearConsoleCacheRequest&, CClearConsoleCacheResponse&) {
+        return registry.ClearConsoleCache(context.target);
+      });
+  dispatcher.Register<CSendConsoleInputRequest, CSendConsoleInputResponse>(
+      [&registry](const Context& context, CSendConsoleInputRequest& request,
+                  CSendConsoleInputResponse&) {
+        return registry.SendConsoleInput(
+            context.target, {request.Port, request.Category, 0, request.ProcessId, 0, request.Text},
+            false);
+      });
+  dispatcher.Register<CSendConsoleInputWithEchoRequest, CSendConsoleInputWithEchoResponse>(
+      [&registry](const Context& context, CSendConsoleInputWithEchoRequest& request,
+                  CSendConsoleInputWithEchoResponse&) {
+        return registry.SendConsoleInput(
+            context.target, {request.Port, request.Category, 0, request.ProcessId, 0, request.Text},
+            true);
+      });
+  // Sent without waiting for an answer; the answer is written all the same and dropped.
+  dispatcher.Register<CAckConsoleOutputRequest, CAckConsoleOutputResponse>(
+      [&registry](const Context& context, CAckConsoleOutputRequest&, CAckConsoleOutputResponse&) {
+        registry.AcknowledgeConsoleOutput(context.client_id);
+        return Status::Ok();
+      });
+}
+
 }  // namespace
 
 void RegisterHandlers(RequestDispatcher& dispatcher, TargetRegistry& registry,
@@ -309,6 +358,7 @@ void RegisterHandlers(RequestDispatcher& dispatcher, TargetRegistry& registry,
   RegisterTargetProperties(dispatcher, registry);
   RegisterPowerAndConnection(dispatcher, registry);
   RegisterNotificationsAndProtocols(dispatcher, registry);
+  RegisterConsole(dispatcher, registry);
   RegisterServerOperations(dispatcher, registry, packet_log);
   dispatcher.observer = [&packet_log](const Context& context, const CRequest* request,
                                       const CResponse& response) {

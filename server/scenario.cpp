@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "platform/wide_string.h"
+#include "server/scenario_checks.h"
 #include "server/scenario_document.h"
 
 namespace qv::server {
@@ -63,15 +64,12 @@ Scenario DefaultScenario() {
   return scenario;
 }
 
-namespace {
-
 using Kind = DocNode::Kind;
 
 [[noreturn]] void Refuse(const DocNode& node, std::string what) {
   throw DocumentError{node.line, std::move(what)};
 }
 
-// The value of `key` in `map`, or nullptr (keys are unique: CheckKeys has seen to that).
 const DocNode* Find(const DocNode& map, std::string_view key) {
   for (const auto& [name, value] : map.entries) {
     if (name.kind == Kind::kScalar && name.scalar == key) return &value;
@@ -84,11 +82,15 @@ std::string Single(const DocNode& node, const std::string& key) {
   return node.scalar;
 }
 
+namespace {
+
 std::u16string Text(const DocNode& node, const std::string& key) {
   const std::string value = Single(node, key);
   if (value.empty()) Refuse(node, "'" + key + "' must not be empty");
   return platform::Utf8ToUtf16(value);
 }
+
+}  // namespace
 
 bool Flag(const DocNode& node, const std::string& key) {
   const std::string value = Single(node, key);
@@ -111,6 +113,8 @@ uint32_t Milliseconds(const DocNode& node, const std::string& key) {
   }
   return static_cast<uint32_t>(result);
 }
+
+namespace {
 
 // Dotted decimal numbers: "a.b.c.d" with `count` parts, each at most `max`.
 std::vector<uint32_t> Dotted(const DocNode& node, const std::string& key, size_t count,
@@ -171,8 +175,8 @@ PowerStatus Power(const DocNode& node) {
   Refuse(node, "'power' must be on, off or standby, not '" + value + "'");
 }
 
-// Unknown keys are refused (a misspelt one would otherwise be ignored), and so are repeated ones
-// (which value counts would be a guess).
+}  // namespace
+
 void CheckKeys(const DocNode& map, const std::set<std::string>& known, const char* what) {
   std::set<std::string> seen;
   for (const auto& [key, value] : map.entries) {
@@ -188,6 +192,8 @@ void CheckKeys(const DocNode& map, const std::set<std::string>& known, const cha
     }
   }
 }
+
+namespace {
 
 KitTimings Timings(const DocNode& node) {
   if (node.kind != Kind::kMap) Refuse(node, "'timings' must be a mapping");
@@ -209,7 +215,7 @@ Kit ReadKit(const DocNode& node) {
   if (node.kind != Kind::kMap) Refuse(node, "each kit must be a mapping with at least 'host'");
   CheckKeys(node,
             {"host", "name", "mac", "sdk_version", "power", "reachable", "registered", "default",
-             "address", "timings"},
+             "address", "timings", "scripts"},
             "a kit");
   Kit kit;
   const DocNode* host = Find(node, "host");
@@ -234,6 +240,7 @@ Kit ReadKit(const DocNode& node) {
     kit.address = Text(*value, "address");
   }
   if (const DocNode* value = Find(node, "timings")) kit.timings = Timings(*value);
+  if (const DocNode* value = Find(node, "scripts")) kit.scripts = ReadScripts(*value);
   if (kit.is_default && !kit.registered) Refuse(*is_default, "a default kit must be registered");
   return kit;
 }

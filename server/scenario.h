@@ -21,6 +21,29 @@ struct KitTimings {
   friend bool operator==(const KitTimings&, const KitTimings&) = default;
 };
 
+// When a kit's script begins: with the server, or when a client first subscribes to the event
+// group of the script's first step for that kit (the Server group: for the whole server).
+enum class ScriptTrigger { kServerStart, kFirstSubscription };
+
+// One notification a script pushes: the catalogue's type number and its body as the wire
+// carries it. Unless the script gave TargetKey, the kit's handle is put in when it is sent.
+struct ScriptStep {
+  uint32_t type_number = 0;
+  std::vector<uint8_t> body;
+  bool target_key_given = false;
+  uint32_t after_ms = 0;  // from the previous step (or the trigger), and between repeats
+  uint32_t repeat = 1;    // how many times it is sent
+
+  friend bool operator==(const ScriptStep&, const ScriptStep&) = default;
+};
+
+struct KitScript {
+  ScriptTrigger trigger = ScriptTrigger::kFirstSubscription;
+  std::vector<ScriptStep> steps;  // never empty
+
+  friend bool operator==(const KitScript&, const KitScript&) = default;
+};
+
 struct Kit {
   std::u16string host;  // the host name clients add it by; unique (case-insensitive)
   std::u16string name;  // the kit's own name; the host name when not given
@@ -32,6 +55,7 @@ struct Kit {
   bool is_default = false;  // the default target from the start
   std::u16string address;   // IPv4 address that discovery answers with; empty: not discovered
   KitTimings timings;
+  std::vector<KitScript> scripts;
 
   friend bool operator==(const Kit&, const Kit&) = default;
 };

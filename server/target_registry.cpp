@@ -86,11 +86,20 @@ std::u16string AddressText(uint32_t address) {
 }  // namespace
 
 TargetRegistry::TargetRegistry(const Scenario& scenario, NotificationObserver observer)
-    : scenario_(scenario), observer_(std::move(observer)) {
+    : scenario_(scenario),
+      observer_(std::move(observer)),
+      scripts_([this](const std::u16string& host, const ScriptStep& step) {
+        SendScripted(host, step);
+      }) {
+  std::lock_guard lock(mutex_);
   for (const Kit& kit : scenario_.kits) {
-    if (!kit.registered) continue;
-    const TargetPtr target = Register(kTargetTypeKit, kit);
-    if (kit.is_default) default_handle_ = target->handle;
+    if (kit.registered) {
+      const TargetPtr target = Register(kTargetTypeKit, kit);
+      if (kit.is_default) default_handle_ = target->handle;
+    }
+    for (const KitScript& script : kit.scripts) {
+      if (script.trigger == ScriptTrigger::kServerStart) scripts_.Start(kit.host, script);
+    }
   }
 }
 
@@ -102,6 +111,7 @@ void TargetRegistry::AddClient(const ClientInfo& client, ClientSink* sink) {
 void TargetRegistry::RemoveClient(uint64_t client_id) {
   std::lock_guard lock(mutex_);
   clients_.erase(client_id);
+  console_flows_.erase(client_id);
   ++cancel_generation_[client_id];
   // Changes the client started end now: nobody waits for their answers any more.
   for (auto& entry : targets_) {
@@ -126,9 +136,13 @@ void TargetRegistry::RemoveClient(uint64_t client_id) {
 }
 
 void TargetRegistry::Shutdown() {
-  std::lock_guard lock(mutex_);
-  shutting_down_ = true;
-  changed_cv_.notify_all();
+  {
+    std::lock_guard lock(mutex_);
+    shutting_down_ = true;
+    changed_cv_.notify_all();
+  }
+  // Without the lock: a step being sent takes it.
+  scripts_.Stop();
 }
 
 TargetRegistry::TargetPtr TargetRegistry::Find(uint32_t handle) const {
@@ -176,16 +190,21 @@ TargetRegistry::TargetPtr TargetRegistry::Register(std::u16string_view type, con
   return target;
 }
 
-void TargetRegistry::Notify(EventGroup group, uint32_t key, const CNotification& notification) {
-  const auto it = subscriptions_.find({group, key});
-  if (it == subscriptions_.end()) return;
+std::shared_ptr<const std::vector<uint8_t>> TargetRegistry::Encode(
+    const CNotification& notification) {
   MessageBuffer buffer;
   if (!WriteField(buffer, static_cast<uint32_t>(IncomingKind::kNotification)) ||
       !WriteField(buffer, notification.GetTypeNumber()) || !notification.Serialize(buffer)) {
-    return;
+    return nullptr;
   }
-  const auto body =
-      std::make_shared<const std::vector<uint8_t>>(buffer.Data(), buffer.Data() + buffer.Size());
+  return std::make_shared<const std::vector<uint8_t>>(buffer.Data(), buffer.Data() + buffer.Size());
+}
+
+void TargetRegistry::Notify(EventGroup group, uint32_t key, const CNotification& notification) {
+  const auto it = subscriptions_.find({group, key});
+  if (it == subscriptions_.end()) return;
+  const auto body = Encode(notification);
+  if (body == nullptr) return;
   for (uint64_t client_id : it->second) {
     const auto client = clients_.find(client_id);
     if (client == clients_.end()) continue;
@@ -841,6 +860,7 @@ Status TargetRegistry::Subscribe(uint64_t client_id, EventGroup group, uint32_t 
     key = kNoTarget;
   }
   subscriptions_[{group, key}].insert(client_id);
+  StartScriptsOnSubscription(group, key);
   return Status::Ok();
 }
 

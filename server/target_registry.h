@@ -10,6 +10,7 @@
 #include <array>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -22,7 +23,9 @@
 #include "requests/notifications.h"
 #include "requests/target_states.h"
 #include "requests/wire_types.h"
+#include "server/console_cache.h"
 #include "server/scenario.h"
+#include "server/script_runner.h"
 #include "server/status.h"
 
 namespace qv::server {
@@ -126,6 +129,23 @@ class TargetRegistry {
   // The process ids of the clients connected now, in the order they connected.
   U32List ClientProcessIds() const;
 
+  // Console (target_console.cpp). Output goes into the target's cache and to its ConsoleOutput
+  // subscribers, at most kConsoleInFlight unacknowledged pieces per client; a client's further
+  // pieces wait, up to kConsoleBacklog, and beyond that are dropped for that client and counted:
+  // once it acknowledges again it gets a piece saying how many it missed (docs/server.md).
+  static constexpr uint32_t kConsoleInFlight = 64;
+  static constexpr uint32_t kConsoleBacklog = 1024;
+  Status ConsoleCacheSize(uint32_t handle, uint32_t& size) const;
+  Status SetConsoleCacheSize(uint32_t handle, uint32_t size);
+  Status ConsoleCacheUpperBound(uint32_t handle, uint32_t& upper_bound) const;
+  Status FetchConsoleCache(uint32_t handle, uint32_t start, uint32_t& next,
+                           ConsoleCacheRecordList& records) const;
+  Status ClearConsoleCache(uint32_t handle);
+  // Console input for the target; with `echo`, the text also comes back as its console output.
+  Status SendConsoleInput(uint32_t handle, const ConsoleCacheRecord& input, bool echo);
+  // One acknowledged CONSOLE_OUTPUT piece of `client_id`.
+  void AcknowledgeConsoleOutput(uint64_t client_id);
+
  private:
   struct Target {
     uint32_t handle = 0;
@@ -140,6 +160,17 @@ class TargetRegistry {
     bool deleted = false;
     std::set<uint64_t> notification_clients;
     std::map<uint32_t, uint64_t> protocols;  // protocol -> the client holding it
+    ConsoleCache console;
+  };
+  // A client's console output in flight, and what waits behind it.
+  struct ConsoleFlow {
+    uint32_t in_flight = 0;  // sent, not yet acknowledged
+    // Encoded, and as the notification the packet log records when it is sent.
+    std::deque<std::pair<std::shared_ptr<const std::vector<uint8_t>>,
+                         std::shared_ptr<const CNotification>>>
+        waiting;
+    uint64_t dropped = 0;       // since the client last heard about drops
+    uint32_t dropped_from = 0;  // the target the first of them came from
   };
   using TargetPtr = std::shared_ptr<Target>;
   using Lock = std::unique_lock<std::mutex>;
@@ -155,6 +186,16 @@ class TargetRegistry {
   TargetPtr Register(std::u16string_view type, const Kit& kit);
 
   void Notify(EventGroup group, uint32_t key, const CNotification& notification);
+  // The message body that carries `notification`; null if it cannot be encoded.
+  static std::shared_ptr<const std::vector<uint8_t>> Encode(const CNotification& notification);
+  // Console output of `target`: into its cache and, paced, to its subscribers.
+  void EmitConsoleOutput(Target& target, const CConsoleOutputNotification& output);
+  // Hands a client's waiting console output on while it has room; then the drop notice.
+  void DrainConsoleFlow(uint64_t client_id, ConsoleFlow& flow);
+  // Sends one step of a kit's script (ScriptRunner's thread).
+  void SendScripted(const std::u16string& host, const ScriptStep& step);
+  // Starts the scripts of `host` that wait for a first subscription to `group`.
+  void StartScriptsOnSubscription(EventGroup group, uint32_t key);
   void NotifyPower(const Target& target, PowerOperation operation, PowerProgress progress);
   // Makes `client_id` the target's connected client and announces it.
   Status HandOver(Target& target, uint64_t client_id);
@@ -180,6 +221,11 @@ class TargetRegistry {
   std::map<std::pair<EventGroup, uint32_t>, std::set<uint64_t>> subscriptions_;
   // Bumped when a client cancels its commands or goes away; its waits compare it.
   std::map<uint64_t, uint64_t> cancel_generation_;
+  std::map<uint64_t, ConsoleFlow> console_flows_;
+  // The first-subscription scripts that have started (each runs once per server run).
+  std::set<const KitScript*> scripts_started_;
+  // Last: its thread calls SendScripted, so it stops before anything above goes.
+  ScriptRunner scripts_;
 };
 
 }  // namespace qv::server

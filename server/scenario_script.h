@@ -1,0 +1,16 @@
+#pragma once
+// Turning a kit's script step back into the notification it pushes.
+
+#include <cstdint>
+#include <memory>
+
+#include "requests/notifications.h"
+#include "server/scenario.h"
+
+namespace qv::server {
+
+// The step's notification, with TargetKey set to `target_key` unless the script gave it; null
+// when the body does not decode (it was encoded from the same class, so that is our bug).
+std::shared_ptr<CNotification> ScriptedNotification(const ScriptStep& step, uint32_t target_key);
+
+}  // namespace qv::server

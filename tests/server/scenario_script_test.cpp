@@ -1,0 +1,151 @@
+// Kit scripts in scenario files: every field type of the catalogue written as text, and the
+// mistakes refused with their line, by both readers.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "server/scenario.h"
+#include "server/scenario_document.h"
+#include "server/scenario_script.h"
+
+namespace qv::server {
+namespace {
+
+std::vector<DocumentReader> Readers() {
+#ifdef VEKX_SERVER_HAVE_YAML
+  return {ReadYamlSubset, ReadYamlWithYamlCpp};
+#else
+  return {ReadYamlSubset};
+#endif
+}
+
+constexpr char kScripted[] = R"(kits:
+  - host: kit-a
+    scripts:
+      - trigger: server_start
+        steps:
+          - notification: CONSOLE_OUTPUT
+            after_ms: 5
+            repeat: 3
+            fields: {Port: 2, Category: 0x10, ProcessId: 77, Timestamp: 18446744073709551615, Text: "ready\n"}
+          - notification: NOTIFICATION_EVENT
+            fields:
+              Header: {Id: 1, Type: 2, Timestamp: 3}
+              Data: "de:ad be EF"
+          - notification: MIRADOR_TARGET_FIND_PROGRESS
+            fields:
+              TargetKey: 9
+              Description: ~
+              FoundTargets:
+                - {HostName: m1, Name: One, MacAddress: 0102030405ff}
+          - notification: FILE_COPY_START
+            fields: {TargetList: [1, 2], Id: 4}
+      - steps:
+          - notification: PROTOCOL_STATUS
+            fields: {Availability: true}
+          - notification: SAVE_DATA_ERROR
+            fields: {Result: 0x80004005, RawResult: 7}
+)";
+
+TEST(ScenarioScriptTest, EveryFieldTypeIsWrittenAsDocumented) {
+  for (DocumentReader reader : Readers()) {
+    const ScenarioResult result = ParseScenarioWith(reader, kScripted, "s.yaml");
+    ASSERT_TRUE(result.scenario.has_value()) << result.error;
+    const auto& scripts = result.scenario->kits[0].scripts;
+    ASSERT_EQ(scripts.size(), 2u);
+    EXPECT_EQ(scripts[0].trigger, ScriptTrigger::kServerStart);
+    EXPECT_EQ(scripts[1].trigger, ScriptTrigger::kFirstSubscription);
+    ASSERT_EQ(scripts[0].steps.size(), 4u);
+    EXPECT_EQ(scripts[0].steps[0].after_ms, 5u);
+    EXPECT_EQ(scripts[0].steps[0].repeat, 3u);
+
+    const auto console = ScriptedNotification(scripts[0].steps[0], 42);
+    const auto* output = dynamic_cast<const CConsoleOutputNotification*>(console.get());
+    ASSERT_NE(output, nullptr);
+    EXPECT_EQ(output->TargetKey, 42u);  // not given: the kit's handle
+    EXPECT_EQ(output->Port, 2u);
+    EXPECT_EQ(output->Category, 16u);
+    EXPECT_EQ(output->ProcessId, 77u);
+    EXPECT_EQ(output->Timestamp, UINT64_MAX);
+    EXPECT_EQ(output->Text, u"ready\n");
+
+    const auto viewer = ScriptedNotification(scripts[0].steps[1], 42);
+    const auto* event = dynamic_cast<const CNotificationEventNotification*>(viewer.get());
+    ASSERT_NE(event, nullptr);
+    EXPECT_EQ(event->Header, (EventHeader{1, 2, 3}));
+    EXPECT_EQ(event->Data, (Bytes{0xde, 0xad, 0xbe, 0xef}));
+
+    const auto find = ScriptedNotification(scripts[0].steps[2], 42);
+    const auto* found = dynamic_cast<const CMiradorTargetFindProgressNotification*>(find.get());
+    ASSERT_NE(found, nullptr);
+    EXPECT_EQ(found->TargetKey, 9u);  // given: kept
+    EXPECT_EQ(found->Description, u"");
+    ASSERT_EQ(found->FoundTargets.size(), 1u);
+    EXPECT_EQ(found->FoundTargets[0].Name, u"One");
+    EXPECT_EQ(found->FoundTargets[0].MacAddress, (Bytes{1, 2, 3, 4, 5, 0xff}));
+
+    const auto copy = ScriptedNotification(scripts[0].steps[3], 42);
+    EXPECT_EQ(dynamic_cast<const CFileCopyStartNotification&>(*copy).TargetList, (U32List{1, 2}));
+    const auto status = ScriptedNotification(scripts[1].steps[0], 42);
+    EXPECT_TRUE(dynamic_cast<const CProtocolStatusNotification&>(*status).Availability);
+    const auto error = ScriptedNotification(scripts[1].steps[1], 42);
+    EXPECT_EQ(dynamic_cast<const CSaveDataErrorNotification&>(*error).Result, 0x80004005u);
+  }
+}
+
+TEST(ScenarioScriptTest, RefusesMistakesWithTheirLine) {
+  const std::string head = "kits:\n  - host: a\n    scripts:\n      - steps:\n";
+  struct Case {
+    const char* steps;
+    const char* error;
+  };
+  const Case cases[] = {
+      {"          - notification: CONSOLE_OUTPU\n",
+       "s.yaml:5: unknown notification 'CONSOLE_OUTPU'"},
+      {"          - notification: DEVICE_READY\n",
+       "s.yaml:5: 'DEVICE_READY' reaches no subscriber"},
+      {"          - after_ms: 1\n", "s.yaml:5: a step needs a 'notification'"},
+      {"          - notification: IDLE\n            fields: {Port: 1}\n",
+       "s.yaml:6: unknown key 'Port' in the fields of IDLE (known: TargetKey)"},
+      {"          - notification: CONSOLE_OUTPUT\n            fields: {Port: 4294967296}\n",
+       "s.yaml:6: 'Port' must be a whole number from 0 to 4294967295, not '4294967296'"},
+      {"          - notification: CONSOLE_OUTPUT\n            fields: {Port: -1}\n",
+       "s.yaml:6: 'Port' must be a whole number from 0"},
+      {"          - notification: CONSOLE_OUTPUT\n            fields: {Text: [a]}\n",
+       "s.yaml:6: 'Text' must be a single value"},
+      {"          - notification: RECORDED_DATA\n            fields: {Data: abc}\n",
+       "s.yaml:6: 'Data' must be hex byte pairs"},
+      {"          - notification: FILE_COPY_START\n            fields: {TargetList: 1}\n",
+       "s.yaml:6: 'TargetList' must be a list"},
+      {"          - notification: PROTOCOL_STATUS\n            fields: {Availability: 2}\n",
+       "s.yaml:6: 'Availability' must be true or false"},
+      {"          - notification: NOTIFICATION_EVENT\n            fields: {Header: {Idd: 1}}\n",
+       "s.yaml:6: unknown key 'Idd' in the fields of Header"},
+      {"          - notification: IDLE\n            repeat: 0\n",
+       "s.yaml:6: 'repeat' must be at least 1"},
+      {"          - notification: IDLE\n            every: 1\n",
+       "s.yaml:6: unknown key 'every' in a step"},
+  };
+  for (DocumentReader reader : Readers()) {
+    for (const Case& c : cases) {
+      const ScenarioResult result = ParseScenarioWith(reader, head + c.steps, "s.yaml");
+      EXPECT_FALSE(result.scenario.has_value()) << c.steps;
+      EXPECT_EQ(result.error.rfind(c.error, 0), 0u) << result.error;
+    }
+  }
+  const std::string scripts = "kits:\n  - host: a\n    scripts:\n";
+  const Case script_cases[] = {
+      {"      - trigger: later\n        steps: []\n",
+       "s.yaml:4: 'trigger' must be server_start or first_subscription, not 'later'"},
+      {"      - steps: []\n", "s.yaml:4: a script needs a list of 'steps'"},
+      {"      - trigger: server_start\n", "s.yaml:4: a script needs a list of 'steps'"},
+  };
+  for (const Case& c : script_cases) {
+    const ScenarioResult result = ParseScenario(scripts + c.steps, "s.yaml");
+    EXPECT_EQ(result.error.rfind(c.error, 0), 0u) << result.error;
+  }
+}
+
+}  // namespace
+}  // namespace qv::server

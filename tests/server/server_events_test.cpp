@@ -1,0 +1,211 @@
+// Notifications that kit scripts push, the console cache, console input and the pacing of console
+// output on acknowledgements, against a running vesta-kx.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "platform/wide_string.h"
+#include "server_harness.h"
+
+namespace qv::servertest {
+namespace {
+
+constexpr char kEventsScenario[] = R"(kits:
+  - host: kit-one
+    power: on
+    scripts:
+      - steps:
+          - notification: CONSOLE_OUTPUT
+            after_ms: 5
+            repeat: 3
+            fields: {Port: 2, Category: 1, ThreadId: 9, Text: "hello\n"}
+      - steps:
+          - notification: USB_TARGET_PLUGGED_IN
+            fields: {Flags: 1, Address: 0x0A000001}
+          - notification: USB_TARGET_UNPLUGGED
+            after_ms: 10
+            fields: {Flags: 1, Address: 0x0A000001}
+  - host: kit-two
+    power: on
+  - host: kit-stream
+    power: on
+    scripts:
+      - steps:
+          - notification: CONSOLE_OUTPUT
+            after_ms: 1
+            repeat: 300
+            fields: {Text: s}
+  - host: kit-flood
+    power: on
+    scripts:
+      - steps:
+          - notification: CONSOLE_OUTPUT
+            repeat: 1200
+            fields: {Text: x}
+)";
+
+class EventsTest : public ServerTest {
+ protected:
+  void SetUp() override {
+    server_ = std::make_unique<ServerProcess>(
+        user_, std::vector<std::string>{"--log-level", "2", "--scenario",
+                                        WriteScenario(kEventsScenario, "events")});
+    ASSERT_TRUE(server_->Started());
+    ASSERT_TRUE(server_->WaitReady()) << server_->Output();
+  }
+
+  uint32_t HandleOf(const std::u16string& host) {
+    CGetTargetsByHostRequest request;
+    request.HostName = host;
+    const auto response = a_.Call<CGetTargetsByHostResponse>(kNone, request);
+    return response.Targets.size() == 1 ? response.Targets[0] : kNone;
+  }
+  static void SubscribeConsole(Client& client, uint32_t handle) {
+    EXPECT_EQ(
+        client
+            .Call<CRequestConsoleOutputEventsResponse>(handle, CRequestConsoleOutputEventsRequest{})
+            .Result,
+        0u);
+  }
+  static ConsoleCacheRecordList FetchAll(Client& client, uint32_t handle) {
+    ConsoleCacheRecordList all;
+    CFetchConsoleCacheRequest request;
+    for (;;) {
+      const auto response = client.Call<CFetchConsoleCacheResponse>(handle, request);
+      EXPECT_EQ(response.Result, 0u);
+      if (response.Records.empty() || response.Result != 0) return all;
+      all.insert(all.end(), response.Records.begin(), response.Records.end());
+      request.StartIndex = response.NextIndex;
+    }
+  }
+  static uint32_t UpperBound(Client& client, uint32_t handle) {
+    return client.Call<CGetConsoleCacheUBoundResponse>(handle, CGetConsoleCacheUBoundRequest{})
+        .UpperBound;
+  }
+
+  Client a_{user_};
+  Client b_{user_};
+};
+
+TEST_F(EventsTest, ScriptedNotificationsReachTheirSubscribersOnly) {
+  const uint32_t one = HandleOf(u"kit-one");
+  SubscribeConsole(a_, one);
+  SubscribeConsole(b_, HandleOf(u"kit-two"));
+  const auto pieces = a_.WaitNotifications(3);
+  ASSERT_EQ(a_.NotificationNames(), (std::vector<std::string>(3, "CONSOLE_OUTPUT")));
+  for (const auto& piece : pieces) {
+    const auto* output = As<CConsoleOutputNotification>(piece);
+    EXPECT_EQ(output->TargetKey, one);
+    EXPECT_EQ(output->Port, 2u);
+    EXPECT_EQ(output->Category, 1u);
+    EXPECT_EQ(output->ThreadId, 9u);
+    EXPECT_EQ(output->Text, u"hello\n");
+  }
+  const ConsoleCacheRecordList cached = FetchAll(b_, one);
+  ASSERT_EQ(cached.size(), 3u);
+  EXPECT_EQ(cached[2].Text, u"hello\n");
+  EXPECT_EQ(cached[2].Port, 2u);
+
+  // The USB script waits for the Server group: the whole server's key.
+  EXPECT_EQ(b_.Call<CRequestServerEventsResponse>(kNone, CRequestServerEventsRequest{}).Result, 0u);
+  const auto usb = b_.WaitNotifications(2);
+  ASSERT_EQ(b_.NotificationNames(),
+            (std::vector<std::string>{"USB_TARGET_PLUGGED_IN", "USB_TARGET_UNPLUGGED"}));
+  EXPECT_EQ(As<CUsbTargetPluggedInNotification>(usb[0])->TargetKey, kNone);
+  EXPECT_EQ(As<CUsbTargetPluggedInNotification>(usb[0])->Address, 0x0A000001u);
+  EXPECT_EQ(As<CUsbTargetUnpluggedNotification>(usb[1])->Flags, 1u);
+  EXPECT_EQ(a_.Notifications().size(), 3u);
+}
+
+TEST_F(EventsTest, EchoedInputIsConsoleOutputAndPlainInputIsNot) {
+  const uint32_t two = HandleOf(u"kit-two");
+  SubscribeConsole(a_, two);
+  CSendConsoleInputRequest plain;
+  plain.Text = u"quiet";
+  EXPECT_EQ(b_.Call<CSendConsoleInputResponse>(two, plain).Result, 0u);
+  CSendConsoleInputWithEchoRequest echo;
+  echo.Port = 3;
+  echo.Category = 4;
+  echo.Text = u"echo me";
+  EXPECT_EQ(b_.Call<CSendConsoleInputWithEchoResponse>(two, echo).Result, 0u);
+  const auto pieces = a_.WaitNotifications(1);
+  ASSERT_EQ(a_.NotificationNames(), (std::vector<std::string>{"CONSOLE_OUTPUT"}));
+  const auto* output = As<CConsoleOutputNotification>(pieces[0]);
+  EXPECT_EQ(output->TargetKey, two);
+  EXPECT_EQ(output->Port, 3u);
+  EXPECT_EQ(output->Category, 4u);
+  EXPECT_EQ(output->Text, u"echo me");
+  EXPECT_EQ(UpperBound(b_, two), 1u);
+
+  echo.Text.clear();
+  EXPECT_EQ(b_.Call<CSendConsoleInputWithEchoResponse>(two, echo).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_ARG));
+  EXPECT_EQ(b_.Call<CSendConsoleInputResponse>(4242, plain).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+  CSetConsoleCacheSizeRequest size;
+  EXPECT_EQ(b_.Call<CSetConsoleCacheSizeResponse>(two, size).Result,
+            static_cast<uint32_t>(KXAPI_SERVER_INVALID_ARG));
+  size.Size = 7;
+  EXPECT_EQ(b_.Call<CSetConsoleCacheSizeResponse>(two, size).Result, 0u);
+  EXPECT_EQ(b_.Call<CGetConsoleCacheSizeResponse>(two, CGetConsoleCacheSizeRequest{}).Size, 7u);
+  EXPECT_EQ(b_.Call<CClearConsoleCacheResponse>(two, CClearConsoleCacheRequest{}).Result, 0u);
+  EXPECT_TRUE(FetchAll(b_, two).empty());
+  EXPECT_EQ(UpperBound(b_, two), 1u);  // indices go on after a clear
+}
+
+// Reading the cache while kit-stream writes to it: each fetch goes on where the last ended.
+TEST_F(EventsTest, TheCacheReadsWithoutGapsOrRepeatsDuringOutput) {
+  const uint32_t stream = HandleOf(u"kit-stream");
+  SubscribeConsole(a_, stream);
+  CFetchConsoleCacheRequest request;
+  size_t read = 0;
+  int fetches = 0;
+  while (request.StartIndex < 300 && ++fetches < 100000) {
+    const auto response = b_.Call<CFetchConsoleCacheResponse>(stream, request);
+    ASSERT_EQ(response.Result, 0u);
+    EXPECT_EQ(response.NextIndex, request.StartIndex + response.Records.size());
+    read += response.Records.size();
+    request.StartIndex = response.NextIndex;
+  }
+  EXPECT_EQ(read, 300u);
+  EXPECT_GT(fetches, 2);  // the output was read while it came, not all at once
+}
+
+// kit-flood writes 1200 pieces at once. A client that does not acknowledge gets the first 64;
+// 1024 more wait for it and the rest are dropped for it, which it learns once it catches up.
+TEST_F(EventsTest, ConsoleOutputIsPacedOnAcknowledgementsAndDropsAreReported) {
+  const uint32_t flood = HandleOf(u"kit-flood");
+  SubscribeConsole(a_, flood);
+  a_.WaitNotifications(64);
+  ASSERT_TRUE(WaitUntil([&] { return UpperBound(b_, flood) == 1200; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(a_.Notifications().size(), 64u);
+
+  // Acknowledged as the library does: without waiting for the answer.
+  size_t acknowledged = 0;
+  const auto last_text = [&] {
+    const auto pieces = a_.Notifications();
+    for (; acknowledged < pieces.size(); ++acknowledged) {
+      uint32_t sequence = 0;
+      uint64_t epoch = 0;
+      EXPECT_EQ(a_.link().SendRequest(flood, CAckConsoleOutputRequest{}, sequence, false, epoch),
+                LinkStatus::kSuccess);
+    }
+    return As<CConsoleOutputNotification>(pieces.back())->Text;
+  };
+  ASSERT_TRUE(WaitUntil([&] { return last_text() != u"x"; }, 60000));
+  const auto pieces = a_.Notifications();
+  EXPECT_EQ(pieces.size(), 64u + 1024u + 1u);
+  const std::string notice =
+      platform::Utf16ToUtf8(As<CConsoleOutputNotification>(pieces.back())->Text);
+  EXPECT_NE(notice.find("112 pieces of console output were not sent"), std::string::npos) << notice;
+  // The cache kept its newest 1024 regardless, then the notice.
+  EXPECT_EQ(UpperBound(b_, flood), 1201u);
+  const ConsoleCacheRecordList cached = FetchAll(b_, flood);
+  ASSERT_EQ(cached.size(), 1024u);
+  EXPECT_EQ(platform::Utf16ToUtf8(cached.back().Text), notice);
+}
+
+}  // namespace
+}  // namespace qv::servertest
