@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The whole test run: formatting, the Linux build and tests (the server's end-to-end tests among
-# them), the ASan+UBSan build and tests, the server link's and the server's tests under TSan, bounded fuzzing of every decoder, and the Windows build with its
+# them), the ASan+UBSan build and tests, the server link's, the server's and the public objects'
+# tests under TSan, bounded fuzzing of every decoder, and the Windows build with its
 # tests under Wine.
 # Build trees go to ${VEKX_BUILD_ROOT:-build}. Set VEKX_FUZZ_SECONDS to change the fuzzing time.
 set -euo pipefail
@@ -62,13 +63,13 @@ cmake -S "$root" -B "$out/asan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_CO
 cmake --build "$out/asan" -j "$jobs"
 ASAN_OPTIONS=detect_leaks=1 ctest --test-dir "$out/asan" --output-on-failure -j "$jobs"
 
-step "linux (clang, thread sanitizer: the server link's, the private client's and the server's threads)"
+step "linux (clang, thread sanitizer: the server link's, the private client's, the public objects' and the server's threads)"
 cmake -S "$root" -B "$out/tsan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
   -DVEKX_WERROR=ON -DVEKX_SANITIZE=thread >/dev/null
 cmake --build "$out/tsan" -j "$jobs" --target vekx_serverlink_tests vekx_requests_tests \
-  vekx_server_tests vesta-kx
+  vekx_server_tests vekx_api_tests vesta-kx
 TSAN_OPTIONS=halt_on_error=1 ctest --test-dir "$out/tsan" \
-  -R '^(serverlink[.]|server[.]|requests[.]PrivateApi)' \
+  -R '^(serverlink[.]|server[.]|requests[.]PrivateApi|api[.])' \
   --output-on-failure -j "$jobs"
 
 step "fuzzing (${fuzz_seconds}s per target)"

@@ -87,8 +87,9 @@ std::optional<std::uint32_t> RunningServerProcessId(std::u16string_view user_nam
                                                     const std::string& runtime_dir) noexcept;
 
 /// Asks the server process `process_id` to end cleanly, as the user's Ctrl+C would: SIGTERM on
-/// POSIX, a console Ctrl+C event on Windows. It returns at once; the caller watches
-/// RunningServerProcessId to see it go. False when the system refuses the request.
+/// POSIX; on Windows the server's stop event (see StopOnTermination), else a console Ctrl+C. It
+/// returns at once; the caller watches RunningServerProcessId to see it go. False when the system
+/// refuses the request.
 bool RequestServerStop(std::uint32_t process_id) noexcept;
 
 /// The full path of the server executable, or nullopt when there is none to be found.

@@ -135,12 +135,15 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
 
   ComPtr<ITarget> made_before;
   ASSERT_EQ(fresh->AddTarget(B("kit-one").Get(), made_before.Put()), S_OK);
+  ComPtr<ITarget47> target_before;
+  ASSERT_EQ(made_before.QueryInto(IID_ITarget47, target_before), S_OK);
+  const ULONG handle_before = HandleOf(made_before);
   EXPECT_EQ(fresh->Dispose(), S_OK);
   EXPECT_EQ(fresh->Dispose(), S_OK);
   expect_version(fresh.Get());
   EXPECT_EQ(fresh->GetErrorDescription(0, text.Put()), S_OK);
   EXPECT_EQ(text.Utf8(), "Success.");
-  EXPECT_NE(HandleOf(made_before), 0u);
+  EXPECT_EQ(HandleOf(made_before), handle_before);
 
   // Stop the server: a disposed root neither reaches nor starts one.
   StopServer();
@@ -175,6 +178,16 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
       [&](IVEKXAPI12* a) { return a->GetClientPids(list.Put()); },
       [&](IVEKXAPI12* a) { return a->AdviseServerEvents(nullptr); },
       [&](IVEKXAPI12* a) { return a->CancelCopy(1); },
+      // The target objects it handed out: the client check comes before every other check.
+      [&](IVEKXAPI12*) { return target_before->Connect(); },
+      [&](IVEKXAPI12*) { return target_before->SDKVersion(nullptr, nullptr, nullptr, nullptr); },
+      [&](IVEKXAPI12*) { return target_before->put_Default(VARIANT_TRUE); },
+      [&](IVEKXAPI12*) { return target_before->get_Default(&flag); },
+      [&](IVEKXAPI12*) { return target_before->put_Name(nullptr); },
+      [&](IVEKXAPI12*) { return target_before->put_MacAddress(list.Get()); },
+      [&](IVEKXAPI12*) { return target_before->GetProtocolInfo(1, list.Put()); },
+      [&](IVEKXAPI12*) { return target_before->Suspend(); },
+      [&](IVEKXAPI12*) { return target_before->ScreenShot(nullptr); },
   };
   for (size_t i = 0; i < calls.size(); ++i) {
     EXPECT_EQ(calls[i](fresh.Get()), E_UNEXPECTED) << "call " << i;

@@ -316,33 +316,5 @@ TEST_F(TargetObjectTest, AProtocolIsHeldByOneClientAtATime) {
   EXPECT_EQ(Target("kit-gone")->SetProtocolInUse(7), KXAPI_COMMS_ERR_NO_CONNECT);
 }
 
-TEST_F(TargetObjectTest, AfterDisposeOnlyTheHandleWorks) {
-  auto one = Target("kit-one");
-  ULONG handle_before = 0;
-  ASSERT_EQ(one->get_Handle(&handle_before), S_OK);
-  ASSERT_EQ(api_->Dispose(), S_OK);
-
-  // One method of each shape; the client check comes before every other check.
-  ePowerStatus power{};
-  VARIANT_BOOL flag = VARIANT_FALSE;
-  vekx::Variant value;
-  const HRESULT results[] = {one->Connect(),
-                             one->get_PowerStatus(&power),
-                             one->SDKVersion(nullptr, nullptr, nullptr, nullptr),
-                             one->put_Default(VARIANT_TRUE),
-                             one->get_Default(&flag),
-                             one->put_Name(nullptr),
-                             one->put_MacAddress(value.Get()),
-                             one->GetProtocolInfo(1, value.Put()),
-                             one->Suspend(),
-                             one->ScreenShot(nullptr)};
-  for (size_t i = 0; i < std::size(results); ++i) {
-    EXPECT_EQ(results[i], E_UNEXPECTED) << "call " << i;
-  }
-  ULONG handle = 0;
-  EXPECT_EQ(one->get_Handle(&handle), S_OK);
-  EXPECT_EQ(handle, handle_before);
-}
-
 }  // namespace
 }  // namespace qv::apitest

@@ -2,7 +2,9 @@
 // runtime directory: what it prints and how it exits.
 #include <gtest/gtest.h>
 
+#ifndef _WIN32
 #include <sys/wait.h>
+#endif
 
 #include <cstdlib>
 #include <optional>
@@ -15,6 +17,7 @@
 #include "platform/pipe.h"
 #include "platform/server_process.h"
 #include "server/server_harness.h"
+#include "support/child_program.h"
 
 namespace {
 
@@ -27,6 +30,27 @@ struct CtrlRun {
   std::string err;
 };
 
+#ifdef _WIN32
+// The tool writes text, which Windows ends with CR LF; compared as LF.
+std::string Lines(std::string text) {
+  for (size_t at = text.find("\r\n"); at != std::string::npos; at = text.find("\r\n", at))
+    text.erase(at, 1);
+  return text;
+}
+
+CtrlRun Ctrl(const std::vector<std::string>& args) {
+  const auto out = TestRoot() / "ctrl.out";
+  const auto err = TestRoot() / "ctrl.err";
+  CtrlRun run;
+  const auto program =
+      qv::testing::ChildProgram::Start(VEKX_CTRL_EXECUTABLE, args, out.string(), err.string());
+  if (program == nullptr) return run;
+  run.exit_code = program->Wait(60000).value_or(-1);
+  run.out = Lines(ReadText(out));
+  run.err = Lines(ReadText(err));
+  return run;
+}
+#else
 std::string Quoted(const std::string& text) {
   std::string quoted = "'";
   for (char c : text) {
@@ -53,6 +77,7 @@ CtrlRun Ctrl(const std::vector<std::string>& args) {
   run.err = ReadText(err);
   return run;
 }
+#endif
 
 nlohmann::json Json(const CtrlRun& run) {
   return nlohmann::json::parse(run.out, nullptr, /*allow_exceptions=*/false);

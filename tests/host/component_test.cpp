@@ -293,46 +293,34 @@ void ExpectRootObject(IVEKXAPI* api) {
   latest->Release();
 }
 
-TEST_F(Component, CreatesInTheMultithreadedApartment) {
-  InApartment(COINIT_MULTITHREADED, [] {
-    IVEKXAPI* api = nullptr;
-    ASSERT_EQ(CoCreateInstance(CLSID_VEKXAPI, nullptr, CLSCTX_INPROC_SERVER, IID_IVEKXAPI,
-                               reinterpret_cast<void**>(&api)),
-              S_OK);
-    ExpectRootObject(api);
-    api->Release();
-  });
-}
+// By either ProgID, in both kinds of apartment. A free-threaded class lives in the multithreaded
+// apartment; a single-threaded one reaches it through a proxy that the type library's
+// registration makes possible.
+TEST_F(Component, CreatesByProgIdInBothApartmentKinds) {
+  for (const COINIT model : {COINIT_MULTITHREADED, COINIT_APARTMENTTHREADED}) {
+    InApartment(model, [model] {
+      CLSID clsid = {};
+      ASSERT_EQ(CLSIDFromProgID(L"vekxapi.VEKXAPI.1", &clsid), S_OK);
+      EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_VEKXAPI));
+      ASSERT_EQ(CLSIDFromProgID(L"vekxapi.VEKXAPI", &clsid), S_OK);
+      EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_VEKXAPI));
+      LPOLESTR progid = nullptr;
+      ASSERT_EQ(ProgIDFromCLSID(CLSID_VEKXAPI, &progid), S_OK);
+      EXPECT_STREQ(progid, L"vekxapi.VEKXAPI.1");
+      CoTaskMemFree(progid);
 
-// A free-threaded class lives in the multithreaded apartment; a single-threaded one reaches it
-// through a proxy that the type library's registration makes possible.
-TEST_F(Component, CreatesForASingleThreadedApartmentThroughTheMarshaller) {
-  InApartment(COINIT_APARTMENTTHREADED, [] {
-    IVEKXAPI* api = nullptr;
-    ASSERT_EQ(CoCreateInstance(CLSID_VEKXAPI, nullptr, CLSCTX_INPROC_SERVER, IID_IVEKXAPI,
-                               reinterpret_cast<void**>(&api)),
-              S_OK);
-    IUnknown* proxy_manager = nullptr;
-    EXPECT_EQ(api->QueryInterface(IID_IClientSecurity, reinterpret_cast<void**>(&proxy_manager)),
-              S_OK);
-    if (proxy_manager != nullptr) proxy_manager->Release();
-    ExpectRootObject(api);
-    api->Release();
-  });
-}
-
-TEST_F(Component, ProgIdsNameTheClass) {
-  InApartment(COINIT_MULTITHREADED, [] {
-    CLSID clsid = {};
-    ASSERT_EQ(CLSIDFromProgID(L"vekxapi.VEKXAPI", &clsid), S_OK);
-    EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_VEKXAPI));
-    ASSERT_EQ(CLSIDFromProgID(L"vekxapi.VEKXAPI.1", &clsid), S_OK);
-    EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_VEKXAPI));
-    LPOLESTR progid = nullptr;
-    ASSERT_EQ(ProgIDFromCLSID(CLSID_VEKXAPI, &progid), S_OK);
-    EXPECT_STREQ(progid, L"vekxapi.VEKXAPI.1");
-    CoTaskMemFree(progid);
-  });
+      IVEKXAPI* api = nullptr;
+      ASSERT_EQ(CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IVEKXAPI,
+                                 reinterpret_cast<void**>(&api)),
+                S_OK);
+      IUnknown* proxy_manager = nullptr;
+      EXPECT_EQ(api->QueryInterface(IID_IClientSecurity, reinterpret_cast<void**>(&proxy_manager)),
+                model == COINIT_APARTMENTTHREADED ? S_OK : E_NOINTERFACE);
+      if (proxy_manager != nullptr) proxy_manager->Release();
+      ExpectRootObject(api);
+      api->Release();
+    });
+  }
 }
 
 // The DISPID of `name` on `object`.

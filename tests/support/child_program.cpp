@@ -70,6 +70,13 @@ std::wstring Wide(const std::string& utf8) {
 std::unique_ptr<ChildProgram> ChildProgram::Start(const std::string& path,
                                                   const std::vector<std::string>& args,
                                                   const std::string& output_path) {
+  return Start(path, args, output_path, output_path);
+}
+
+std::unique_ptr<ChildProgram> ChildProgram::Start(const std::string& path,
+                                                  const std::vector<std::string>& args,
+                                                  const std::string& output_path,
+                                                  const std::string& error_path) {
   std::wstring command = Quote(Wide(path));
   for (const std::string& arg : args)
     command += L" " + Quote(Wide(arg));
@@ -78,17 +85,28 @@ std::unique_ptr<ChildProgram> ChildProgram::Start(const std::string& path,
                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                     &inherit, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (output == INVALID_HANDLE_VALUE) return nullptr;
+  HANDLE error = output;
+  if (error_path != output_path) {
+    error = CreateFileW(Wide(error_path).c_str(), GENERIC_WRITE,
+                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &inherit,
+                        CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (error == INVALID_HANDLE_VALUE) {
+      CloseHandle(output);
+      return nullptr;
+    }
+  }
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   startup.dwFlags = STARTF_USESTDHANDLES;
   startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
   startup.hStdOutput = output;
-  startup.hStdError = output;
+  startup.hStdError = error;
   PROCESS_INFORMATION info{};
   // A process group of its own, so that a Ctrl+Break can be sent to it alone.
   const BOOL started = CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE,
                                       CREATE_NEW_PROCESS_GROUP, nullptr, nullptr, &startup, &info);
   CloseHandle(output);
+  if (error != output) CloseHandle(error);
   if (!started) return nullptr;
   CloseHandle(info.hThread);
   std::unique_ptr<ChildProgram> program(new ChildProgram);

@@ -21,6 +21,13 @@ class ChildProgram {
   static std::unique_ptr<ChildProgram> Start(const std::string& path,
                                              const std::vector<std::string>& args,
                                              const std::string& output_path);
+#ifdef _WIN32
+  // The same with standard error in a file of its own (POSIX tests redirect through the shell).
+  static std::unique_ptr<ChildProgram> Start(const std::string& path,
+                                             const std::vector<std::string>& args,
+                                             const std::string& output_path,
+                                             const std::string& error_path);
+#endif
   // Kills a program that still runs, so that none outlives its test.
   ~ChildProgram();
   ChildProgram(const ChildProgram&) = delete;

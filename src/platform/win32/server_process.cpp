@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <new>
+#include <string>
 
 #include "platform/automation.h"
 #include "platform/wide_string.h"
@@ -152,8 +153,16 @@ std::optional<std::uint32_t> RunningServerProcessId(std::u16string_view user_nam
 }
 
 bool RequestServerStop(std::uint32_t process_id) noexcept {
+  // The event the server made for the purpose (StopOnTermination); a server without one, or a
+  // process of another kind, gets a console Ctrl+C instead.
+  const std::wstring name = L"Local\\vesta-kx-stop-" + std::to_wstring(process_id);
+  if (const HANDLE request = OpenEventW(EVENT_MODIFY_STATE, FALSE, name.c_str())) {
+    const bool set = SetEvent(request) != FALSE;
+    CloseHandle(request);
+    return set;
+  }
   // A console control event reaches only the processes of the caller's console: join the
-  // server's (hidden) console for the moment, ignoring the event ourselves, then go back.
+  // server's console for the moment, ignoring the event ourselves, then go back.
   FreeConsole();
   if (!AttachConsole(process_id)) {
     AttachConsole(ATTACH_PARENT_PROCESS);

@@ -1,0 +1,205 @@
+// One root object and its target objects shared by several threads against a real vesta-kx:
+// the data the calls bring back, the threads' own error objects, a Dispose in the middle of the
+// calls and a server that goes away and comes back. Run under ThreadSanitizer by the check.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "api/live_api.h"
+#include "support/test_environment.h"
+
+namespace qv::apitest {
+namespace {
+
+using servertest::WaitUntil;
+using vekx::Bstr;
+using vekx::ComPtr;
+
+constexpr int kThreads = 4;
+
+// What the threads saw that they should not have: collected under a lock, reported by the test.
+class Faults {
+ public:
+  void Add(std::string fault) {
+    std::lock_guard lock(mutex_);
+    if (faults_.size() < 20) faults_.push_back(std::move(fault));
+  }
+  std::string Text() const {
+    std::lock_guard lock(mutex_);
+    std::string text;
+    for (const std::string& fault : faults_)
+      text += fault + "\n";
+    return text;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> faults_;
+};
+
+std::string Hex(HRESULT hr) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(hr));
+  return text;
+}
+
+// Runs `body(thread index)` on kThreads threads and joins them.
+void OnThreads(const std::function<void(int)>& body) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i)
+    threads.emplace_back(body, i);
+  for (std::thread& thread : threads)
+    thread.join();
+}
+
+using SharedObjectsTest = LiveApiTest;
+
+TEST_F(SharedObjectsTest, CallsFromManyThreadsGetTheirOwnAnswersAndErrorObjects) {
+  ComPtr<ITarget47> shared = Target("kit-one");
+  ComPtr<ITarget47> gone = Target("kit-gone");
+  ASSERT_TRUE(shared && gone);
+  Faults faults;
+  OnThreads([&](int index) {
+    for (int round = 0; round < 25; ++round) {
+      // The shared target's count moves on every thread; a private one comes and goes.
+      shared->AddRef();
+      ComPtr<ITarget> own;
+      const HRESULT added = round % 2 == 0
+                                ? api_->AddTarget(Bstr::FromUtf8("kit-one").Get(), own.Put())
+                                : api_->get_DefaultTarget(own.Put());
+      if (added != S_OK) faults.Add("thread " + std::to_string(index) + ": target " + Hex(added));
+      ePowerStatus power{};
+      if (HRESULT hr = shared->get_PowerStatus(&power); hr != S_OK || power != POWER_STATUS_ON) {
+        faults.Add("PowerStatus " + Hex(hr));
+      }
+      eConnectionState state{};
+      if (HRESULT hr = shared->get_ConnectionState(&state);
+          hr != S_OK || state != CONNECTION_AVAILABLE) {
+        faults.Add("ConnectionState " + Hex(hr));
+      }
+      Bstr name;
+      if (own) {
+        if (HRESULT hr = own->get_Name(name.Put()); hr != S_OK || name.Utf8() != "One") {
+          faults.Add("Name " + Hex(hr) + " '" + name.Utf8() + "'");
+        }
+      }
+      shared->Release();
+      // A failure of this thread's own leaves this thread's text, whatever the others do.
+      if (index % 2 == 0) {
+        if (gone->get_Name(name.Put()) != KXAPI_COMMS_ERR_NO_CONNECT ||
+            TakeErrorText().find("'kit-gone'") == std::string::npos) {
+          faults.Add("kit-gone's failure without its text");
+        }
+      } else if (std::string text = TakeErrorText(); !text.empty()) {
+        faults.Add("an error object on a thread with no failure: " + text);
+      }
+    }
+  });
+  EXPECT_EQ(faults.Text(), "");
+}
+
+TEST_F(SharedObjectsTest, EveryCallAfterADisposeOnAnotherThreadIsRefused) {
+  ComPtr<ITarget47> shared = Target("kit-one");
+  ASSERT_TRUE(shared);
+  std::atomic<bool> disposed{false};
+  std::atomic<int> calls_before{0};
+  Faults faults;
+  std::thread disposer([&] {
+    WaitUntil([&] { return calls_before.load() >= kThreads * 5; });
+    EXPECT_EQ(api_->Dispose(), S_OK);
+    disposed.store(true);
+  });
+  OnThreads([&](int index) {
+    for (int after = 0; after < 20;) {
+      const bool was_disposed = disposed.load();
+      ComPtr<ITarget> own;
+      ePowerStatus power{};
+      Bstr name;
+      ULONG v[4] = {};
+      const HRESULT results[] = {
+          shared->get_PowerStatus(&power),
+          shared->get_Name(name.Put()),
+          api_->AddTarget(Bstr::FromUtf8("kit-two").Get(), own.Put()),
+          api_->ServerVersion(&v[0], &v[1], &v[2], &v[3]),
+      };
+      for (HRESULT hr : results) {
+        // A call that overlaps the Dispose may fail either way, but one that starts after it
+        // must not reach the server.
+        if (was_disposed && hr != E_UNEXPECTED) {
+          faults.Add("thread " + std::to_string(index) + ": " + Hex(hr) + " after Dispose");
+        }
+      }
+      if (was_disposed) {
+        ++after;
+      } else {
+        ++calls_before;
+      }
+    }
+    ULONG handle = 0;
+    if (shared->get_Handle(&handle) != S_OK || handle == 0) faults.Add("no handle after Dispose");
+  });
+  disposer.join();
+  EXPECT_EQ(faults.Text(), "");
+}
+
+TEST_F(SharedObjectsTest, CallsAfterTheServerCameBackReconnect) {
+  ComPtr<ITarget47> shared = Target("kit-one");
+  ASSERT_TRUE(shared);
+  // No vesta-kx along PATH: between the two servers the library has none to start.
+  testing::TempDir empty;
+  testing::ScopedVariable path("PATH", empty.path().string());
+  std::atomic<int> phase{0};  // 0: first server, 1: stopping or none, 2: the second server
+  std::atomic<int> calls_first{0};
+  std::atomic<int> failed_between{0};
+  std::atomic<int> threads_back{0};
+  Faults faults;
+  std::thread restarter([&] {
+    WaitUntil([&] { return calls_first.load() >= kThreads * 5; });
+    phase.store(1);
+    StopServer();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    server_ = std::make_unique<servertest::ServerProcess>(
+        user_, std::vector<std::string>{"--scenario", servertest::WriteScenario(Scenario())});
+    if (!server_->Started() || !server_->WaitReady()) faults.Add("no second server");
+    phase.store(2);
+  });
+  OnThreads([&](int index) {
+    // Calls fail while no server serves; once the second one does, each thread gets through
+    // again on the same objects.
+    const bool back = WaitUntil(
+        [&] {
+          const int seen = phase.load();
+          ePowerStatus power{};
+          const HRESULT hr = shared->get_PowerStatus(&power);
+          if (seen == 0) {
+            ++calls_first;
+            // Unless the stop began during this call, the first server answered it.
+            if (hr != S_OK && phase.load() == 0) faults.Add("first server: " + Hex(hr));
+          }
+          if (seen == 1 && hr != S_OK) ++failed_between;
+          if (hr == S_OK && power != POWER_STATUS_ON) faults.Add("power " + std::to_string(power));
+          return seen == 2 && hr == S_OK;
+        },
+        30000);
+    if (!back) faults.Add("thread " + std::to_string(index) + " never reconnected");
+    Bstr name;
+    if (HRESULT hr = shared->get_Name(name.Put()); hr != S_OK || name.Utf8() != "One") {
+      faults.Add("Name after the restart " + Hex(hr));
+    }
+    ++threads_back;
+  });
+  restarter.join();
+  EXPECT_EQ(threads_back.load(), kThreads);
+  EXPECT_GT(failed_between.load(), 0);  // the stop was seen
+  EXPECT_EQ(faults.Text(), "");
+}
+
+}  // namespace
+}  // namespace qv::apitest
