@@ -4,6 +4,7 @@
 // one-dimensional safe arrays.
 
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 
 #include "platform/automation.h"
@@ -16,7 +17,15 @@ template <class Field, class Out>
 requires(std::is_arithmetic_v<Field> && !std::is_same_v<Field, bool>) HRESULT
     PutPropertyValue(Field value, Out* out)
 noexcept {
-  *out = static_cast<Out>(value);
+  if constexpr (std::is_enum_v<Out>) {
+    // The server may send a value the enumeration does not name; converting it to the enum type
+    // would be undefined, so its 32 bits are stored as they came.
+    static_assert(sizeof(Out) == sizeof(uint32_t));
+    const auto bits = static_cast<uint32_t>(value);
+    std::memcpy(out, &bits, sizeof bits);
+  } else {
+    *out = static_cast<Out>(value);
+  }
   return S_OK;
 }
 

@@ -427,7 +427,6 @@ TEST_F(EventDeliveryTest, ConsoleInputIsCutAtTheFirstNullAndNeverEmpty) {
       const auto sent = Requests(type);
       ASSERT_EQ(sent.size(), before + (c.sent ? 1 : 0));
       if (!c.sent) continue;
-      const auto& request = static_cast<const CSendConsoleInputRequest&>(*sent.back().request);
       if (echo) {
         const auto& echoed =
             static_cast<const CSendConsoleInputWithEchoRequest&>(*sent.back().request);
@@ -436,6 +435,7 @@ TEST_F(EventDeliveryTest, ConsoleInputIsCutAtTheFirstNullAndNeverEmpty) {
         EXPECT_EQ(echoed.Port, 3u);
         EXPECT_EQ(echoed.Category, 1u);
       } else {
+        const auto& request = static_cast<const CSendConsoleInputRequest&>(*sent.back().request);
         EXPECT_EQ(request.Text, c.sent);
         EXPECT_EQ(request.ProcessId, 0xFFFFFFFFu);
         EXPECT_EQ(request.Port, 3u);

@@ -69,10 +69,18 @@ std::string Text(Out& value) {
 template <class Event, class Out>
 std::string ReadValue(Event* event, HRESULT (STDMETHODCALLTYPE Event::*get)(Out*)) {
   if ((event->*get)(nullptr) != E_POINTER) return "no E_POINTER";
-  Out value{};
-  const HRESULT hr = (event->*get)(&value);
-  if (FAILED(hr)) return "failed " + std::to_string(static_cast<uint32_t>(hr));
-  return Text(value);
+  if constexpr (std::is_enum_v<Out>) {
+    // Read through 32-bit storage: the values sent are not all named by the enumeration.
+    uint32_t bits = 0;
+    const HRESULT hr = (event->*get)(reinterpret_cast<Out*>(&bits));
+    if (FAILED(hr)) return "failed " + std::to_string(static_cast<uint32_t>(hr));
+    return std::to_string(bits);
+  } else {
+    Out value{};
+    const HRESULT hr = (event->*get)(&value);
+    if (FAILED(hr)) return "failed " + std::to_string(static_cast<uint32_t>(hr));
+    return Text(value);
+  }
 }
 
 template <class Event, class Out>
