@@ -101,6 +101,26 @@ bool PingPongFloor::RoundTrip(size_t pair) {
          raw::RecvAll(fds_[pair], responses_[pair].data(), responses_[pair].size());
 }
 
+const uint8_t* StagedReader::Take(size_t size) {
+  if (size > staging_.size()) return nullptr;
+  if (end_ - begin_ < size) {
+    // Move what is left to the front, then read until the message is whole.
+    std::copy(staging_.begin() + static_cast<ptrdiff_t>(begin_),
+              staging_.begin() + static_cast<ptrdiff_t>(end_), staging_.begin());
+    end_ -= begin_;
+    begin_ = 0;
+    while (end_ < size) {
+      const ssize_t n = recv(fd_, staging_.data() + end_, staging_.size() - end_, 0);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return nullptr;
+      end_ += static_cast<size_t>(n);
+    }
+  }
+  const uint8_t* message = staging_.data() + begin_;
+  begin_ += size;
+  return message;
+}
+
 WindowedStreamFloor::~WindowedStreamFloor() {
   Finish();
 }
@@ -115,8 +135,8 @@ bool WindowedStreamFloor::Start(size_t writers, size_t frames, size_t window, si
   in_flight_ = 0;
   broken_ = false;
   frame_.assign(frame_bytes, 0xA5);
-  received_.assign(frame_bytes, 0);
   ack_.assign(ack_bytes, 0x5A);
+  frames_in_ = std::make_unique<StagedReader>(reader_fd_);
   threads_.emplace_back(&WindowedStreamFloor::TakeAcknowledgements, this, frames);
   for (size_t i = 0; i < writers; ++i) {
     // The first writers take the remainder.
@@ -127,7 +147,7 @@ bool WindowedStreamFloor::Start(size_t writers, size_t frames, size_t window, si
 }
 
 bool WindowedStreamFloor::ReceiveOne() {
-  return raw::RecvAll(reader_fd_, received_.data(), received_.size()) &&
+  return frames_in_->Take(frame_.size()) != nullptr &&
          raw::SendAll(reader_fd_, ack_.data(), ack_.size());
 }
 
@@ -164,9 +184,9 @@ void WindowedStreamFloor::Write(size_t frames) {
 }
 
 void WindowedStreamFloor::TakeAcknowledgements(size_t frames) {
-  std::vector<uint8_t> ack(ack_.size());
+  StagedReader acks(writer_fd_);
   for (size_t i = 0; i < frames; ++i) {
-    const bool ok = raw::RecvAll(writer_fd_, ack.data(), ack.size());
+    const bool ok = acks.Take(ack_.size()) != nullptr;
     {
       std::lock_guard lock(window_mutex_);
       if (ok) {
