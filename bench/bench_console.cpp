@@ -243,7 +243,10 @@ class ConsoleRun {
     targets_.clear();
     if (api_.Get() != nullptr) api_->Dispose();
     api_.Reset();
-    if (!g_server.Stop()) g_server.PrintOutput();
+    if (!g_server.Stop()) {
+      g_failed = true;
+      g_server.PrintOutput();
+    }
   }
   bool ok() const { return ok_; }
 
