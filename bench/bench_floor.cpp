@@ -101,6 +101,110 @@ bool PingPongFloor::RoundTrip(size_t pair) {
          raw::RecvAll(fds_[pair], responses_[pair].data(), responses_[pair].size());
 }
 
+const uint8_t* StagedReader::Take(size_t size) {
+  if (size > staging_.size()) return nullptr;
+  if (end_ - begin_ < size) {
+    // Move what is left to the front, then read until the message is whole.
+    std::copy(staging_.begin() + static_cast<ptrdiff_t>(begin_),
+              staging_.begin() + static_cast<ptrdiff_t>(end_), staging_.begin());
+    end_ -= begin_;
+    begin_ = 0;
+    while (end_ < size) {
+      const ssize_t n = recv(fd_, staging_.data() + end_, staging_.size() - end_, 0);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return nullptr;
+      end_ += static_cast<size_t>(n);
+    }
+  }
+  const uint8_t* message = staging_.data() + begin_;
+  begin_ += size;
+  return message;
+}
+
+WindowedStreamFloor::~WindowedStreamFloor() {
+  Finish();
+}
+
+bool WindowedStreamFloor::Start(size_t writers, size_t frames, size_t window, size_t frame_bytes,
+                                size_t ack_bytes) {
+  int fds[2];
+  if (!raw::SocketPair(fds)) return false;
+  writer_fd_ = fds[0];
+  reader_fd_ = fds[1];
+  window_ = window;
+  in_flight_ = 0;
+  broken_ = false;
+  frame_.assign(frame_bytes, 0xA5);
+  ack_.assign(ack_bytes, 0x5A);
+  frames_in_ = std::make_unique<StagedReader>(reader_fd_);
+  threads_.emplace_back(&WindowedStreamFloor::TakeAcknowledgements, this, frames);
+  for (size_t i = 0; i < writers; ++i) {
+    // The first writers take the remainder.
+    threads_.emplace_back(&WindowedStreamFloor::Write, this,
+                          frames / writers + (i < frames % writers ? 1 : 0));
+  }
+  return true;
+}
+
+bool WindowedStreamFloor::ReceiveOne() {
+  return frames_in_->Take(frame_.size()) != nullptr &&
+         raw::SendAll(reader_fd_, ack_.data(), ack_.size());
+}
+
+void WindowedStreamFloor::Finish() {
+  // Shutting the socket down wakes every thread still blocked on it; the descriptors are closed
+  // only once nobody uses them.
+  if (writer_fd_ >= 0) shutdown(writer_fd_, SHUT_RDWR);
+  if (reader_fd_ >= 0) shutdown(reader_fd_, SHUT_RDWR);
+  {
+    std::lock_guard lock(window_mutex_);
+    broken_ = true;
+  }
+  window_open_.notify_all();
+  for (std::thread& thread : threads_)
+    thread.join();
+  threads_.clear();
+  for (int* fd : {&writer_fd_, &reader_fd_}) {
+    if (*fd >= 0) raw::Close(*fd);
+    *fd = -1;
+  }
+}
+
+void WindowedStreamFloor::Write(size_t frames) {
+  for (size_t i = 0; i < frames; ++i) {
+    {
+      std::unique_lock lock(window_mutex_);
+      window_open_.wait(lock, [this] { return broken_ || in_flight_ < window_; });
+      if (broken_) return;
+      ++in_flight_;
+    }
+    std::lock_guard lock(send_mutex_);
+    if (!raw::SendAll(writer_fd_, frame_.data(), frame_.size())) return;
+  }
+}
+
+void WindowedStreamFloor::TakeAcknowledgements(size_t frames) {
+  StagedReader acks(writer_fd_);
+  for (size_t i = 0; i < frames; ++i) {
+    const bool ok = acks.Take(ack_.size()) != nullptr;
+    {
+      std::lock_guard lock(window_mutex_);
+      if (ok) {
+        --in_flight_;
+      } else {
+        broken_ = true;
+      }
+    }
+    // One frame's room for one writer; a broken socket ends them all.
+    if (ok) {
+      window_open_.notify_one();
+    } else {
+      window_open_.notify_all();
+      return;
+    }
+  }
+}
+
 double Microseconds(Clock::duration d) {
   return std::chrono::duration<double, std::micro>(d).count();
 }

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -15,6 +16,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 namespace qv::bench {
@@ -68,6 +70,58 @@ class PingPongFloor {
   pid_t child_ = -1;
   std::vector<uint8_t> request_;
   std::vector<std::vector<uint8_t>> responses_;  // one per pair: threads read at once
+};
+
+// Reads a stream of fixed-size messages through a buffer, taking in whatever has arrived with
+// each read (up to 64 KiB), as the link's reads do.
+class StagedReader {
+ public:
+  explicit StagedReader(int fd) : fd_(fd), staging_(64 * 1024) {}
+  // The next `size` bytes (at most the buffer's size), or nullptr when the socket failed.
+  const uint8_t* Take(size_t size);
+
+ private:
+  int fd_;
+  std::vector<uint8_t> staging_;
+  size_t begin_ = 0;
+  size_t end_ = 0;
+};
+
+// One-way frames over one socket pair, each acknowledged by the reader, with at most `window`
+// frames unacknowledged: the floor for a stream the server paces on acknowledgements. Writer
+// threads share the socket and the window (a frame is written whole, under a lock) and a thread
+// of their own takes in the acknowledgements; the caller reads and acknowledges. Both readers
+// read ahead through a StagedReader, so a read may take in several frames.
+class WindowedStreamFloor {
+ public:
+  WindowedStreamFloor() = default;
+  ~WindowedStreamFloor();
+  WindowedStreamFloor(const WindowedStreamFloor&) = delete;
+  WindowedStreamFloor& operator=(const WindowedStreamFloor&) = delete;
+
+  // Starts `writers` threads that write `frames` frames of `frame_bytes` among them. False when
+  // the socket pair cannot be made.
+  bool Start(size_t writers, size_t frames, size_t window, size_t frame_bytes, size_t ack_bytes);
+  // Reads one frame and acknowledges it; false when the socket failed.
+  bool ReceiveOne();
+  // Closes the socket and joins the threads.
+  void Finish();
+
+ private:
+  void Write(size_t frames);
+  void TakeAcknowledgements(size_t frames);
+
+  int writer_fd_ = -1;
+  int reader_fd_ = -1;
+  size_t window_ = 0;
+  std::vector<uint8_t> frame_, ack_;
+  std::unique_ptr<StagedReader> frames_in_;
+  std::mutex send_mutex_;  // a frame at a time on writer_fd_
+  std::mutex window_mutex_;
+  std::condition_variable window_open_;
+  size_t in_flight_ = 0;  // guarded by window_mutex_
+  bool broken_ = false;   // guarded by window_mutex_
+  std::vector<std::thread> threads_;
 };
 
 // --- Latency

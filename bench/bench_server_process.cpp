@@ -11,6 +11,7 @@
 #include "platform/server_process.h"
 #include "platform/wide_string.h"
 #include "requests/catalogue.h"
+#include "requests/notifications.h"
 #include "serverlink/frame.h"
 #include "serverlink/wire_fields.h"
 
@@ -73,6 +74,18 @@ std::pair<size_t, size_t> PowerStatusFrameSizes() {
   WriteField(response, CPowerStatusResponse::kTypeNumber);
   CPowerStatusResponse().Serialize(response);
   return {kFrameHeaderBytes + request.Size(), kFrameHeaderBytes + response.Size()};
+}
+
+std::pair<size_t, size_t> ConsoleOutputFrameSizes(size_t text_length) {
+  CConsoleOutputNotification output;
+  output.Text.assign(text_length, u'x');
+  MessageBuffer notification, ack;
+  WriteField(notification, static_cast<uint32_t>(IncomingKind::kNotification));
+  WriteField(notification, CConsoleOutputNotification::kTypeNumber);
+  output.Serialize(notification);
+  WriteRequestHeader(ack, CAckConsoleOutputRequest::kTypeNumber, 1, 1);
+  CAckConsoleOutputRequest().Serialize(ack);
+  return {kFrameHeaderBytes + notification.Size(), kFrameHeaderBytes + ack.Size()};
 }
 
 }  // namespace qv::bench

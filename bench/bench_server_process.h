@@ -41,4 +41,9 @@ class BenchServer {
 // the benchmarks' small requests.
 std::pair<size_t, size_t> PowerStatusFrameSizes();
 
+// The sizes of a CONSOLE_OUTPUT notification frame carrying `text_length` characters and of the
+// ACK_CONSOLE_OUTPUT request frame that acknowledges it, so that a floor streams what the server
+// and the library exchange for each piece of console output.
+std::pair<size_t, size_t> ConsoleOutputFrameSizes(size_t text_length);
+
 }  // namespace qv::bench

@@ -31,6 +31,8 @@ struct ScriptStep {
   uint32_t type_number = 0;
   std::vector<uint8_t> body;
   bool target_key_given = false;
+  // A text field holds '{': the placeholders are expanded each time the step is sent.
+  bool has_placeholders = false;
   uint32_t after_ms = 0;  // from the previous step (or the trigger), and between repeats
   uint32_t repeat = 1;    // how many times it is sent
 

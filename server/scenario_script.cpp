@@ -5,8 +5,10 @@
 #include "server/scenario_script.h"
 
 #include <array>
+#include <chrono>
 #include <limits>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <type_traits>
 
@@ -161,37 +163,78 @@ void ReadValue(const DocNode& node, const std::string& name, T& value) {
 struct ScriptedKind {
   std::string_view wire_name;
   uint32_t type_number;
-  // Encodes the step's fields; sets `target_key_given` when they name TargetKey.
-  Bytes (*encode)(const DocNode* fields, bool& target_key_given);
-  std::shared_ptr<CNotification> (*make)(const ScriptStep& step, uint32_t target_key);
+  // Encodes the step's fields into its body; sets `target_key_given` when they name TargetKey and
+  // `has_placeholders` when a text field holds '{'.
+  void (*encode)(const DocNode* fields, ScriptStep& step);
+  std::shared_ptr<CNotification> (*make)(const ScriptStep& step, uint32_t target_key,
+                                         uint32_t repetition);
 };
 
 template <class Notification>
-Bytes EncodeFields(const DocNode* fields, bool& target_key_given) {
+void EncodeFields(const DocNode* fields, ScriptStep& step) {
   Notification notification;
   if (fields != nullptr && fields->kind != Kind::kNull) {
     ReadFields(*fields, platform::Utf16ToUtf8(std::u16string(Notification::kName)), notification);
-    target_key_given = Find(*fields, kTargetKey) != nullptr;
+    step.target_key_given = Find(*fields, kTargetKey) != nullptr;
   }
+  Notification::VisitFields(notification, [&](const char*, auto& field) {
+    if constexpr (std::is_same_v<std::decay_t<decltype(field)>, std::u16string>) {
+      if (field.find(u'{') != std::u16string::npos) step.has_placeholders = true;
+    }
+  });
   MessageBuffer buffer;
   if (!notification.Serialize(buffer)) {
     throw DocumentError{fields != nullptr ? fields->line : 1, "the fields do not fit in a message"};
   }
-  return Bytes(buffer.Data(), buffer.Data() + buffer.Size());
+  step.body.assign(buffer.Data(), buffer.Data() + buffer.Size());
+}
+
+// Replaces every `{time_ns}` and `{n}` of `text`; any other '{' stays as it is.
+void ExpandPlaceholders(std::u16string& text, uint64_t time_ns, uint32_t repetition) {
+  static constexpr std::u16string_view kTime = u"{time_ns}";
+  static constexpr std::u16string_view kRepetition = u"{n}";
+  std::u16string expanded;
+  size_t from = 0;
+  for (size_t at = text.find(u'{'); at != std::u16string::npos; at = text.find(u'{', at)) {
+    const std::u16string_view rest = std::u16string_view(text).substr(at);
+    const size_t length = rest.starts_with(kTime)         ? kTime.size()
+                          : rest.starts_with(kRepetition) ? kRepetition.size()
+                                                          : 0;
+    if (length == 0) {
+      ++at;
+      continue;
+    }
+    expanded.append(text, from, at - from);
+    expanded +=
+        platform::Utf8ToUtf16(std::to_string(length == kTime.size() ? time_ns : repetition));
+    at += length;
+    from = at;
+  }
+  if (from == 0) return;
+  expanded.append(text, from);
+  text = std::move(expanded);
 }
 
 template <class Notification>
-std::shared_ptr<CNotification> Make(const ScriptStep& step, uint32_t target_key) {
+std::shared_ptr<CNotification> Make(const ScriptStep& step, uint32_t target_key,
+                                    uint32_t repetition) {
   auto notification = std::make_shared<Notification>();
   MessageBuffer buffer(step.body.data(), step.body.size());
   if (!notification->Deserialize(buffer)) return nullptr;
-  if (!step.target_key_given) {
-    Notification::VisitFields(*notification, [&](const char* label, auto& field) {
-      if constexpr (std::is_same_v<std::decay_t<decltype(field)>, uint32_t>) {
-        if (FieldName(label) == kTargetKey) field = target_key;
-      }
-    });
-  }
+  const uint64_t now_ns =
+      step.has_placeholders
+          ? static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                      std::chrono::steady_clock::now().time_since_epoch())
+                                      .count())
+          : 0;
+  Notification::VisitFields(*notification, [&](const char* label, auto& field) {
+    using Field = std::decay_t<decltype(field)>;
+    if constexpr (std::is_same_v<Field, uint32_t>) {
+      if (!step.target_key_given && FieldName(label) == kTargetKey) field = target_key;
+    } else if constexpr (std::is_same_v<Field, std::u16string>) {
+      if (step.has_placeholders) ExpandPlaceholders(field, now_ns, repetition);
+    }
+  });
   return notification;
 }
 
@@ -237,7 +280,7 @@ ScriptStep ReadStep(const DocNode& node) {
   }
   ScriptStep step;
   step.type_number = kind->type_number;
-  step.body = kind->encode(Find(node, "fields"), step.target_key_given);
+  kind->encode(Find(node, "fields"), step);
   if (const DocNode* value = Find(node, "after_ms"))
     step.after_ms = Milliseconds(*value, "after_ms");
   if (const DocNode* value = Find(node, "repeat")) step.repeat = Count(*value, "repeat");
@@ -276,9 +319,10 @@ std::vector<KitScript> ReadScripts(const DocNode& node) {
   return scripts;
 }
 
-std::shared_ptr<CNotification> ScriptedNotification(const ScriptStep& step, uint32_t target_key) {
+std::shared_ptr<CNotification> ScriptedNotification(const ScriptStep& step, uint32_t target_key,
+                                                    uint32_t repetition) {
   const ScriptedKind* kind = FindKind(step.type_number);
-  return kind != nullptr ? kind->make(step, target_key) : nullptr;
+  return kind != nullptr ? kind->make(step, target_key, repetition) : nullptr;
 }
 
 }  // namespace qv::server

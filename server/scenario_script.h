@@ -9,8 +9,11 @@
 
 namespace qv::server {
 
-// The step's notification, with TargetKey set to `target_key` unless the script gave it; null
-// when the body does not decode (it was encoded from the same class, so that is our bug).
-std::shared_ptr<CNotification> ScriptedNotification(const ScriptStep& step, uint32_t target_key);
+// The step's notification, with TargetKey set to `target_key` unless the script gave it, and the
+// placeholders of its text fields expanded: `{time_ns}` to the server's steady clock in
+// nanoseconds now, `{n}` to `repetition` (0 for the step's first sending). Null when the body does
+// not decode (it was encoded from the same class, so that is our bug).
+std::shared_ptr<CNotification> ScriptedNotification(const ScriptStep& step, uint32_t target_key,
+                                                    uint32_t repetition = 0);
 
 }  // namespace qv::server

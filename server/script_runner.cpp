@@ -53,6 +53,7 @@ void ScriptRunner::Loop() {
     }
     const std::u16string host = next->host;
     const ScriptStep& step = next->script->steps[next->step];
+    const uint32_t repetition = next->sent;
     // Move on before sending, so that the entry is consistent whatever Start does meanwhile.
     if (++next->sent == step.repeat) {
       next->sent = 0;
@@ -65,7 +66,7 @@ void ScriptRunner::Loop() {
     }
     lock.unlock();
     try {
-      send_(host, step);
+      send_(host, step, repetition);
     } catch (const std::exception&) {
       // Only memory running out gets here: that step is lost, the script goes on.
     }

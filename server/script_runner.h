@@ -20,8 +20,10 @@ namespace qv::server {
 
 class ScriptRunner {
  public:
-  // Sends one step of the script of the kit with host name `host`.
-  using Send = std::function<void(const std::u16string& host, const ScriptStep& step)>;
+  // Sends one step of the script of the kit with host name `host`; `repetition` counts the step's
+  // sendings from 0.
+  using Send =
+      std::function<void(const std::u16string& host, const ScriptStep& step, uint32_t repetition)>;
 
   explicit ScriptRunner(Send send);
   ~ScriptRunner();

@@ -168,7 +168,8 @@ void TargetRegistry::StartScriptsOnSubscription(EventGroup group, uint32_t key) 
   }
 }
 
-void TargetRegistry::SendScripted(const std::u16string& host, const ScriptStep& step) {
+void TargetRegistry::SendScripted(const std::u16string& host, const ScriptStep& step,
+                                  uint32_t repetition) {
   std::lock_guard lock(mutex_);
   if (shutting_down_) return;
   const auto route = FindNotificationRoute(step.type_number);
@@ -185,7 +186,7 @@ void TargetRegistry::SendScripted(const std::u16string& host, const ScriptStep& 
   if (target == nullptr && route->group != EventGroup::Server) return;
   const uint32_t target_key =
       target != nullptr && route->group != EventGroup::Server ? target->handle : kNoTarget;
-  const auto notification = ScriptedNotification(step, target_key);
+  const auto notification = ScriptedNotification(step, target_key, repetition);
   if (notification == nullptr) return;
   if (step.type_number == CConsoleOutputNotification::kTypeNumber && target != nullptr) {
     EmitConsoleOutput(*target, static_cast<const CConsoleOutputNotification&>(*notification));

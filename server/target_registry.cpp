@@ -88,8 +88,8 @@ std::u16string AddressText(uint32_t address) {
 TargetRegistry::TargetRegistry(const Scenario& scenario, NotificationObserver observer)
     : scenario_(scenario),
       observer_(std::move(observer)),
-      scripts_([this](const std::u16string& host, const ScriptStep& step) {
-        SendScripted(host, step);
+      scripts_([this](const std::u16string& host, const ScriptStep& step, uint32_t repetition) {
+        SendScripted(host, step, repetition);
       }) {
   std::lock_guard lock(mutex_);
   for (const Kit& kit : scenario_.kits) {

@@ -2,9 +2,11 @@
 // mistakes refused with their line, by both readers.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
+#include "platform/wide_string.h"
 #include "server/scenario.h"
 #include "server/scenario_document.h"
 #include "server/scenario_script.h"
@@ -92,6 +94,40 @@ TEST(ScenarioScriptTest, EveryFieldTypeIsWrittenAsDocumented) {
     const auto error = ScriptedNotification(scripts[1].steps[1], 42);
     EXPECT_EQ(dynamic_cast<const CSaveDataErrorNotification&>(*error).Result, 0x80004005u);
   }
+}
+
+// {time_ns} is the steady clock when the step is sent, {n} the repetition; other braces stay.
+TEST(ScenarioScriptTest, TextPlaceholdersAreExpandedWhenSent) {
+  const ScenarioResult result = ParseScenario(R"(kits:
+  - host: a
+    scripts:
+      - steps:
+          - notification: CONSOLE_OUTPUT
+            fields: {Text: "{n}:{time_ns} {x} {n"}
+)",
+                                              "s.yaml");
+  ASSERT_TRUE(result.scenario.has_value()) << result.error;
+  const ScriptStep& step = result.scenario->kits[0].scripts[0].steps[0];
+  const auto now_ns = [] {
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                     std::chrono::steady_clock::now().time_since_epoch())
+                                     .count());
+  };
+  const uint64_t before = now_ns();
+  const auto sent = ScriptedNotification(step, 1, 7);
+  const uint64_t after = now_ns();
+  const std::string text =
+      platform::Utf16ToUtf8(dynamic_cast<const CConsoleOutputNotification&>(*sent).Text);
+  ASSERT_EQ(text.rfind("7:", 0), 0u) << text;
+  size_t end = 0;
+  const uint64_t time_ns = std::stoull(text.substr(2), &end);
+  EXPECT_GE(time_ns, before);
+  EXPECT_LE(time_ns, after);
+  EXPECT_EQ(text.substr(2 + end), " {x} {n");
+  // The body kept the placeholders: the next sending expands them afresh.
+  EXPECT_EQ(dynamic_cast<const CConsoleOutputNotification&>(*ScriptedNotification(step, 1, 8))
+                .Text.substr(0, 2),
+            u"8:");
 }
 
 TEST(ScenarioScriptTest, RefusesMistakesWithTheirLine) {

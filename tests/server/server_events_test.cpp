@@ -19,7 +19,7 @@ constexpr char kEventsScenario[] = R"(kits:
           - notification: CONSOLE_OUTPUT
             after_ms: 5
             repeat: 3
-            fields: {Port: 2, Category: 1, ThreadId: 9, Text: "hello\n"}
+            fields: {Port: 2, Category: 1, ThreadId: 9, Text: "hello {n}\n"}
       - steps:
           - notification: USB_TARGET_PLUGGED_IN
             fields: {Flags: 1, Address: 0x0A000001}
@@ -94,17 +94,18 @@ TEST_F(EventsTest, ScriptedNotificationsReachTheirSubscribersOnly) {
   SubscribeConsole(b_, HandleOf(u"kit-two"));
   const auto pieces = a_.WaitNotifications(3);
   ASSERT_EQ(a_.NotificationNames(), (std::vector<std::string>(3, "CONSOLE_OUTPUT")));
-  for (const auto& piece : pieces) {
-    const auto* output = As<CConsoleOutputNotification>(piece);
+  for (size_t i = 0; i < pieces.size(); ++i) {
+    const auto* output = As<CConsoleOutputNotification>(pieces[i]);
     EXPECT_EQ(output->TargetKey, one);
     EXPECT_EQ(output->Port, 2u);
     EXPECT_EQ(output->Category, 1u);
     EXPECT_EQ(output->ThreadId, 9u);
-    EXPECT_EQ(output->Text, u"hello\n");
+    // {n} counts the step's repetitions.
+    EXPECT_EQ(output->Text, u"hello " + platform::Utf8ToUtf16(std::to_string(i)) + u"\n");
   }
   const ConsoleCacheRecordList cached = FetchAll(b_, one);
   ASSERT_EQ(cached.size(), 3u);
-  EXPECT_EQ(cached[2].Text, u"hello\n");
+  EXPECT_EQ(cached[2].Text, u"hello 2\n");
   EXPECT_EQ(cached[2].Port, 2u);
 
   // The USB script waits for the Server group: the whole server's key.
