@@ -82,8 +82,9 @@ class EventPrinter {
   }
 
  private:
-  std::mutex mutex_;  // guards out_: sinks of several groups print from one thread, but the
-                      // library promises no thread
+  // Guards out_: sinks print from the library's notification thread, and nothing here
+  // depends on there being only one.
+  std::mutex mutex_;
   std::ostream& out_;
   const bool json_;
 };
