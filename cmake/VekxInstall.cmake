@@ -29,9 +29,9 @@ if(TARGET vesta-ctrl)
   install(TARGETS vesta-ctrl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
-file(GLOB VEKX_PUBLIC_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/vekxapi/*.h)
-install(FILES ${VEKX_PUBLIC_HEADERS} ${PROJECT_SOURCE_DIR}/include/vekxapi/result_codes.def
-              ${VEKX_INTERFACE_HEADER}
+file(GLOB VEKX_PUBLIC_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/vekxapi/*.h
+                                               ${PROJECT_SOURCE_DIR}/include/vekxapi/*.def)
+install(FILES ${VEKX_PUBLIC_HEADERS} ${VEKX_INTERFACE_HEADER}
         DESTINATION ${VEKX_INSTALL_HEADERS})
 install(FILES ${PROJECT_SOURCE_DIR}/src/platform/automation.h
               ${PROJECT_SOURCE_DIR}/src/platform/wide_string.h

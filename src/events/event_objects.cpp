@@ -70,7 +70,7 @@ class EventObject : public AutomationObject<Derived, Interface> {
 #define VEKX_EVENT_END(Camel) \
   }                           \
   ;
-#include "events/event_properties.def"
+#include "vekxapi/event_properties.def"
 
 }  // namespace
 
@@ -83,6 +83,6 @@ class EventObject : public AutomationObject<Derived, Interface> {
 #define VEKX_EVENT_VALUE(Camel, Property)
 #define VEKX_EVENT_OBJECT(Camel, Property)
 #define VEKX_EVENT_END(Camel)
-#include "events/event_properties.def"
+#include "vekxapi/event_properties.def"
 
 }  // namespace qv

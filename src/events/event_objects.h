@@ -20,6 +20,6 @@ namespace qv {
 #define VEKX_EVENT_VALUE(Camel, Property)
 #define VEKX_EVENT_OBJECT(Camel, Property)
 #define VEKX_EVENT_END(Camel)
-#include "events/event_properties.def"
+#include "vekxapi/event_properties.def"
 
 }  // namespace qv

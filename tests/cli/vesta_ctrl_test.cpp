@@ -6,10 +6,12 @@
 #include <sys/wait.h>
 #endif
 
+#include <chrono>
 #include <cstdlib>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -30,7 +32,6 @@ struct CtrlRun {
   std::string err;
 };
 
-#ifdef _WIN32
 // The tool writes text, which Windows ends with CR LF; compared as LF.
 std::string Lines(std::string text) {
   for (size_t at = text.find("\r\n"); at != std::string::npos; at = text.find("\r\n", at))
@@ -38,6 +39,7 @@ std::string Lines(std::string text) {
   return text;
 }
 
+#ifdef _WIN32
 CtrlRun Ctrl(const std::vector<std::string>& args) {
   const auto out = TestRoot() / "ctrl.out";
   const auto err = TestRoot() / "ctrl.err";
@@ -78,6 +80,26 @@ CtrlRun Ctrl(const std::vector<std::string>& args) {
   return run;
 }
 #endif
+
+// Runs vesta-ctrl until its output (standard output and error) holds `until`, then stops it as
+// Ctrl+C would, expecting a clean exit, where the test can (not under Wine, which gives the test
+// no console to share); returns the output.
+std::string RunUntil(const std::vector<std::string>& args, const std::string& until) {
+  const auto path = TestRoot() / "ctrl-watch.out";
+  const auto program = qv::testing::ChildProgram::Start(VEKX_CTRL_EXECUTABLE, args, path.string());
+  if (program == nullptr) return "(not started)";
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (Lines(ReadText(path)).find(until) == std::string::npos &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  if (program->RequestStop()) {
+    EXPECT_EQ(program->Wait(10000), std::optional<int>(0));
+  } else {
+    program->Kill();
+  }
+  return Lines(ReadText(path));
+}
 
 nlohmann::json Json(const CtrlRun& run) {
   return nlohmann::json::parse(run.out, nullptr, /*allow_exceptions=*/false);
@@ -235,6 +257,114 @@ TEST_F(VestaCtrlTest, AddInfoAndDelete) {
   EXPECT_EQ(run.exit_code, 0) << run.err;
   EXPECT_TRUE(TargetWithHost("kit-spare").is_null());
   EXPECT_EQ(Ctrl({"delete", "kit-spare"}).exit_code, 1);
+}
+
+// kit-one's console output runs from the server's start for a few seconds, one numbered line at a
+// time; its target and process-lock groups each send one event on their first subscription.
+constexpr int kConsoleLines = 400;
+std::string ScriptedScenario() {
+  std::string scenario = R"(kits:
+  - host: kit-one
+    name: One
+    power: on
+    address: 10.1.0.1
+    scripts:
+      - steps:
+          - notification: MOUNT_PROGRESS
+            fields: {Type: 1, TitleId: ABCD00001, Phase: 1, NumberOfPhases: 2, Percentage: 50}
+      - steps:
+          - notification: LOCK_STATUS_CHANGED
+            fields: {ProcessId: 4660, Available: false, Owner: build-agent}
+      - trigger: server_start
+        steps:
+)";
+  for (int line = 1; line <= kConsoleLines; ++line) {
+    scenario +=
+        "          - {notification: CONSOLE_OUTPUT, after_ms: 1, fields: {Port: 1, Text: \"line " +
+        std::to_string(line) + "\\n\"}}\n";
+  }
+  return scenario + R"(  - host: kit-two
+    power: off
+    address: 10.1.0.2
+)";
+}
+
+class VestaCtrlEventsTest : public VestaCtrlTest {
+ protected:
+  void SetUp() override {
+    server_ = std::make_unique<qv::servertest::ServerProcess>(
+        user_, std::vector<std::string>{"--log-level", "2", "--scenario",
+                                        qv::servertest::WriteScenario(ScriptedScenario())});
+    ASSERT_TRUE(server_->Started());
+    ASSERT_TRUE(server_->WaitReady()) << server_->Output();
+  }
+};
+
+TEST_F(VestaCtrlEventsTest, ConsoleFollowsItsCacheWithoutGapOrRepeat) {
+  // Some lines are cached before the tool subscribes, the rest arrive live.
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  std::string every_line;
+  for (int line = 1; line <= kConsoleLines; ++line)
+    every_line += "line " + std::to_string(line) + "\n";
+  const std::string last = "line " + std::to_string(kConsoleLines) + "\n";
+  EXPECT_EQ(RunUntil({"console", "kit-one", "--follow"}, last), every_line);
+
+  // The cache alone, from an index, with each piece's index in JSON; another port's is empty.
+  const CtrlRun tail =
+      Ctrl({"--json", "console", "kit-one", "--since", std::to_string(kConsoleLines - 1)});
+  EXPECT_EQ(tail.exit_code, 0) << tail.err;
+  const nlohmann::json piece = Json(tail);
+  EXPECT_EQ(piece["index"], kConsoleLines - 1) << tail.out;
+  EXPECT_EQ(piece["port"], 1);
+  EXPECT_EQ(piece["text"], last);
+  EXPECT_EQ(Ctrl({"console", "kit-one", "--port", "2"}).out, "");
+
+  // Input with echo comes back as output on its port; empty input is refused by the library.
+  CtrlRun run = Ctrl({"console", "kit-one", "--send", "echo me", "--port", "2", "--echo"});
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(Ctrl({"console", "kit-one", "--port", "2"}).out, "echo me");
+  run = Ctrl({"console", "kit-one", "--send", ""});
+  EXPECT_EQ(run.exit_code, 1);
+  // The system's text for E_INVALIDARG, which differs between Linux, Windows and Wine.
+  EXPECT_EQ(run.err.rfind("vesta-ctrl: ", 0), 0u) << run.err;
+  EXPECT_GT(run.err.size(), std::string("vesta-ctrl: \n").size()) << run.err;
+}
+
+TEST_F(VestaCtrlEventsTest, EventsPrintsEachScriptedEventAsOneLine) {
+  const std::string text = RunUntil({"events", "kit-one", "--group", "target"}, "Description");
+  EXPECT_NE(text.find(" (One)  OnMountProgress Type=1 TitleId=\"ABCD00001\" Phase=1 "
+                      "NumberOfPhases=2 Percentage=50 Flags=0 EstimatedDuration=0 "
+                      "Description=\"\"\n"),
+            std::string::npos)
+      << text;
+
+  const std::string json =
+      RunUntil({"--json", "events", "kit-one", "--group", "process-lock"}, "}}");
+  const nlohmann::json line =
+      nlohmann::json::parse(json.substr(0, json.find('\n')), nullptr, false);
+  EXPECT_EQ(line["group"], "process-lock") << json;
+  EXPECT_EQ(line["target"]["name"], "One");
+  EXPECT_EQ(line["event"], "OnLockStatusChanged");
+  EXPECT_EQ(line["properties"],
+            nlohmann::json({{"ProcessId", 4660}, {"Available", false}, {"Owner", "build-agent"}}));
+  EXPECT_TRUE(line["time"].is_string());
+
+  EXPECT_EQ(Ctrl({"events", "--group", "sideways"}).exit_code, 2);
+}
+
+TEST_F(VestaCtrlEventsTest, FindListsTheKitsItsProgressEventsReport) {
+  CtrlRun run = Ctrl({"find", "10.1.0.1", "10.1.0.2-10.1.0.9"});
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(run.out, "10.1.0.1\n10.1.0.2\nAdd one with 'vesta-ctrl add ADDRESS'.\n");
+  // Standard error is no terminal here: plain progress lines rather than a bar.
+  EXPECT_EQ(run.err, "searching: 50%, 1 found\nsearching: 100%, 2 found\n");
+
+  run = Ctrl({"--json", "find", "10.2.0.0/16"});
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(Json(run), nlohmann::json({{"searched", {"10.2.0.0/16"}},
+                                       {"found", nlohmann::json::array()},
+                                       {"finished", true},
+                                       {"joined", nlohmann::json::array()}}));
 }
 
 // No server at first: `server start` has the library start one, `server stop` ends it.

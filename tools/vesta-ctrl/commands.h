@@ -24,5 +24,9 @@ void AddTargetCommands(CLI::App& app, Context& context);
 void AddPowerCommands(CLI::App& app, Context& context);
 // discover, find.
 void AddDiscoveryCommands(CLI::App& app, Context& context);
+// console: the cache, live output and input.
+void AddConsoleCommands(CLI::App& app, Context& context);
+// events.
+void AddEventCommands(CLI::App& app, Context& context);
 
 }  // namespace vesta_ctrl

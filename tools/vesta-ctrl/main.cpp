@@ -39,6 +39,8 @@ int Main(int argc, char** argv) {
   vesta_ctrl::AddTargetCommands(app, context);
   vesta_ctrl::AddPowerCommands(app, context);
   vesta_ctrl::AddDiscoveryCommands(app, context);
+  vesta_ctrl::AddConsoleCommands(app, context);
+  vesta_ctrl::AddEventCommands(app, context);
   vesta_ctrl::AddServerCommands(app, context);
   try {
     app.parse(argc, argv);
