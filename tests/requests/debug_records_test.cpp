@@ -15,21 +15,7 @@ namespace {
 using testing::ByteVector;
 using testing::DecodeAll;
 using testing::Encode;
-
-// Little-endian helpers for writing expected encodings by hand.
-void PutU32(ByteVector& out, uint32_t value) {
-  for (int i = 0; i < 4; ++i)
-    out.push_back(static_cast<uint8_t>(value >> (8 * i)));
-}
-void PutU64(ByteVector& out, uint64_t value) {
-  for (int i = 0; i < 8; ++i)
-    out.push_back(static_cast<uint8_t>(value >> (8 * i)));
-}
-void PutNString(ByteVector& out, const std::string& text) {
-  PutU32(out, static_cast<uint32_t>(text.size() + 1));
-  out.insert(out.end(), text.begin(), text.end());
-  out.push_back(0);
-}
+using testing::HandBytes;
 
 ProcessInfoRecord FullProcess() {
   ProcessInfoRecord p;
@@ -185,16 +171,11 @@ std::vector<Sample> Samples() {
   };
 }
 
-TEST(DebugRecordsTest, FullyPopulatedRecordsRoundTrip) {
+// Each sample decodes back to itself using every byte, and no proper prefix of it decodes.
+TEST(DebugRecordsTest, FullyPopulatedRecordsRoundTripAndPrefixesFail) {
   for (const Sample& sample : Samples()) {
     SCOPED_TRACE(sample.name);
     EXPECT_TRUE(sample.decodes_to_original(sample.bytes));
-  }
-}
-
-TEST(DebugRecordsTest, EveryProperPrefixFailsToDecode) {
-  for (const Sample& sample : Samples()) {
-    SCOPED_TRACE(sample.name);
     for (size_t length = 0; length < sample.bytes.size(); ++length) {
       const ByteVector prefix(sample.bytes.begin(),
                               sample.bytes.begin() + static_cast<ptrdiff_t>(length));
@@ -204,104 +185,53 @@ TEST(DebugRecordsTest, EveryProperPrefixFailsToDecode) {
 }
 
 TEST(DebugRecordsTest, ExactBytesOfHandComputedEncodings) {
-  struct Case {
+  HardwareBreakpointRecord hardware;
+  hardware.Address = 0x1000;
+  hardware.Flags = 1;
+  hardware.RegionSize = 8;
+  hardware.BreakPtId = 5;
+  StopReasonRecord reason;
+  reason.Code = 0xA0020001;
+  reason.StopId = 0x0102030405060708;
+  RwlockRecord lock;
+  lock.KernelID = 1;
+  lock.Name = "";
+  lock.NumReaders = 3;
+  const struct {
     const char* name;
     ByteVector actual;
     ByteVector expected;
+  } kCases[] = {
+      // ThreadID, Address, Attribute, HitCount, DIFByteCode, and BreakPtId last.
+      {"software breakpoint",
+       Encode(SoftwareBreakpointRecord{7, 0x1122334455667788, 3, 2, {0xAB, 0xCD}, 9}),
+       HandBytes().U32(7).U64(0x1122334455667788).U32(3, 2, 2).Byte(0xAB, 0xCD).U32(9).bytes()},
+      // Address, Flags, RegionSize, BreakPtId and a padding word.
+      {"hardware breakpoint", Encode(hardware), HandBytes().U64(0x1000).U32(1, 8, 5, 0).bytes()},
+      {"stop reason", Encode(reason),
+       HandBytes().U32(0xA0020001, 0).U64(0x0102030405060708).bytes()},
+      // A present wait object is its kind (the position of its list in the primitive info
+      // response, here PosixConditionVariableList, the nineteenth) and then the record.
+      {"wait object",
+       Encode(std::optional<SyncObjectRecord>(
+           SyncObjectRecord::Make<SyncObjectKind::kPosixConditionVariable>({-1, 2, "cv", {5}}))),
+       HandBytes().U32(1, 18, 0xFFFFFFFF).U64(2).NText("cv").U32(1, 5).bytes()},
+      // Absent optionals of a read-write lock are a zero flag alone: Attribute absent,
+      // NumReaders present, OwnerThreadID, no read and no write waiters.
+      {"read-write lock", Encode(lock),
+       HandBytes().U32(1).U64(0).NText("").U32(0, 1, 3, 0, 0, 0).bytes()},
+      // A list of segments goes as the count and the 24-byte images in one piece.
+      {"segment list", Encode(SegmentInfoList{{5, 0, 0x800000, 0x4000}}),
+       HandBytes().U32(1, 5, 0).U64(0x800000, 0x4000).bytes()},
   };
-  std::vector<Case> cases;
-
-  {
-    ByteVector expected;
-    PutU32(expected, 7);                   // ThreadID
-    PutU64(expected, 0x1122334455667788);  // Address
-    PutU32(expected, 3);                   // Attribute
-    PutU32(expected, 2);                   // HitCount
-    PutU32(expected, 2);                   // DIFByteCode count, then its bytes
-    expected.push_back(0xAB);
-    expected.push_back(0xCD);
-    PutU32(expected, 9);  // BreakPtId last
-    cases.push_back({"software breakpoint",
-                     Encode(SoftwareBreakpointRecord{7, 0x1122334455667788, 3, 2, {0xAB, 0xCD}, 9}),
-                     expected});
-  }
-  {
-    HardwareBreakpointRecord record;
-    record.Address = 0x1000;
-    record.Flags = 1;
-    record.RegionSize = 8;
-    record.BreakPtId = 5;
-    ByteVector expected;
-    PutU64(expected, 0x1000);
-    PutU32(expected, 1);
-    PutU32(expected, 8);
-    PutU32(expected, 5);
-    PutU32(expected, 0);  // padding
-    cases.push_back({"hardware breakpoint", Encode(record), expected});
-  }
-  {
-    StopReasonRecord reason;
-    reason.Code = 0xA0020001;
-    reason.StopId = 0x0102030405060708;
-    ByteVector expected;
-    PutU32(expected, 0xA0020001);
-    PutU32(expected, 0);
-    PutU64(expected, 0x0102030405060708);
-    cases.push_back({"stop reason", Encode(reason), expected});
-  }
-  {
-    // A wait object is its kind (the position of its list in the primitive info response, here
-    // PosixConditionVariableList, the nineteenth) and then the record.
-    const auto object =
-        SyncObjectRecord::Make<SyncObjectKind::kPosixConditionVariable>({-1, 2, "cv", {5}});
-    ByteVector expected;
-    PutU32(expected, 1);   // present
-    PutU32(expected, 18);  // kind
-    PutU32(expected, 0xFFFFFFFF);
-    PutU64(expected, 2);
-    PutNString(expected, "cv");
-    PutU32(expected, 1);
-    PutU32(expected, 5);
-    cases.push_back({"wait object", Encode(std::optional<SyncObjectRecord>(object)), expected});
-  }
-  {
-    // Absent optionals of a read-write lock are a zero flag alone.
-    RwlockRecord lock;
-    lock.KernelID = 1;
-    lock.Name = "";
-    lock.NumReaders = 3;
-    ByteVector expected;
-    PutU32(expected, 1);
-    PutU64(expected, 0);
-    PutNString(expected, "");
-    PutU32(expected, 0);  // Attribute absent
-    PutU32(expected, 1);  // NumReaders present
-    PutU32(expected, 3);
-    PutU32(expected, 0);  // OwnerThreadID
-    PutU32(expected, 0);  // no read waiters
-    PutU32(expected, 0);  // no write waiters
-    cases.push_back({"read-write lock", Encode(lock), expected});
-  }
-  {
-    // A list of segments goes as the count and the 24-byte images in one piece.
-    ByteVector expected;
-    PutU32(expected, 1);
-    PutU32(expected, 5);
-    PutU32(expected, 0);
-    PutU64(expected, 0x800000);
-    PutU64(expected, 0x4000);
-    cases.push_back({"segment list", Encode(SegmentInfoList{{5, 0, 0x800000, 0x4000}}), expected});
-  }
-
-  for (const Case& c : cases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(c.actual, c.expected);
   }
 }
 
 TEST(DebugRecordsTest, UnknownWaitObjectKindFailsToDecode) {
-  ByteVector bytes;
-  PutU32(bytes, static_cast<uint32_t>(kSyncObjectKindCount));
+  ByteVector bytes = HandBytes().U32(static_cast<uint32_t>(kSyncObjectKindCount)).bytes();
   bytes.resize(bytes.size() + 64);  // plenty of bytes for any record
   SyncObjectRecord decoded;
   EXPECT_FALSE(DecodeAll(bytes, decoded));
