@@ -1,11 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <map>
-#include <set>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "platform/wide_string.h"
 #include "requests/catalogue.h"
@@ -170,55 +167,6 @@ TEST(CatalogueTest, BuildingAFactoryFindsATypeNumberUsedTwice) {
   static_assert(HasDuplicateTypeNumbers(twice));
   EXPECT_EQ(unique[0].name, u"A");
   EXPECT_EQ(MessageFactory<CRequest>(unique).NameOf(2), u"B");
-}
-
-std::string CamelCase(const std::string& wire_name) {
-  std::string camel;
-  bool word_start = true;
-  for (char c : wire_name) {
-    if (c == '_') {
-      word_start = true;
-      continue;
-    }
-    camel += word_start ? c : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    word_start = false;
-  }
-  return camel;
-}
-
-TEST(CatalogueTest, ClassNamesAreTheCamelCasedWireNamesSaveTheAcronyms) {
-  const std::map<std::string, std::string> acronyms = {
-      {"DCI_ENABLED", "DCIEnabled"},
-      {"DUMP_VR_INFO", "DumpVRInfo"},
-      {"ENABLE_DCI", "EnableDCI"},
-      {"FSD_FOLDER_NAME", "FSDFolderName"},
-      {"GET_EVENT_VIEWER_XML", "GetEventViewerXML"},
-      {"GET_HMD_VERSION_INFO", "GetHMDVersionInfo"},
-      {"GET_NVL_STATE", "GetNVLState"},
-      {"IBS_TRACE_CREATE", "IBSTraceCreate"},
-      {"IBS_TRACE_GET_INFO", "IBSTraceGetInfo"},
-      {"SPM_TRACE_CREATE", "SPMTraceCreate"},
-      {"SPM_TRACE_DELETE", "SPMTraceDelete"},
-      {"SPM_TRACE_ENABLE", "SPMTraceEnable"},
-      {"SPM_TRACE_GET_INFO", "SPMTraceGetInfo"},
-      {"SPM_TRACE_READ", "SPMTraceRead"},
-      {"SPM_TRACE_START", "SPMTraceStart"},
-      {"SPM_TRACE_STOP", "SPMTraceStop"},
-  };
-  ASSERT_EQ(acronyms.size(), 16u);
-  const std::vector<std::pair<std::string, std::string>> rows = {
-#define VEKX_OPERATION(Camel, WIRE, number, request_fields, response_fields) {#Camel, #WIRE},
-#include "requests/operations.def"
-#define VEKX_OPERATION(Camel, WIRE, number, request_fields, response_fields) {#Camel, #WIRE},
-#include "requests/debug_operations.def"
-  };
-  size_t acronym_rows = 0;
-  for (const auto& [camel, wire] : rows) {
-    const auto acronym = acronyms.find(wire);
-    if (acronym != acronyms.end()) ++acronym_rows;
-    EXPECT_EQ(camel, acronym != acronyms.end() ? acronym->second : CamelCase(wire)) << wire;
-  }
-  EXPECT_EQ(acronym_rows, 16u);
 }
 
 TEST(CatalogueTest, HandComputedEncodings) {
