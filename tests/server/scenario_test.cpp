@@ -199,20 +199,6 @@ TEST(ScenarioTest, TheSubsetReaderAndYamlCppAgree) {
 }
 #endif
 
-TEST(ScenarioTest, TheBuiltInScenarioHasTwoReachableKitsAndOneHostThatDoesNotAnswer) {
-  const Scenario scenario = DefaultScenario();
-  int reachable = 0;
-  int unreachable = 0;
-  int defaults = 0;
-  for (const Kit& kit : scenario.kits) {
-    (kit.reachable ? reachable : unreachable) += 1;
-    defaults += kit.is_default ? 1 : 0;
-  }
-  EXPECT_EQ(reachable, 2);
-  EXPECT_EQ(unreachable, 1);
-  EXPECT_EQ(defaults, 1);
-}
-
 TEST(OptionsTest, ParsesWhatItKnowsAndNamesWhatItDoesNot) {
   struct Case {
     std::vector<std::string> args;
