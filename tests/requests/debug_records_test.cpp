@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "requests/catalogue.h"
+#include "support/field_filler.h"
 #include "support/wire_bytes.h"
 
 namespace qv {
@@ -15,55 +16,8 @@ namespace {
 using testing::ByteVector;
 using testing::DecodeAll;
 using testing::Encode;
+using testing::Filled;
 using testing::HandBytes;
-
-ProcessInfoRecord FullProcess() {
-  ProcessInfoRecord p;
-  p.ProcessID = 0x51;
-  p.Attributes = 0x8001;
-  p.Name = "eboot.bin";
-  p.Entry = 0x400000;
-  p.Fingerprint = u"0f1e2d3c";
-  p.ParentPID = 1;
-  p.MainThrId = 0x1001;
-  p.Reason = {0xA0020007, 0, 0x77};
-  p.ProcessPathname = u"/app0/eboot.bin";
-  p.ExceptionFrame = {0x500000, 0x40, 0, 0x500040, 0x1000, 0};
-  p.Affinity = 0x7F;
-  p.AppId = -2;
-  p.ProcessTime = 123456789;
-  p.CurrentRTCSeconds = 1700000000;
-  p.CurrentRTCNanoseconds = 999;
-  p.CurrentPTCMicroSeconds = 42;
-  return p;
-}
-
-ThreadInfoRecord FullThread(std::optional<SyncObjectRecord> wait_object) {
-  ThreadInfoRecord t;
-  t.Tid = 0x1001;
-  t.Name = "main";
-  t.State = 1;
-  t.WaitState = 0x80000;
-  t.StackAddr = 0x7fff0000;
-  t.StackSize = 0x100000;
-  t.Priority = {1, 2, 3, 4};
-  t.Reason = {131, 0, 9};
-  t.ExitCode = 0xFFFFFFFFFFFFFFFF;
-  t.Type = 1;
-  t.Rip = 0x401234;
-  t.Affinity = 3;
-  t.CpuId = 2;
-  t.Policy = 3;
-  t.Flags = 4 | 32;
-  t.BranchFrom = 0x401000;
-  t.BranchTo = 0x402000;
-  t.ExtraReasonInfo = {1, 2, 3};
-  t.UserState = 4;
-  t.CurrentPTCMicroseconds = 1000;
-  t.SyscallStartPTCMicroseconds = 900;
-  t.WaitObject = std::move(wait_object);
-  return t;
-}
 
 SyncObjectRecord WaitOnPosixMutex() {
   return SyncObjectRecord::Make<SyncObjectKind::kPosixMutex>(
@@ -73,63 +27,6 @@ SyncObjectRecord WaitOnPosixMutex() {
 SyncObjectRecord WaitOnUltQueue() {
   return SyncObjectRecord::Make<SyncObjectKind::kUltQueue>(
       {3, 4, "jobs", 5, 6, 64, 7, {0x100000001}, {1, 2}, {0x9000, 0x9040}});
-}
-
-ModuleInfoRecord FullModule() {
-  ModuleInfoRecord m;
-  m.SdkVersion = 0x05000000;
-  m.ModuleVersion = 0x0102;
-  m.Type = 2;
-  m.StartEntryAddress = 0x800000;
-  m.ReferenceCount = 1;
-  m.StopEntryAddress = 0x800100;
-  m.ModuleName = u"libc.prx";
-  m.Status = 1;
-  m.Fingerprint = u"abcd";
-  m.SegmentInfoList = {{5, 0, 0x800000, 0x4000}, {6, 0, 0x804000, 0x1000}};
-  m.ExceptionFrame = {0x803000, 0x20, 0, 0x803020, 0x200, 0};
-  m.Flags = 8;
-  m.RequiredModules = {11, 12};
-  m.OriginalFile = u"/system/libc.prx";
-  m.TlsIndex = 3;
-  m.LoadPath = u"/app0/sce_module";
-  return m;
-}
-
-SyncPrimInfoRecord SomePrimitives() {
-  SyncPrimInfoRecord info;
-  info.UltWaitQueueList = {{1, 2, "pool", 3, 4, 5, 6}};
-  info.VestaRwlockList = {{8, 9, "rw", std::nullopt, 2u, 0x1001, {0x1002}, {}}};
-  info.VestaEventQueueList = {{10, 11, "eq", 2, {0xFF, 0x01}, 17}};
-  return info;
-}
-
-AppObjectInfoRecord SomeAppObjects() {
-  AppObjectInfoRecord info;
-  FiberRecord fiber;
-  fiber.Name = "fiber0";
-  fiber.FiberId = 77;
-  fiber.RegisterMxcsr = 0x1F80;
-  info.FiberInfoList = {fiber};
-  UserLevelThreadRecord ult;
-  ult.Name = "ult0";
-  ult.UltId = 5;
-  ult.Fiber = fiber;
-  info.UltRuntimeInfoList = {{"runtime", 16, {0x1001, 0x1002}, {ult}}};
-  JobManagerSequenceRecord sequence;
-  sequence.Name = "seq";
-  JobManagerSectionRecord dispatch;
-  dispatch.DispatchOption = JobManagerDispatchRecord{};
-  dispatch.DispatchOption->Name = "d";
-  JobManagerSectionRecord wait;
-  wait.WaitOption = JobManagerWaitRecord{0x1003};
-  sequence.SectionInfoList = {dispatch, wait};
-  JobManagerInfoRecord manager;
-  manager.JobManagerId = 1;
-  manager.SequenceInfoList = {sequence};
-  info.JobManagerInfoList = {manager};
-  info.Flags = 7;
-  return info;
 }
 
 // A value's encoding, and two ways to decode bytes into a fresh value: whether that gives back the
@@ -155,19 +52,25 @@ Sample MakeSample(const char* name, T value) {
           }};
 }
 
+// Every field of the records set (FieldFiller), a thread with each kind of wait object, and one
+// without its optional fields.
 std::vector<Sample> Samples() {
   ThreadInfoRecord bare_thread;
   bare_thread.Tid = 9;
   bare_thread.Name = "idle";
+  ThreadInfoRecord on_mutex = Filled<ThreadInfoRecord>();
+  on_mutex.WaitObject = WaitOnPosixMutex();
+  ThreadInfoRecord on_queue = Filled<ThreadInfoRecord>();
+  on_queue.WaitObject = WaitOnUltQueue();
   return {
-      MakeSample("process", FullProcess()),
-      MakeSample("thread waiting on a posix mutex", FullThread(WaitOnPosixMutex())),
-      MakeSample("thread waiting on a user-level queue", FullThread(WaitOnUltQueue())),
+      MakeSample("process", Filled<ProcessInfoRecord>()),
+      MakeSample("thread waiting on a posix mutex", on_mutex),
+      MakeSample("thread waiting on a user-level queue", on_queue),
       MakeSample("thread without optional fields", bare_thread),
-      MakeSample("module", FullModule()),
-      MakeSample("synchronisation primitives", SomePrimitives()),
-      MakeSample("application objects", SomeAppObjects()),
-      MakeSample("scattered data", ScatteredDataList{{0x1000, {1, 2, 3}}, {0x2000, {}}}),
+      MakeSample("module", Filled<ModuleInfoRecord>()),
+      MakeSample("synchronisation primitives", Filled<SyncPrimInfoRecord>()),
+      MakeSample("application objects", Filled<AppObjectInfoRecord>()),
+      MakeSample("scattered data", Filled<ScatteredDataList>()),
   };
 }
 
