@@ -393,74 +393,50 @@ Source Real(VARTYPE vt, double real) {
   return {.vt = vt, .real = real};
 }
 
+// The integer (and boolean) types: their width in bytes and whether they are signed.
+struct IntegerType {
+  VARTYPE vt;
+  std::size_t width;
+  bool is_signed;
+};
+constexpr IntegerType kIntegerTypes[] = {
+    {VT_I1, 1, true},    {VT_UI1, 1, false},  {VT_I2, 2, true},   {VT_UI2, 2, false},
+    {VT_BOOL, 2, true},  {VT_I4, 4, true},    {VT_UI4, 4, false}, {VT_INT, 4, true},
+    {VT_UINT, 4, false}, {VT_ERROR, 4, true}, {VT_I8, 8, true},   {VT_UI8, 8, false}};
+
+const IntegerType* IntegerTypeOf(VARTYPE vt) {
+  for (const IntegerType& type : kIntegerTypes) {
+    if (type.vt == vt) return &type;
+  }
+  return nullptr;
+}
+
+// Integers go into the value at their own width, the low bytes first as the layout has them.
 void Fill(const Source& source, VARIANT* v) {
   V_VT(v) = source.vt;
-  switch (source.vt) {
-    case VT_I1:
-      V_I1(v) = static_cast<CHAR>(source.integer);
-      break;
-    case VT_UI1:
-      V_UI1(v) = static_cast<BYTE>(source.integer);
-      break;
-    case VT_I2:
-      V_I2(v) = static_cast<SHORT>(source.integer);
-      break;
-    case VT_BOOL:
-      V_BOOL(v) = static_cast<VARIANT_BOOL>(source.integer);
-      break;
-    case VT_I4:
-    case VT_ERROR:
-      V_I4(v) = static_cast<LONG>(source.integer);
-      break;
-    case VT_I8:
-      V_I8(v) = source.integer;
-      break;
-    case VT_UI8:
-      V_UI8(v) = static_cast<ULONGLONG>(source.integer);
-      break;
-    case VT_R4:
-      V_R4(v) = static_cast<float>(source.real);
-      break;
-    case VT_R8:
-      V_R8(v) = source.real;
-      break;
-    case VT_BSTR:
-      V_BSTR(v) = AllocBstr(source.text);
-      break;
-    default:
-      break;
+  if (const IntegerType* type = IntegerTypeOf(source.vt)) {
+    std::memcpy(&V_UI8(v), &source.integer, type->width);
+  } else if (source.vt == VT_R4) {
+    V_R4(v) = static_cast<float>(source.real);
+  } else if (source.vt == VT_R8) {
+    V_R8(v) = source.real;
+  } else if (source.vt == VT_BSTR) {
+    V_BSTR(v) = AllocBstr(source.text);
   }
 }
 
-// A result read back as a 64-bit integer.
+// A result read back as a 64-bit integer, at its type's width and signedness.
 std::int64_t IntegerOf(const VARIANT* v) {
-  switch (V_VT(v)) {
-    case VT_I1:
-      return static_cast<signed char>(V_I1(v));
-    case VT_UI1:
-      return V_UI1(v);
-    case VT_I2:
-      return V_I2(v);
-    case VT_UI2:
-      return V_UI2(v);
-    case VT_I4:
-      return V_I4(v);
-    case VT_UI4:
-      return V_UI4(v);
-    case VT_INT:
-      return V_INT(v);
-    case VT_UINT:
-      return V_UINT(v);
-    case VT_I8:
-      return V_I8(v);
-    case VT_UI8:
-      return static_cast<std::int64_t>(V_UI8(v));
-    case VT_BOOL:
-      return V_BOOL(v);
-    default:
-      ADD_FAILURE() << "not an integer type: " << V_VT(v);
-      return 0;
+  const IntegerType* type = IntegerTypeOf(V_VT(v));
+  if (type == nullptr) {
+    ADD_FAILURE() << "not an integer type: " << V_VT(v);
+    return 0;
   }
+  std::uint64_t bits = 0;
+  std::memcpy(&bits, &V_UI8(v), type->width);
+  const int unused = 64 - 8 * static_cast<int>(type->width);
+  if (!type->is_signed || unused == 0) return static_cast<std::int64_t>(bits);
+  return static_cast<std::int64_t>(bits << unused) >> unused;
 }
 
 // One conversion, and what it gives: text for VT_BSTR, `real` for VT_R8, otherwise `integer`.
