@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
-#include <random>
 #include <thread>
 #include <vector>
 
@@ -105,34 +103,6 @@ TEST(PendingResponseStoreTest, ANewConnectionAloneWakesTheWaitersOfTheOldOne) {
   ASSERT_TRUE(store.Await(1));
   ASSERT_TRUE(store.Deliver(ResponseFor(1)));
   EXPECT_EQ(store.Wait(1, new_epoch, response), WaitError::kWaitSuccess);
-}
-
-TEST(PendingResponseStoreTest, ManyConcurrentCallersEachGetTheirOwnResponse) {
-  constexpr uint32_t kCallers = 32;
-  PendingResponseStore store;
-  const uint64_t epoch = store.Reset();
-  std::vector<uint32_t> order(kCallers);
-  for (uint32_t i = 0; i < kCallers; ++i) {
-    order[i] = i * 7 + 3;
-    ASSERT_TRUE(store.Await(order[i]));
-  }
-  std::vector<uint32_t> received(kCallers);
-  std::vector<std::thread> callers;
-  for (uint32_t i = 0; i < kCallers; ++i) {
-    callers.emplace_back([&, i] {
-      std::shared_ptr<CResponse> response;
-      if (store.Wait(order[i], epoch, response) == WaitError::kWaitSuccess) {
-        received[i] = response->Sequence;
-      }
-    });
-  }
-  std::vector<uint32_t> shuffled = order;
-  std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(42));
-  for (uint32_t sequence : shuffled)
-    EXPECT_TRUE(store.Deliver(ResponseFor(sequence)));
-  for (auto& caller : callers)
-    caller.join();
-  EXPECT_EQ(received, order);
 }
 
 }  // namespace
