@@ -23,6 +23,7 @@
 
 #include "platform/pipe.h"
 #include "platform/wide_string.h"
+#include "support/test_environment.h"
 #include "test_support.h"
 
 #ifdef _WIN32
@@ -122,32 +123,8 @@ class Watchdog {
   std::thread thread_;
 };
 
-// On POSIX every test gets its own XDG_RUNTIME_DIR, so sockets and the runtime directory stay
-// inside a temporary directory that is removed afterwards.
 class PipeTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-#ifndef _WIN32
-    if (const char* old = std::getenv("XDG_RUNTIME_DIR")) saved_runtime_ = old;
-    std::string pattern = (std::filesystem::temp_directory_path() / "qv_pipe_test_XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    temp_dir_ = pattern;
-    setenv("XDG_RUNTIME_DIR", temp_dir_.c_str(), 1);
-#endif
-  }
-
-  void TearDown() override {
-#ifndef _WIN32
-    if (saved_runtime_) {
-      setenv("XDG_RUNTIME_DIR", saved_runtime_->c_str(), 1);
-    } else {
-      unsetenv("XDG_RUNTIME_DIR");
-    }
-    std::error_code ignored;
-    std::filesystem::remove_all(temp_dir_, ignored);
-#endif
-  }
-
   // A listener for a fresh name, with a client connected to it and the server end accepted.
   void Connect() {
     name_ = UniqueName();
@@ -162,8 +139,13 @@ class PipeTest : public ::testing::Test {
   }
 
   Watchdog watchdog_;
-  std::string temp_dir_;
-  std::optional<std::string> saved_runtime_;
+#ifndef _WIN32
+  // On POSIX every test gets its own XDG_RUNTIME_DIR, so sockets and the runtime directory stay
+  // inside a temporary directory that is removed afterwards.
+  testing::TempDir temp_;
+  std::string temp_dir_ = temp_.path().string();
+  testing::ScopedVariable runtime_dir_{"XDG_RUNTIME_DIR", temp_dir_};
+#endif
   std::u16string name_;
   StopSignal accept_stop_;
   StopSignal stop_;
