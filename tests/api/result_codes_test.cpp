@@ -133,26 +133,6 @@ TEST(ResultCodesTest, StatedValuesAndTexts) {
   }
 }
 
-TEST(ResultCodesTest, AliasPairsShareOneValueAndTheFirstNameNamesIt) {
-  struct AliasPair {
-    std::string_view first, second;
-  };
-  constexpr AliasPair kPairs[] = {
-      {"KXAPI_SERVER_DOKAN_INIT_FAILED", "KXAPI_SERVER_FSD_INIT_FAILED"},
-      {"KXAPI_ERR_DOKAN_NOT_RUNNING", "KXAPI_ERR_FSD_NOT_RUNNING"},
-      {"KXAPI_SERVER_DOKAN_INVALID_DRIVE", "KXAPI_SERVER_FSD_INVALID_DRIVE"},
-      {"KXAPI_SERVER_DOKAN_MAIN_STOPPED", "KXAPI_SERVER_FSD_MAIN_STOPPED"},
-      {"KXAPI_SERVER_DOKAN_START_TIMEOUT", "KXAPI_SERVER_FSD_START_TIMEOUT"},
-  };
-  for (const AliasPair& pair : kPairs) {
-    SCOPED_TRACE(pair.second);
-    const std::optional<int32_t> code = ErrorCodeFromName(pair.second);
-    ASSERT_TRUE(code.has_value());
-    EXPECT_EQ(ErrorCodeFromName(pair.first), code);
-    EXPECT_EQ(ErrorCodeName(*code), pair.first);
-  }
-}
-
 TEST(ResultCodesTest, CodesWithoutARowHaveNoTextAndNoName) {
   constexpr uint32_t kUnknown[] = {
       0x800402A9, 0x800402C1, 0x800402C2, 0x800402C3,  // unassigned inside the main range

@@ -339,7 +339,12 @@ TEST_F(RootObjectTest, ServerSwitchesClientsAndOperationsTheServerLacks) {
   ASSERT_EQ(ids.size(), 2u);  // both root objects of this process
   EXPECT_EQ(ids[0].Get().ulVal, platform::CurrentProcessId());
   EXPECT_EQ(ids[1].Get().ulVal, platform::CurrentProcessId());
+  // A client that has gone is no longer listed.
   EXPECT_EQ(other->Dispose(), S_OK);
+  EXPECT_TRUE(testing::WaitUntil([&] {
+    return api_->GetClientPids(pids.Put()) == S_OK &&
+           vekx::ArrayElements(pids.Get(), ids) == S_OK && ids.size() == 1;
+  }));
 
   // A failure's error object stays through a later success.
   ComPtr<ITarget> target;

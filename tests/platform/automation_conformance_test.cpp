@@ -181,17 +181,17 @@ TEST(Bstr, NullSourceGivesABufferOfTheRequestedLength) {
 #endif
 }
 
-TEST(Bstr, NullStrings) {
+TEST(Bstr, NullStringsAndAllocStringStopsAtTheFirstZero) {
   EXPECT_EQ(SysAllocString(nullptr), nullptr);
   EXPECT_EQ(SysStringLen(nullptr), 0u);
   EXPECT_EQ(SysStringByteLen(nullptr), 0u);
+  EXPECT_TRUE(BstrView(nullptr).empty());
   SysFreeString(nullptr);
   UniqueBstr empty(SysAllocStringLen(nullptr, 0));
   ASSERT_NE(empty, nullptr) << "an empty string is not a null string";
   EXPECT_EQ(SysStringLen(empty.get()), 0u);
-}
+  EXPECT_NE(MakeBstr(u""), nullptr);
 
-TEST(Bstr, AllocStringStopsAtTheFirstZero) {
   UniqueBstr b(SysAllocString(ToOleChars(u"ab\0cd")));
   ASSERT_NE(b, nullptr);
   EXPECT_EQ(BstrView(b.get()), u"ab");
@@ -386,74 +386,57 @@ struct Source {
   const char16_t* text = nullptr;
 };
 
+Source Text(const char16_t* text) {
+  return {.vt = VT_BSTR, .text = text};
+}
+Source Real(VARTYPE vt, double real) {
+  return {.vt = vt, .real = real};
+}
+
+// The integer (and boolean) types: their width in bytes and whether they are signed.
+struct IntegerType {
+  VARTYPE vt;
+  std::size_t width;
+  bool is_signed;
+};
+constexpr IntegerType kIntegerTypes[] = {
+    {VT_I1, 1, true},    {VT_UI1, 1, false},  {VT_I2, 2, true},   {VT_UI2, 2, false},
+    {VT_BOOL, 2, true},  {VT_I4, 4, true},    {VT_UI4, 4, false}, {VT_INT, 4, true},
+    {VT_UINT, 4, false}, {VT_ERROR, 4, true}, {VT_I8, 8, true},   {VT_UI8, 8, false}};
+
+const IntegerType* IntegerTypeOf(VARTYPE vt) {
+  for (const IntegerType& type : kIntegerTypes) {
+    if (type.vt == vt) return &type;
+  }
+  return nullptr;
+}
+
+// Integers go into the value at their own width, the low bytes first as the layout has them.
 void Fill(const Source& source, VARIANT* v) {
   V_VT(v) = source.vt;
-  switch (source.vt) {
-    case VT_I1:
-      V_I1(v) = static_cast<CHAR>(source.integer);
-      break;
-    case VT_UI1:
-      V_UI1(v) = static_cast<BYTE>(source.integer);
-      break;
-    case VT_I2:
-      V_I2(v) = static_cast<SHORT>(source.integer);
-      break;
-    case VT_BOOL:
-      V_BOOL(v) = static_cast<VARIANT_BOOL>(source.integer);
-      break;
-    case VT_I4:
-    case VT_ERROR:
-      V_I4(v) = static_cast<LONG>(source.integer);
-      break;
-    case VT_I8:
-      V_I8(v) = source.integer;
-      break;
-    case VT_UI8:
-      V_UI8(v) = static_cast<ULONGLONG>(source.integer);
-      break;
-    case VT_R4:
-      V_R4(v) = static_cast<float>(source.real);
-      break;
-    case VT_R8:
-      V_R8(v) = source.real;
-      break;
-    case VT_BSTR:
-      V_BSTR(v) = AllocBstr(source.text);
-      break;
-    default:
-      break;
+  if (const IntegerType* type = IntegerTypeOf(source.vt)) {
+    std::memcpy(&V_UI8(v), &source.integer, type->width);
+  } else if (source.vt == VT_R4) {
+    V_R4(v) = static_cast<float>(source.real);
+  } else if (source.vt == VT_R8) {
+    V_R8(v) = source.real;
+  } else if (source.vt == VT_BSTR) {
+    V_BSTR(v) = AllocBstr(source.text);
   }
 }
 
-// A result read back as a 64-bit integer.
+// A result read back as a 64-bit integer, at its type's width and signedness.
 std::int64_t IntegerOf(const VARIANT* v) {
-  switch (V_VT(v)) {
-    case VT_I1:
-      return static_cast<signed char>(V_I1(v));
-    case VT_UI1:
-      return V_UI1(v);
-    case VT_I2:
-      return V_I2(v);
-    case VT_UI2:
-      return V_UI2(v);
-    case VT_I4:
-      return V_I4(v);
-    case VT_UI4:
-      return V_UI4(v);
-    case VT_INT:
-      return V_INT(v);
-    case VT_UINT:
-      return V_UINT(v);
-    case VT_I8:
-      return V_I8(v);
-    case VT_UI8:
-      return static_cast<std::int64_t>(V_UI8(v));
-    case VT_BOOL:
-      return V_BOOL(v);
-    default:
-      ADD_FAILURE() << "not an integer type: " << V_VT(v);
-      return 0;
+  const IntegerType* type = IntegerTypeOf(V_VT(v));
+  if (type == nullptr) {
+    ADD_FAILURE() << "not an integer type: " << V_VT(v);
+    return 0;
   }
+  std::uint64_t bits = 0;
+  std::memcpy(&bits, &V_UI8(v), type->width);
+  const int unused = 64 - 8 * static_cast<int>(type->width);
+  if (!type->is_signed || unused == 0) return static_cast<std::int64_t>(bits);
+  return static_cast<std::int64_t>(bits << unused) >> unused;
 }
 
 // One conversion, and what it gives: text for VT_BSTR, `real` for VT_R8, otherwise `integer`.
@@ -478,10 +461,10 @@ TEST(Variant, ChangeTypeBetweenIntegersBooleansAndText) {
       {"ui1 to text", {VT_UI1, 200}, VT_BSTR, 0, S_OK, u"200"},
       {"empty to text", {VT_EMPTY}, VT_BSTR, 0, S_OK, u""},
       // Reals: 15 significant digits (7 for VT_R4), exponent in capitals.
-      {"r8 to text", {.vt = VT_R8, .real = 1.5}, VT_BSTR, 0, S_OK, u"1.5"},
-      {"r8 exponent", {.vt = VT_R8, .real = 1e20}, VT_BSTR, 0, S_OK, u"1E+20"},
-      {"r8 digits", {.vt = VT_R8, .real = 1.0 / 3}, VT_BSTR, 0, S_OK, u"0.333333333333333"},
-      {"r4 digits", {.vt = VT_R4, .real = 0.1}, VT_BSTR, 0, S_OK, u"0.1"},
+      {"r8 to text", Real(VT_R8, 1.5), VT_BSTR, 0, S_OK, u"1.5"},
+      {"r8 exponent", Real(VT_R8, 1e20), VT_BSTR, 0, S_OK, u"1E+20"},
+      {"r8 digits", Real(VT_R8, 1.0 / 3), VT_BSTR, 0, S_OK, u"0.333333333333333"},
+      {"r4 digits", Real(VT_R4, 0.1), VT_BSTR, 0, S_OK, u"0.1"},
       // Booleans: -1 and 0 as numbers, words only when asked for.
       {"true to text", {VT_BOOL, kTrue}, VT_BSTR, 0, S_OK, u"-1"},
       {"false to text", {VT_BOOL, 0}, VT_BSTR, 0, S_OK, u"0"},
@@ -490,8 +473,8 @@ TEST(Variant, ChangeTypeBetweenIntegersBooleansAndText) {
       {"true to ui1", {VT_BOOL, kTrue}, VT_UI1, 0, S_OK, nullptr, 255},
       {"nonzero to bool", {VT_I4, 5}, VT_BOOL, 0, S_OK, nullptr, kTrue},
       {"zero to bool", {VT_I4, 0}, VT_BOOL, 0, S_OK, nullptr, 0},
-      {"text word to bool", {.vt = VT_BSTR, .text = u"True"}, VT_BOOL, 0, S_OK, nullptr, kTrue},
-      {"text word to i4", {.vt = VT_BSTR, .text = u"True"}, VT_I4, 0, DISP_E_TYPEMISMATCH},
+      {"text word to bool", Text(u"True"), VT_BOOL, 0, S_OK, nullptr, kTrue},
+      {"text word to i4", Text(u"True"), VT_I4, 0, DISP_E_TYPEMISMATCH},
       // Integers of another width: range checked.
       {"i4 to ui1", {VT_I4, 255}, VT_UI1, 0, S_OK, nullptr, 255},
       {"i4 to ui1 overflow", {VT_I4, 256}, VT_UI1, 0, DISP_E_OVERFLOW},
@@ -505,36 +488,24 @@ TEST(Variant, ChangeTypeBetweenIntegersBooleansAndText) {
       {"ui1 255 to i1", {VT_UI1, 255}, VT_I1, 0, S_OK, nullptr, -1},
       {"ui8 max to i8", {VT_UI8, -1}, VT_I8, 0, S_OK, nullptr, -1},
       // Text to numbers.
-      {"text", {.vt = VT_BSTR, .text = u" 123 "}, VT_I4, 0, S_OK, nullptr, 123},
-      {"text i8 min",
-       {.vt = VT_BSTR, .text = u"-9223372036854775808"},
-       VT_I8,
-       0,
-       S_OK,
-       nullptr,
-       INT64_MIN},
-      {"text ui8 max",
-       {.vt = VT_BSTR, .text = u"18446744073709551615"},
-       VT_UI8,
-       0,
-       S_OK,
-       nullptr,
-       -1},
-      {"text overflow", {.vt = VT_BSTR, .text = u"70000"}, VT_I2, 0, DISP_E_OVERFLOW},
-      {"text too big", {.vt = VT_BSTR, .text = u"99999999999999999999"}, VT_I8, 0, DISP_E_OVERFLOW},
-      {"text thousands", {.vt = VT_BSTR, .text = u"1,000"}, VT_I4, 0, S_OK, nullptr, 1000},
-      {"text exponent", {.vt = VT_BSTR, .text = u"1.5e1"}, VT_I4, 0, S_OK, nullptr, 15},
-      {"text half to even", {.vt = VT_BSTR, .text = u"2.5"}, VT_I4, 0, S_OK, nullptr, 2},
-      {"text half up to even", {.vt = VT_BSTR, .text = u"3.5"}, VT_I4, 0, S_OK, nullptr, 4},
-      {"text leading point", {.vt = VT_BSTR, .text = u".5"}, VT_I4, 0, S_OK, nullptr, 0},
-      {"text trailing point", {.vt = VT_BSTR, .text = u"5."}, VT_I4, 0, S_OK, nullptr, 5},
-      {"text to r8", {.vt = VT_BSTR, .text = u"-0.25"}, VT_R8, 0, S_OK, nullptr, 0, -0.25},
-      {"not a number", {.vt = VT_BSTR, .text = u"12abc"}, VT_I4, 0, DISP_E_TYPEMISMATCH},
-      {"two numbers", {.vt = VT_BSTR, .text = u"1 2"}, VT_I4, 0, DISP_E_TYPEMISMATCH},
-      {"empty text", {.vt = VT_BSTR, .text = u""}, VT_I4, 0, DISP_E_TYPEMISMATCH},
+      {"text", Text(u" 123 "), VT_I4, 0, S_OK, nullptr, 123},
+      {"text i8 min", Text(u"-9223372036854775808"), VT_I8, 0, S_OK, nullptr, INT64_MIN},
+      {"text ui8 max", Text(u"18446744073709551615"), VT_UI8, 0, S_OK, nullptr, -1},
+      {"text overflow", Text(u"70000"), VT_I2, 0, DISP_E_OVERFLOW},
+      {"text too big", Text(u"99999999999999999999"), VT_I8, 0, DISP_E_OVERFLOW},
+      {"text thousands", Text(u"1,000"), VT_I4, 0, S_OK, nullptr, 1000},
+      {"text exponent", Text(u"1.5e1"), VT_I4, 0, S_OK, nullptr, 15},
+      {"text half to even", Text(u"2.5"), VT_I4, 0, S_OK, nullptr, 2},
+      {"text half up to even", Text(u"3.5"), VT_I4, 0, S_OK, nullptr, 4},
+      {"text leading point", Text(u".5"), VT_I4, 0, S_OK, nullptr, 0},
+      {"text trailing point", Text(u"5."), VT_I4, 0, S_OK, nullptr, 5},
+      {"text to r8", Text(u"-0.25"), VT_R8, 0, S_OK, nullptr, 0, -0.25},
+      {"not a number", Text(u"12abc"), VT_I4, 0, DISP_E_TYPEMISMATCH},
+      {"two numbers", Text(u"1 2"), VT_I4, 0, DISP_E_TYPEMISMATCH},
+      {"empty text", Text(u""), VT_I4, 0, DISP_E_TYPEMISMATCH},
       // Reals to integers: half to even, range checked after rounding.
-      {"real half to even", {.vt = VT_R8, .real = -2.5}, VT_I4, 0, S_OK, nullptr, -2},
-      {"real below zero", {.vt = VT_R8, .real = -0.6}, VT_UI4, 0, DISP_E_OVERFLOW},
+      {"real half to even", Real(VT_R8, -2.5), VT_I4, 0, S_OK, nullptr, -2},
+      {"real below zero", Real(VT_R8, -0.6), VT_UI4, 0, DISP_E_OVERFLOW},
       // Empty, null and errors.
       {"empty to i4", {VT_EMPTY}, VT_I4, 0, S_OK, nullptr, 0},
       {"null to i4", {VT_NULL}, VT_I4, 0, DISP_E_TYPEMISMATCH},

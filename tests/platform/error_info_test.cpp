@@ -14,11 +14,6 @@ using test_support::CountedErrorInfo;
 using test_support::MutableOle;
 using test_support::UniqueBstr;
 
-// Takes whatever the calling thread's slot holds, leaving it empty.
-HRESULT TakeErrorInfo(IErrorInfo** out) {
-  return GetErrorInfo(0, out);
-}
-
 class ErrorInfoTest : public ::testing::Test {
  protected:
   // Each test starts and ends with an empty slot on the main thread.
@@ -83,52 +78,48 @@ TEST_F(ErrorInfoTest, BothInterfacesShareOneIdentity) {
   writer->Release();
 }
 
-TEST_F(ErrorInfoTest, GetHandsOverTheReferenceAndEmptiesTheSlot) {
+// Get hands the slot's reference over and empties the slot; Set replaces and releases.
+TEST_F(ErrorInfoTest, TheSlotHoldsOneReferenceUntilTakenOrReplaced) {
   CountedErrorInfo info;
+  CountedErrorInfo replaced;
   IErrorInfo* taken = reinterpret_cast<IErrorInfo*>(1);
-  EXPECT_EQ(TakeErrorInfo(&taken), S_FALSE);
+  EXPECT_EQ(GetErrorInfo(0, &taken), S_FALSE);
   EXPECT_EQ(taken, nullptr);
 
+  ASSERT_EQ(SetErrorInfo(0, &replaced), S_OK);
   ASSERT_EQ(SetErrorInfo(0, &info), S_OK);
+  EXPECT_EQ(replaced.refs(), 1u);
   EXPECT_EQ(info.refs(), 2u) << "the slot holds a reference";
-  ASSERT_EQ(TakeErrorInfo(&taken), S_OK);
+  ASSERT_EQ(GetErrorInfo(0, &taken), S_OK);
   EXPECT_EQ(taken, &info);
   EXPECT_EQ(info.refs(), 2u) << "now held by the caller";
   taken->Release();
-  EXPECT_EQ(TakeErrorInfo(&taken), S_FALSE);
+  EXPECT_EQ(GetErrorInfo(0, &taken), S_FALSE);
   EXPECT_EQ(taken, nullptr);
-}
 
-TEST_F(ErrorInfoTest, SettingReplacesAndClearingReleases) {
-  CountedErrorInfo first;
-  CountedErrorInfo second;
-  ASSERT_EQ(SetErrorInfo(0, &first), S_OK);
-  ASSERT_EQ(SetErrorInfo(0, &second), S_OK);
-  EXPECT_EQ(first.refs(), 1u);
-  EXPECT_EQ(second.refs(), 2u);
+  ASSERT_EQ(SetErrorInfo(0, &info), S_OK);
   ASSERT_EQ(SetErrorInfo(0, nullptr), S_OK);
-  EXPECT_EQ(second.refs(), 1u);
+  EXPECT_EQ(info.refs(), 1u);
 }
 
-TEST_F(ErrorInfoTest, EachThreadHasItsOwnSlot) {
+TEST_F(ErrorInfoTest, EachThreadHasItsOwnSlotReleasedWhenTheThreadExits) {
   CountedErrorInfo main_info;
+  CountedErrorInfo left_by_other;
   ASSERT_EQ(SetErrorInfo(0, &main_info), S_OK);
   HRESULT seen_by_other = E_FAIL;
   IErrorInfo* other_taken = reinterpret_cast<IErrorInfo*>(1);
-  std::thread([&] { seen_by_other = TakeErrorInfo(&other_taken); }).join();
+  std::thread([&] {
+    seen_by_other = GetErrorInfo(0, &other_taken);
+    SetErrorInfo(0, &left_by_other);
+  }).join();
   EXPECT_EQ(seen_by_other, S_FALSE);
   EXPECT_EQ(other_taken, nullptr);
+  EXPECT_EQ(left_by_other.refs(), 1u);
 
   IErrorInfo* taken = nullptr;
-  ASSERT_EQ(TakeErrorInfo(&taken), S_OK);
+  ASSERT_EQ(GetErrorInfo(0, &taken), S_OK);
   EXPECT_EQ(taken, &main_info);
   taken->Release();
-}
-
-TEST_F(ErrorInfoTest, AThreadThatExitsReleasesItsErrorObject) {
-  CountedErrorInfo info;
-  std::thread([&] { SetErrorInfo(0, &info); }).join();
-  EXPECT_EQ(info.refs(), 1u);
 }
 
 }  // namespace

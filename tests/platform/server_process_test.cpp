@@ -90,7 +90,6 @@ bool WaitForFile(const fs::path& path) {
 
 TEST(ServerReadiness, FollowsTheMarkersLifetime) {
   TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const std::u16string user = UniqueUser();
   const std::u16string other_user = UniqueUser();
 
@@ -114,7 +113,6 @@ TEST(ServerReadiness, FollowsTheMarkersLifetime) {
 #ifndef _WIN32
 TEST(ServerReadiness, FileNobodyHoldsMeansNoServer) {
   TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const std::u16string user = UniqueUser();
   const fs::path file = dir.path() / ("qv_ve_run_svr" + Utf16ToUtf8(user));
 
@@ -132,7 +130,6 @@ TEST(ServerReadiness, FileNobodyHoldsMeansNoServer) {
 
 TEST(ServerReadiness, UnusableNamesAndDirectoriesMeanNoServer) {
   TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const std::string missing = (dir.path() / "missing").string();
   const std::u16string user = UniqueUser();
 
@@ -193,8 +190,6 @@ TEST(ServerReadiness, WaitEndsWhenTheServerBecomesReady) {
 TEST(InstanceLock, OneHolderAtATime) {
   TempDir dir;
   TempDir other_dir;
-  ASSERT_FALSE(dir.path().empty());
-  ASSERT_FALSE(other_dir.path().empty());
   const std::u16string user = UniqueUser();
 
   std::unique_ptr<InstanceLock> first = InstanceLock::TryAcquire(user, dir.runtime_dir());
@@ -216,7 +211,6 @@ TEST(InstanceLock, OneHolderAtATime) {
 #ifndef _WIN32
 TEST(InstanceLock, MissingRuntimeDirectoryIsASystemError) {
   TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   InstanceLockFailure failure = InstanceLockFailure::kHeldElsewhere;
   EXPECT_EQ(InstanceLock::TryAcquire(u"user", (dir.path() / "missing").string(), &failure),
             nullptr);
@@ -227,7 +221,6 @@ TEST(InstanceLock, MissingRuntimeDirectoryIsASystemError) {
 // running vesta-kx counts, so neither a crashed server's leftover nor a reused id is signalled.
 TEST(InstanceLock, RecordsItsHolderForTheStopRequest) {
   TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const fs::path file = fs::path(dir.runtime_dir()) / "vesta-kx.lock";
   auto text = [&] {
     std::ifstream in(file);
@@ -270,16 +263,15 @@ std::optional<std::u16string> ServerBesideThisProgram() {
 
 TEST(FindServerExecutable, SearchesTheHostDirectoryThenPathInOrder) {
   TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const fs::path root = dir.path();
   MakeServerFile(root / "host", 0755);
   MakeServerFile(root / "first", 0644);                  // Not executable: skipped.
   fs::create_directories(root / "dir_named" / kServer);  // A directory: skipped.
-  MakeServerFile(root / "second", 0755);
+  MakeServerFile(root / "second \xC3\xA9", 0755);        // Not ASCII: it comes back intact.
   MakeServerFile(root / "third", 0755);
   const std::string path_list = (root / "first").string() + ":" + (root / "dir_named").string() +
                                 ":" + (root / "missing").string() +
-                                "::" + (root / "second").string() +
+                                "::" + (root / "second \xC3\xA9").string() +
                                 "/:" + (root / "third").string();
 
   const struct {
@@ -288,8 +280,8 @@ TEST(FindServerExecutable, SearchesTheHostDirectoryThenPathInOrder) {
     std::optional<fs::path> expected;
   } kCases[] = {
       {(root / "host").string(), path_list, root / "host" / kServer},
-      {"", path_list, root / "second" / kServer},
-      {(root / "first").string(), path_list, root / "second" / kServer},
+      {"", path_list, root / "second \xC3\xA9" / kServer},
+      {(root / "first").string(), path_list, root / "second \xC3\xA9" / kServer},
       {(root / "host").string(), "", root / "host" / kServer},
       {"", (root / "third").string(), root / "third" / kServer},
       {"", (root / "first").string() + ":" + (root / "missing").string(), std::nullopt},
@@ -307,7 +299,6 @@ TEST(FindServerExecutable, SearchesTheHostDirectoryThenPathInOrder) {
 
 TEST(FindServerExecutable, NeverSearchesTheCurrentDirectory) {
   TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   MakeServerFile(dir.path() / "cwd", 0755);
   std::error_code error;
   const fs::path old_cwd = fs::current_path(error);
@@ -323,22 +314,9 @@ TEST(FindServerExecutable, NeverSearchesTheCurrentDirectory) {
   fs::current_path(old_cwd, error);
 }
 
-TEST(FindServerExecutable, FindsTheServerAlongPath) {
-  TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
-  // Not ASCII, to see the path come back intact in UTF-16.
-  const fs::path bin = dir.path() / "bin \xC3\xA9";
-  MakeServerFile(bin, 0755);
-  ScopedVariable path("PATH", "/nonexistent:" + bin.string());
-  const std::optional<std::u16string> expected =
-      ServerBesideThisProgram() ? ServerBesideThisProgram()
-                                : std::optional(Utf8ToUtf16((bin / kServer).string()));
-  EXPECT_EQ(FindServerExecutable(), expected);
-}
 #else
 TEST(FindServerExecutable, FindsTheServerAlongPath) {
   TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const std::string old_path = [] {
     const char* value = std::getenv("PATH");
     return std::string(value ? value : "");
@@ -354,7 +332,6 @@ TEST(FindServerExecutable, FindsTheServerAlongPath) {
 
 TEST(FindServerExecutable, PathOf260CharactersOrMoreIsNotFound) {
   TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   // Made through the long-path prefix, which the MAX_PATH limit does not apply to.
   std::wstring long_dir = dir.path().wstring();
   while (long_dir.size() < MAX_PATH) {
@@ -395,7 +372,6 @@ bool HasChildren() {
 
 TEST(StartServerProcess, RunsDetachedInItsDirectoryWithOnlyStandardDescriptors) {
   TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const fs::path server_dir = dir.path() / "server \xC3\xA9";
   fs::create_directories(server_dir);
   const fs::path script = server_dir / kServer;
@@ -450,7 +426,6 @@ while [ -e REPORT ] && [ $i -lt 600 ]; do sleep 0.05; i=$((i + 1)); done
 
 TEST(StartServerProcess, FailsWhenThePathCannotBeExecuted) {
   TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   MakeServerFile(dir.path(), 0644);
   const struct {
     const char* what;
@@ -471,7 +446,6 @@ TEST(StartServerProcess, FailsWhenThePathCannotBeExecuted) {
 #else
 TEST(StartServerProcess, RunsTheExecutableInItsDirectory) {
   TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   wchar_t self[MAX_PATH];
   const DWORD length = GetModuleFileNameW(nullptr, self, MAX_PATH);
   ASSERT_TRUE(length > 0 && length < MAX_PATH);
@@ -502,7 +476,6 @@ TEST(StartServerProcess, RunsTheExecutableInItsDirectory) {
 
 TEST(StartServerProcess, FailsWhenThePathCannotBeExecuted) {
   TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const std::wstring missing = (dir.path() / "vesta-kx.exe").wstring();
   EXPECT_FALSE(StartServerProcess(std::u16string(missing.begin(), missing.end())));
   EXPECT_FALSE(StartServerProcess(u"vesta-kx.exe"));

@@ -13,26 +13,34 @@
 
 namespace qv::platform::test_support {
 
-// An IDispatch whose reference count the test can read. It never deletes itself: it lives in
-// the test's scope and starts with the one reference the test holds, so refs() == 1 means
-// everything else has let go.
-class CountedObject final : public IDispatch {
+// A COM object of `Interface` whose reference count the test can read. It never deletes itself:
+// it lives in the test's scope and starts with the one reference the test holds, so refs() == 1
+// means everything else has let go. It answers QueryInterface for IUnknown and `iid` only.
+template <class Interface, const IID& iid>
+class Counted : public Interface {
  public:
   ULONG refs() const { return refs_.load(); }
 
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppvObject) override {
     if (ppvObject == nullptr) return E_POINTER;
-    if (!IsEqualIID(riid, IID_IUnknown) && !IsEqualIID(riid, IID_IDispatch)) {
+    if (!IsEqualIID(riid, IID_IUnknown) && !IsEqualIID(riid, iid)) {
       *ppvObject = nullptr;
       return E_NOINTERFACE;
     }
-    *ppvObject = static_cast<IDispatch*>(this);
+    *ppvObject = static_cast<Interface*>(this);
     AddRef();
     return S_OK;
   }
   ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
   ULONG STDMETHODCALLTYPE Release() override { return --refs_; }
 
+ private:
+  std::atomic<ULONG> refs_{1};
+};
+
+// An IDispatch that dispatches nothing.
+class CountedObject final : public Counted<IDispatch, IID_IDispatch> {
+ public:
   HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
   HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
   HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override {
@@ -42,37 +50,16 @@ class CountedObject final : public IDispatch {
                                    UINT*) override {
     return E_NOTIMPL;
   }
-
- private:
-  std::atomic<ULONG> refs_{1};
 };
 
-// An IErrorInfo with a readable reference count, on the same terms as CountedObject.
-class CountedErrorInfo final : public IErrorInfo {
+// An IErrorInfo that describes nothing.
+class CountedErrorInfo final : public Counted<IErrorInfo, IID_IErrorInfo> {
  public:
-  ULONG refs() const { return refs_.load(); }
-
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppvObject) override {
-    if (ppvObject == nullptr) return E_POINTER;
-    if (!IsEqualIID(riid, IID_IUnknown) && !IsEqualIID(riid, IID_IErrorInfo)) {
-      *ppvObject = nullptr;
-      return E_NOINTERFACE;
-    }
-    *ppvObject = static_cast<IErrorInfo*>(this);
-    AddRef();
-    return S_OK;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
-  ULONG STDMETHODCALLTYPE Release() override { return --refs_; }
-
   HRESULT STDMETHODCALLTYPE GetGUID(GUID*) override { return E_NOTIMPL; }
   HRESULT STDMETHODCALLTYPE GetSource(BSTR*) override { return E_NOTIMPL; }
   HRESULT STDMETHODCALLTYPE GetDescription(BSTR*) override { return E_NOTIMPL; }
   HRESULT STDMETHODCALLTYPE GetHelpFile(BSTR*) override { return E_NOTIMPL; }
   HRESULT STDMETHODCALLTYPE GetHelpContext(DWORD*) override { return E_NOTIMPL; }
-
- private:
-  std::atomic<ULONG> refs_{1};
 };
 
 struct BstrDeleter {

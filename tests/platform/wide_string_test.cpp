@@ -83,20 +83,5 @@ TEST(WideString, UnpairedSurrogatesBecomeReplacementCharacters) {
   }
 }
 
-TEST(WideString, BstrViewUsesTheLengthPrefix) {
-  const std::u16string text(u"x\0y\0", 4);
-  BSTR bstr = AllocBstr(text);
-  ASSERT_NE(bstr, nullptr);
-  EXPECT_EQ(SysStringLen(bstr), 4u);
-  EXPECT_EQ(BstrView(bstr), text);
-  SysFreeString(bstr);
-
-  EXPECT_TRUE(BstrView(nullptr).empty());
-  BSTR empty = AllocBstr(std::u16string_view());
-  ASSERT_NE(empty, nullptr) << "an empty string is still a string";
-  EXPECT_EQ(SysStringLen(empty), 0u);
-  SysFreeString(empty);
-}
-
 }  // namespace
 }  // namespace qv::platform

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "requests/catalogue.h"
+#include "support/field_filler.h"
 #include "support/wire_bytes.h"
 
 namespace qv {
@@ -15,69 +16,8 @@ namespace {
 using testing::ByteVector;
 using testing::DecodeAll;
 using testing::Encode;
-
-// Little-endian helpers for writing expected encodings by hand.
-void PutU32(ByteVector& out, uint32_t value) {
-  for (int i = 0; i < 4; ++i)
-    out.push_back(static_cast<uint8_t>(value >> (8 * i)));
-}
-void PutU64(ByteVector& out, uint64_t value) {
-  for (int i = 0; i < 8; ++i)
-    out.push_back(static_cast<uint8_t>(value >> (8 * i)));
-}
-void PutNString(ByteVector& out, const std::string& text) {
-  PutU32(out, static_cast<uint32_t>(text.size() + 1));
-  out.insert(out.end(), text.begin(), text.end());
-  out.push_back(0);
-}
-
-ProcessInfoRecord FullProcess() {
-  ProcessInfoRecord p;
-  p.ProcessID = 0x51;
-  p.Attributes = 0x8001;
-  p.Name = "eboot.bin";
-  p.Entry = 0x400000;
-  p.Fingerprint = u"0f1e2d3c";
-  p.ParentPID = 1;
-  p.MainThrId = 0x1001;
-  p.Reason = {0xA0020007, 0, 0x77};
-  p.ProcessPathname = u"/app0/eboot.bin";
-  p.ExceptionFrame = {0x500000, 0x40, 0, 0x500040, 0x1000, 0};
-  p.Affinity = 0x7F;
-  p.AppId = -2;
-  p.ProcessTime = 123456789;
-  p.CurrentRTCSeconds = 1700000000;
-  p.CurrentRTCNanoseconds = 999;
-  p.CurrentPTCMicroSeconds = 42;
-  return p;
-}
-
-ThreadInfoRecord FullThread(std::optional<SyncObjectRecord> wait_object) {
-  ThreadInfoRecord t;
-  t.Tid = 0x1001;
-  t.Name = "main";
-  t.State = 1;
-  t.WaitState = 0x80000;
-  t.StackAddr = 0x7fff0000;
-  t.StackSize = 0x100000;
-  t.Priority = {1, 2, 3, 4};
-  t.Reason = {131, 0, 9};
-  t.ExitCode = 0xFFFFFFFFFFFFFFFF;
-  t.Type = 1;
-  t.Rip = 0x401234;
-  t.Affinity = 3;
-  t.CpuId = 2;
-  t.Policy = 3;
-  t.Flags = 4 | 32;
-  t.BranchFrom = 0x401000;
-  t.BranchTo = 0x402000;
-  t.ExtraReasonInfo = {1, 2, 3};
-  t.UserState = 4;
-  t.CurrentPTCMicroseconds = 1000;
-  t.SyscallStartPTCMicroseconds = 900;
-  t.WaitObject = std::move(wait_object);
-  return t;
-}
+using testing::Filled;
+using testing::HandBytes;
 
 SyncObjectRecord WaitOnPosixMutex() {
   return SyncObjectRecord::Make<SyncObjectKind::kPosixMutex>(
@@ -87,63 +27,6 @@ SyncObjectRecord WaitOnPosixMutex() {
 SyncObjectRecord WaitOnUltQueue() {
   return SyncObjectRecord::Make<SyncObjectKind::kUltQueue>(
       {3, 4, "jobs", 5, 6, 64, 7, {0x100000001}, {1, 2}, {0x9000, 0x9040}});
-}
-
-ModuleInfoRecord FullModule() {
-  ModuleInfoRecord m;
-  m.SdkVersion = 0x05000000;
-  m.ModuleVersion = 0x0102;
-  m.Type = 2;
-  m.StartEntryAddress = 0x800000;
-  m.ReferenceCount = 1;
-  m.StopEntryAddress = 0x800100;
-  m.ModuleName = u"libc.prx";
-  m.Status = 1;
-  m.Fingerprint = u"abcd";
-  m.SegmentInfoList = {{5, 0, 0x800000, 0x4000}, {6, 0, 0x804000, 0x1000}};
-  m.ExceptionFrame = {0x803000, 0x20, 0, 0x803020, 0x200, 0};
-  m.Flags = 8;
-  m.RequiredModules = {11, 12};
-  m.OriginalFile = u"/system/libc.prx";
-  m.TlsIndex = 3;
-  m.LoadPath = u"/app0/sce_module";
-  return m;
-}
-
-SyncPrimInfoRecord SomePrimitives() {
-  SyncPrimInfoRecord info;
-  info.UltWaitQueueList = {{1, 2, "pool", 3, 4, 5, 6}};
-  info.VestaRwlockList = {{8, 9, "rw", std::nullopt, 2u, 0x1001, {0x1002}, {}}};
-  info.VestaEventQueueList = {{10, 11, "eq", 2, {0xFF, 0x01}, 17}};
-  return info;
-}
-
-AppObjectInfoRecord SomeAppObjects() {
-  AppObjectInfoRecord info;
-  FiberRecord fiber;
-  fiber.Name = "fiber0";
-  fiber.FiberId = 77;
-  fiber.RegisterMxcsr = 0x1F80;
-  info.FiberInfoList = {fiber};
-  UserLevelThreadRecord ult;
-  ult.Name = "ult0";
-  ult.UltId = 5;
-  ult.Fiber = fiber;
-  info.UltRuntimeInfoList = {{"runtime", 16, {0x1001, 0x1002}, {ult}}};
-  JobManagerSequenceRecord sequence;
-  sequence.Name = "seq";
-  JobManagerSectionRecord dispatch;
-  dispatch.DispatchOption = JobManagerDispatchRecord{};
-  dispatch.DispatchOption->Name = "d";
-  JobManagerSectionRecord wait;
-  wait.WaitOption = JobManagerWaitRecord{0x1003};
-  sequence.SectionInfoList = {dispatch, wait};
-  JobManagerInfoRecord manager;
-  manager.JobManagerId = 1;
-  manager.SequenceInfoList = {sequence};
-  info.JobManagerInfoList = {manager};
-  info.Flags = 7;
-  return info;
 }
 
 // A value's encoding, and two ways to decode bytes into a fresh value: whether that gives back the
@@ -169,32 +52,33 @@ Sample MakeSample(const char* name, T value) {
           }};
 }
 
+// Every field of the records set (FieldFiller), a thread with each kind of wait object, and one
+// without its optional fields.
 std::vector<Sample> Samples() {
   ThreadInfoRecord bare_thread;
   bare_thread.Tid = 9;
   bare_thread.Name = "idle";
+  ThreadInfoRecord on_mutex = Filled<ThreadInfoRecord>();
+  on_mutex.WaitObject = WaitOnPosixMutex();
+  ThreadInfoRecord on_queue = Filled<ThreadInfoRecord>();
+  on_queue.WaitObject = WaitOnUltQueue();
   return {
-      MakeSample("process", FullProcess()),
-      MakeSample("thread waiting on a posix mutex", FullThread(WaitOnPosixMutex())),
-      MakeSample("thread waiting on a user-level queue", FullThread(WaitOnUltQueue())),
+      MakeSample("process", Filled<ProcessInfoRecord>()),
+      MakeSample("thread waiting on a posix mutex", on_mutex),
+      MakeSample("thread waiting on a user-level queue", on_queue),
       MakeSample("thread without optional fields", bare_thread),
-      MakeSample("module", FullModule()),
-      MakeSample("synchronisation primitives", SomePrimitives()),
-      MakeSample("application objects", SomeAppObjects()),
-      MakeSample("scattered data", ScatteredDataList{{0x1000, {1, 2, 3}}, {0x2000, {}}}),
+      MakeSample("module", Filled<ModuleInfoRecord>()),
+      MakeSample("synchronisation primitives", Filled<SyncPrimInfoRecord>()),
+      MakeSample("application objects", Filled<AppObjectInfoRecord>()),
+      MakeSample("scattered data", Filled<ScatteredDataList>()),
   };
 }
 
-TEST(DebugRecordsTest, FullyPopulatedRecordsRoundTrip) {
+// Each sample decodes back to itself using every byte, and no proper prefix of it decodes.
+TEST(DebugRecordsTest, FullyPopulatedRecordsRoundTripAndPrefixesFail) {
   for (const Sample& sample : Samples()) {
     SCOPED_TRACE(sample.name);
     EXPECT_TRUE(sample.decodes_to_original(sample.bytes));
-  }
-}
-
-TEST(DebugRecordsTest, EveryProperPrefixFailsToDecode) {
-  for (const Sample& sample : Samples()) {
-    SCOPED_TRACE(sample.name);
     for (size_t length = 0; length < sample.bytes.size(); ++length) {
       const ByteVector prefix(sample.bytes.begin(),
                               sample.bytes.begin() + static_cast<ptrdiff_t>(length));
@@ -204,104 +88,53 @@ TEST(DebugRecordsTest, EveryProperPrefixFailsToDecode) {
 }
 
 TEST(DebugRecordsTest, ExactBytesOfHandComputedEncodings) {
-  struct Case {
+  HardwareBreakpointRecord hardware;
+  hardware.Address = 0x1000;
+  hardware.Flags = 1;
+  hardware.RegionSize = 8;
+  hardware.BreakPtId = 5;
+  StopReasonRecord reason;
+  reason.Code = 0xA0020001;
+  reason.StopId = 0x0102030405060708;
+  RwlockRecord lock;
+  lock.KernelID = 1;
+  lock.Name = "";
+  lock.NumReaders = 3;
+  const struct {
     const char* name;
     ByteVector actual;
     ByteVector expected;
+  } kCases[] = {
+      // ThreadID, Address, Attribute, HitCount, DIFByteCode, and BreakPtId last.
+      {"software breakpoint",
+       Encode(SoftwareBreakpointRecord{7, 0x1122334455667788, 3, 2, {0xAB, 0xCD}, 9}),
+       HandBytes().U32(7).U64(0x1122334455667788).U32(3, 2, 2).Byte(0xAB, 0xCD).U32(9).bytes()},
+      // Address, Flags, RegionSize, BreakPtId and a padding word.
+      {"hardware breakpoint", Encode(hardware), HandBytes().U64(0x1000).U32(1, 8, 5, 0).bytes()},
+      {"stop reason", Encode(reason),
+       HandBytes().U32(0xA0020001, 0).U64(0x0102030405060708).bytes()},
+      // A present wait object is its kind (the position of its list in the primitive info
+      // response, here PosixConditionVariableList, the nineteenth) and then the record.
+      {"wait object",
+       Encode(std::optional<SyncObjectRecord>(
+           SyncObjectRecord::Make<SyncObjectKind::kPosixConditionVariable>({-1, 2, "cv", {5}}))),
+       HandBytes().U32(1, 18, 0xFFFFFFFF).U64(2).NText("cv").U32(1, 5).bytes()},
+      // Absent optionals of a read-write lock are a zero flag alone: Attribute absent,
+      // NumReaders present, OwnerThreadID, no read and no write waiters.
+      {"read-write lock", Encode(lock),
+       HandBytes().U32(1).U64(0).NText("").U32(0, 1, 3, 0, 0, 0).bytes()},
+      // A list of segments goes as the count and the 24-byte images in one piece.
+      {"segment list", Encode(SegmentInfoList{{5, 0, 0x800000, 0x4000}}),
+       HandBytes().U32(1, 5, 0).U64(0x800000, 0x4000).bytes()},
   };
-  std::vector<Case> cases;
-
-  {
-    ByteVector expected;
-    PutU32(expected, 7);                   // ThreadID
-    PutU64(expected, 0x1122334455667788);  // Address
-    PutU32(expected, 3);                   // Attribute
-    PutU32(expected, 2);                   // HitCount
-    PutU32(expected, 2);                   // DIFByteCode count, then its bytes
-    expected.push_back(0xAB);
-    expected.push_back(0xCD);
-    PutU32(expected, 9);  // BreakPtId last
-    cases.push_back({"software breakpoint",
-                     Encode(SoftwareBreakpointRecord{7, 0x1122334455667788, 3, 2, {0xAB, 0xCD}, 9}),
-                     expected});
-  }
-  {
-    HardwareBreakpointRecord record;
-    record.Address = 0x1000;
-    record.Flags = 1;
-    record.RegionSize = 8;
-    record.BreakPtId = 5;
-    ByteVector expected;
-    PutU64(expected, 0x1000);
-    PutU32(expected, 1);
-    PutU32(expected, 8);
-    PutU32(expected, 5);
-    PutU32(expected, 0);  // padding
-    cases.push_back({"hardware breakpoint", Encode(record), expected});
-  }
-  {
-    StopReasonRecord reason;
-    reason.Code = 0xA0020001;
-    reason.StopId = 0x0102030405060708;
-    ByteVector expected;
-    PutU32(expected, 0xA0020001);
-    PutU32(expected, 0);
-    PutU64(expected, 0x0102030405060708);
-    cases.push_back({"stop reason", Encode(reason), expected});
-  }
-  {
-    // A wait object is its kind (the position of its list in the primitive info response, here
-    // PosixConditionVariableList, the nineteenth) and then the record.
-    const auto object =
-        SyncObjectRecord::Make<SyncObjectKind::kPosixConditionVariable>({-1, 2, "cv", {5}});
-    ByteVector expected;
-    PutU32(expected, 1);   // present
-    PutU32(expected, 18);  // kind
-    PutU32(expected, 0xFFFFFFFF);
-    PutU64(expected, 2);
-    PutNString(expected, "cv");
-    PutU32(expected, 1);
-    PutU32(expected, 5);
-    cases.push_back({"wait object", Encode(std::optional<SyncObjectRecord>(object)), expected});
-  }
-  {
-    // Absent optionals of a read-write lock are a zero flag alone.
-    RwlockRecord lock;
-    lock.KernelID = 1;
-    lock.Name = "";
-    lock.NumReaders = 3;
-    ByteVector expected;
-    PutU32(expected, 1);
-    PutU64(expected, 0);
-    PutNString(expected, "");
-    PutU32(expected, 0);  // Attribute absent
-    PutU32(expected, 1);  // NumReaders present
-    PutU32(expected, 3);
-    PutU32(expected, 0);  // OwnerThreadID
-    PutU32(expected, 0);  // no read waiters
-    PutU32(expected, 0);  // no write waiters
-    cases.push_back({"read-write lock", Encode(lock), expected});
-  }
-  {
-    // A list of segments goes as the count and the 24-byte images in one piece.
-    ByteVector expected;
-    PutU32(expected, 1);
-    PutU32(expected, 5);
-    PutU32(expected, 0);
-    PutU64(expected, 0x800000);
-    PutU64(expected, 0x4000);
-    cases.push_back({"segment list", Encode(SegmentInfoList{{5, 0, 0x800000, 0x4000}}), expected});
-  }
-
-  for (const Case& c : cases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(c.actual, c.expected);
   }
 }
 
 TEST(DebugRecordsTest, UnknownWaitObjectKindFailsToDecode) {
-  ByteVector bytes;
-  PutU32(bytes, static_cast<uint32_t>(kSyncObjectKindCount));
+  ByteVector bytes = HandBytes().U32(static_cast<uint32_t>(kSyncObjectKindCount)).bytes();
   bytes.resize(bytes.size() + 64);  // plenty of bytes for any record
   SyncObjectRecord decoded;
   EXPECT_FALSE(DecodeAll(bytes, decoded));

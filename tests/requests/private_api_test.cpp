@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <functional>
 #include <future>
 #include <memory>
@@ -244,31 +243,6 @@ TEST_F(PrivateApiTest, ADeletedTargetsSinksHearNothingMore) {
   EXPECT_EQ(api_->RegistrationCount(EventGroup::ConsoleOutput, 3), 0u);
   EXPECT_EQ(api_->RegistrationCount(EventGroup::Server, kNoTarget), 1u);
   EXPECT_EQ(TakeRequests(), std::vector<SeenRequest>{});  // nothing cancelled
-}
-
-TEST_F(PrivateApiTest, ASinkMayCallBackAndUnadviseItselfFromItsHandler) {
-  Serve();
-  std::promise<HRESULT> unadvised;
-  std::promise<HRESULT> called;
-  std::atomic<bool> once{false};
-  std::weak_ptr<CKXVEPrivateAPI> weak = api_;
-  ASSERT_EQ(
-      api_->Advise(EventGroup::Target,
-                   Client(1,
-                          [&](const std::shared_ptr<CNotification>&) {
-                            if (once.exchange(true)) return;
-                            auto api = weak.lock();
-                            called.set_value(CallVersion(*api));
-                            unadvised.set_value(api->Unadvise(EventGroup::Target, *Client(1), 3));
-                          }),
-                   3),
-      S_OK);
-  ASSERT_TRUE(server_->Notify(ConnectedFor(3)));
-  auto result = unadvised.get_future();
-  ASSERT_EQ(result.wait_for(std::chrono::seconds(60)), std::future_status::ready);
-  EXPECT_EQ(result.get(), S_OK);
-  EXPECT_EQ(called.get_future().get(), S_OK);
-  EXPECT_EQ(api_->RegistrationCount(EventGroup::Target, 3), 0u);
 }
 
 TEST_F(PrivateApiTest, TheLastReferenceMayGoOnTheNotificationThread) {

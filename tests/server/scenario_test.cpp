@@ -199,20 +199,6 @@ TEST(ScenarioTest, TheSubsetReaderAndYamlCppAgree) {
 }
 #endif
 
-TEST(ScenarioTest, TheBuiltInScenarioHasTwoReachableKitsAndOneHostThatDoesNotAnswer) {
-  const Scenario scenario = DefaultScenario();
-  int reachable = 0;
-  int unreachable = 0;
-  int defaults = 0;
-  for (const Kit& kit : scenario.kits) {
-    (kit.reachable ? reachable : unreachable) += 1;
-    defaults += kit.is_default ? 1 : 0;
-  }
-  EXPECT_EQ(reachable, 2);
-  EXPECT_EQ(unreachable, 1);
-  EXPECT_EQ(defaults, 1);
-}
-
 TEST(OptionsTest, ParsesWhatItKnowsAndNamesWhatItDoesNot) {
   struct Case {
     std::vector<std::string> args;
@@ -220,10 +206,7 @@ TEST(OptionsTest, ParsesWhatItKnowsAndNamesWhatItDoesNot) {
     const char* error;
   };
   const Case cases[] = {
-      {{"--scenario", "kits.yaml", "--log-level", "4"}, true, ""},
-      {{"--log-level", "5"}, false, "--log-level takes a number from 0 to 4, not '5'"},
       {{"--log-level", "12"}, false, "--log-level takes a number from 0 to 4, not '12'"},
-      {{"--scenario"}, false, "--scenario needs a value"},
       {{"--scenario", ""}, false, "--scenario needs a value"},
       {{"kits.yaml"}, false, "unknown argument 'kits.yaml'"},
       {{"--user", "vkx-test_1.a"}, true, ""},

@@ -6,6 +6,7 @@
 
 #include "platform/wide_string.h"
 #include "server_harness.h"
+#include "support/wire_bytes.h"
 
 namespace qv::servertest {
 namespace {
@@ -23,13 +24,9 @@ class HostileTest : public ServerTest {
   Client good_{user_};
 };
 
-std::vector<uint8_t> Words(std::initializer_list<uint32_t> words) {
-  std::vector<uint8_t> bytes;
-  for (uint32_t word : words) {
-    for (int i = 0; i < 4; ++i)
-      bytes.push_back(static_cast<uint8_t>(word >> (8 * i)));
-  }
-  return bytes;
+template <class... T>
+std::vector<uint8_t> Words(T... words) {
+  return testing::HandBytes().U32(words...).bytes();
 }
 
 TEST_F(HostileTest, RequestsThatCannotBeDecodedAreAnsweredAndTheConnectionStays) {
@@ -45,7 +42,7 @@ TEST_F(HostileTest, RequestsThatCannotBeDecodedAreAnsweredAndTheConnectionStays)
   const Case cases[] = {
       {"unknown type number", 0x01020304, {}, KXAPI_SERVER_INVALID_REQUEST, "0x01020304"},
       // A string count that promises more units than follow.
-      {"truncated string", CAddTargetRequest::kTypeNumber, Words({50, 0x00410041}),
+      {"truncated string", CAddTargetRequest::kTypeNumber, Words(50, 0x00410041),
        KXAPI_SERVER_INVALID_REQUEST, "ADD_TARGET"},
       {"missing field",
        CSetDefaultTargetRequest::kTypeNumber,
@@ -90,9 +87,9 @@ TEST_F(HostileTest, FramesThatCannotBeDelimitedCloseThatConnectionOnly) {
     std::vector<uint8_t> bytes;
   };
   const Case cases[] = {
-      {"bad reserved word", Words({1, 12, 0, 0})},
-      {"body beyond the limit", Words({0, kMaxFrameBodyBytes + 1, 0, 0})},
-      {"frame without a request header", Words({0, 4, 0, 0, 7})},
+      {"bad reserved word", Words(1, 12, 0, 0)},
+      {"body beyond the limit", Words(0, kMaxFrameBodyBytes + 1, 0, 0)},
+      {"frame without a request header", Words(0, 4, 0, 0, 7)},
   };
   for (const Case& c : cases) {
     RawClient raw{user_};
@@ -105,9 +102,9 @@ TEST_F(HostileTest, FramesThatCannotBeDelimitedCloseThatConnectionOnly) {
 
 TEST_F(HostileTest, ABadHandshakeIsRefusedAndTheWellKnownPipeKeepsServing) {
   const std::vector<uint8_t> requests[] = {
-      Words({12345, 1, 2}),     // wrong magic word
-      Words({32768, 1}),        // too short
-      Words({32768, 1, 2, 3}),  // too long
+      Words(12345, 1, 2),     // wrong magic word
+      Words(32768, 1),        // too short
+      Words(32768, 1, 2, 3),  // too long
   };
   for (const auto& body : requests) {
     RawClient raw{user_};

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <future>
+#include <map>
 
 #include "platform/wide_string.h"
 #include "requests/target_states.h"
@@ -10,6 +11,10 @@
 
 namespace qv::servertest {
 namespace {
+
+constexpr uint32_t Code(eErrorCode code) {
+  return static_cast<uint32_t>(code);
+}
 
 class TargetsTest : public ServerTest {
  protected:
@@ -43,12 +48,7 @@ class BuiltInTargetsTest : public TargetsTest {
   static constexpr char16_t kSilentHost[] = u"192.168.40.99";
 };
 
-TEST_F(TargetsTest, ReportsItsVersionAndTheScenarioTargets) {
-  const auto version = a_.Call<CGetServerVersionResponse>(kNone, CGetServerVersionRequest{});
-  EXPECT_EQ(version.Result, 0u);
-  EXPECT_EQ((std::array<uint32_t, 4>{version.Major, version.Minor, version.Patch, version.Build}),
-            (std::array<uint32_t, 4>{5, 0, 10, 0}));
-
+TEST_F(TargetsTest, ListsTheScenarioTargets) {
   const auto list = a_.Call<CGetTargetListResponse>(kNone, CGetTargetListRequest{});
   ASSERT_EQ(list.Result, 0u);
   // kit-spare is known to the scenario but not registered.
@@ -61,22 +61,6 @@ TEST_F(TargetsTest, ReportsItsVersionAndTheScenarioTargets) {
     hosts.push_back(platform::Utf16ToUtf8(host.HostName));
   }
   EXPECT_EQ(hosts, (std::vector<std::string>{"kit-one", "kit-two", "kit-gone", "kit-slow"}));
-
-  const auto by_default = a_.Call<CGetDefaultTargetResponse>(kNone, CGetDefaultTargetRequest{});
-  EXPECT_EQ(by_default.Result, 0u);
-  EXPECT_EQ(by_default.Handle, HandleOf(a_, u"KIT-ONE"));
-}
-
-TEST_F(BuiltInTargetsTest, ListsTheProcessesOfItsClients) {
-  // Both clients connect; each is this test process.
-  EXPECT_EQ(b_.Call<CGetServerVersionResponse>(kNone, CGetServerVersionRequest{}).Result, 0u);
-  const auto pids = a_.Call<CGetClientPidsResponse>(kNone, CGetClientPidsRequest{});
-  EXPECT_EQ(pids.Result, 0u);
-  EXPECT_EQ(pids.ProcessIds, (U32List{platform::CurrentProcessId(), platform::CurrentProcessId()}));
-  b_.link().Disconnect();
-  EXPECT_TRUE(WaitUntil([&] {
-    return a_.Call<CGetClientPidsResponse>(kNone, CGetClientPidsRequest{}).ProcessIds.size() == 1;
-  }));
 }
 
 TEST_F(TargetsTest, AddingAHostTwiceGivesOneTargetAndOneNotification) {
@@ -135,13 +119,15 @@ TEST_F(BuiltInTargetsTest, RefusesBadTargetsWithAClearResult) {
   }
   // Operations on a handle nobody registered.
   EXPECT_EQ(a_.Call<CGetHostNameResponse>(4242, CGetHostNameRequest{}).Result,
-            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+            Code(KXAPI_SERVER_INVALID_TARGET));
   EXPECT_EQ(a_.Call<CPowerOnResponse>(kNone, CPowerOnRequest{}).Result,
-            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+            Code(KXAPI_SERVER_INVALID_TARGET));
+  EXPECT_EQ(a_.Call<CCancelCurrentCommandResponse>(4242, CCancelCurrentCommandRequest{}).Result,
+            Code(KXAPI_SERVER_INVALID_TARGET));
   CSetDefaultTargetRequest set_default;
   set_default.Handle = 4242;
   EXPECT_EQ(a_.Call<CSetDefaultTargetResponse>(kNone, set_default).Result,
-            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+            Code(KXAPI_SERVER_INVALID_TARGET));
 }
 
 TEST_F(BuiltInTargetsTest, UnknownHostsCanBeAddedButNeverAnswer) {
@@ -152,42 +138,16 @@ TEST_F(BuiltInTargetsTest, UnknownHostsCanBeAddedButNeverAnswer) {
   ASSERT_EQ(added.Result, 0u);
   for (uint32_t handle : {added.Handle, HandleOf(a_, kSilentHost)}) {
     const auto connect = a_.Call<CTargetConnectResponse>(handle, CTargetConnectRequest{});
-    EXPECT_EQ(connect.Result, static_cast<uint32_t>(KXAPI_COMMS_ERR_NO_CONNECT));
+    EXPECT_EQ(connect.Result, Code(KXAPI_COMMS_ERR_NO_CONNECT));
     EXPECT_NE(platform::Utf16ToUtf8(connect.ResultText).find("no kit answers"), std::string::npos);
     EXPECT_EQ(a_.Call<CPowerStatusResponse>(handle, CPowerStatusRequest{}).Result,
-              static_cast<uint32_t>(KXAPI_COMMS_ERR_NO_CONNECT));
+              Code(KXAPI_COMMS_ERR_NO_CONNECT));
   }
   // The cached name does not need the kit.
   const auto cached =
       a_.Call<CGetCachedTargetNameResponse>(added.Handle, CGetCachedTargetNameRequest{});
   EXPECT_EQ(cached.Result, 0u);
   EXPECT_EQ(cached.Name, u"nobody.example");
-}
-
-TEST_F(BuiltInTargetsTest, DeletingTheDefaultTargetTellsSubscribersAndForgetsIt) {
-  Subscribe<CRequestServerEventsRequest>(b_, kNone);
-  const uint32_t one = HandleOf(a_, kOnKit);
-  EXPECT_EQ(a_.Call<CDeleteTargetResponse>(one, CDeleteTargetRequest{}).Result, 0u);
-  b_.WaitNotifications(2);
-  ASSERT_EQ(b_.NotificationNames(),
-            (std::vector<std::string>{"TARGET_DELETED", "DEFAULT_TARGET_CHANGED"}));
-  const auto notifications = b_.Notifications();
-  EXPECT_EQ(As<CTargetDeletedNotification>(notifications[0])->Handle, one);
-  EXPECT_EQ(As<CDefaultTargetChangedNotification>(notifications[1])->NewHandle, kNone);
-
-  EXPECT_EQ(a_.Call<CGetDefaultTargetResponse>(kNone, CGetDefaultTargetRequest{}).Result,
-            static_cast<uint32_t>(KXAPI_NO_TARGET));
-  EXPECT_EQ(a_.Call<CGetHostNameResponse>(one, CGetHostNameRequest{}).Result,
-            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
-  EXPECT_EQ(a_.Call<CDeleteTargetResponse>(one, CDeleteTargetRequest{}).Result,
-            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
-  // Adding the host again gives a new handle, never the old one.
-  CAddTargetRequest add;
-  add.TargetType = u"VE";
-  add.HostName = kOnKit;
-  const auto again = a_.Call<CAddTargetResponse>(kNone, add);
-  EXPECT_EQ(again.Result, 0u);
-  EXPECT_NE(again.Handle, one);
 }
 
 TEST_F(TargetsTest, FindsTargetsByHostAndByName) {
@@ -224,25 +184,15 @@ TEST_F(TargetsTest, FindsTargetsByHostAndByName) {
   }
 }
 
-TEST_F(TargetsTest, PowerChangesRunTheirCourseAndRefuseWhatTheStateForbids) {
+// The states themselves, and the refusals of power-on when on and power-off when off, are the
+// target objects' test; here what subscribers are told, and that an off kit cannot reboot.
+TEST_F(TargetsTest, PowerChangesTellSubscribersTheirCourse) {
   const uint32_t two = HandleOf(a_, u"kit-two");
   Subscribe<CRequestTargetEventsRequest>(b_, two);
-  auto power = [&] {
-    const auto status = a_.Call<CPowerStatusResponse>(two, CPowerStatusRequest{});
-    EXPECT_EQ(status.Result, 0u);
-    return static_cast<PowerStatus>(status.PowerStatus);
-  };
-  EXPECT_EQ(power(), PowerStatus::kOff);
-  EXPECT_EQ(a_.Call<CPowerOffResponse>(two, CPowerOffRequest{}).Result,
-            static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_POWER_STATE));
   EXPECT_EQ(a_.Call<CRebootResponse>(two, CRebootRequest{}).Result,
-            static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_POWER_STATE));
+            Code(KXAPI_COMMS_ERR_INVALID_POWER_STATE));
   EXPECT_EQ(a_.Call<CPowerOnResponse>(two, CPowerOnRequest{}).Result, 0u);
-  EXPECT_EQ(power(), PowerStatus::kOn);
-  EXPECT_EQ(a_.Call<CPowerOnResponse>(two, CPowerOnRequest{}).Result,
-            static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_POWER_STATE));
   EXPECT_EQ(a_.Call<CPowerOffResponse>(two, CPowerOffRequest{}).Result, 0u);
-  EXPECT_EQ(power(), PowerStatus::kOff);
 
   const auto notifications = b_.WaitNotifications(8);
   ASSERT_EQ(b_.NotificationNames(),
@@ -279,62 +229,22 @@ TEST_F(TargetsTest, ASlowRequestOfOneClientDoesNotHoldUpAnother) {
     EXPECT_EQ(b_.Call<CGetTargetListResponse>(kNone, CGetTargetListRequest{}).Result, 0u);
   }
   // A second power change waits for nobody: it is refused at once while the first runs.
-  EXPECT_EQ(b_.Call<CPowerOnResponse>(slow, CPowerOnRequest{}).Result,
-            static_cast<uint32_t>(KXAPI_COMMS_ERR_BUSY));
+  EXPECT_EQ(b_.Call<CPowerOnResponse>(slow, CPowerOnRequest{}).Result, Code(KXAPI_COMMS_ERR_BUSY));
   EXPECT_EQ(power_on.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
   // Its own client ends it rather than wait twenty seconds.
   EXPECT_EQ(a_.Call<CCancelMyCommandsResponse>(kNone, CCancelMyCommandsRequest{}).Result, 0u);
-  EXPECT_EQ(power_on.get(), static_cast<uint32_t>(KXAPI_COMMS_ERR_OPERATION_CANCELLED));
-  EXPECT_EQ(b_.Call<CGetTargetBusyStateResponse>(slow, CGetTargetBusyStateRequest{}).BusyCount, 0u);
+  EXPECT_EQ(power_on.get(), Code(KXAPI_COMMS_ERR_OPERATION_CANCELLED));
 }
 
-TEST_F(TargetsTest, AClientIsAnsweredDuringItsOwnSlowRequestAndCanCancelIt) {
-  const uint32_t slow = HandleOf(a_, u"kit-slow");
-  std::future<CPowerOnResponse> power_on = std::async(
-      std::launch::async, [&] { return a_.Call<CPowerOnResponse>(slow, CPowerOnRequest{}); });
-  // The same client's other requests do not queue behind the power change.
-  ASSERT_TRUE(WaitUntil([&] {
-    return a_.Call<CGetTargetBusyStateResponse>(slow, CGetTargetBusyStateRequest{}).BusyCount == 1;
-  }));
-  // Another client cannot cancel it; its own client can.
-  EXPECT_EQ(b_.Call<CCancelMyCommandsResponse>(kNone, CCancelMyCommandsRequest{}).Result, 0u);
-  EXPECT_EQ(b_.Call<CCancelCurrentCommandResponse>(slow, CCancelCurrentCommandRequest{}).Result,
-            0u);
-  EXPECT_EQ(power_on.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
-  EXPECT_EQ(a_.Call<CCancelCurrentCommandResponse>(slow, CCancelCurrentCommandRequest{}).Result,
-            0u);
-  const CPowerOnResponse cancelled = power_on.get();
-  EXPECT_EQ(cancelled.Result, static_cast<uint32_t>(KXAPI_COMMS_ERR_OPERATION_CANCELLED));
-  EXPECT_EQ(a_.Call<CPowerStatusResponse>(slow, CPowerStatusRequest{}).PowerStatus,
-            static_cast<uint32_t>(PowerStatus::kOff));
-  EXPECT_EQ(a_.Call<CCancelCurrentCommandResponse>(4242, CCancelCurrentCommandRequest{}).Result,
-            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
-}
-
-TEST_F(BuiltInTargetsTest, ConnectionsBelongToOneClientAtATime) {
+TEST_F(BuiltInTargetsTest, TheHolderOfAConnectionHearsItTakenAndALeavingClientGivesItBack) {
   const uint32_t one = HandleOf(a_, kOnKit);
   Subscribe<CRequestTargetEventsRequest>(a_, one);
   auto state = [&](Client& client) {
-    const auto response = client.Call<CConnectionStateResponse>(one, CConnectionStateRequest{});
-    EXPECT_EQ(response.Result, 0u);
-    return static_cast<ConnectionState>(response.State);
+    return static_cast<ConnectionState>(
+        client.Call<CConnectionStateResponse>(one, CConnectionStateRequest{}).State);
   };
-  EXPECT_EQ(state(a_), ConnectionState::kAvailable);
   EXPECT_EQ(a_.Call<CTargetConnectResponse>(one, CTargetConnectRequest{}).Result, 0u);
-  EXPECT_EQ(state(a_), ConnectionState::kConnected);
-  EXPECT_EQ(state(b_), ConnectionState::kInUse);
-  EXPECT_EQ(b_.Call<CTargetConnectResponse>(one, CTargetConnectRequest{}).Result,
-            static_cast<uint32_t>(KXAPI_COMMS_ERR_TARGET_IN_USE));
-  EXPECT_EQ(b_.Call<CTargetDisconnectResponse>(one, CTargetDisconnectRequest{}).Result,
-            static_cast<uint32_t>(KXAPI_COMMS_ERR_NOT_CONNECTED));
-
   EXPECT_EQ(b_.Call<CForceDisconnectResponse>(one, CForceDisconnectRequest{}).Result, 0u);
-  EXPECT_EQ(state(a_), ConnectionState::kInUse);
-  EXPECT_EQ(state(b_), ConnectionState::kConnected);
-  const auto info = b_.Call<CGetConnectionInfoResponse>(one, CGetConnectionInfoRequest{});
-  EXPECT_EQ(info.Result, 0u);
-  EXPECT_FALSE(info.ConnectionInfo.empty());
-
   const auto notifications = a_.WaitNotifications(4);
   ASSERT_EQ(a_.NotificationNames(),
             (std::vector<std::string>{"CONNECT", "CONNECTED", "FORCE_DISCONNECTED", "CONNECTED"}));
@@ -347,47 +257,24 @@ TEST_F(BuiltInTargetsTest, ConnectionsBelongToOneClientAtATime) {
   EXPECT_TRUE(WaitUntil([&] { return state(a_) == ConnectionState::kAvailable; }));
 }
 
-TEST_F(BuiltInTargetsTest, ARequestedConnectionIsHandedOverWhenItsHolderReleasesIt) {
+TEST_F(BuiltInTargetsTest, AClientThatStopsWaitingForAConnectionCancelsItsRequest) {
   const uint32_t one = HandleOf(a_, kOnKit);
-  EXPECT_EQ(a_.Call<CTargetConnectResponse>(one, CTargetConnectRequest{}).Result, 0u);
-  std::future<uint32_t> requested = std::async(std::launch::async, [&] {
-    return b_.Call<CRequestConnectionResponse>(one, CRequestConnectionRequest{}).Result;
-  });
-  EXPECT_EQ(requested.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
-  EXPECT_EQ(a_.Call<CReleaseConnectionResponse>(one, CReleaseConnectionRequest{}).Result, 0u);
-  EXPECT_EQ(requested.get(), 0u);
-  EXPECT_EQ(b_.Call<CConnectionStateResponse>(one, CConnectionStateRequest{}).State,
-            static_cast<uint32_t>(ConnectionState::kConnected));
   EXPECT_EQ(b_.Call<CRequestConnectionResponse>(one, CRequestConnectionRequest{}).Result, 0u);
   EXPECT_EQ(a_.Call<CReleaseConnectionResponse>(one, CReleaseConnectionRequest{}).Result,
-            static_cast<uint32_t>(KXAPI_COMMS_ERR_NOT_CONNECTED));
-
-  // A client that stops waiting cancels its request.
+            Code(KXAPI_COMMS_ERR_NOT_CONNECTED));
   std::future<uint32_t> waiting = std::async(std::launch::async, [&] {
     return a_.Call<CRequestConnectionResponse>(one, CRequestConnectionRequest{}).Result;
   });
   EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
   EXPECT_EQ(a_.Call<CCancelMyCommandsResponse>(kNone, CCancelMyCommandsRequest{}).Result, 0u);
-  EXPECT_EQ(waiting.get(), static_cast<uint32_t>(KXAPI_COMMS_ERR_OPERATION_CANCELLED));
+  EXPECT_EQ(waiting.get(), Code(KXAPI_COMMS_ERR_OPERATION_CANCELLED));
   EXPECT_EQ(b_.Call<CConnectionStateResponse>(one, CConnectionStateRequest{}).State,
             static_cast<uint32_t>(ConnectionState::kConnected));
 }
 
-TEST_F(TargetsTest, NamesAndKitPropertiesComeFromTheScenario) {
+TEST_F(TargetsTest, TheServerChecksWhatClientsSetAndOthersReadIt) {
   const uint32_t one = HandleOf(a_, u"kit-one");
   Subscribe<CRequestTargetEventsRequest>(b_, one);
-  const auto mac = a_.Call<CGetMacAddressResponse>(one, CGetMacAddressRequest{});
-  EXPECT_EQ(mac.MacAddress, (Bytes{0x02, 0, 0, 0, 0, 0x01}));
-  const auto sdk = a_.Call<CGetSdkVersionResponse>(one, CGetSdkVersionRequest{});
-  EXPECT_EQ((std::array<uint32_t, 4>{sdk.Major, sdk.Minor, sdk.Patch, sdk.Build}),
-            (std::array<uint32_t, 4>{5, 1, 2, 3}));
-  const auto info = a_.Call<CGetTargetInfoResponse>(one, CGetTargetInfoRequest{});
-  ASSERT_EQ(info.Result, 0u);
-  bool saw_name = false;
-  for (const NameValue& entry : info.Info)
-    saw_name = saw_name || (entry.Name == u"Name" && entry.Value == u"One");
-  EXPECT_TRUE(saw_name);
-
   CSetTargetNameRequest rename;
   rename.Name = u"Renamed";
   EXPECT_EQ(a_.Call<CSetTargetNameResponse>(one, rename).Result, 0u);
@@ -396,22 +283,16 @@ TEST_F(TargetsTest, NamesAndKitPropertiesComeFromTheScenario) {
   by_name.Name = u"renamed";
   EXPECT_EQ(a_.Call<CGetTargetsByNameResponse>(kNone, by_name).Targets, (U32List{one}));
   rename.Name.clear();
-  EXPECT_EQ(a_.Call<CSetTargetNameResponse>(one, rename).Result,
-            static_cast<uint32_t>(KXAPI_SERVER_INVALID_ARG));
+  EXPECT_EQ(a_.Call<CSetTargetNameResponse>(one, rename).Result, Code(KXAPI_SERVER_INVALID_ARG));
 
   CSetCachedMacAddressRequest set_mac;
   set_mac.MacAddress = {1, 2, 3};
   EXPECT_EQ(a_.Call<CSetCachedMacAddressResponse>(one, set_mac).Result,
-            static_cast<uint32_t>(KXAPI_SERVER_INVALID_ARG));
+            Code(KXAPI_SERVER_INVALID_ARG));
   set_mac.MacAddress = {1, 2, 3, 4, 5, 6};
   EXPECT_EQ(a_.Call<CSetCachedMacAddressResponse>(one, set_mac).Result, 0u);
   EXPECT_EQ(b_.Call<CGetMacAddressResponse>(one, CGetMacAddressRequest{}).MacAddress,
             set_mac.MacAddress);
-  CSetCachedSubnetMaskRequest set_mask;
-  set_mask.SubnetMask = 0xFFFFFF00;
-  EXPECT_EQ(a_.Call<CSetCachedSubnetMaskResponse>(one, set_mask).Result, 0u);
-  EXPECT_EQ(b_.Call<CGetCachedSubnetMaskResponse>(one, CGetCachedSubnetMaskRequest{}).SubnetMask,
-            0xFFFFFF00u);
 
   b_.WaitNotifications(1);
   ASSERT_EQ(b_.NotificationNames(), (std::vector<std::string>{"NAME_UPDATE"}));
@@ -420,25 +301,17 @@ TEST_F(TargetsTest, NamesAndKitPropertiesComeFromTheScenario) {
 
 TEST_F(BuiltInTargetsTest, SubscriptionsAreOnePerClientGroupAndKey) {
   const uint32_t one = HandleOf(a_, kOnKit);
-  // Every group's pair is served; a cancel of what was never subscribed succeeds too.
-  const std::pair<uint32_t, uint32_t> pairs[] = {
-      {CRequestCacheUpdateEventsRequest::kTypeNumber, CCancelCacheUpdateEventsRequest::kTypeNumber},
-      {CRequestConsoleOutputEventsRequest::kTypeNumber,
-       CCancelConsoleOutputEventsRequest::kTypeNumber},
-      {CRequestControllerEventsRequest::kTypeNumber, CCancelControllerEventsRequest::kTypeNumber},
-      {CRequestDebugEventsRequest::kTypeNumber, CCancelDebugEventsRequest::kTypeNumber},
-      {CRequestGenericProtocolEventsRequest::kTypeNumber,
-       CCancelGenericProtocolEventsRequest::kTypeNumber},
-      {CRequestHighFreqFileCopyEventsRequest::kTypeNumber,
-       CCancelHighFreqFileCopyEventsRequest::kTypeNumber},
-      {CRequestLowFreqFileCopyEventsRequest::kTypeNumber,
-       CCancelLowFreqFileCopyEventsRequest::kTypeNumber},
-      {CRequestTrickleEventsRequest::kTypeNumber, CCancelTrickleEventsRequest::kTypeNumber},
-      {CRequestProcessLockEventsRequest::kTypeNumber, CCancelProcessLockEventsRequest::kTypeNumber},
-      {CRequestServerEventsRequest::kTypeNumber, CCancelServerEventsRequest::kTypeNumber},
-      {CRequestTargetEventsRequest::kTypeNumber, CCancelTargetEventsRequest::kTypeNumber},
-      {CRequestViewerEventsRequest::kTypeNumber, CCancelViewerEventsRequest::kTypeNumber},
-  };
+  // Every group's pair (REQUEST_<GROUP>_EVENTS, CANCEL_<GROUP>_EVENTS) is served; a cancel of
+  // what was never subscribed succeeds too.
+  std::map<std::string, uint32_t> numbers;
+  for (const auto& entry : RequestFactory().Entries())
+    numbers[platform::Utf16ToUtf8(entry.name)] = entry.type_number;
+  std::vector<std::pair<uint32_t, uint32_t>> pairs;
+  for (const auto& [name, number] : numbers) {
+    if (name.starts_with("REQUEST_") && name.ends_with("_EVENTS"))
+      pairs.emplace_back(number, numbers.at("CANCEL_" + name.substr(8)));
+  }
+  ASSERT_EQ(pairs.size(), 12u);
   for (const auto& [subscribe, cancel] : pairs) {
     for (uint32_t type : {cancel, subscribe, subscribe, cancel, cancel}) {
       auto request = RequestFactory().Create(type);
@@ -450,7 +323,7 @@ TEST_F(BuiltInTargetsTest, SubscriptionsAreOnePerClientGroupAndKey) {
   }
   // A target group needs a target that exists.
   EXPECT_EQ(a_.Call<CRequestTargetEventsResponse>(4242, CRequestTargetEventsRequest{}).Result,
-            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+            Code(KXAPI_SERVER_INVALID_TARGET));
 
   // After subscribe, subscribe, cancel, no notification arrives.
   Subscribe<CRequestTargetEventsRequest>(b_, one);
@@ -501,17 +374,13 @@ TEST_F(TargetsTest, NotificationsKeepTheOrderOfTheChanges) {
   }
 }
 
-TEST_F(TargetsTest, DiscoveryAndSummaryAnswerForReachableKits) {
-  const auto discovered = a_.Call<CDiscoverTargetsResponse>(kNone, CDiscoverTargetsRequest{});
-  EXPECT_EQ(discovered.Result, 0u);
-  EXPECT_EQ(discovered.Addresses, (WStringList{u"10.1.0.1", u"10.1.0.2"}));
-
+TEST_F(TargetsTest, SummaryAnswersForReachableKits) {
   CGetTargetSummaryRequest summary;
   summary.Host = u"kit-spare";
   EXPECT_EQ(a_.Call<CGetTargetSummaryResponse>(kNone, summary).Result, 0u);
   summary.Host = u"kit-gone";
   EXPECT_EQ(a_.Call<CGetTargetSummaryResponse>(kNone, summary).Result,
-            static_cast<uint32_t>(KXAPI_COMMS_ERR_NO_CONNECT));
+            Code(KXAPI_COMMS_ERR_NO_CONNECT));
 }
 
 TEST_F(BuiltInTargetsTest, FindingTargetsReportsTheKitsInEachRange) {
@@ -534,8 +403,7 @@ TEST_F(BuiltInTargetsTest, FindingTargetsReportsTheKitsInEachRange) {
     EXPECT_EQ(progress->Result, 0u);
   }
   find.Rules = {{0x0A010009, 0x0A010002, 0}};
-  EXPECT_EQ(a_.Call<CFindTargetsResponse>(kNone, find).Result,
-            static_cast<uint32_t>(KXAPI_SERVER_INVALID_ARG));
+  EXPECT_EQ(a_.Call<CFindTargetsResponse>(kNone, find).Result, Code(KXAPI_SERVER_INVALID_ARG));
   EXPECT_EQ(a_.Call<CCancelFindTargetsResponse>(kNone, CCancelFindTargetsRequest{}).Result, 0u);
 }
 
@@ -546,7 +414,7 @@ TEST_F(BuiltInTargetsTest, PacketLoggingWritesEveryRequestAndAnswer) {
   EXPECT_EQ(a_.Call<CStartPacketLoggingResponse>(kNone, start).Result, 0u);
   EXPECT_EQ(a_.Call<CGetTargetListResponse>(kNone, CGetTargetListRequest{}).Result, 0u);
   EXPECT_EQ(a_.Call<CGetHostNameResponse>(4242, CGetHostNameRequest{}).Result,
-            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+            Code(KXAPI_SERVER_INVALID_TARGET));
   // Notifications are logged as they are sent, to the client they are sent to.
   const uint32_t on = HandleOf(a_, kOnKit);
   Subscribe<CRequestTargetEventsRequest>(b_, on);
@@ -567,7 +435,7 @@ TEST_F(BuiltInTargetsTest, PacketLoggingWritesEveryRequestAndAnswer) {
   EXPECT_EQ(log.find("GET_SERVER_VERSION"), std::string::npos) << log;
   start.FileName.clear();
   EXPECT_EQ(a_.Call<CStartPacketLoggingResponse>(kNone, start).Result,
-            static_cast<uint32_t>(KXAPI_SERVER_INVALID_ARG));
+            Code(KXAPI_SERVER_INVALID_ARG));
 }
 
 }  // namespace

@@ -104,6 +104,12 @@ TEST(TargetRegistryTest, SubscriptionsAreSetsAndGoWithTheirClientAndTarget) {
   EXPECT_EQ(registry.SubscriptionCount(7), 1u);
   EXPECT_EQ(sink.Names(),
             (std::vector<std::string>{"NAME_UPDATE", "TARGET_DELETED", "DEFAULT_TARGET_CHANGED"}));
+  EXPECT_EQ(static_cast<const CTargetDeletedNotification&>(*sink.received[1]).Handle, a);
+  EXPECT_EQ(static_cast<const CDefaultTargetChangedNotification&>(*sink.received[2]).NewHandle,
+            0xFFFFFFFFu);
+  uint32_t unused = 0;
+  EXPECT_EQ(registry.DeleteTarget(a).code, static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+  EXPECT_EQ(registry.GetDefaultTarget(unused).code, static_cast<uint32_t>(KXAPI_NO_TARGET));
   registry.Unsubscribe(7, EventGroup::Server, 12345);
   EXPECT_EQ(registry.SubscriptionCount(7), 0u);
 }

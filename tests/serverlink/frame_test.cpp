@@ -2,10 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
-#include <thread>
-#include <vector>
 
 #include "support/wire_bytes.h"
 
@@ -59,28 +56,6 @@ TEST(FrameTest, SequenceNumbersKeepThirtyOneBitsAndWrapToZero) {
   SequenceCounter counter_wraps(0xFFFFFFFE);
   EXPECT_EQ(counter_wraps.Next(), 0x7FFFFFFFu);
   EXPECT_EQ(counter_wraps.Next(), 0u);
-}
-
-TEST(FrameTest, ConcurrentSendersDrawUniqueNumbers) {
-  constexpr int kThreads = 4;
-  constexpr int kEach = 5000;
-  SequenceCounter counter;
-  std::vector<std::vector<uint32_t>> drawn(kThreads);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < kEach; ++i)
-        drawn[t].push_back(counter.Next());
-    });
-  }
-  for (auto& thread : threads)
-    thread.join();
-  std::vector<uint32_t> all;
-  for (const auto& numbers : drawn)
-    all.insert(all.end(), numbers.begin(), numbers.end());
-  std::sort(all.begin(), all.end());
-  EXPECT_EQ(std::adjacent_find(all.begin(), all.end()), all.end());
-  EXPECT_EQ(all.size(), size_t{kThreads * kEach});
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "serverlink/wait_error.h"
 #include "vekxapi/result_codes.h"
 
 namespace qv {
@@ -34,15 +33,6 @@ TEST(LinkStatusTest, EveryStatusMapsToItsResultCode) {
   // The values the callers rely on, not only the names.
   EXPECT_EQ(static_cast<uint32_t>(LinkStatusToResult(LinkStatus::kWaitFailed)), 0x80040206u);
   EXPECT_EQ(static_cast<uint32_t>(LinkStatusToResult(LinkStatus::kWrongResponseType)), 0x8004020Bu);
-}
-
-TEST(WaitErrorTest, TheCategoryNamesItsValues) {
-  EXPECT_STREQ(WaitErrorCategory::Get().name(), "WaitError");
-  EXPECT_EQ(std::error_code(WaitError::kWaitSuccess).message(), "WaitSuccess");
-  EXPECT_EQ(std::error_code(WaitError::kWaitAbandoned).message(), "WaitAbandoned");
-  EXPECT_EQ(std::error_code(WaitError::kWaitAbort).message(), "WaitAbort");
-  EXPECT_EQ(std::error_code(7, WaitErrorCategory::Get()).message(), "WaitUnknown");
-  EXPECT_EQ(&std::error_code(WaitError::kWaitAbort).category(), &WaitErrorCategory::Get());
 }
 
 }  // namespace

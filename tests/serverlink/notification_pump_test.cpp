@@ -68,16 +68,5 @@ TEST(NotificationPumpTest, StopWaitsForTheHandlerAndDropsTheRest) {
   EXPECT_EQ(handled, 1);
 }
 
-TEST(NotificationPumpTest, AHandlerMayDestroyThePumpItRunsOn) {
-  std::unique_ptr<NotificationPump> pump;
-  std::promise<void> destroyed;
-  pump = std::make_unique<NotificationPump>([&](const std::shared_ptr<CNotification>&) {
-    pump.reset();  // the last owner lets go on the pump's own thread
-    destroyed.set_value();
-  });
-  ASSERT_TRUE(pump->Push(Numbered(1)));
-  EXPECT_EQ(destroyed.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
-}
-
 }  // namespace
 }  // namespace qv

@@ -1,5 +1,7 @@
 #include "support/test_environment.h"
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <system_error>
@@ -29,6 +31,7 @@ TempDir::TempDir() {
     const fs::path candidate = base / platform::Utf16ToUtf8(UniqueUser("vkx-dir-"));
     if (fs::create_directory(candidate, error)) path_ = candidate;
   }
+  if (path_.empty()) ADD_FAILURE() << "no temporary directory under " << base;
 }
 
 TempDir::~TempDir() {

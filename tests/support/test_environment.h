@@ -15,7 +15,8 @@ namespace qv::testing {
 // and a counter.
 std::u16string UniqueUser(std::string_view prefix);
 
-// A fresh directory, removed with its contents at the end of the test. Empty path on failure.
+// A fresh directory, removed with its contents at the end of the test. When none can be made the
+// test fails and the path is empty.
 class TempDir {
  public:
   TempDir();

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
 #include "serverlink/message_buffer.h"
@@ -36,6 +37,57 @@ bool DecodeAll(const ByteVector& bytes, T& value) {
     ok = ReadField(buffer, value);
   }
   return ok && buffer.Size() == 0;
+}
+
+// Little-endian bytes written out by hand, independent of the field codecs, for the encodings a
+// test expects.
+class HandBytes {
+ public:
+  // Each value in turn, at its width.
+  template <class... T>
+  HandBytes& U32(T... values) {
+    return (Put(static_cast<uint32_t>(values), 4), ...);
+  }
+  template <class... T>
+  HandBytes& U64(T... values) {
+    return (Put(static_cast<uint64_t>(values), 8), ...);
+  }
+  template <class... T>
+  HandBytes& Byte(T... values) {
+    return (Put(static_cast<uint8_t>(values), 1), ...);
+  }
+  // A counted wide string with its terminator.
+  HandBytes& Text(std::u16string_view text) {
+    U32(static_cast<uint32_t>(text.size() + 1));
+    for (char16_t unit : text)
+      Put(unit, 2);
+    return Put(0, 2);
+  }
+  // A counted narrow string with its terminator.
+  HandBytes& NText(std::string_view text) {
+    U32(static_cast<uint32_t>(text.size() + 1));
+    for (char unit : text)
+      Put(static_cast<uint8_t>(unit), 1);
+    return Put(0, 1);
+  }
+  const ByteVector& bytes() const { return bytes_; }
+
+ private:
+  HandBytes& Put(uint64_t value, int width) {
+    for (int i = 0; i < width; ++i)
+      bytes_.push_back(static_cast<uint8_t>(value >> (8 * i)));
+    return *this;
+  }
+  ByteVector bytes_;
+};
+
+// FNV-1a 64 of `text`: the digest against which a table transcribed from the protocol document is
+// kept, instead of a second copy of the whole table.
+inline uint64_t Fnv1a64(std::string_view text) {
+  uint64_t hash = 0xcbf29ce484222325u;
+  for (char c : text)
+    hash = (hash ^ static_cast<uint8_t>(c)) * 0x100000001b3u;
+  return hash;
 }
 
 }  // namespace qv::testing
