@@ -81,13 +81,4 @@ class HandBytes {
   ByteVector bytes_;
 };
 
-// FNV-1a 64 of `text`: the digest against which a table transcribed from the protocol document is
-// kept, instead of a second copy of the whole table.
-inline uint64_t Fnv1a64(std::string_view text) {
-  uint64_t hash = 0xcbf29ce484222325u;
-  for (char c : text)
-    hash = (hash ^ static_cast<uint8_t>(c)) * 0x100000001b3u;
-  return hash;
-}
-
 }  // namespace qv::testing
