@@ -28,14 +28,6 @@ constexpr char kEventsScenario[] = R"(kits:
             fields: {Flags: 1, Address: 0x0A000001}
   - host: kit-two
     power: on
-  - host: kit-stream
-    power: on
-    scripts:
-      - steps:
-          - notification: CONSOLE_OUTPUT
-            after_ms: 1
-            repeat: 300
-            fields: {Text: s}
   - host: kit-flood
     power: on
     scripts:
@@ -152,24 +144,6 @@ TEST_F(EventsTest, EchoedInputIsConsoleOutputAndPlainInputIsNot) {
   EXPECT_EQ(b_.Call<CClearConsoleCacheResponse>(two, CClearConsoleCacheRequest{}).Result, 0u);
   EXPECT_TRUE(FetchAll(b_, two).empty());
   EXPECT_EQ(UpperBound(b_, two), 1u);  // indices go on after a clear
-}
-
-// Reading the cache while kit-stream writes to it: each fetch goes on where the last ended.
-TEST_F(EventsTest, TheCacheReadsWithoutGapsOrRepeatsDuringOutput) {
-  const uint32_t stream = HandleOf(u"kit-stream");
-  SubscribeConsole(a_, stream);
-  CFetchConsoleCacheRequest request;
-  size_t read = 0;
-  int fetches = 0;
-  while (request.StartIndex < 300 && ++fetches < 100000) {
-    const auto response = b_.Call<CFetchConsoleCacheResponse>(stream, request);
-    ASSERT_EQ(response.Result, 0u);
-    EXPECT_EQ(response.NextIndex, request.StartIndex + response.Records.size());
-    read += response.Records.size();
-    request.StartIndex = response.NextIndex;
-  }
-  EXPECT_EQ(read, 300u);
-  EXPECT_GT(fetches, 2);  // the output was read while it came, not all at once
 }
 
 // kit-flood writes 1200 pieces at once. A client that does not acknowledge gets the first 64;
