@@ -24,35 +24,13 @@ struct SinkCall {
 
 // clang-format off
 #define VEKX_FOR_EACH_SINK_INTERFACE(X) \
-  X(IEventServer) \
-  X(IEventServer2) \
-  X(IEventServer3) \
-  X(IEventServer4) \
-  X(IEventServer5) \
-  X(IEventServer6) \
-  X(IEventServer7) \
-  X(IEventTarget) \
-  X(IEventTarget2) \
-  X(IEventTarget3) \
-  X(IEventTarget4) \
-  X(IEventTarget5) \
-  X(IEventTarget6) \
-  X(IEventTarget7) \
-  X(IEventTarget8) \
-  X(IEventTarget9) \
-  X(IEventCacheUpdate) \
-  X(IEventConsoleOutput) \
-  X(IEventController) \
-  X(IEventController2) \
-  X(IEventDebug) \
-  X(IEventDebug2) \
-  X(IEventDebug3) \
-  X(IEventDebug4) \
-  X(IEventGenericProtocol) \
-  X(IEventHighFreqFileCopy) \
-  X(IEventLowFreqFileCopy) \
-  X(IEventTrickle) \
-  X(IEventTrickle2) \
+  X(IEventServer) X(IEventServer2) X(IEventServer3) X(IEventServer4) X(IEventServer5) \
+  X(IEventServer6) X(IEventServer7) \
+  X(IEventTarget) X(IEventTarget2) X(IEventTarget3) X(IEventTarget4) X(IEventTarget5) \
+  X(IEventTarget6) X(IEventTarget7) X(IEventTarget8) X(IEventTarget9) \
+  X(IEventCacheUpdate) X(IEventConsoleOutput) X(IEventController) X(IEventController2) \
+  X(IEventDebug) X(IEventDebug2) X(IEventDebug3) X(IEventDebug4) X(IEventGenericProtocol) \
+  X(IEventHighFreqFileCopy) X(IEventLowFreqFileCopy) X(IEventTrickle) X(IEventTrickle2) \
   X(IEventProcessLock)
 // clang-format on
 
