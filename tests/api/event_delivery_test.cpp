@@ -160,27 +160,24 @@ size_t ObjectSourceFields(std::string_view method) {
   return 0;
 }
 
-struct CatalogueRow {
-  std::string wire_name;
-  std::string sink_method;
-  std::map<std::string, std::string> (*fill)(uint32_t seed, std::string& yaml);
-};
-
 #define VEKX_ROW_CONCAT_INNER(a, b) a##b
 #define VEKX_ROW_CONCAT(a, b) VEKX_ROW_CONCAT_INNER(a, b)
 #define VEKX_ROW_IF(...) VEKX_ROW_CONCAT(VEKX_ROW_IF_, __VA_OPT__(YES))
 #define VEKX_ROW_IF_YES(...) __VA_ARGS__
 #define VEKX_ROW_IF_(...)
 
-std::vector<CatalogueRow> Catalogue() {
-  std::vector<CatalogueRow> rows;
+// Every notification that reaches a sink: its wire name, sink method and filler.
+struct CatalogueRow {
+  std::string wire_name;
+  std::string sink_method;
+  std::map<std::string, std::string> (*fill)(uint32_t seed, std::string& yaml);
+};
+const CatalogueRow kCatalogue[] = {
 #define VEKX_NOTIFICATION(Camel, WIRE, number, Base, Group, Slot, SinkInterface, SinkMethod, \
                           DispId, fields)                                                    \
-  VEKX_ROW_IF(SinkInterface)                                                                 \
-  (rows.push_back(CatalogueRow{#WIRE, #SinkMethod, &Fill<C##Camel##Notification>});)
+  VEKX_ROW_IF(SinkInterface)({#WIRE, #SinkMethod, &Fill<C##Camel##Notification>}, )
 #include "requests/notifications.def"
-  return rows;
-}
+};
 
 // ---- Scenarios: two kits with quick power changes, and their scripts. ----
 
@@ -289,12 +286,18 @@ class LiveEventsTest : public LiveApiTest {
     return count;
   }
 
+  // A call that goes to the server and back.
+  HRESULT CallServer() {
+    ULONG version[4] = {};
+    return api_->ServerVersion(&version[0], &version[1], &version[2], &version[3]);
+  }
+
   std::string scenario_;
 };
 
 TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
-  const std::vector<CatalogueRow> rows = Catalogue();
-  ASSERT_EQ(rows.size(), kNotificationCount - 1);  // all but DEVICE_READY reach a sink
+  const auto& rows = kCatalogue;
+  ASSERT_EQ(std::size(rows), kNotificationCount - 1);  // all but DEVICE_READY reach a sink
   // One script per row, started when its group is first advised.
   std::map<std::string, std::map<std::string, std::string>> expected;  // by sink method
   std::string scripts;
@@ -305,7 +308,7 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
     seed += 100;
     scripts += Script({Step(row.wire_name, fields)});
   }
-  ASSERT_EQ(expected.size(), rows.size());
+  ASSERT_EQ(expected.size(), std::size(rows));
   ASSERT_NO_FATAL_FAILURE(Serve(TwoKits(scripts)));
   ULONG handle = 0;
   const auto target = Target("kit-one", handle);
@@ -319,7 +322,7 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
   auto* sink = new RecordingSink();
   ASSERT_EQ(api_->AdviseServerEvents(sink), S_OK);
   ASSERT_NO_FATAL_FAILURE(AdviseTargetSide(target.Get(), handle, sink));
-  EXPECT_TRUE(WaitUntil([&] { return sink->CallCount() >= rows.size(); })) << sink->CallCount();
+  EXPECT_TRUE(WaitUntil([&] { return sink->CallCount() >= std::size(rows); })) << sink->CallCount();
   log.SetLevel(Log::kSilent);
   log.SetStandardError();
   const std::string logged = servertest::ReadText(log_path);
@@ -342,7 +345,7 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
     EXPECT_EQ(call.properties.size() - objects + ObjectSourceFields(call.method), values.size());
     EXPECT_EQ(objects > 0, ObjectSourceFields(call.method) > 0);
   }
-  EXPECT_EQ(heard.size(), rows.size());
+  EXPECT_EQ(heard.size(), std::size(rows));
 
   // Deleting the target drops its registrations in every group but the Server group's, and only
   // its own. The sweep follows the Server group's delivery on the notification thread.
@@ -427,11 +430,7 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
   const std::string log = StartPacketLog();
   for (RecordingSink* sink : {server, first, second, console})
     sink->Clear();
-  ULONG major = 0;
-  ULONG minor = 0;
-  ULONG patch = 0;
-  ULONG build = 0;
-  EXPECT_EQ(api_->ServerVersion(&major, &minor, &patch, &build), S_OK) << TakeErrorText();
+  EXPECT_EQ(CallServer(), S_OK) << TakeErrorText();
 
   const auto all_heard = [&] {
     return first->CallCount() == 3 && second->CallCount() == 3 && server->CallCount() == 2 &&
@@ -477,14 +476,14 @@ TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
   auto* slow = new RecordingSink();
   std::atomic<bool> entered{false};
   std::atomic<bool> released{false};
-  slow->Returns(E_FAIL);
-  slow->OnCall([&] {
+  slow->result = E_FAIL;
+  slow->on_call = [&] {
     if (!entered.exchange(true)) WaitUntil([&] { return released.load(); });
-  });
+  };
   auto* base_only = new RecordingSink(/*later_versions=*/false);
   auto* quitter = new RecordingSink();
   // On the notification thread, inside the group's delivery.
-  quitter->OnCall([&] { target->UnadviseTargetEvents(quitter); });
+  quitter->on_call = [&] { target->UnadviseTargetEvents(quitter); };
   auto* fence = new RecordingSink();
   ASSERT_EQ(target->AdviseTargetEvents(slow), S_OK);
   ASSERT_EQ(target->AdviseTargetEvents(base_only), S_OK);
@@ -493,11 +492,7 @@ TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
   ASSERT_TRUE(WaitUntil([&] { return entered.load(); }));
 
   // The notification thread is held inside the Target group; calls on other threads go on.
-  ULONG major = 0;
-  ULONG minor = 0;
-  ULONG patch = 0;
-  ULONG build = 0;
-  EXPECT_EQ(api_->ServerVersion(&major, &minor, &patch, &build), S_OK);
+  EXPECT_EQ(CallServer(), S_OK);
   auto* late = new RecordingSink();
   EXPECT_EQ(api_->AdviseServerEvents(late), S_OK);
   EXPECT_EQ(api_->UnadviseServerEvents(late), S_OK);
@@ -522,25 +517,21 @@ TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
 
 // Each piece of a cache fetch as "port text".
 std::vector<std::string> Pieces(const VARIANT& output) {
-  std::vector<std::string> pieces;
   if (output.vt != (VT_ARRAY | VT_VARIANT)) return {"not an array of VARIANT"};
+  std::vector<std::string> pieces;
   LONG upper = -1;
   SafeArrayGetUBound(output.parray, 1, &upper);
   for (LONG i = 0; i <= upper; ++i) {
     vekx::Variant element;
-    SafeArrayGetElement(output.parray, &i, element.Put());
     vekx::ComPtr<IConsoleOutput> piece;
-    if (element.Get().vt != VT_DISPATCH ||
-        element.Get().pdispVal->QueryInterface(IID_IConsoleOutput,
-                                               reinterpret_cast<void**>(piece.Put())) != S_OK) {
-      pieces.push_back("not a console output");
-      continue;
-    }
     eConsoleOutputPort port{};
     BSTR text = nullptr;
-    piece->get_Port(&port);
-    piece->get_Text(&text);
-    pieces.push_back(std::to_string(port) + " " + vekx::Bstr::Adopt(text).Utf8());
+    const bool read = SafeArrayGetElement(output.parray, &i, element.Put()) == S_OK &&
+                      element.Get().vt == VT_DISPATCH &&
+                      element.Get().pdispVal->QueryInterface(
+                          IID_IConsoleOutput, reinterpret_cast<void**>(piece.Put())) == S_OK &&
+                      piece->get_Port(&port) == S_OK && piece->get_Text(&text) == S_OK;
+    pieces.push_back(read ? std::to_string(port) + " " + vekx::Bstr::Adopt(text).Utf8() : "bad");
   }
   return pieces;
 }

@@ -141,8 +141,8 @@ HRESULT RecordingSink::Record(SinkCall call) {
     std::lock_guard lock(mutex_);
     calls_.push_back(std::move(call));
   }
-  if (action_) action_();
-  return result_;
+  if (on_call) on_call();
+  return result;
 }
 
 std::vector<SinkCall> RecordingSink::Calls() const {

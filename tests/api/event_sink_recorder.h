@@ -80,15 +80,11 @@ class RecordingSink final : VEKX_FOR_EACH_SINK_INTERFACE(VEKX_SINK_BASE) public 
   // The value of `property` in each call to `method`, in the order of the calls.
   std::vector<std::string> Values(const std::string& method, const std::string& property) const;
   void Clear();
-  // Set before the sink is advised. Runs inside every call, after it is recorded, on the
-  // notification thread.
-  void OnCall(std::function<void()> action) {
-    action_ = std::move(action);
-  }
-  // What every call returns.
-  void Returns(HRESULT result) {
-    result_ = result;
-  }
+
+  // Set before the sink is advised: what runs inside every call, after it is recorded, on the
+  // notification thread, and what every call returns.
+  std::function<void()> on_call;
+  HRESULT result = S_OK;
 
  private:
   ~RecordingSink() = default;
@@ -98,8 +94,6 @@ class RecordingSink final : VEKX_FOR_EACH_SINK_INTERFACE(VEKX_SINK_BASE) public 
   std::atomic<ULONG> references_{1};
   mutable std::mutex mutex_;
   std::vector<SinkCall> calls_;  // guarded by mutex_
-  std::function<void()> action_;
-  HRESULT result_ = S_OK;
 };
 
 }  // namespace qv::apitest
