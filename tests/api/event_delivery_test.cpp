@@ -7,8 +7,9 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
+#include <iterator>
 #include <memory>
+#include <regex>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -213,13 +214,16 @@ std::vector<std::string> Numbers(int from, int to) {
   return numbers;
 }
 
-// Steps made by `step` from "1", "2", ... "count".
-template <class MakeStep>
-std::vector<std::string> Steps(int count, MakeStep step) {
+// A script of `count` steps, each with `fields` in which '#' is its number, 1 to `count`.
+std::string Script(int count, const std::string& wire_name, const std::string& fields,
+                   int after_ms = 0) {
   std::vector<std::string> steps;
-  for (const std::string& i : Numbers(1, count))
-    steps.push_back(step(i));
-  return steps;
+  for (std::string i : Numbers(1, count)) {
+    std::string numbered = fields;
+    if (const size_t at = numbered.find('#'); at != std::string::npos) numbered.replace(at, 1, i);
+    steps.push_back(Step(wire_name, numbered, after_ms));
+  }
+  return Script(steps);
 }
 
 // Each test serves a scenario of its own.
@@ -275,15 +279,10 @@ class LiveEventsTest : public LiveApiTest {
 
   // How many `request`s for `target` the packet log at `path` shows.
   static size_t Logged(const std::string& path, const std::string& request, uint32_t target) {
-    std::ifstream in(path, std::ios::binary);
-    size_t count = 0;
-    for (std::string line; std::getline(in, line);) {
-      if (line.find(" target " + std::to_string(target) + " ") != std::string::npos &&
-          line.find(" REQUEST " + request + " ") != std::string::npos) {
-        ++count;
-      }
-    }
-    return count;
+    const std::string log = servertest::ReadText(path);
+    const std::regex line(" target " + std::to_string(target) + " seq [0-9]+ REQUEST " + request);
+    return static_cast<size_t>(
+        std::distance(std::sregex_iterator(log.begin(), log.end(), line), std::sregex_iterator()));
   }
 
   // A call that goes to the server and back.
@@ -393,12 +392,8 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
 TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesBack) {
   // Each script starts on its group's first subscription, in every run of the server.
   ASSERT_NO_FATAL_FAILURE(Serve(TwoKits(
-      Script(Steps(3, [](auto i) { return Step("PROGRESS", "{RequestId: " + i + "}"); })) +
-          Script(Steps(
-              2, [](auto i) { return Step("USB_TARGET_PLUGGED_IN", "{Address: " + i + "}"); })),
-      Script(Steps(2, [](auto i) {
-        return Step("CONSOLE_OUTPUT", "{Port: 1, Text: \"line " + i + "\"}");
-      })))));
+      Script(3, "PROGRESS", "{RequestId: #}") + Script(2, "USB_TARGET_PLUGGED_IN", "{Address: #}"),
+      Script(2, "CONSOLE_OUTPUT", "{Port: 1, Text: \"line #\"}"))));
   ULONG one_handle = 0;
   ULONG two_handle = 0;
   const auto one = Target("kit-one", one_handle);
@@ -432,11 +427,10 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
     sink->Clear();
   EXPECT_EQ(CallServer(), S_OK) << TakeErrorText();
 
-  const auto all_heard = [&] {
+  EXPECT_TRUE(WaitUntil([&] {
     return first->CallCount() == 3 && second->CallCount() == 3 && server->CallCount() == 2 &&
            console->CallCount() == 2;
-  };
-  EXPECT_TRUE(WaitUntil(all_heard));
+  }));
   EXPECT_EQ(first->Values("OnProgress", "RequestId"), Numbers(1, 3));
   EXPECT_EQ(second->Values("OnProgress", "RequestId"), Numbers(1, 3));
   EXPECT_EQ(server->Values("OnUsbTargetPluggedIn", "Address"), Numbers(1, 2));
@@ -539,12 +533,8 @@ std::vector<std::string> Pieces(const VARIANT& output) {
 TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   constexpr int kPieces = 150;  // more than the server lets go unacknowledged
   ASSERT_NO_FATAL_FAILURE(Serve(
-      TwoKits(Script(Steps(kPieces,
-                           [](auto i) {
-                             return Step("CONSOLE_OUTPUT",
-                                         "{Port: 1, Category: 1, Text: \"piece " + i + "\"}", 1);
-                           })),
-              Script(Steps(100, [](auto) { return Step("CONSOLE_OUTPUT", "{Text: x}"); })))));
+      TwoKits(Script(kPieces, "CONSOLE_OUTPUT", "{Port: 1, Category: 1, Text: \"piece #\"}", 1),
+              Script(100, "CONSOLE_OUTPUT", "{Text: x}"))));
   ULONG handle = 0;
   ULONG two_handle = 0;
   const auto target = Target("kit-one", handle);
