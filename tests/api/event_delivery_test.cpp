@@ -218,7 +218,7 @@ std::vector<std::string> Numbers(int from, int to) {
 std::string Script(int count, const std::string& wire_name, const std::string& fields,
                    int after_ms = 0) {
   std::vector<std::string> steps;
-  for (std::string i : Numbers(1, count)) {
+  for (const std::string& i : Numbers(1, count)) {
     std::string numbered = fields;
     if (const size_t at = numbered.find('#'); at != std::string::npos) numbered.replace(at, 1, i);
     steps.push_back(Step(wire_name, numbered, after_ms));
