@@ -80,16 +80,24 @@ class EventsTest : public ServerTest {
   Client b_{user_};
 };
 
-// What each notification carries is seen through the library (tests/api/event_delivery_test.cpp),
-// which also filters by target; this is the server sending to subscribers only.
 TEST_F(EventsTest, ScriptedNotificationsReachTheirSubscribersOnly) {
   const uint32_t one = HandleOf(u"kit-one");
   SubscribeConsole(a_, one);
   SubscribeConsole(b_, HandleOf(u"kit-two"));
   const auto pieces = a_.WaitNotifications(3);
   ASSERT_EQ(a_.NotificationNames(), (std::vector<std::string>(3, "CONSOLE_OUTPUT")));
-  EXPECT_EQ(As<CConsoleOutputNotification>(pieces[2])->TargetKey, one);
-  EXPECT_EQ(UpperBound(b_, one), 3u);
+  for (const auto& piece : pieces) {
+    const auto* output = As<CConsoleOutputNotification>(piece);
+    EXPECT_EQ(output->TargetKey, one);
+    EXPECT_EQ(output->Port, 2u);
+    EXPECT_EQ(output->Category, 1u);
+    EXPECT_EQ(output->ThreadId, 9u);
+    EXPECT_EQ(output->Text, u"hello\n");
+  }
+  const ConsoleCacheRecordList cached = FetchAll(b_, one);
+  ASSERT_EQ(cached.size(), 3u);
+  EXPECT_EQ(cached[2].Text, u"hello\n");
+  EXPECT_EQ(cached[2].Port, 2u);
 
   // The USB script waits for the Server group: the whole server's key.
   EXPECT_EQ(b_.Call<CRequestServerEventsResponse>(kNone, CRequestServerEventsRequest{}).Result, 0u);
@@ -97,6 +105,8 @@ TEST_F(EventsTest, ScriptedNotificationsReachTheirSubscribersOnly) {
   ASSERT_EQ(b_.NotificationNames(),
             (std::vector<std::string>{"USB_TARGET_PLUGGED_IN", "USB_TARGET_UNPLUGGED"}));
   EXPECT_EQ(As<CUsbTargetPluggedInNotification>(usb[0])->TargetKey, kNone);
+  EXPECT_EQ(As<CUsbTargetPluggedInNotification>(usb[0])->Address, 0x0A000001u);
+  EXPECT_EQ(As<CUsbTargetUnpluggedNotification>(usb[1])->Flags, 1u);
   EXPECT_EQ(a_.Notifications().size(), 3u);
 }
 
