@@ -161,12 +161,6 @@ size_t ObjectSourceFields(std::string_view method) {
   return 0;
 }
 
-#define VEKX_ROW_CONCAT_INNER(a, b) a##b
-#define VEKX_ROW_CONCAT(a, b) VEKX_ROW_CONCAT_INNER(a, b)
-#define VEKX_ROW_IF(...) VEKX_ROW_CONCAT(VEKX_ROW_IF_, __VA_OPT__(YES))
-#define VEKX_ROW_IF_YES(...) __VA_ARGS__
-#define VEKX_ROW_IF_(...)
-
 // Every notification that reaches a sink: its wire name, sink method and filler.
 struct CatalogueRow {
   std::string wire_name;
@@ -176,7 +170,7 @@ struct CatalogueRow {
 const CatalogueRow kCatalogue[] = {
 #define VEKX_NOTIFICATION(Camel, WIRE, number, Base, Group, Slot, SinkInterface, SinkMethod, \
                           DispId, fields)                                                    \
-  VEKX_ROW_IF(SinkInterface)({#WIRE, #SinkMethod, &Fill<C##Camel##Notification>}, )
+  VEKX_SINK_IF(SinkInterface)({#WIRE, #SinkMethod, &Fill<C##Camel##Notification>}, )
 #include "requests/notifications.def"
 };
 
