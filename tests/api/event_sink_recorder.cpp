@@ -141,8 +141,8 @@ HRESULT RecordingSink::Record(SinkCall call) {
     std::lock_guard lock(mutex_);
     calls_.push_back(std::move(call));
   }
-  if (action_) action_();
-  return S_OK;
+  if (on_call) on_call();
+  return result;
 }
 
 std::vector<SinkCall> RecordingSink::Calls() const {
@@ -153,6 +153,23 @@ std::vector<SinkCall> RecordingSink::Calls() const {
 size_t RecordingSink::CallCount() const {
   std::lock_guard lock(mutex_);
   return calls_.size();
+}
+
+std::vector<std::string> RecordingSink::Values(const std::string& method,
+                                               const std::string& property) const {
+  std::lock_guard lock(mutex_);
+  std::vector<std::string> values;
+  for (const SinkCall& call : calls_) {
+    if (call.method != method) continue;
+    const auto found = call.properties.find(property);
+    values.push_back(found != call.properties.end() ? found->second : "(none)");
+  }
+  return values;
+}
+
+void RecordingSink::Clear() {
+  std::lock_guard lock(mutex_);
+  calls_.clear();
 }
 
 }  // namespace qv::apitest

@@ -24,35 +24,13 @@ struct SinkCall {
 
 // clang-format off
 #define VEKX_FOR_EACH_SINK_INTERFACE(X) \
-  X(IEventServer) \
-  X(IEventServer2) \
-  X(IEventServer3) \
-  X(IEventServer4) \
-  X(IEventServer5) \
-  X(IEventServer6) \
-  X(IEventServer7) \
-  X(IEventTarget) \
-  X(IEventTarget2) \
-  X(IEventTarget3) \
-  X(IEventTarget4) \
-  X(IEventTarget5) \
-  X(IEventTarget6) \
-  X(IEventTarget7) \
-  X(IEventTarget8) \
-  X(IEventTarget9) \
-  X(IEventCacheUpdate) \
-  X(IEventConsoleOutput) \
-  X(IEventController) \
-  X(IEventController2) \
-  X(IEventDebug) \
-  X(IEventDebug2) \
-  X(IEventDebug3) \
-  X(IEventDebug4) \
-  X(IEventGenericProtocol) \
-  X(IEventHighFreqFileCopy) \
-  X(IEventLowFreqFileCopy) \
-  X(IEventTrickle) \
-  X(IEventTrickle2) \
+  X(IEventServer) X(IEventServer2) X(IEventServer3) X(IEventServer4) X(IEventServer5) \
+  X(IEventServer6) X(IEventServer7) \
+  X(IEventTarget) X(IEventTarget2) X(IEventTarget3) X(IEventTarget4) X(IEventTarget5) \
+  X(IEventTarget6) X(IEventTarget7) X(IEventTarget8) X(IEventTarget9) \
+  X(IEventCacheUpdate) X(IEventConsoleOutput) X(IEventController) X(IEventController2) \
+  X(IEventDebug) X(IEventDebug2) X(IEventDebug3) X(IEventDebug4) X(IEventGenericProtocol) \
+  X(IEventHighFreqFileCopy) X(IEventLowFreqFileCopy) X(IEventTrickle) X(IEventTrickle2) \
   X(IEventProcessLock)
 // clang-format on
 
@@ -99,10 +77,14 @@ class RecordingSink final : VEKX_FOR_EACH_SINK_INTERFACE(VEKX_SINK_BASE) public 
 
   std::vector<SinkCall> Calls() const;
   size_t CallCount() const;
-  // Runs inside every call, after it is recorded, on the notification thread.
-  void OnCall(std::function<void()> action) {
-    action_ = std::move(action);
-  }
+  // The value of `property` in each call to `method`, in the order of the calls.
+  std::vector<std::string> Values(const std::string& method, const std::string& property) const;
+  void Clear();
+
+  // Set before the sink is advised: what runs inside every call, after it is recorded, on the
+  // notification thread, and what every call returns.
+  std::function<void()> on_call;
+  HRESULT result = S_OK;
 
  private:
   ~RecordingSink() = default;
@@ -112,7 +94,6 @@ class RecordingSink final : VEKX_FOR_EACH_SINK_INTERFACE(VEKX_SINK_BASE) public 
   std::atomic<ULONG> references_{1};
   mutable std::mutex mutex_;
   std::vector<SinkCall> calls_;  // guarded by mutex_
-  std::function<void()> action_;
 };
 
 }  // namespace qv::apitest

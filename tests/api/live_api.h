@@ -36,17 +36,25 @@ class LiveApiTest : public ::testing::Test {
   virtual std::string Scenario() const { return kQuickScenario; }
 
   void SetUp() override {
+    ASSERT_NO_FATAL_FAILURE(StartServer());
+    client_ = CKXVEPrivateAPI::Create({user_, servertest::RunDir()});
+    ASSERT_EQ(CreateRootObject(client_, IID_IVEKXAPI12, reinterpret_cast<void**>(api_.Put())),
+              S_OK);
+    ASSERT_EQ(api_->CheckCompatibility(21), S_OK);
+  }
+
+  // Starts the test's server on Scenario() and waits until it serves.
+  void StartServer() {
     server_ = std::make_unique<servertest::ServerProcess>(
         user_, std::vector<std::string>{"--scenario", servertest::WriteScenario(Scenario())});
     ASSERT_TRUE(server_->Started());
     ASSERT_TRUE(server_->WaitReady()) << server_->Output();
-    ASSERT_EQ(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(api_.Put())), S_OK);
-    ASSERT_EQ(api_->CheckCompatibility(21), S_OK);
   }
 
   void TearDown() override {
     if (api_) api_->Dispose();
     api_.Reset();
+    client_.reset();
     StopServer();
   }
 
@@ -74,6 +82,7 @@ class LiveApiTest : public ::testing::Test {
 
   const std::u16string user_ = servertest::TestUser();
   std::unique_ptr<servertest::ServerProcess> server_;
+  std::shared_ptr<CKXVEPrivateAPI> client_;  // api_'s, for what no public method reaches
   vekx::ComPtr<IVEKXAPI12> api_;
 };
 

@@ -146,6 +146,11 @@ class ServerProcess {
     if (!asked) process_->Kill();
     return process_->Wait(10000);
   }
+  // Ends the server at once, as a crash would, and waits for it.
+  void Kill() {
+    process_->Kill();
+    process_->Wait(10000);
+  }
   std::string Output() const { return ReadText(output_); }
 
  private:
