@@ -41,6 +41,7 @@
 #include "server/target_registry.h"
 #include "vekxapi/bstr.h"
 #include "vekxapi/com_ptr.h"
+#include "vekxapi/event_sink.h"
 #include "vekxapi/vekxapi.h"
 
 namespace {
@@ -80,37 +81,9 @@ uint64_t SteadyNanoseconds() {
 
 // The host's sink: counts what it is handed and, when asked, how long each piece took since the
 // server wrote the steady clock at its start.
-class CountingSink final : public IEventConsoleOutput {
+class CountingSink final : public vekx::EventSink<IEventConsoleOutput> {
  public:
   explicit CountingSink(bool timed) : timed_(timed) {}
-
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
-    if (object == nullptr) return E_POINTER;
-    *object = nullptr;
-    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDispatch) &&
-        !IsEqualIID(iid, IID_IEventConsoleOutput)) {
-      return E_NOINTERFACE;
-    }
-    *object = static_cast<IEventConsoleOutput*>(this);
-    AddRef();
-    return S_OK;
-  }
-  // The benchmark owns the sink for longer than any root object it advises.
-  ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-  ULONG STDMETHODCALLTYPE Release() override { return 1; }
-  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
-    *count = 0;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
-                                   UINT*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE OnBufferReady(IBufferReadyEvent*) override { return S_OK; }
 
   HRESULT STDMETHODCALLTYPE OnConsoleOutput(IConsoleOutputEvent* event) override {
     vekx::Bstr text;
@@ -298,7 +271,8 @@ void BM_RawConsoleStream(benchmark::State& state) {
 void BM_ConsoleOutput(benchmark::State& state) {
   const auto targets = static_cast<int>(state.range(0));
   const std::string text(static_cast<size_t>(state.range(1)), 'x');
-  CountingSink sink(false);
+  const auto sink_object = vekx::MakeSink<CountingSink>(false);
+  CountingSink& sink = *sink_object.Get();
   // Together the kits fill the client's backlog every kBurstEveryMs: more than it can take, so
   // the server always has pieces waiting, without the scripts' thread taking a whole CPU.
   const uint64_t burst = kBacklog / static_cast<uint64_t>(targets);
@@ -321,7 +295,8 @@ void BM_ConsoleOutput(benchmark::State& state) {
 
 void BM_ConsoleLatency(benchmark::State& state) {
   const auto targets = static_cast<int>(state.range(0));
-  CountingSink sink(true);
+  const auto sink_object = vekx::MakeSink<CountingSink>(true);
+  CountingSink& sink = *sink_object.Get();
   ConsoleRun run(state, targets,
                  ConsoleScenario(targets, PiecesPerTarget(state, targets), "{time_ns}", 1, 1),
                  sink);
