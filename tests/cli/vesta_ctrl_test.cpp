@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -84,13 +85,19 @@ CtrlRun Ctrl(const std::vector<std::string>& args) {
 // Runs vesta-ctrl until its output (standard output and error) holds `until`, then stops it as
 // Ctrl+C would, expecting a clean exit, where the test can (not under Wine, which gives the test
 // no console to share); returns the output.
-std::string RunUntil(const std::vector<std::string>& args, const std::string& until) {
+std::string RunUntil(const std::vector<std::string>& args, const std::string& until,
+                     const std::function<void()>& after_first_line = {}) {
   const auto path = TestRoot() / "ctrl-watch.out";
   const auto program = qv::testing::ChildProgram::Start(VEKX_CTRL_EXECUTABLE, args, path.string());
   if (program == nullptr) return "(not started)";
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (Lines(ReadText(path)).find(until) == std::string::npos &&
-         std::chrono::steady_clock::now() < deadline) {
+  bool started = false;
+  for (std::string text; (text = Lines(ReadText(path))).find(until) == std::string::npos &&
+                         std::chrono::steady_clock::now() < deadline;) {
+    if (!started && after_first_line && text.find('\n') != std::string::npos) {
+      started = true;
+      after_first_line();
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
   if (program->RequestStop()) {
@@ -260,7 +267,8 @@ TEST_F(VestaCtrlTest, AddInfoAndDelete) {
 }
 
 // kit-one's console output runs from the server's start for a few seconds, one numbered line at a
-// time; its target and process-lock groups each send one event on their first subscription.
+// time; its target, process-lock and server groups each send one event on their first
+// subscription.
 constexpr int kConsoleLines = 400;
 std::string ScriptedScenario() {
   std::string scenario = R"(kits:
@@ -275,6 +283,9 @@ std::string ScriptedScenario() {
       - steps:
           - notification: LOCK_STATUS_CHANGED
             fields: {ProcessId: 4660, Available: false, Owner: build-agent}
+      - steps:
+          - notification: USB_TARGET_PLUGGED_IN
+            fields: {Flags: 1, Address: 1}
       - trigger: server_start
         steps:
 )";
@@ -350,6 +361,24 @@ TEST_F(VestaCtrlEventsTest, EventsPrintsEachScriptedEventAsOneLine) {
   EXPECT_TRUE(line["time"].is_string());
 
   EXPECT_EQ(Ctrl({"events", "--group", "sideways"}).exit_code, 2);
+
+  // Without a TARGET, a target added while the command runs is followed too.
+  ASSERT_EQ(Ctrl({"delete", "kit-two"}).exit_code, 0);
+  // The server group's first subscription brings a line: the command has subscribed by then.
+  const std::string later = RunUntil({"events", "--group", "server,target"}, "OnIdle", [] {
+    EXPECT_EQ(Ctrl({"add", "kit-two"}).exit_code, 0);
+    EXPECT_EQ(Ctrl({"power", "on", "kit-two"}).exit_code, 0);
+  });
+  const nlohmann::json kit_two = TargetWithHost("kit-two");
+  ASSERT_FALSE(kit_two.is_null());
+  // "<time>  <handle> [(<name>)]  OnBusy"
+  const std::string handle = "  " + kit_two["handle"].dump() + " ";
+  for (const char* method : {"  OnBusy\n", "  OnIdle\n"}) {
+    const size_t at = later.find(method);
+    ASSERT_NE(at, std::string::npos) << later;
+    const std::string found = later.substr(later.rfind('\n', at) + 1, at - later.rfind('\n', at));
+    EXPECT_NE((found + " ").find(handle), std::string::npos) << found;
+  }
 }
 
 TEST_F(VestaCtrlEventsTest, FindListsTheKitsItsProgressEventsReport) {

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -10,6 +11,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -117,15 +119,22 @@ std::string_view ToolGroupName(std::string_view library_name) {
   return library_name;
 }
 
-// Prints every event of every group; one for the server, one per target.
+// Prints every event of every group; one for the server, one per target. The server's may also
+// tell of targets added while the command runs, and may be quiet when its group was not asked for.
 class PrintingSink
     : public vekx::EventSink<IEventServer7, IEventTarget9, IEventConsoleOutput, IEventDebug4,
                              IEventCacheUpdate, IEventController2, IEventLowFreqFileCopy,
                              IEventHighFreqFileCopy, IEventTrickle2, IEventProcessLock,
                              IEventViewer, IEventGenericProtocol> {
  public:
-  PrintingSink(EventPrinter& printer, std::optional<TargetLabel> target)
-      : printer_(printer), target_(std::move(target)) {}
+  using TargetAdded = std::function<void(ULONG handle)>;
+
+  PrintingSink(EventPrinter& printer, std::optional<TargetLabel> target, bool print = true,
+               TargetAdded target_added = {})
+      : printer_(printer),
+        target_(std::move(target)),
+        print_(print),
+        target_added_(std::move(target_added)) {}
 
 #define VEKX_SINK_METHOD(Interface, Method, EventName)                    \
   HRESULT STDMETHODCALLTYPE Method(I##EventName##Event* event) override { \
@@ -139,7 +148,11 @@ class PrintingSink
     if (event == nullptr) return E_POINTER;
     // Called by the library: nothing may escape (out of memory, say).
     try {
-      printer_.Print(target_, ToolGroupName(group), method, ReadProperties(*event));
+      if (print_) printer_.Print(target_, ToolGroupName(group), method, ReadProperties(*event));
+      if constexpr (std::is_same_v<Event, ITargetAddedEvent>) {
+        ULONG handle = 0;
+        if (target_added_ && event->get_Handle(&handle) == S_OK) target_added_(handle);
+      }
       return S_OK;
     } catch (...) {
       return E_FAIL;
@@ -148,6 +161,8 @@ class PrintingSink
 
   EventPrinter& printer_;
   const std::optional<TargetLabel> target_;
+  const bool print_;
+  const TargetAdded target_added_;
 };
 
 // Asks the target generation that has it to (un)subscribe the sink to one group.
@@ -207,46 +222,102 @@ std::vector<std::string> CheckedGroups(const std::vector<std::string>& groups) {
   return groups;
 }
 
+// What `events` has subscribed to, undone in the order it was done. Targets added while the
+// command runs are subscribed to from the library's notification thread.
+class Subscriptions {
+ public:
+  Subscriptions(EventPrinter& printer, std::function<bool(std::string_view)> want)
+      : printer_(printer), want_(std::move(want)) {}
+  Subscriptions(const Subscriptions&) = delete;
+  Subscriptions& operator=(const Subscriptions&) = delete;
+  ~Subscriptions() {
+    std::vector<std::function<void()>> undo;
+    {
+      std::lock_guard lock(mutex_);
+      ended_ = true;
+      undo.swap(undo_);
+    }
+    // Not under the lock: an unadvise waits for a sink call in progress, which may be adding a
+    // target. Failures no longer matter: the tool is ending.
+    for (const auto& step : undo)
+      step();
+  }
+
+  void AddServer(IVEKXAPI12& api, bool print, PrintingSink::TargetAdded target_added) {
+    auto sink = vekx::MakeSink<PrintingSink>(printer_, std::nullopt, print, target_added);
+    Check(api.AdviseServerEvents(static_cast<IEventServer*>(sink.Get())));
+    Remember([&api, sink] { api.UnadviseServerEvents(static_cast<IEventServer*>(sink.Get())); });
+  }
+
+  // Subscribes to the wanted groups of `target`, once per target however often it is named.
+  void AddTarget(const vekx::ComPtr<ITarget>& target) {
+    const TargetView view = ReadTargetView(*target.Get());
+    {
+      std::lock_guard lock(mutex_);
+      if (std::find(handles_.begin(), handles_.end(), view.handle) != handles_.end()) return;
+      handles_.push_back(view.handle);
+    }
+    auto sink = vekx::MakeSink<PrintingSink>(printer_, TargetLabel{view.handle, view.name.value});
+    for (const TargetGroup& group : kTargetGroups) {
+      if (!want_(group.name)) continue;
+      Check(group.subscribe(*target.Get(), *sink.Get(), true));
+      Remember([target, sink, &group] { group.subscribe(*target.Get(), *sink.Get(), false); });
+    }
+  }
+
+ private:
+  // Keeps `undo` for the end, or runs it now if the end has come while it was being done.
+  void Remember(std::function<void()> undo) {
+    {
+      std::lock_guard lock(mutex_);
+      if (!ended_) {
+        undo_.push_back(std::move(undo));
+        return;
+      }
+    }
+    undo();
+  }
+
+  EventPrinter& printer_;
+  const std::function<bool(std::string_view)> want_;
+  std::mutex mutex_;
+  bool ended_ = false;                       // guarded by mutex_
+  std::vector<uint32_t> handles_;            // guarded by mutex_
+  std::vector<std::function<void()>> undo_;  // guarded by mutex_
+};
+
 void Events(Context& context, const std::optional<std::string>& spec,
             const std::vector<std::string>& wanted) {
   const std::vector<std::string> groups = CheckedGroups(wanted);
-  auto want = [&](std::string_view group) {
+  auto want = [groups](std::string_view group) {
     return groups.empty() || std::find(groups.begin(), groups.end(), group) != groups.end();
   };
   const Interruption interruption;
   IVEKXAPI12& api = context.session.Api();
   EventPrinter printer(context.out, context.json);
-  std::vector<std::function<void()>> unsubscribe;  // in the order of subscribing
+  Subscriptions subscriptions(printer, want);
 
-  // The server's events without a TARGET (or when asked for by name), and the groups of the
-  // named target or of every target the server knows now.
-  if (!spec ? want("server") : !groups.empty() && want("server")) {
-    auto sink = vekx::MakeSink<PrintingSink>(printer, std::nullopt);
-    Check(api.AdviseServerEvents(static_cast<IEventServer*>(sink.Get())));
-    unsubscribe.push_back(
-        [&api, sink] { api.UnadviseServerEvents(static_cast<IEventServer*>(sink.Get())); });
-  }
-  std::vector<vekx::ComPtr<ITarget>> targets;
   if (spec) {
-    targets.push_back(ResolveTarget(api, *spec));
+    // That target's groups, and the server's when asked for by name.
+    if (!groups.empty() && want("server")) subscriptions.AddServer(api, true, {});
+    subscriptions.AddTarget(ResolveTarget(api, *spec));
   } else {
-    targets = ListTargets(api);
-  }
-  for (const vekx::ComPtr<ITarget>& target : targets) {
-    const TargetView view = ReadTargetView(*target.Get());
-    auto sink = vekx::MakeSink<PrintingSink>(printer, TargetLabel{view.handle, view.name.value});
-    for (const TargetGroup& group : kTargetGroups) {
-      if (!want(group.name)) continue;
-      Check(group.subscribe(*target.Get(), *sink.Get(), true));
-      unsubscribe.push_back(
-          [target, sink, &group] { group.subscribe(*target.Get(), *sink.Get(), false); });
-    }
+    // The server's group (heard even when not printed, for the targets it adds) and every
+    // target's: those the server knows now and those added while the command runs.
+    subscriptions.AddServer(api, want("server"), [&api, &subscriptions](ULONG handle) {
+      // On the library's notification thread: a failure is told, never thrown.
+      try {
+        subscriptions.AddTarget(ResolveTarget(api, std::to_string(handle)));
+      } catch (const std::exception& failure) {
+        std::fprintf(stderr, "vesta-ctrl: target %lu: %s\n", static_cast<unsigned long>(handle),
+                     failure.what());
+      }
+    });
+    for (const vekx::ComPtr<ITarget>& target : ListTargets(api))
+      subscriptions.AddTarget(target);
   }
   if (StandardErrorIsTerminal()) std::fputs("Watching events; Ctrl+C ends.\n", stderr);
   interruption.Wait();
-  // Failures no longer matter: the tool is ending, and the server drops what is left with it.
-  for (const auto& undo : unsubscribe)
-    undo();
 }
 
 }  // namespace
