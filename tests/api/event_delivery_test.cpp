@@ -30,127 +30,6 @@ namespace {
 
 using servertest::WaitUntil;
 
-// ---- Notifications with distinct values, the text each field should read as, and the YAML that
-// makes a kit script send them. ----
-
-// A value as the recorder reads it from the event: a record as the list of its fields, the event
-// header as its little-endian bytes.
-template <class T>
-std::string Expected(const T& value) {
-  if constexpr (std::is_same_v<T, bool>) {
-    return value ? "true" : "false";
-  } else if constexpr (std::is_arithmetic_v<T>) {
-    return std::to_string(value);
-  } else if constexpr (std::is_same_v<T, std::u16string>) {
-    return platform::Utf16ToUtf8(value);
-  } else if constexpr (std::is_same_v<T, EventHeader>) {
-    Bytes image(sizeof value);
-    std::memcpy(image.data(), &value, sizeof value);  // Id, Type, Timestamp, no padding
-    return Expected(image);
-  } else if constexpr (IsWireRecord<T>) {
-    std::string fields;
-    T record = value;
-    T::VisitFields(record, [&](std::string_view, auto& field) {
-      fields += (fields.empty() ? "" : ",") + Expected(field);
-    });
-    return "[" + fields + "]";
-  } else {
-    std::string items;
-    for (const auto& item : value)
-      items += (items.empty() ? "" : ",") + Expected(item);
-    return "[" + items + "]";
-  }
-}
-
-// A value as a kit script writes it, in YAML's one-line forms; records skip the target key, which
-// the server fills in.
-template <class T>
-std::string Yaml(const T& value) {
-  if constexpr (IsWireRecord<T>) {
-    std::string fields;
-    T record = value;
-    T::VisitFields(record, [&](std::string_view label, auto& field) {
-      const std::string name(label.substr(0, label.empty() ? 0 : label.size() - 1));
-      if (!name.empty() && name != "TargetKey")
-        fields += (fields.empty() ? "" : ", ") + name + ": " + Yaml(field);
-    });
-    return "{" + fields + "}";
-  } else if constexpr (std::is_same_v<T, bool>) {
-    return value ? "true" : "false";
-  } else if constexpr (std::is_arithmetic_v<T>) {
-    return std::to_string(value);
-  } else if constexpr (std::is_same_v<T, std::u16string>) {
-    return "\"" + platform::Utf16ToUtf8(value) + "\"";
-  } else if constexpr (std::is_same_v<T, Bytes>) {
-    std::string text = "\"";
-    for (const uint8_t byte : value) {
-      char pair[4];
-      std::snprintf(pair, sizeof pair, "%02x", byte);
-      text += pair;
-    }
-    return text + "\"";
-  } else {
-    std::string items;
-    for (const auto& item : value)
-      items += (items.empty() ? "" : ", ") + Yaml(item);
-    return "[" + items + "]";
-  }
-}
-
-// What a script can send; the debug records behind a debug event's objects are left out.
-template <class T>
-inline constexpr bool kScripted =
-    std::is_arithmetic_v<T> || std::is_same_v<T, std::u16string> || std::is_same_v<T, Bytes> ||
-    std::is_same_v<T, U32List> || std::is_same_v<T, WStringList> ||
-    std::is_same_v<T, MiradorTargetList> || std::is_same_v<T, EventHeader>;
-
-// Gives every field of a `Notification` a value of its own from `filler`, writes those values as
-// a script step's fields into `yaml` (a flow mapping, or nothing when there are none), and returns
-// the text that each (but the target key) should read as from the event.
-template <class Notification>
-std::map<std::string, std::string> Fill(testing::FieldFiller& filler, std::string& yaml) {
-  Notification notification;
-  Notification::VisitFields(notification, filler);
-  std::map<std::string, std::string> expected;
-  std::string fields;
-  Notification::VisitFields(notification, [&](std::string_view label, auto& field) {
-    using Field = std::remove_cvref_t<decltype(field)>;
-    const std::string name(label.substr(0, label.size() - 1));  // "Name:" -> "Name"
-    if (name == "TargetKey") return;
-    if constexpr (kScripted<Field>) {
-      expected[name] = Expected(field);
-      fields += (fields.empty() ? "" : ", ") + name + ": " + Yaml(field);
-    } else {
-      expected[name] = "record";  // the debug records behind object-valued properties
-    }
-  });
-  if (!fields.empty()) yaml = "{" + fields + "}";
-  return expected;
-}
-
-// The fields a debug object would be built from, which the event does not expose one by one.
-size_t ObjectSourceFields(std::string_view method) {
-  if (method == "OnStopNotification") return 3;  // ThreadId, Process, Threads
-  if (method == "OnDynamicLibraryLoad" || method == "OnLoadExec" || method == "OnLoadExecFail" ||
-      method == "OnLoadExecTimeout") {
-    return 1;  // Module or ProcessId
-  }
-  return 0;
-}
-
-// Every notification that reaches a sink: its wire name, sink method and filler.
-struct CatalogueRow {
-  std::string wire_name;
-  std::string sink_method;
-  std::map<std::string, std::string> (*fill)(testing::FieldFiller& filler, std::string& yaml);
-};
-const CatalogueRow kCatalogue[] = {
-#define VEKX_SINK_METHOD(Interface, Method, EventName)                \
-  {platform::Utf16ToUtf8(C##EventName##Notification::kName), #Method, \
-   &Fill<C##EventName##Notification>},
-#include "vekxapi/event_sinks.def"
-};
-
 // ---- Scenarios: two kits with quick power changes, and their scripts. ----
 
 // A script step sent `repeat` times; `fields` is a flow mapping ("{Port: 1}") whose text fields
@@ -186,6 +65,90 @@ std::vector<std::string> Numbers(int from, int to) {
   for (int i = from; i <= to; ++i)
     numbers.push_back(std::to_string(i));
   return numbers;
+}
+
+// ---- Notifications with distinct values, the text each field should read as, and the YAML that
+// makes a kit script send them. ----
+
+// A value as the recorder reads it from the event (a record as the list of its fields, the event
+// header as its little-endian bytes), or with `yaml` as a kit script writes it in YAML's one-line
+// forms (a record as a mapping that skips padding and the target key, which the server fills in).
+template <class T>
+std::string Text(const T& value, bool yaml) {
+  if constexpr (std::is_same_v<T, bool>) {
+    return value ? "true" : "false";
+  } else if constexpr (std::is_arithmetic_v<T>) {
+    return std::to_string(value);
+  } else if constexpr (std::is_same_v<T, std::u16string>) {
+    return yaml ? "\"" + platform::Utf16ToUtf8(value) + "\"" : platform::Utf16ToUtf8(value);
+  } else if constexpr (IsWireRecord<T>) {
+    if (std::is_same_v<T, EventHeader> && !yaml) {
+      Bytes image(sizeof value);
+      std::memcpy(image.data(), &value, sizeof value);  // Id, Type, Timestamp, no padding
+      return Text(image, false);
+    }
+    std::string fields;
+    T record = value;
+    T::VisitFields(record, [&](std::string_view label, auto& field) {
+      const std::string name(label.substr(0, label.empty() ? 0 : label.size() - 1));
+      if (yaml && (name.empty() || name == "TargetKey")) return;
+      fields += (fields.empty() ? "" : ",") + (yaml ? name + ": " : "") + Text(field, yaml);
+    });
+    return yaml ? "{" + fields + "}" : "[" + fields + "]";
+  } else {
+    std::string items;
+    for (const auto& item : value) {
+      if constexpr (std::is_same_v<T, Bytes>) {
+        if (yaml) {  // as hex pairs
+          char pair[4];
+          std::snprintf(pair, sizeof pair, "%02x", item);
+          items += pair;
+          continue;
+        }
+      }
+      items += (items.empty() ? "" : ",") + Text(item, yaml);
+    }
+    return std::is_same_v<T, Bytes> && yaml ? "\"" + items + "\"" : "[" + items + "]";
+  }
+}
+
+// What a script can send; the debug records behind a debug event's objects are left out.
+template <class T>
+inline constexpr bool kScripted =
+    std::is_arithmetic_v<T> || std::is_same_v<T, std::u16string> || std::is_same_v<T, Bytes> ||
+    std::is_same_v<T, U32List> || std::is_same_v<T, WStringList> ||
+    std::is_same_v<T, MiradorTargetList> || std::is_same_v<T, EventHeader>;
+
+// Gives every field of a `Notification` a value of its own from `filler`, keeps in `expected` the
+// text that each (but the target key) should read as from the event, and returns the script step
+// that sends those values.
+template <class Notification>
+std::string Fill(testing::FieldFiller& filler, std::map<std::string, std::string>& expected) {
+  Notification notification;
+  Notification::VisitFields(notification, filler);
+  std::string fields;
+  Notification::VisitFields(notification, [&](std::string_view label, auto& field) {
+    using Field = std::remove_cvref_t<decltype(field)>;
+    const std::string name(label.substr(0, label.size() - 1));  // "Name:" -> "Name"
+    if (name == "TargetKey") return;
+    if constexpr (kScripted<Field>) {
+      expected[name] = Text(field, false);
+      fields += (fields.empty() ? "" : ", ") + name + ": " + Text(field, true);
+    } else {
+      expected[name] = "record";  // the debug records behind object-valued properties
+    }
+  });
+  return Step(platform::Utf16ToUtf8(Notification::kName), fields.empty() ? "" : "{" + fields + "}");
+}
+
+// The fields a debug object would be built from, which the event does not expose one by one.
+size_t ObjectSourceFields(std::string_view method) {
+  if (method == "OnStopNotification") return 3;  // ThreadId, Process, Threads
+  if (method == "OnDynamicLibraryLoad" || method == "OnLoadExec" || method == "OnLoadExecFail" ||
+      method == "OnLoadExecTimeout") {
+    return 1;  // Module or ProcessId
+  }
+  return 0;
 }
 
 // Each test serves a scenario of its own.
@@ -266,18 +229,14 @@ class LiveEventsTest : public LiveApiTest {
 };
 
 TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
-  const auto& rows = kCatalogue;
-  ASSERT_EQ(std::size(rows), kNotificationCount - 1);  // all but DEVICE_READY reach a sink
-  // One script per row, started when its group is first advised.
+  // One script per sink method, started when its group is first advised.
   std::map<std::string, std::map<std::string, std::string>> expected;  // by sink method
   std::string scripts;
-  testing::FieldFiller filler;  // one for all rows: no two notifications carry the same values
-  for (const CatalogueRow& row : rows) {
-    std::string fields;
-    expected[row.sink_method] = row.fill(filler, fields);
-    scripts += Script({Step(row.wire_name, fields)});
-  }
-  ASSERT_EQ(expected.size(), std::size(rows));
+  testing::FieldFiller filler;  // one for all: no two notifications carry the same values
+#define VEKX_SINK_METHOD(Interface, Method, EventName) \
+  scripts += Script({Fill<C##EventName##Notification>(filler, expected[#Method])});
+#include "vekxapi/event_sinks.def"
+  ASSERT_EQ(expected.size(), kNotificationCount - 1);  // all but DEVICE_READY reach a sink
   ASSERT_NO_FATAL_FAILURE(Serve(TwoKits(scripts)));
   ULONG handle = 0;
   const auto target = Target("kit-one", handle);
@@ -291,7 +250,7 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
   auto* sink = NewSink();
   ASSERT_EQ(api_->AdviseServerEvents(sink), S_OK);
   ASSERT_NO_FATAL_FAILURE(AdviseTargetSide(target.Get(), handle, sink));
-  EXPECT_TRUE(WaitUntil([&] { return sink->CallCount() >= std::size(rows); })) << sink->CallCount();
+  EXPECT_TRUE(WaitUntil([&] { return sink->CallCount() >= expected.size(); })) << sink->CallCount();
   log.SetLevel(Log::kSilent);
   log.SetStandardError();
   const std::string logged = servertest::ReadText(log_path);
@@ -314,7 +273,7 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
     EXPECT_EQ(call.properties.size() - objects + ObjectSourceFields(call.method), values.size());
     EXPECT_EQ(objects > 0, ObjectSourceFields(call.method) > 0);
   }
-  EXPECT_EQ(heard.size(), std::size(rows));
+  EXPECT_EQ(heard.size(), expected.size());
 
   // Deleting the target drops its registrations in every group but the Server group's, and only
   // its own. The sweep follows the Server group's delivery on the notification thread.
