@@ -22,6 +22,7 @@
 #include "platform/wide_string.h"
 #include "requests/catalogue.h"
 #include "serverlink/log.h"
+#include "support/field_filler.h"
 #include "vekxapi/result_codes.h"
 
 namespace qv::apitest {
@@ -29,157 +30,15 @@ namespace {
 
 using servertest::WaitUntil;
 
-// ---- Notifications with distinct values, the text each field should read as, and the YAML that
-// makes a kit script send them. ----
-
-// A value as the recorder reads it from the event: a record as the list of its fields, the event
-// header as its little-endian bytes.
-template <class T>
-std::string Expected(const T& value) {
-  if constexpr (std::is_same_v<T, bool>) {
-    return value ? "true" : "false";
-  } else if constexpr (std::is_arithmetic_v<T>) {
-    return std::to_string(value);
-  } else if constexpr (std::is_same_v<T, std::u16string>) {
-    return platform::Utf16ToUtf8(value);
-  } else if constexpr (std::is_same_v<T, EventHeader>) {
-    Bytes image(sizeof value);
-    std::memcpy(image.data(), &value, sizeof value);  // Id, Type, Timestamp, no padding
-    return Expected(image);
-  } else if constexpr (IsWireRecord<T>) {
-    std::string fields;
-    T record = value;
-    T::VisitFields(record, [&](std::string_view, auto& field) {
-      fields += (fields.empty() ? "" : ",") + Expected(field);
-    });
-    return "[" + fields + "]";
-  } else {
-    std::string items;
-    for (const auto& item : value)
-      items += (items.empty() ? "" : ",") + Expected(item);
-    return "[" + items + "]";
-  }
-}
-
-// A value as a kit script writes it, in YAML's one-line forms; records skip the target key, which
-// the server fills in.
-template <class T>
-std::string Yaml(const T& value) {
-  if constexpr (IsWireRecord<T>) {
-    std::string fields;
-    T record = value;
-    T::VisitFields(record, [&](std::string_view label, auto& field) {
-      const std::string name(label.substr(0, label.empty() ? 0 : label.size() - 1));
-      if (!name.empty() && name != "TargetKey")
-        fields += (fields.empty() ? "" : ", ") + name + ": " + Yaml(field);
-    });
-    return "{" + fields + "}";
-  } else if constexpr (std::is_same_v<T, bool>) {
-    return value ? "true" : "false";
-  } else if constexpr (std::is_arithmetic_v<T>) {
-    return std::to_string(value);
-  } else if constexpr (std::is_same_v<T, std::u16string>) {
-    return "\"" + platform::Utf16ToUtf8(value) + "\"";
-  } else if constexpr (std::is_same_v<T, Bytes>) {
-    std::string text = "\"";
-    for (const uint8_t byte : value) {
-      char pair[4];
-      std::snprintf(pair, sizeof pair, "%02x", byte);
-      text += pair;
-    }
-    return text + "\"";
-  } else {
-    std::string items;
-    for (const auto& item : value)
-      items += (items.empty() ? "" : ", ") + Yaml(item);
-    return "[" + items + "]";
-  }
-}
-
-// What the filler gives a value; it leaves the debug records behind a debug event's objects empty.
-template <class T>
-inline constexpr bool kFilled =
-    std::is_arithmetic_v<T> || std::is_same_v<T, std::u16string> || std::is_same_v<T, Bytes> ||
-    std::is_same_v<T, U32List> || std::is_same_v<T, WStringList> ||
-    std::is_same_v<T, MiradorTargetList> || std::is_same_v<T, EventHeader>;
-
-// Gives every field of a `Notification` a value of its own, starting from `seed`, writes those
-// values as a script step's fields into `yaml` (a flow mapping, or nothing when there are none),
-// and returns the text that each (but the target key) should read as from the event.
-template <class Notification>
-std::map<std::string, std::string> Fill(uint32_t seed, std::string& yaml) {
-  Notification notification;
-  std::map<std::string, std::string> expected;
-  std::string fields;
-  Notification::VisitFields(notification, [&](std::string_view label, auto& field) {
-    using Field = std::remove_cvref_t<decltype(field)>;
-    ++seed;
-    if constexpr (std::is_same_v<Field, uint32_t>) {
-      field = seed;
-    } else if constexpr (std::is_same_v<Field, int32_t>) {
-      field = -static_cast<int32_t>(seed);
-    } else if constexpr (std::is_same_v<Field, uint64_t>) {
-      field = (uint64_t{1} << 40) + seed;
-    } else if constexpr (std::is_same_v<Field, bool>) {
-      field = true;
-    } else if constexpr (std::is_same_v<Field, std::u16string>) {
-      field = u"t\u00e9xt " + platform::Utf8ToUtf16(std::to_string(seed));
-    } else if constexpr (std::is_same_v<Field, U32List>) {
-      field = {seed, seed + 1};
-    } else if constexpr (std::is_same_v<Field, WStringList>) {
-      field = {u"first", platform::Utf8ToUtf16(std::to_string(seed))};
-    } else if constexpr (std::is_same_v<Field, Bytes>) {
-      field = {1, 2, static_cast<uint8_t>(seed)};
-    } else if constexpr (std::is_same_v<Field, MiradorTargetList>) {
-      field = {MiradorTargetRecord{u"kit-a", u"A", {2, 0, 0, 0, 0, 1}},
-               MiradorTargetRecord{u"kit-b", u"B", {}}};
-    } else if constexpr (std::is_same_v<Field, EventHeader>) {
-      field.Id = seed;
-      field.Type = seed + 1;
-      field.Timestamp = (uint64_t{3} << 56) + seed;
-    }
-    const std::string name(label.substr(0, label.size() - 1));  // "Name:" -> "Name"
-    if (name == "TargetKey") return;
-    if constexpr (kFilled<Field>) {
-      expected[name] = Expected(field);
-      fields += (fields.empty() ? "" : ", ") + name + ": " + Yaml(field);
-    } else {
-      expected[name] = "record";  // the debug records behind object-valued properties
-    }
-  });
-  if (!fields.empty()) yaml = "{" + fields + "}";
-  return expected;
-}
-
-// The fields a debug object would be built from, which the event does not expose one by one.
-size_t ObjectSourceFields(std::string_view method) {
-  if (method == "OnStopNotification") return 3;  // ThreadId, Process, Threads
-  if (method == "OnDynamicLibraryLoad" || method == "OnLoadExec" || method == "OnLoadExecFail" ||
-      method == "OnLoadExecTimeout") {
-    return 1;  // Module or ProcessId
-  }
-  return 0;
-}
-
-// Every notification that reaches a sink: its wire name, sink method and filler.
-struct CatalogueRow {
-  std::string wire_name;
-  std::string sink_method;
-  std::map<std::string, std::string> (*fill)(uint32_t seed, std::string& yaml);
-};
-const CatalogueRow kCatalogue[] = {
-#define VEKX_NOTIFICATION(Camel, WIRE, number, Base, Group, Slot, SinkInterface, SinkMethod, \
-                          DispId, fields)                                                    \
-  VEKX_SINK_IF(SinkInterface)({#WIRE, #SinkMethod, &Fill<C##Camel##Notification>}, )
-#include "requests/notifications.def"
-};
-
 // ---- Scenarios: two kits with quick power changes, and their scripts. ----
 
-// A script step; `fields` is a flow mapping ("{Port: 1}").
-std::string Step(const std::string& wire_name, const std::string& fields = "", int after_ms = 0) {
+// A script step sent `repeat` times; `fields` is a flow mapping ("{Port: 1}") whose text fields
+// may number each sending with "{n}", from 0.
+std::string Step(const std::string& wire_name, const std::string& fields = "", int after_ms = 0,
+                 int repeat = 1) {
   std::string text = "          - notification: " + wire_name + "\n";
   if (after_ms != 0) text += "            after_ms: " + std::to_string(after_ms) + "\n";
+  if (repeat != 1) text += "            repeat: " + std::to_string(repeat) + "\n";
   return fields.empty() ? text : text + "            fields: " + fields + "\n";
 }
 
@@ -208,16 +67,88 @@ std::vector<std::string> Numbers(int from, int to) {
   return numbers;
 }
 
-// A script of `count` steps, each with `fields` in which '#' is its number, 1 to `count`.
-std::string Script(int count, const std::string& wire_name, const std::string& fields,
-                   int after_ms = 0) {
-  std::vector<std::string> steps;
-  for (const std::string& i : Numbers(1, count)) {
-    std::string numbered = fields;
-    if (const size_t at = numbered.find('#'); at != std::string::npos) numbered.replace(at, 1, i);
-    steps.push_back(Step(wire_name, numbered, after_ms));
+// ---- Notifications with distinct values, the text each field should read as, and the YAML that
+// makes a kit script send them. ----
+
+// A value as the recorder reads it from the event (a record as the list of its fields, the event
+// header as its little-endian bytes), or with `yaml` as a kit script writes it in YAML's one-line
+// forms (a record as a mapping that skips padding and the target key, which the server fills in).
+template <class T>
+std::string Text(const T& value, bool yaml) {
+  if constexpr (std::is_same_v<T, bool>) {
+    return value ? "true" : "false";
+  } else if constexpr (std::is_arithmetic_v<T>) {
+    return std::to_string(value);
+  } else if constexpr (std::is_same_v<T, std::u16string>) {
+    return yaml ? "\"" + platform::Utf16ToUtf8(value) + "\"" : platform::Utf16ToUtf8(value);
+  } else if constexpr (IsWireRecord<T>) {
+    if (std::is_same_v<T, EventHeader> && !yaml) {
+      Bytes image(sizeof value);
+      std::memcpy(image.data(), &value, sizeof value);  // Id, Type, Timestamp, no padding
+      return Text(image, false);
+    }
+    std::string fields;
+    T record = value;
+    T::VisitFields(record, [&](std::string_view label, auto& field) {
+      const std::string name(label.substr(0, label.empty() ? 0 : label.size() - 1));
+      if (yaml && (name.empty() || name == "TargetKey")) return;
+      fields += (fields.empty() ? "" : ",") + (yaml ? name + ": " : "") + Text(field, yaml);
+    });
+    return yaml ? "{" + fields + "}" : "[" + fields + "]";
+  } else {
+    std::string items;
+    for (const auto& item : value) {
+      if constexpr (std::is_same_v<T, Bytes>) {
+        if (yaml) {  // as hex pairs
+          char pair[4];
+          std::snprintf(pair, sizeof pair, "%02x", item);
+          items += pair;
+          continue;
+        }
+      }
+      items += (items.empty() ? "" : ",") + Text(item, yaml);
+    }
+    return std::is_same_v<T, Bytes> && yaml ? "\"" + items + "\"" : "[" + items + "]";
   }
-  return Script(steps);
+}
+
+// What a script can send; the debug records behind a debug event's objects are left out.
+template <class T>
+inline constexpr bool kScripted =
+    std::is_arithmetic_v<T> || std::is_same_v<T, std::u16string> || std::is_same_v<T, Bytes> ||
+    std::is_same_v<T, U32List> || std::is_same_v<T, WStringList> ||
+    std::is_same_v<T, MiradorTargetList> || std::is_same_v<T, EventHeader>;
+
+// Gives every field of a `Notification` a value of its own from `filler`, keeps in `expected` the
+// text that each (but the target key) should read as from the event, and returns the script step
+// that sends those values.
+template <class Notification>
+std::string Fill(testing::FieldFiller& filler, std::map<std::string, std::string>& expected) {
+  Notification notification;
+  Notification::VisitFields(notification, filler);
+  std::string fields;
+  Notification::VisitFields(notification, [&](std::string_view label, auto& field) {
+    using Field = std::remove_cvref_t<decltype(field)>;
+    const std::string name(label.substr(0, label.size() - 1));  // "Name:" -> "Name"
+    if (name == "TargetKey") return;
+    if constexpr (kScripted<Field>) {
+      expected[name] = Text(field, false);
+      fields += (fields.empty() ? "" : ", ") + name + ": " + Text(field, true);
+    } else {
+      expected[name] = "record";  // the debug records behind object-valued properties
+    }
+  });
+  return Step(platform::Utf16ToUtf8(Notification::kName), fields.empty() ? "" : "{" + fields + "}");
+}
+
+// The fields a debug object would be built from, which the event does not expose one by one.
+size_t ObjectSourceFields(std::string_view method) {
+  if (method == "OnStopNotification") return 3;  // ThreadId, Process, Threads
+  if (method == "OnDynamicLibraryLoad" || method == "OnLoadExec" || method == "OnLoadExecFail" ||
+      method == "OnLoadExecTimeout") {
+    return 1;  // Module or ProcessId
+  }
+  return 0;
 }
 
 // Each test serves a scenario of its own.
@@ -228,6 +159,14 @@ class LiveEventsTest : public LiveApiTest {
   void Serve(std::string scenario) {
     scenario_ = std::move(scenario);
     LiveApiTest::SetUp();
+  }
+
+  // A sink that lives until the test ends.
+  template <class Sink = RecordingSink>
+  Sink* NewSink() {
+    const auto sink = vekx::MakeSink<Sink>();
+    sinks_.emplace_back(sink.Get());
+    return sink.Get();
   }
 
   // A target object and its handle.
@@ -286,22 +225,18 @@ class LiveEventsTest : public LiveApiTest {
   }
 
   std::string scenario_;
+  std::vector<vekx::ComPtr<IEventTarget>> sinks_;  // the test's reference to each sink
 };
 
 TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
-  const auto& rows = kCatalogue;
-  ASSERT_EQ(std::size(rows), kNotificationCount - 1);  // all but DEVICE_READY reach a sink
-  // One script per row, started when its group is first advised.
+  // One script per sink method, started when its group is first advised.
   std::map<std::string, std::map<std::string, std::string>> expected;  // by sink method
   std::string scripts;
-  uint32_t seed = 1000;
-  for (const CatalogueRow& row : rows) {
-    std::string fields;
-    expected[row.sink_method] = row.fill(seed, fields);
-    seed += 100;
-    scripts += Script({Step(row.wire_name, fields)});
-  }
-  ASSERT_EQ(expected.size(), std::size(rows));
+  testing::FieldFiller filler;  // one for all: no two notifications carry the same values
+#define VEKX_SINK_METHOD(Interface, Method, EventName) \
+  scripts += Script({Fill<C##EventName##Notification>(filler, expected[#Method])});
+#include "vekxapi/event_sinks.def"
+  ASSERT_EQ(expected.size(), kNotificationCount - 1);  // all but DEVICE_READY reach a sink
   ASSERT_NO_FATAL_FAILURE(Serve(TwoKits(scripts)));
   ULONG handle = 0;
   const auto target = Target("kit-one", handle);
@@ -312,10 +247,10 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
   Log& log = LibraryLog();
   ASSERT_TRUE(log.SetFile(log_path));
   log.SetLevel(Log::kPackets);
-  auto* sink = new RecordingSink();
+  auto* sink = NewSink();
   ASSERT_EQ(api_->AdviseServerEvents(sink), S_OK);
   ASSERT_NO_FATAL_FAILURE(AdviseTargetSide(target.Get(), handle, sink));
-  EXPECT_TRUE(WaitUntil([&] { return sink->CallCount() >= std::size(rows); })) << sink->CallCount();
+  EXPECT_TRUE(WaitUntil([&] { return sink->CallCount() >= expected.size(); })) << sink->CallCount();
   log.SetLevel(Log::kSilent);
   log.SetStandardError();
   const std::string logged = servertest::ReadText(log_path);
@@ -338,13 +273,13 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
     EXPECT_EQ(call.properties.size() - objects + ObjectSourceFields(call.method), values.size());
     EXPECT_EQ(objects > 0, ObjectSourceFields(call.method) > 0);
   }
-  EXPECT_EQ(heard.size(), std::size(rows));
+  EXPECT_EQ(heard.size(), expected.size());
 
   // Deleting the target drops its registrations in every group but the Server group's, and only
   // its own. The sweep follows the Server group's delivery on the notification thread.
   ULONG two_handle = 0;
   const auto two = Target("kit-two", two_handle);
-  auto* bystander = new RecordingSink();
+  auto* bystander = NewSink();
   ASSERT_EQ(two->AdviseTargetEvents(bystander), S_OK);
   ASSERT_EQ(target->Delete(), S_OK);
   const auto left = [&] {
@@ -368,7 +303,7 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
   ULONG again_handle = 0;
   const auto again = Target("kit-one", again_handle);
   ASSERT_TRUE(again);
-  auto* fresh = new RecordingSink();
+  auto* fresh = NewSink();
   ASSERT_EQ(again->AdviseTargetEvents(fresh), S_OK);
   ASSERT_EQ(again->PowerOff(), S_OK);
   EXPECT_TRUE(WaitUntil([&] { return fresh->CallCount() == 4; }));
@@ -379,24 +314,24 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
             (std::vector<std::string>{"OnBusy", "OnPowerState", "OnPowerState", "OnIdle"}));
   EXPECT_EQ(fresh->Values("OnPowerState", "Progress"), (std::vector<std::string>{"0", "1"}));
   EXPECT_EQ(bystander->CallCount(), 0u);
-  for (RecordingSink* each : {sink, bystander, fresh})
-    each->Release();
 }
 
 TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesBack) {
   // Each script starts on its group's first subscription, in every run of the server.
-  ASSERT_NO_FATAL_FAILURE(Serve(TwoKits(
-      Script(3, "PROGRESS", "{RequestId: #}") + Script(2, "USB_TARGET_PLUGGED_IN", "{Address: #}"),
-      Script(2, "CONSOLE_OUTPUT", "{Port: 1, Text: \"line #\"}"))));
+  ASSERT_NO_FATAL_FAILURE(
+      Serve(TwoKits(Script({Step("PROGRESS", "{Task: \"task {n}\"}", 0, 3)}) +
+                        Script({Step("USB_TARGET_PLUGGED_IN", "{Address: 1}"),
+                                Step("USB_TARGET_PLUGGED_IN", "{Address: 2}")}),
+                    Script({Step("CONSOLE_OUTPUT", "{Port: 1, Text: \"line {n}\"}", 0, 2)}))));
   ULONG one_handle = 0;
   ULONG two_handle = 0;
   const auto one = Target("kit-one", one_handle);
   const auto two = Target("kit-two", two_handle);
   ASSERT_TRUE(one && two);
-  auto* server = new RecordingSink();
-  auto* first = new RecordingSink();
-  auto* second = new RecordingSink();  // beside `first`: the same group and key
-  auto* console = new RecordingSink();
+  auto* server = NewSink();
+  auto* first = NewSink();
+  auto* second = NewSink();  // beside `first`: the same group and key
+  auto* console = NewSink();
   ASSERT_EQ(api_->AdviseServerEvents(server), S_OK);
   ASSERT_EQ(two->AdviseConsoleOutputEvents(console), S_OK);
   ASSERT_EQ(one->AdviseTargetEvents(first), S_OK);
@@ -425,17 +360,18 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
     return first->CallCount() == 3 && second->CallCount() == 3 && server->CallCount() == 2 &&
            console->CallCount() == 2;
   }));
-  EXPECT_EQ(first->Values("OnProgress", "RequestId"), Numbers(1, 3));
-  EXPECT_EQ(second->Values("OnProgress", "RequestId"), Numbers(1, 3));
+  const std::vector<std::string> tasks{"task 0", "task 1", "task 2"};
+  EXPECT_EQ(first->Values("OnProgress", "Task"), tasks);
+  EXPECT_EQ(second->Values("OnProgress", "Task"), tasks);
   EXPECT_EQ(server->Values("OnUsbTargetPluggedIn", "Address"), Numbers(1, 2));
   EXPECT_EQ(console->Values("OnConsoleOutput", "Text"),
-            (std::vector<std::string>{"line 1", "line 2"}));
+            (std::vector<std::string>{"line 0", "line 1"}));
   EXPECT_EQ(Logged(log, "REQUEST_TARGET_EVENTS", one_handle), 1u);
   EXPECT_EQ(Logged(log, "REQUEST_SERVER_EVENTS", 0xFFFFFFFF), 1u);
   EXPECT_EQ(Logged(log, "REQUEST_CONSOLE_OUTPUT_EVENTS", two_handle), 1u);
 
   // Each advise subscribes; only the last unadvise under a key cancels.
-  auto* third = new RecordingSink();
+  auto* third = NewSink();
   ASSERT_EQ(one->AdviseTargetEvents(third), S_OK);
   EXPECT_EQ(Logged(log, "REQUEST_TARGET_EVENTS", one_handle), 2u);
   EXPECT_EQ(one->UnadviseTargetEvents(as_later), S_OK);
@@ -445,8 +381,6 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
   EXPECT_EQ(one->UnadviseTargetEvents(second), S_OK);
   EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, one_handle), 0u);
   EXPECT_EQ(Logged(log, "CANCEL_TARGET_EVENTS", one_handle), 1u);
-  for (RecordingSink* sink : {server, first, second, third, console})
-    sink->Release();
 }
 
 TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
@@ -461,18 +395,18 @@ TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
   const auto target = Target("kit-one", handle);
   ASSERT_TRUE(target);
 
-  auto* slow = new RecordingSink();
+  auto* slow = NewSink();
   std::atomic<bool> entered{false};
   std::atomic<bool> released{false};
   slow->result = E_FAIL;
   slow->on_call = [&] {
     if (!entered.exchange(true)) WaitUntil([&] { return released.load(); });
   };
-  auto* base_only = new RecordingSink(/*later_versions=*/false);
-  auto* quitter = new RecordingSink();
+  auto* base_only = NewSink<BaseOnlySink>();
+  auto* quitter = NewSink();
   // On the notification thread, inside the group's delivery.
   quitter->on_call = [&] { target->UnadviseTargetEvents(quitter); };
-  auto* fence = new RecordingSink();
+  auto* fence = NewSink();
   ASSERT_EQ(target->AdviseTargetEvents(slow), S_OK);
   ASSERT_EQ(target->AdviseTargetEvents(base_only), S_OK);
   ASSERT_EQ(target->AdviseTargetEvents(quitter), S_OK);
@@ -481,10 +415,9 @@ TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
 
   // The notification thread is held inside the Target group; calls on other threads go on.
   EXPECT_EQ(CallServer(), S_OK);
-  auto* late = new RecordingSink();
+  auto* late = NewSink();
   EXPECT_EQ(api_->AdviseServerEvents(late), S_OK);
   EXPECT_EQ(api_->UnadviseServerEvents(late), S_OK);
-  late->Release();
   EXPECT_EQ(base_only->CallCount(), 0u);
   released = true;
 
@@ -499,8 +432,6 @@ TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
   EXPECT_EQ(quitter->Values("OnProgress", "RequestId"), Numbers(1, 1));  // and went at once
   EXPECT_EQ(quitter->CallCount(), 1u);
   EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, handle), 2u);
-  for (RecordingSink* sink : {slow, base_only, quitter, fence})
-    sink->Release();
 }
 
 // Each piece of a cache fetch as "port text".
@@ -526,9 +457,9 @@ std::vector<std::string> Pieces(const VARIANT& output) {
 
 TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   constexpr int kPieces = 150;  // more than the server lets go unacknowledged
-  ASSERT_NO_FATAL_FAILURE(Serve(
-      TwoKits(Script(kPieces, "CONSOLE_OUTPUT", "{Port: 1, Category: 1, Text: \"piece #\"}", 1),
-              Script(100, "CONSOLE_OUTPUT", "{Text: x}"))));
+  ASSERT_NO_FATAL_FAILURE(Serve(TwoKits(
+      Script({Step("CONSOLE_OUTPUT", "{Port: 1, Category: 1, Text: \"piece {n}\"}", 1, kPieces)}),
+      Script({Step("CONSOLE_OUTPUT", "{Text: x}", 0, 100)}))));
   ULONG handle = 0;
   ULONG two_handle = 0;
   const auto target = Target("kit-one", handle);
@@ -544,11 +475,11 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
       [&] { return two->get_ConsoleCacheIndex(&two_upper) == S_OK && two_upper == 100; }));
   ULONG start = 0;
   ASSERT_EQ(target->get_ConsoleCacheIndex(&start), S_OK);
-  auto* sink = new RecordingSink();
+  auto* sink = NewSink();
   ASSERT_EQ(target->AdviseConsoleOutputEvents(sink), S_OK);  // starts the script
 
   std::vector<std::string> expected;
-  for (const std::string& i : Numbers(1, kPieces))
+  for (const std::string& i : Numbers(0, kPieces - 1))
     expected.push_back("1 piece " + i);
   std::vector<std::string> read;
   ULONG index = start;
@@ -605,7 +536,6 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   EXPECT_EQ(upper, start + kPieces + 1);
   EXPECT_EQ(target->CachedConsoleOutput(nullptr, output.Put()), E_POINTER);
   target->UnadviseConsoleOutputEvents(sink);
-  sink->Release();
 }
 
 }  // namespace

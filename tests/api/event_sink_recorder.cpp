@@ -1,6 +1,5 @@
 #include "api/event_sink_recorder.h"
 
-#include <cctype>
 #include <cstring>
 #include <string_view>
 #include <type_traits>
@@ -61,6 +60,9 @@ std::string Text(Out& value) {
     return text;
   } else if constexpr (std::is_same_v<Out, VARIANT_BOOL>) {
     return value == VARIANT_TRUE ? "true" : value == VARIANT_FALSE ? "false" : "bad bool";
+  } else if constexpr (std::is_integral_v<Out> && sizeof(Out) == sizeof(uint64_t)) {
+    // 64-bit values travel unsigned; some events hand them out as LONGLONG.
+    return std::to_string(static_cast<uint64_t>(value));
   } else {
     return std::to_string(static_cast<long long>(value));
   }
@@ -91,9 +93,10 @@ std::string ReadObject(Event* event, HRESULT (STDMETHODCALLTYPE Event::*get)(Out
   return hr == E_NOTIMPL && object == nullptr ? "E_NOTIMPL" : "object or " + std::to_string(hr);
 }
 
-#define VEKX_EVENT_BEGIN(Camel)                             \
-  [[maybe_unused]] std::map<std::string, std::string> Read( \
-      [[maybe_unused]] I##Camel##Event* event) {            \
+}  // namespace
+
+#define VEKX_EVENT_BEGIN(Camel)                                                                 \
+  std::map<std::string, std::string> EventProperties([[maybe_unused]] I##Camel##Event* event) { \
     std::map<std::string, std::string> values;
 #define VEKX_EVENT_VALUE(Camel, Property) \
   values[#Property] = ReadValue(event, &I##Camel##Event::get_##Property);
@@ -104,39 +107,7 @@ std::string ReadObject(Event* event, HRESULT (STDMETHODCALLTYPE Event::*get)(Out
   }
 #include "events/event_properties.def"
 
-}  // namespace
-
-HRESULT RecordingSink::QueryInterface(REFIID iid, void** object) {
-  *object = nullptr;
-  if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch)) {
-    *object = static_cast<IEventViewer*>(this);
-  }
-#define VEKX_SINK_ANSWER(Interface)                                                      \
-  else if (IsEqualIID(iid, IID_##Interface)) {                                           \
-    if (later_versions_ ||                                                               \
-        !std::isdigit(static_cast<unsigned char>(#Interface[sizeof(#Interface) - 2]))) { \
-      *object = static_cast<Interface*>(this);                                           \
-    }                                                                                    \
-  }
-  VEKX_FOR_EACH_SINK_INTERFACE(VEKX_SINK_ANSWER)
-  else if (IsEqualIID(iid, IID_IEventViewer)) {
-    *object = static_cast<IEventViewer*>(this);
-  }
-#undef VEKX_SINK_ANSWER
-  if (*object == nullptr) return E_NOINTERFACE;
-  AddRef();
-  return S_OK;
-}
-
-#define VEKX_NOTIFICATION(Camel, WIRE, number, Base, Group, Slot, SinkInterface, SinkMethod, \
-                          DispId, fields)                                                    \
-  VEKX_SINK_IF(SinkInterface)                                                                \
-  (HRESULT RecordingSink::SinkMethod(I##Camel##Event * event) {                              \
-    return Record(SinkCall{#SinkMethod, Read(event)});                                       \
-  })
-#include "requests/notifications.def"
-
-HRESULT RecordingSink::Record(SinkCall call) {
+HRESULT SinkCalls::Record(SinkCall call) {
   {
     std::lock_guard lock(mutex_);
     calls_.push_back(std::move(call));
@@ -145,18 +116,18 @@ HRESULT RecordingSink::Record(SinkCall call) {
   return result;
 }
 
-std::vector<SinkCall> RecordingSink::Calls() const {
+std::vector<SinkCall> SinkCalls::Calls() const {
   std::lock_guard lock(mutex_);
   return calls_;
 }
 
-size_t RecordingSink::CallCount() const {
+size_t SinkCalls::CallCount() const {
   std::lock_guard lock(mutex_);
   return calls_.size();
 }
 
-std::vector<std::string> RecordingSink::Values(const std::string& method,
-                                               const std::string& property) const {
+std::vector<std::string> SinkCalls::Values(const std::string& method,
+                                           const std::string& property) const {
   std::lock_guard lock(mutex_);
   std::vector<std::string> values;
   for (const SinkCall& call : calls_) {
@@ -167,7 +138,7 @@ std::vector<std::string> RecordingSink::Values(const std::string& method,
   return values;
 }
 
-void RecordingSink::Clear() {
+void SinkCalls::Clear() {
   std::lock_guard lock(mutex_);
   calls_.clear();
 }

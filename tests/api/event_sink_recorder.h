@@ -1,17 +1,14 @@
 #pragma once
-// A host's event sink for the tests: one object that implements every sink interface of every
-// group (or, if asked, only the base interfaces), and records each call as the method's name and
-// the event's properties as text, read through the event's own getters.
+// A host's event sink for the tests, built on the public sink base: it records each call as the
+// method's name and the event's properties as text, read through the event's own getters.
 
-#include <atomic>
-#include <cstdint>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "vekxapi/vekxapi.h"
+#include "vekxapi/event_sink.h"
 
 namespace qv::apitest {
 
@@ -22,59 +19,14 @@ struct SinkCall {
   std::map<std::string, std::string> properties;
 };
 
-// clang-format off
-#define VEKX_FOR_EACH_SINK_INTERFACE(X) \
-  X(IEventServer) X(IEventServer2) X(IEventServer3) X(IEventServer4) X(IEventServer5) \
-  X(IEventServer6) X(IEventServer7) \
-  X(IEventTarget) X(IEventTarget2) X(IEventTarget3) X(IEventTarget4) X(IEventTarget5) \
-  X(IEventTarget6) X(IEventTarget7) X(IEventTarget8) X(IEventTarget9) \
-  X(IEventCacheUpdate) X(IEventConsoleOutput) X(IEventController) X(IEventController2) \
-  X(IEventDebug) X(IEventDebug2) X(IEventDebug3) X(IEventDebug4) X(IEventGenericProtocol) \
-  X(IEventHighFreqFileCopy) X(IEventLowFreqFileCopy) X(IEventTrickle) X(IEventTrickle2) \
-  X(IEventProcessLock)
-// clang-format on
+// Each property of `event` as text.
+#define VEKX_SINK_METHOD(Interface, Method, EventName) \
+  std::map<std::string, std::string> EventProperties(I##EventName##Event* event);
+#include "vekxapi/event_sinks.def"
 
-#define VEKX_SINK_BASE(Interface) \
- public                           \
-  Interface,
-#define VEKX_SINK_CONCAT_INNER(a, b) a##b
-#define VEKX_SINK_CONCAT(a, b) VEKX_SINK_CONCAT_INNER(a, b)
-#define VEKX_SINK_IF(...) VEKX_SINK_CONCAT(VEKX_SINK_IF_, __VA_OPT__(YES))
-#define VEKX_SINK_IF_YES(...) __VA_ARGS__
-#define VEKX_SINK_IF_(...)
-
-// Every sink interface but IEventViewer, which closes the list of bases.
-class RecordingSink final : VEKX_FOR_EACH_SINK_INTERFACE(VEKX_SINK_BASE) public IEventViewer {
+// The calls a sink received, kept apart from the COM object so that both kinds of sink share it.
+class SinkCalls {
  public:
-  // With `later_versions` false the sink answers only for each group's base interface.
-  explicit RecordingSink(bool later_versions = true) : later_versions_(later_versions) {}
-
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override;
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++references_; }
-  ULONG STDMETHODCALLTYPE Release() override {
-    const ULONG left = --references_;
-    if (left == 0) delete this;
-    return left;
-  }
-  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
-    *count = 0;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
-                                   UINT*) override {
-    return E_NOTIMPL;
-  }
-
-#define VEKX_NOTIFICATION(Camel, WIRE, number, Base, Group, Slot, SinkInterface, SinkMethod, \
-                          DispId, fields)                                                    \
-  VEKX_SINK_IF(SinkInterface)                                                                \
-  (HRESULT STDMETHODCALLTYPE SinkMethod(I##Camel##Event * event) override;)
-#include "requests/notifications.def"
-
   std::vector<SinkCall> Calls() const;
   size_t CallCount() const;
   // The value of `property` in each call to `method`, in the order of the calls.
@@ -86,14 +38,35 @@ class RecordingSink final : VEKX_FOR_EACH_SINK_INTERFACE(VEKX_SINK_BASE) public 
   std::function<void()> on_call;
   HRESULT result = S_OK;
 
- private:
-  ~RecordingSink() = default;
+ protected:
   HRESULT Record(SinkCall call);
 
-  const bool later_versions_;
-  std::atomic<ULONG> references_{1};
+ private:
   mutable std::mutex mutex_;
   std::vector<SinkCall> calls_;  // guarded by mutex_
 };
+
+// A sink of `Base` (a vekx::EventSink) that records every call. The methods carry no `override`:
+// over the base interfaces alone, those of the later generations override nothing.
+template <class Base>
+class Recording final : public Base, public SinkCalls {
+ public:
+#define VEKX_SINK_METHOD(Interface, Method, EventName)           \
+  HRESULT STDMETHODCALLTYPE Method(I##EventName##Event* event) { \
+    return Record(SinkCall{#Method, EventProperties(event)});    \
+  }
+#include "vekxapi/event_sinks.def"
+};
+
+// Every group's latest sink interface, and with it every earlier one.
+using RecordingSink = Recording<
+    vekx::EventSink<IEventServer7, IEventTarget9, IEventCacheUpdate, IEventConsoleOutput,
+                    IEventController2, IEventDebug4, IEventGenericProtocol, IEventHighFreqFileCopy,
+                    IEventLowFreqFileCopy, IEventTrickle2, IEventProcessLock, IEventViewer>>;
+// Only each group's first sink interface, as a host built before the later ones came.
+using BaseOnlySink = Recording<
+    vekx::EventSink<IEventServer, IEventTarget, IEventCacheUpdate, IEventConsoleOutput,
+                    IEventController, IEventDebug, IEventGenericProtocol, IEventHighFreqFileCopy,
+                    IEventLowFreqFileCopy, IEventTrickle, IEventProcessLock, IEventViewer>>;
 
 }  // namespace qv::apitest
