@@ -52,13 +52,16 @@ show targets
 step "What to try next"
 shown=${ctrl#"$PWD"/}
 echo "vesta-ctrl is $shown; a TARGET is a handle, a host name or a name."
-width=$((${#shown} + 24))
+width=$((${#shown} + 38))
 try() { printf '  %-*s %s\n' "$width" "$shown $1" "$2"; }
 try "--help" "every command"
 try "reboot $kit" "reboot a kit; returns once it is back on"
 try "connect 192.168.40.99" "a host that never answers: see the error"
 try "discover" "the kits that answer on the network"
 try "error 0x8004021B" "what a result code means"
+try "events" "every event as it arrives, until Ctrl+C"
+try "console $kit --follow" "a kit's console output, cached then live"
+try "console $kit --send hi --echo" "type on its console; the echo shows as output"
 try "--json targets" "the list for scripts (docs/vesta-ctrl.md)"
 try "server start" "keep a server running between commands"
 if $started_here; then
