@@ -48,7 +48,9 @@ void ScriptRunner::Loop() {
         std::min_element(running_.begin(), running_.end(),
                          [](const Running& a, const Running& b) { return a.due < b.due; });
     if (next->due > Clock::now()) {
-      wake_.wait_until(lock, next->due);
+      // A copy: the wait lets Start add scripts, which may move the entries.
+      const Clock::time_point due = next->due;
+      wake_.wait_until(lock, due);
       continue;
     }
     const std::u16string host = next->host;
