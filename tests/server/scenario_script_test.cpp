@@ -2,7 +2,10 @@
 // mistakes refused with their line, by both readers.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -10,6 +13,7 @@
 #include "server/scenario.h"
 #include "server/scenario_document.h"
 #include "server/scenario_script.h"
+#include "server/script_runner.h"
 
 namespace qv::server {
 namespace {
@@ -128,6 +132,34 @@ TEST(ScenarioScriptTest, TextPlaceholdersAreExpandedWhenSent) {
   EXPECT_EQ(dynamic_cast<const CConsoleOutputNotification&>(*ScriptedNotification(step, 1, 8))
                 .Text.substr(0, 2),
             u"8:");
+}
+
+// Scripts started while the runner waits for a later one are sent at once, and the wait survives
+// the runner's list growing under it (under AddressSanitizer a wait on a moved entry shows).
+TEST(ScriptRunnerTest, ScriptsStartedWhileOneWaitsAreSentAtOnce) {
+  std::mutex mutex;
+  std::condition_variable sent;
+  std::vector<std::u16string> hosts;
+  ScriptRunner runner([&](const std::u16string& host, const ScriptStep&, uint32_t) {
+    std::lock_guard lock(mutex);
+    hosts.push_back(host);
+    sent.notify_all();
+  });
+  const KitScript later{ScriptTrigger::kServerStart, {ScriptStep{.after_ms = 60'000}}};
+  const KitScript now{ScriptTrigger::kServerStart, {ScriptStep{}}};
+  runner.Start(u"later", later);
+  constexpr size_t kStarted = 40;
+  std::vector<std::u16string> expected;
+  for (size_t i = 0; i < kStarted; ++i) {
+    expected.push_back(u"kit-" + platform::Utf8ToUtf16(std::to_string(i)));
+    runner.Start(expected.back(), now);
+  }
+  std::unique_lock lock(mutex);
+  ASSERT_TRUE(
+      sent.wait_for(lock, std::chrono::seconds(10), [&] { return hosts.size() == kStarted; }));
+  std::sort(hosts.begin(), hosts.end());
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(hosts, expected);  // each once, and not the one that waits a minute
 }
 
 TEST(ScenarioScriptTest, RefusesMistakesWithTheirLine) {
