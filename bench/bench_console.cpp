@@ -268,6 +268,17 @@ void BM_RawConsoleStream(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text_length));
 }
 
+// One iteration per piece the server writes: waits until the sink has it (or its drop notice).
+void CountEachPiece(benchmark::State& state, CountingSink& sink) {
+  uint64_t written = 0;
+  for (auto _ : state) {
+    if (!sink.WaitAccounted(++written)) {
+      Skip(state, "console output stalled");
+      break;
+    }
+  }
+}
+
 void BM_ConsoleOutput(benchmark::State& state) {
   const auto targets = static_cast<int>(state.range(0));
   const std::string text(static_cast<size_t>(state.range(1)), 'x');
@@ -280,13 +291,7 @@ void BM_ConsoleOutput(benchmark::State& state) {
       state, targets,
       ConsoleScenario(targets, PiecesPerTarget(state, targets), text, burst, kBurstEveryMs), sink);
   if (!run.ok()) return;
-  uint64_t written = 0;
-  for (auto _ : state) {
-    if (!sink.WaitAccounted(++written)) {
-      Skip(state, "console output stalled");
-      break;
-    }
-  }
+  CountEachPiece(state, sink);
   const CountingSink::Totals totals = sink.Take();
   state.SetItemsProcessed(static_cast<int64_t>(totals.delivered));
   state.SetBytesProcessed(static_cast<int64_t>(totals.bytes));
@@ -301,13 +306,7 @@ void BM_ConsoleLatency(benchmark::State& state) {
                  ConsoleScenario(targets, PiecesPerTarget(state, targets), "{time_ns}", 1, 1),
                  sink);
   if (!run.ok()) return;
-  uint64_t written = 0;
-  for (auto _ : state) {
-    if (!sink.WaitAccounted(++written)) {
-      Skip(state, "console output stalled");
-      break;
-    }
-  }
+  CountEachPiece(state, sink);
   CountingSink::Totals totals = sink.Take();
   qv::bench::ReportLatency(state, totals.latencies_us);
   state.SetItemsProcessed(static_cast<int64_t>(totals.delivered));
