@@ -38,7 +38,7 @@
 #include "api/root_object.h"
 #include "bench_floor.h"
 #include "bench_server_process.h"
-#include "server/target_registry.h"
+#include "server/targets/target_registry.h"
 #include "vekxapi/bstr.h"
 #include "vekxapi/com_ptr.h"
 #include "vekxapi/event_sink.h"

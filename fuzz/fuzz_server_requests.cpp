@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "requests/catalogue.h"
-#include "server/handlers.h"
-#include "server/packet_log.h"
-#include "server/request_dispatcher.h"
-#include "server/target_registry.h"
+#include "server/core/packet_log.h"
+#include "server/core/request_dispatcher.h"
+#include "server/handlers/handlers.h"
+#include "server/targets/target_registry.h"
 #include "serverlink/frame.h"
 #include "serverlink/wire_fields.h"
 

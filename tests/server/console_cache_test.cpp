@@ -1,6 +1,6 @@
 // The console cache's indices: a reader looping on the next index sees every piece still held,
 // once and in order, whatever the size, clearing and the fetch limit do.
-#include "server/console_cache.h"
+#include "server/kits/console_cache.h"
 
 #include <gtest/gtest.h>
 

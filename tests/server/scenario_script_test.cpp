@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "platform/wide_string.h"
-#include "server/scenario.h"
-#include "server/scenario_document.h"
-#include "server/scenario_script.h"
-#include "server/script_runner.h"
+#include "server/kits/scenario.h"
+#include "server/kits/scenario_document.h"
+#include "server/kits/scenario_script.h"
+#include "server/kits/script_runner.h"
 
 namespace qv::server {
 namespace {

@@ -1,5 +1,5 @@
 // Reading scenarios and the command line of vesta-kx.
-#include "server/scenario.h"
+#include "server/kits/scenario.h"
 
 #include <gtest/gtest.h>
 
@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "server/options.h"
-#include "server/scenario_document.h"
+#include "server/core/options.h"
+#include "server/kits/scenario_document.h"
 #include "server/server_harness.h"
 
 namespace qv::server {

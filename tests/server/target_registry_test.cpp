@@ -1,5 +1,5 @@
 // The registry on its own: what each client is sent, without pipes in between.
-#include "server/target_registry.h"
+#include "server/targets/target_registry.h"
 
 #include <gtest/gtest.h>
 

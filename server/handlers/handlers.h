@@ -1,9 +1,9 @@
 #pragma once
 // The handlers of the operations the server implements, registered by type number.
 
-#include "server/packet_log.h"
-#include "server/request_dispatcher.h"
-#include "server/target_registry.h"
+#include "server/core/packet_log.h"
+#include "server/core/request_dispatcher.h"
+#include "server/targets/target_registry.h"
 
 namespace qv::server {
 

@@ -7,11 +7,11 @@
 #include "platform/pipe.h"
 #include "platform/termination.h"
 #include "platform/wide_string.h"
-#include "server/handlers.h"
-#include "server/options.h"
-#include "server/scenario.h"
-#include "server/server.h"
-#include "server/server_log.h"
+#include "server/core/options.h"
+#include "server/core/server.h"
+#include "server/core/server_log.h"
+#include "server/handlers/handlers.h"
+#include "server/kits/scenario.h"
 
 namespace {
 

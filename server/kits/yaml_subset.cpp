@@ -1,7 +1,7 @@
 // Reading scenario files without yaml-cpp: the YAML subset docs/scenarios.md describes. Block
 // mappings and lists nest by indentation; flow mappings and lists, and quoted values, stay on one
 // line; anything else YAML offers is refused with its line rather than read differently.
-#include "server/scenario_document.h"
+#include "server/kits/scenario_document.h"
 
 #include <cstring>
 

@@ -3,8 +3,8 @@
 #include <string>
 
 #include "platform/wide_string.h"
-#include "server/scenario_script.h"
-#include "server/target_registry.h"
+#include "server/kits/scenario_script.h"
+#include "server/targets/target_registry.h"
 #include "serverlink/frame.h"
 
 namespace qv::server {

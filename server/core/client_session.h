@@ -27,8 +27,8 @@
 #include <vector>
 
 #include "platform/pipe.h"
-#include "server/request_dispatcher.h"
-#include "server/target_registry.h"
+#include "server/core/request_dispatcher.h"
+#include "server/targets/target_registry.h"
 #include "serverlink/pipe_channel.h"
 
 namespace qv::server {

@@ -1,10 +1,10 @@
-#include "server/root_handlers.h"
+#include "server/handlers/root_handlers.h"
 
 #include <string>
 
 #include "platform/wide_string.h"
 #include "requests/catalogue.h"
-#include "server/server_log.h"
+#include "server/core/server_log.h"
 
 namespace qv::server {
 

@@ -1,4 +1,4 @@
-#include "server/options.h"
+#include "server/core/options.h"
 
 namespace qv::server {
 

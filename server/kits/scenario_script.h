@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "requests/notifications.h"
-#include "server/scenario.h"
+#include "server/kits/scenario.h"
 
 namespace qv::server {
 

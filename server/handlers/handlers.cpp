@@ -1,4 +1,4 @@
-#include "server/handlers.h"
+#include "server/handlers/handlers.h"
 
 #include <cstdio>
 #include <string>
@@ -6,7 +6,7 @@
 #include "platform/wide_string.h"
 #include "requests/catalogue.h"
 #include "requests/notifications.h"
-#include "server/server_log.h"
+#include "server/core/server_log.h"
 
 namespace qv::server {
 namespace {

@@ -1,4 +1,4 @@
-#include "server/packet_log.h"
+#include "server/core/packet_log.h"
 
 #include <cstdio>
 #include <exception>

@@ -1,12 +1,12 @@
-#include "server/server.h"
+#include "server/core/server.h"
 
 #include <chrono>
 #include <exception>
 
 #include "platform/process_identity.h"
 #include "platform/wide_string.h"
-#include "server/handlers.h"
-#include "server/server_log.h"
+#include "server/core/server_log.h"
+#include "server/handlers/handlers.h"
 #include "serverlink/handshake.h"
 
 namespace qv::server {

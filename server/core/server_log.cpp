@@ -1,4 +1,4 @@
-#include "server/server_log.h"
+#include "server/core/server_log.h"
 
 #include <atomic>
 #include <cstdio>

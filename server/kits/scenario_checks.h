@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
-#include "server/scenario.h"
-#include "server/scenario_document.h"
+#include "server/kits/scenario.h"
+#include "server/kits/scenario_document.h"
 
 namespace qv::server {
 

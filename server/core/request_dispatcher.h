@@ -19,7 +19,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "server/status.h"
+#include "server/core/status.h"
 #include "serverlink/messages.h"
 
 namespace qv::server {

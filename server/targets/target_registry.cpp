@@ -1,4 +1,4 @@
-#include "server/target_registry.h"
+#include "server/targets/target_registry.h"
 
 #include <algorithm>
 #include <chrono>

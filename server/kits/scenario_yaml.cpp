@@ -1,5 +1,5 @@
 // Reading scenario files with yaml-cpp, where the build has it.
-#include "server/scenario_document.h"
+#include "server/kits/scenario_document.h"
 
 #include <yaml-cpp/yaml.h>
 

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "server/scenario.h"
+#include "server/kits/scenario.h"
 
 namespace qv::server {
 

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "server/scenario.h"
+#include "server/kits/scenario.h"
 
 namespace qv::server {
 

@@ -1,4 +1,4 @@
-#include "server/console_cache.h"
+#include "server/kits/console_cache.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "server/script_runner.h"
+#include "server/kits/script_runner.h"
 
 #include <algorithm>
 #include <exception>

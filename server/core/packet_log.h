@@ -6,8 +6,8 @@
 #include <mutex>
 #include <string>
 
-#include "server/request_dispatcher.h"
-#include "server/status.h"
+#include "server/core/request_dispatcher.h"
+#include "server/core/status.h"
 #include "serverlink/messages.h"
 
 namespace qv::server {

@@ -1,4 +1,4 @@
-#include "server/request_dispatcher.h"
+#include "server/core/request_dispatcher.h"
 
 #include <cstring>
 #include <exception>

@@ -23,10 +23,10 @@
 #include "requests/notifications.h"
 #include "requests/target_states.h"
 #include "requests/wire_types.h"
-#include "server/console_cache.h"
-#include "server/scenario.h"
-#include "server/script_runner.h"
-#include "server/status.h"
+#include "server/core/status.h"
+#include "server/kits/console_cache.h"
+#include "server/kits/scenario.h"
+#include "server/kits/script_runner.h"
 
 namespace qv::server {
 

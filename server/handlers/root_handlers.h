@@ -4,8 +4,8 @@
 
 #include <atomic>
 
-#include "server/request_dispatcher.h"
-#include "server/target_registry.h"
+#include "server/core/request_dispatcher.h"
+#include "server/targets/target_registry.h"
 
 namespace qv::server {
 

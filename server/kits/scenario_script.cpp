@@ -2,7 +2,7 @@
 // catalogue: the fields of a step are set through its notification class's field visitor, by the
 // field names (the labels without their colon), so a notification added to the catalogue can be
 // scripted without a line here.
-#include "server/scenario_script.h"
+#include "server/kits/scenario_script.h"
 
 #include <array>
 #include <chrono>
@@ -13,7 +13,7 @@
 #include <type_traits>
 
 #include "platform/wide_string.h"
-#include "server/scenario_checks.h"
+#include "server/kits/scenario_checks.h"
 #include "serverlink/message_buffer.h"
 #include "serverlink/wire_fields.h"
 

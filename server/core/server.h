@@ -14,12 +14,12 @@
 
 #include "platform/pipe.h"
 #include "platform/server_process.h"
-#include "server/client_session.h"
-#include "server/packet_log.h"
-#include "server/request_dispatcher.h"
-#include "server/root_handlers.h"
-#include "server/scenario.h"
-#include "server/target_registry.h"
+#include "server/core/client_session.h"
+#include "server/core/packet_log.h"
+#include "server/core/request_dispatcher.h"
+#include "server/handlers/root_handlers.h"
+#include "server/kits/scenario.h"
+#include "server/targets/target_registry.h"
 
 namespace qv::server {
 

@@ -1,9 +1,9 @@
-#include "server/client_session.h"
+#include "server/core/client_session.h"
 
 #include <exception>
 
 #include "platform/wide_string.h"
-#include "server/server_log.h"
+#include "server/core/server_log.h"
 #include "serverlink/handshake.h"
 
 namespace qv::server {

@@ -1,4 +1,4 @@
-#include "server/scenario.h"
+#include "server/kits/scenario.h"
 
 #include <algorithm>
 #include <exception>
@@ -7,8 +7,8 @@
 #include <sstream>
 
 #include "platform/wide_string.h"
-#include "server/scenario_checks.h"
-#include "server/scenario_document.h"
+#include "server/kits/scenario_checks.h"
+#include "server/kits/scenario_document.h"
 
 namespace qv::server {
 

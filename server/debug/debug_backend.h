@@ -1,0 +1,60 @@
+#pragma once
+// What stands behind a target's processes: the debug backend. Every debug operation of the
+// catalogue reaches the target's backend as one call of the same name, with the decoded request
+// and the response to fill. A backend overrides what it can do; whatever it does not override
+// answers with a target error naming the operation, so a debugger learns at once what this kind
+// of target lacks instead of waiting.
+//
+// Calls come from the clients' session threads, several at a time, and never with the target
+// registry's lock held: a backend guards its own state, per process where it can, so that a
+// long read on one process does not hold up calls on another. What a backend reports happening
+// (a process created, a thread stopped) goes out through the DebugEvents it was given.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "requests/catalogue.h"
+#include "server/core/status.h"
+
+namespace qv::server {
+
+// Who asks, and for which target.
+struct DebugCall {
+  uint64_t client_id = 0;
+  uint32_t target = 0;
+};
+
+// Where a backend's notifications go: to the clients subscribed to the target's Debug group (and
+// for console output, its console), in the order they are handed over. Post never blocks and may
+// be called from any thread, with or without the backend's own locks held.
+class DebugEvents {
+ public:
+  virtual ~DebugEvents() = default;
+  virtual void Post(const CNotification& notification) = 0;
+};
+
+class DebugBackend {
+ public:
+  virtual ~DebugBackend() = default;
+
+  // One method per debug operation, named after it: Status GetMemory(const DebugCall&,
+  // CGetMemoryRequest&, CGetMemoryResponse&), and so on.
+#define VEKX_OPERATION(Camel, WIRE, number, request_fields, response_fields)      \
+  virtual Status Camel(const DebugCall&, C##Camel##Request&, C##Camel##Response&) { \
+    return Lacks(u## #WIRE);                                                        \
+  }
+#include "requests/debug_operations.def"
+
+  // Ends whatever the backend runs (threads, processes) before the server goes away.
+  virtual void Shutdown() {}
+
+ protected:
+  // The answer of an operation this kind of target does not have.
+  static Status Lacks(std::u16string_view operation) {
+    return Status::Fail(KXAPI_COMMS_ERR_NOT_IMPLEMENTED,
+                        std::u16string(operation) + u" is not available on this target");
+  }
+};
+
+}  // namespace qv::server
