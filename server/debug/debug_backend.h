@@ -40,13 +40,15 @@ class DebugBackend {
 
   // One method per debug operation, named after it: Status GetMemory(const DebugCall&,
   // CGetMemoryRequest&, CGetMemoryResponse&), and so on.
-#define VEKX_OPERATION(Camel, WIRE, number, request_fields, response_fields)      \
+#define VEKX_OPERATION(Camel, WIRE, number, request_fields, response_fields)        \
   virtual Status Camel(const DebugCall&, C##Camel##Request&, C##Camel##Response&) { \
     return Lacks(u## #WIRE);                                                        \
   }
 #include "requests/debug_operations.def"
 
-  // Ends whatever the backend runs (threads, processes) before the server goes away.
+  // Ends whatever the backend runs (threads, processes): its target was deleted or the server
+  // stops. Called without the registry's lock, possibly more than once; what the backend posts
+  // meanwhile is dropped.
   virtual void Shutdown() {}
 
  protected:

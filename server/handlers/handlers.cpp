@@ -7,6 +7,7 @@
 #include "requests/catalogue.h"
 #include "requests/notifications.h"
 #include "server/core/server_log.h"
+#include "server/handlers/debug_handlers.h"
 
 namespace qv::server {
 namespace {
@@ -360,6 +361,7 @@ void RegisterHandlers(RequestDispatcher& dispatcher, TargetRegistry& registry,
   RegisterNotificationsAndProtocols(dispatcher, registry);
   RegisterConsole(dispatcher, registry);
   RegisterServerOperations(dispatcher, registry, packet_log);
+  RegisterDebugHandlers(dispatcher, registry);
   dispatcher.observer = [&packet_log](const Context& context, const CRequest* request,
                                       const CResponse& response) {
     packet_log.Record(context, request, response);

@@ -85,9 +85,11 @@ std::u16string AddressText(uint32_t address) {
 
 }  // namespace
 
-TargetRegistry::TargetRegistry(const Scenario& scenario, NotificationObserver observer)
+TargetRegistry::TargetRegistry(const Scenario& scenario, NotificationObserver observer,
+                               DebugBackendFactory debug_backends)
     : scenario_(scenario),
       observer_(std::move(observer)),
+      debug_backends_(std::move(debug_backends)),
       scripts_([this](const std::u16string& host, const ScriptStep& step, uint32_t repetition) {
         SendScripted(host, step, repetition);
       }) {
@@ -136,13 +138,21 @@ void TargetRegistry::RemoveClient(uint64_t client_id) {
 }
 
 void TargetRegistry::Shutdown() {
+  std::vector<TargetPtr> targets;
   {
     std::lock_guard lock(mutex_);
     shutting_down_ = true;
     changed_cv_.notify_all();
+    for (const auto& [handle, target] : targets_)
+      targets.push_back(target);
   }
-  // Without the lock: a step being sent takes it.
+  // Without the lock: a step being sent takes it, and so does a backend's last notification.
   scripts_.Stop();
+  ShutDownDebugBackends(targets);
+}
+
+TargetRegistry::~TargetRegistry() {
+  Shutdown();
 }
 
 TargetRegistry::TargetPtr TargetRegistry::Find(uint32_t handle) const {
@@ -186,6 +196,7 @@ TargetRegistry::TargetPtr TargetRegistry::Register(std::u16string_view type, con
   target->type = type;
   target->kit = kit;
   target->cached_name = kit.name;
+  AttachDebugBackend(*target);
   targets_[target->handle] = target;
   return target;
 }
@@ -275,31 +286,35 @@ Status TargetRegistry::AddTarget(std::u16string_view type, std::u16string_view h
 }
 
 Status TargetRegistry::DeleteTarget(uint32_t handle) {
-  std::lock_guard lock(mutex_);
   TargetPtr target;
-  if (Status status = Lookup(handle, target); !status.ok()) return status;
-  target->deleted = true;
-  targets_.erase(handle);
-  CTargetDeletedNotification deleted;
-  deleted.TargetKey = kNoTarget;
-  deleted.HostName = target->kit.host;
-  deleted.Handle = handle;
-  Notify(EventGroup::Server, kNoTarget, deleted);
-  if (default_handle_ == handle) {
-    default_handle_ = kNoTarget;
-    CDefaultTargetChangedNotification changed;
-    changed.TargetKey = kNoTarget;
-    changed.OldHostName = target->kit.host;
-    changed.OldHandle = handle;
-    changed.NewHandle = kNoTarget;
-    Notify(EventGroup::Server, kNoTarget, changed);
+  {
+    std::lock_guard lock(mutex_);
+    if (Status status = Lookup(handle, target); !status.ok()) return status;
+    target->deleted = true;
+    targets_.erase(handle);
+    CTargetDeletedNotification deleted;
+    deleted.TargetKey = kNoTarget;
+    deleted.HostName = target->kit.host;
+    deleted.Handle = handle;
+    Notify(EventGroup::Server, kNoTarget, deleted);
+    if (default_handle_ == handle) {
+      default_handle_ = kNoTarget;
+      CDefaultTargetChangedNotification changed;
+      changed.TargetKey = kNoTarget;
+      changed.OldHostName = target->kit.host;
+      changed.OldHandle = handle;
+      changed.NewHandle = kNoTarget;
+      Notify(EventGroup::Server, kNoTarget, changed);
+    }
+    // Subscriptions to the target go with it; the clients drop theirs on TARGET_DELETED.
+    for (auto it = subscriptions_.begin(); it != subscriptions_.end();) {
+      const bool of_target = it->first.first != EventGroup::Server && it->first.second == handle;
+      it = of_target ? subscriptions_.erase(it) : std::next(it);
+    }
+    changed_cv_.notify_all();
   }
-  // Subscriptions to the target go with it; the clients drop theirs on TARGET_DELETED.
-  for (auto it = subscriptions_.begin(); it != subscriptions_.end();) {
-    const bool of_target = it->first.first != EventGroup::Server && it->first.second == handle;
-    it = of_target ? subscriptions_.erase(it) : std::next(it);
-  }
-  changed_cv_.notify_all();
+  // The target is gone from the registry, so whatever its backend posts while it ends is dropped.
+  ShutDownDebugBackends({target});
   return Status::Ok();
 }
 

@@ -24,6 +24,7 @@
 #include "requests/target_states.h"
 #include "requests/wire_types.h"
 #include "server/core/status.h"
+#include "server/debug/debug_backends.h"
 #include "server/kits/console_cache.h"
 #include "server/kits/scenario.h"
 #include "server/kits/script_runner.h"
@@ -44,6 +45,8 @@ struct ClientInfo {
   uint32_t process_id = 0;  // from the handshake
 };
 
+class TargetDebugEvents;
+
 class TargetRegistry {
  public:
   // Sees every notification as it is handed to a client (the packet log). Called with the
@@ -51,13 +54,22 @@ class TargetRegistry {
   using NotificationObserver =
       std::function<void(uint64_t client_id, const CNotification& notification)>;
 
-  explicit TargetRegistry(const Scenario& scenario, NotificationObserver observer = {});
+  explicit TargetRegistry(const Scenario& scenario, NotificationObserver observer = {},
+                          DebugBackendFactory debug_backends = MakeDebugBackend);
+  // Shuts the debug backends down first: their threads post into the registry.
+  ~TargetRegistry();
+  TargetRegistry(const TargetRegistry&) = delete;
+  TargetRegistry& operator=(const TargetRegistry&) = delete;
 
   void AddClient(const ClientInfo& client, ClientSink* sink);
   // Drops the client's subscriptions and releases the targets it holds connected.
   void RemoveClient(uint64_t client_id);
-  // Ends every simulated wait at once (the server is stopping).
+  // Ends every simulated wait at once and shuts the debug backends down (the server is stopping).
   void Shutdown();
+
+  // The debug backend of `handle`, for a call made without the registry's lock: fails for an
+  // unknown handle, a kit that does not answer and a kit that is not powered on.
+  Status DebugBackendOf(uint32_t handle, std::shared_ptr<DebugBackend>& backend) const;
 
   Status AddTarget(std::u16string_view type, std::u16string_view host, uint32_t& handle);
   Status DeleteTarget(uint32_t handle);
@@ -161,6 +173,8 @@ class TargetRegistry {
     std::set<uint64_t> notification_clients;
     std::map<uint32_t, uint64_t> protocols;  // protocol -> the client holding it
     ConsoleCache console;
+    std::shared_ptr<DebugBackend> debug;
+    std::shared_ptr<TargetDebugEvents> debug_events;
   };
   // A client's console output in flight, and what waits behind it.
   struct ConsoleFlow {
@@ -190,6 +204,15 @@ class TargetRegistry {
   static std::shared_ptr<const std::vector<uint8_t>> Encode(const CNotification& notification);
   // Console output of `target`: into its cache and, paced, to its subscribers.
   void EmitConsoleOutput(Target& target, const CConsoleOutputNotification& output);
+  friend class TargetDebugEvents;
+  // What a target's debug backend reports: console output to its console, the rest to its
+  // Debug group. Dropped once the target is deleted or the server stops.
+  void PostDebug(uint32_t handle, const CNotification& notification);
+  // Gives a newly registered target its debug backend (the lock held: the factory only builds).
+  void AttachDebugBackend(Target& target);
+  // Shuts the backends of `targets` down; called without the lock, since a backend's threads
+  // post into the registry while they end.
+  static void ShutDownDebugBackends(const std::vector<TargetPtr>& targets);
   // Hands a client's waiting console output on while it has room; then the drop notice.
   void DrainConsoleFlow(uint64_t client_id, ConsoleFlow& flow);
   // Sends one step of a kit's script (ScriptRunner's thread).
@@ -213,6 +236,7 @@ class TargetRegistry {
   bool shutting_down_ = false;
   const Scenario scenario_;
   const NotificationObserver observer_;
+  const DebugBackendFactory debug_backends_;
   std::map<uint32_t, TargetPtr> targets_;
   uint32_t next_handle_ = 1;
   uint32_t default_handle_ = 0xFFFFFFFF;

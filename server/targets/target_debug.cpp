@@ -1,0 +1,67 @@
+// The registry's side of the debug backends: which backend a call goes to, and where what a
+// backend reports goes.
+//
+// Lock order: a backend may hold its own locks when it posts, and posting takes the registry's
+// lock; so the registry never calls into a backend while it holds its lock (it only builds one,
+// which takes no lock of the backend's), and calls run on the backend with the registry unlocked.
+
+#include <utility>
+
+#include "server/targets/target_registry.h"
+
+namespace qv::server {
+
+// A target's DebugEvents: the registry and the handle it posts under. The registry drops what
+// comes for a handle that is gone, so a backend that posts late does no harm.
+class TargetDebugEvents final : public DebugEvents {
+ public:
+  TargetDebugEvents(TargetRegistry& registry, uint32_t handle)
+      : registry_(registry), handle_(handle) {}
+  void Post(const CNotification& notification) override {
+    registry_.PostDebug(handle_, notification);
+  }
+
+ private:
+  TargetRegistry& registry_;
+  const uint32_t handle_;
+};
+
+void TargetRegistry::AttachDebugBackend(Target& target) {
+  target.debug_events = std::make_shared<TargetDebugEvents>(*this, target.handle);
+  if (debug_backends_) target.debug = debug_backends_(target.kit, target.debug_events);
+  if (target.debug == nullptr) target.debug = std::make_shared<DebugBackend>();
+}
+
+void TargetRegistry::ShutDownDebugBackends(const std::vector<TargetPtr>& targets) {
+  for (const TargetPtr& target : targets) {
+    if (target != nullptr && target->debug != nullptr) target->debug->Shutdown();
+  }
+}
+
+Status TargetRegistry::DebugBackendOf(uint32_t handle,
+                                      std::shared_ptr<DebugBackend>& backend) const {
+  std::lock_guard lock(mutex_);
+  TargetPtr target;
+  if (Status status = Lookup(handle, target); !status.ok()) return status;
+  if (Status status = Reachable(*target); !status.ok()) return status;
+  if (target->kit.power != PowerStatus::kOn) {
+    return Status::Fail(KXAPI_COMMS_ERR_INVALID_POWER_STATE,
+                        u"\"" + target->kit.host + u"\" is not powered on; power it on first");
+  }
+  backend = target->debug;
+  return Status::Ok();
+}
+
+void TargetRegistry::PostDebug(uint32_t handle, const CNotification& notification) {
+  std::lock_guard lock(mutex_);
+  if (shutting_down_) return;
+  const TargetPtr target = Find(handle);
+  if (target == nullptr || target->deleted) return;
+  if (notification.GetTypeNumber() == CConsoleOutputNotification::kTypeNumber) {
+    EmitConsoleOutput(*target, static_cast<const CConsoleOutputNotification&>(notification));
+  } else {
+    Notify(EventGroup::Debug, handle, notification);
+  }
+}
+
+}  // namespace qv::server
