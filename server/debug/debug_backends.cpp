@@ -1,9 +1,13 @@
 #include "server/debug/debug_backends.h"
 
+#include "server/debug/virtual/virtual_debug_backend.h"
+
 namespace qv::server {
 
-std::shared_ptr<DebugBackend> MakeDebugBackend(const Kit&, std::shared_ptr<DebugEvents>) {
-  return std::make_shared<DebugBackend>();
+std::shared_ptr<DebugBackend> MakeDebugBackend(const Kit& kit,
+                                               std::shared_ptr<DebugEvents> events) {
+  if (kit.images.empty()) return std::make_shared<DebugBackend>();
+  return std::make_shared<VirtualDebugBackend>(kit.images, std::move(events));
 }
 
 }  // namespace qv::server

@@ -215,7 +215,7 @@ Kit ReadKit(const DocNode& node) {
   if (node.kind != Kind::kMap) Refuse(node, "each kit must be a mapping with at least 'host'");
   CheckKeys(node,
             {"host", "name", "mac", "sdk_version", "power", "reachable", "registered", "default",
-             "address", "timings", "scripts"},
+             "address", "timings", "scripts", "images"},
             "a kit");
   Kit kit;
   const DocNode* host = Find(node, "host");
@@ -241,6 +241,7 @@ Kit ReadKit(const DocNode& node) {
   }
   if (const DocNode* value = Find(node, "timings")) kit.timings = Timings(*value);
   if (const DocNode* value = Find(node, "scripts")) kit.scripts = ReadScripts(*value);
+  if (const DocNode* value = Find(node, "images")) kit.images = ReadImages(*value);
   if (kit.is_default && !kit.registered) Refuse(*is_default, "a default kit must be registered");
   return kit;
 }

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -46,6 +47,33 @@ struct KitScript {
   friend bool operator==(const KitScript&, const KitScript&) = default;
 };
 
+// A program a kit can load (LOAD_PROCESS names it by `path`): its memory and its threads as they
+// are when the process starts.
+struct ImageRegion {
+  uint64_t base = 0;
+  std::vector<uint8_t> bytes;  // what the region holds at the start; its size is the region's
+
+  friend bool operator==(const ImageRegion&, const ImageRegion&) = default;
+};
+
+struct ImageThread {
+  std::string name;
+  // Register id (eRegisters) -> its four 64-bit words, lowest first.
+  std::map<uint32_t, std::array<uint64_t, 4>> registers;
+
+  friend bool operator==(const ImageThread&, const ImageThread&) = default;
+};
+
+struct ProgramImage {
+  std::u16string path;
+  std::string name;  // the process name; the last part of the path when not given
+  uint64_t entry = 0;
+  std::vector<ImageRegion> regions;
+  std::vector<ImageThread> threads;  // the first is the main thread; never empty
+
+  friend bool operator==(const ProgramImage&, const ProgramImage&) = default;
+};
+
 struct Kit {
   std::u16string host;  // the host name clients add it by; unique (case-insensitive)
   std::u16string name;  // the kit's own name; the host name when not given
@@ -58,6 +86,7 @@ struct Kit {
   std::u16string address;   // IPv4 address that discovery answers with; empty: not discovered
   KitTimings timings;
   std::vector<KitScript> scripts;
+  std::vector<ProgramImage> images;
 
   friend bool operator==(const Kit&, const Kit&) = default;
 };

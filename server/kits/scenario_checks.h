@@ -27,5 +27,7 @@ void CheckKeys(const DocNode& map, const std::set<std::string>& known, const cha
 
 // The `scripts` list of a kit (docs/scenarios.md).
 std::vector<KitScript> ReadScripts(const DocNode& node);
+// The `images` list of a kit: the programs it can load.
+std::vector<ProgramImage> ReadImages(const DocNode& node);
 
 }  // namespace qv::server

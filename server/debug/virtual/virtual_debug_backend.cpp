@@ -1,0 +1,304 @@
+#include "server/debug/virtual/virtual_debug_backend.h"
+
+#include <chrono>
+#include <string>
+#include <utility>
+
+#include "platform/wide_string.h"
+#include "requests/notifications.h"
+
+namespace qv::server {
+namespace {
+
+constexpr uint32_t kStopAtEntry = 0x1;      // LOAD_PROCESS flag
+constexpr uint32_t kStopReasonEntry = 132;  // STOP_REASON_DL_STOP_INIT
+
+uint64_t Now() {
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                   std::chrono::steady_clock::now().time_since_epoch())
+                                   .count());
+}
+
+std::u16string Decimal(uint64_t value) {
+  return platform::Utf8ToUtf16(std::to_string(value));
+}
+
+}  // namespace
+
+VirtualDebugBackend::VirtualDebugBackend(std::vector<ProgramImage> images,
+                                         std::shared_ptr<DebugEvents> events)
+    : images_(std::move(images)), events_(std::move(events)) {}
+
+Status VirtualDebugBackend::Find(uint32_t pid, ProcessPtr& process) const {
+  std::lock_guard lock(mutex_);
+  const auto it = processes_.find(pid);
+  if (it == processes_.end()) {
+    return Status::Fail(KXAPI_COMMS_ERR_INVALID_PID, u"no process has the id " + Decimal(pid));
+  }
+  process = it->second;
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::LoadProcess(const DebugCall& call, CLoadProcessRequest& request,
+                                        CLoadProcessResponse& response) {
+  const ProgramImage* image = nullptr;
+  for (const ProgramImage& candidate : images_) {
+    if (candidate.path == request.Path) image = &candidate;
+  }
+  if (image == nullptr) {
+    return Status::Fail(KXAPI_COMMS_ERR_FILE_DOES_NOT_EXIST,
+                        u"the kit has no program \"" + request.Path + u"\"");
+  }
+  const bool stopped = (request.Flags & kStopAtEntry) != 0;
+  ProcessPtr process;
+  {
+    std::lock_guard lock(mutex_);
+    process = std::make_shared<VirtualProcess>(next_pid_, next_tid_, *image, stopped);
+    processes_[next_pid_++] = process;
+    next_tid_ += static_cast<uint32_t>(image->threads.size());
+  }
+  response.Pid = process->pid();
+
+  CProcessLoadingNotification loading;
+  loading.TargetKey = call.target;
+  loading.Percentage = 100;
+  events_->Post(loading);
+  CProcessCreateNotification created;
+  created.TargetKey = call.target;
+  created.ProcessId = process->pid();
+  created.Timestamp = Now();
+  events_->Post(created);
+  for (uint32_t tid : process->ThreadIds()) {
+    CThreadCreateNotification thread;
+    thread.TargetKey = call.target;
+    thread.ProcessId = process->pid();
+    thread.ThreadId = tid;
+    thread.Timestamp = Now();
+    events_->Post(thread);
+  }
+  if (stopped) {
+    CStopNotificationNotification stop;
+    stop.TargetKey = call.target;
+    stop.Process = process->Info();
+    stop.Process.Reason.Code = kStopReasonEntry;
+    stop.Threads = process->Threads();
+    for (ThreadInfoRecord& thread : stop.Threads)
+      thread.Reason.Code = kStopReasonEntry;
+    stop.ThreadId = stop.Process.MainThrId;
+    stop.Timestamp = Now();
+    events_->Post(stop);
+  }
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::KillProcess(const DebugCall& call, CKillProcessRequest& request,
+                                        CKillProcessResponse&) {
+  {
+    std::lock_guard lock(mutex_);
+    if (processes_.erase(request.ProcessID) == 0) {
+      return Status::Fail(KXAPI_COMMS_ERR_INVALID_PID,
+                          u"no process has the id " + Decimal(request.ProcessID));
+    }
+  }
+  CProcessKillNotification killed;
+  killed.TargetKey = call.target;
+  killed.ProcessId = request.ProcessID;
+  killed.Timestamp = Now();
+  events_->Post(killed);
+  return Status::Ok();
+}
+
+// A virtual process is always under the debugger: attaching and detaching only check the pid.
+Status VirtualDebugBackend::AttachProcess(const DebugCall&, CAttachProcessRequest& request,
+                                          CAttachProcessResponse&) {
+  ProcessPtr process;
+  return Find(request.ProcessID, process);
+}
+
+Status VirtualDebugBackend::DetachProcess(const DebugCall&, CDetachProcessRequest& request,
+                                          CDetachProcessResponse&) {
+  ProcessPtr process;
+  return Find(request.ProcessID, process);
+}
+
+Status VirtualDebugBackend::GetProcessInfoSnapshot(const DebugCall&,
+                                                   CGetProcessInfoSnapshotRequest&,
+                                                   CGetProcessInfoSnapshotResponse& response) {
+  std::vector<ProcessPtr> processes;
+  {
+    std::lock_guard lock(mutex_);
+    for (const auto& entry : processes_)
+      processes.push_back(entry.second);
+  }
+  for (const ProcessPtr& process : processes)
+    response.ProcessInfoList.push_back(process->Info());
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::GetThreadInfoSnapshot(const DebugCall&,
+                                                  CGetThreadInfoSnapshotRequest& request,
+                                                  CGetThreadInfoSnapshotResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  response.ThreadInfoList = process->Threads();
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::ThreadNames(const DebugCall&, CThreadNamesRequest& request,
+                                        CThreadNamesResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  for (const ThreadInfoRecord& thread : process->Threads()) {
+    response.PidTidList.push_back({request.ProcessID, thread.Tid});
+    response.Names.push_back(thread.Name);
+  }
+  return Status::Ok();
+}
+
+// The target's memory: the regions of every process it runs.
+Status VirtualDebugBackend::GetMemoryRanges(const DebugCall&, CGetMemoryRangesRequest&,
+                                            CGetMemoryRangesResponse& response) {
+  std::vector<ProcessPtr> processes;
+  {
+    std::lock_guard lock(mutex_);
+    for (const auto& entry : processes_)
+      processes.push_back(entry.second);
+  }
+  for (const ProcessPtr& process : processes) {
+    const MemoryRangeList ranges = process->Ranges();
+    response.MemoryRanges.insert(response.MemoryRanges.end(), ranges.begin(), ranges.end());
+  }
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::GetMemory(const DebugCall&, CGetMemoryRequest& request,
+                                      CGetMemoryResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  process->Read(request.BaseAddress, request.Size, response.ReadData, response.BadBytes);
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::GetLargeMemory(const DebugCall&, CGetLargeMemoryRequest& request,
+                                           CGetLargeMemoryResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  if (request.Compression != 0) {
+    return Status::Fail(KXAPI_COMMS_ERR_INVALID_PARAMETER_VALUE,
+                        u"compression " + Decimal(request.Compression) +
+                            u" is not supported; ask for 0 (uncompressed)");
+  }
+  uint32_t bad = 0;
+  process->Read(request.BaseAddress, request.Size, response.ReadData, bad);
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::SetMemory(const DebugCall&, CSetMemoryRequest& request,
+                                      CSetMemoryResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  if (Status status = process->Write(request.BaseAddress, request.WriteData); !status.ok()) {
+    return status;
+  }
+  response.BytesWritten = static_cast<uint32_t>(request.WriteData.size());
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::GetRegisters(const DebugCall&, CGetRegistersRequest& request,
+                                         CGetRegistersResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->GetRegisters(request.ThreadID, request.RegisterIndices, response.RegisterValues);
+}
+
+Status VirtualDebugBackend::SetRegisters(const DebugCall&, CSetRegistersRequest& request,
+                                         CSetRegistersResponse&) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->SetRegisters(request.ThreadID, request.RegisterIndices, request.RegisterValues);
+}
+
+Status VirtualDebugBackend::SetSoftwareBreakPoint(const DebugCall&,
+                                                  CSetSoftwareBreakPointRequest& request,
+                                                  CSetSoftwareBreakPointResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->SetSoftwareBreakpoint(request, response.OriginalOpcode, response.BreakPtId);
+}
+
+Status VirtualDebugBackend::ClearSoftwareBreakPoint(const DebugCall&,
+                                                    CClearSoftwareBreakPointRequest& request,
+                                                    CClearSoftwareBreakPointResponse&) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->ClearSoftwareBreakpoint(request.BreakPtId);
+}
+
+Status VirtualDebugBackend::GetSoftwareBreakPointList(
+    const DebugCall&, CGetSoftwareBreakPointListRequest& request,
+    CGetSoftwareBreakPointListResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  response.SoftwareBreakPointList = process->SoftwareBreakpoints();
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::SetHardwareBreakPoint(const DebugCall&,
+                                                  CSetHardwareBreakPointRequest& request,
+                                                  CSetHardwareBreakPointResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->SetHardwareBreakpoint(request.Address, request.Flags, request.RegionSize,
+                                        response.BreakPtId);
+}
+
+Status VirtualDebugBackend::ClearHardwareBreakPoint(const DebugCall&,
+                                                    CClearHardwareBreakPointRequest& request,
+                                                    CClearHardwareBreakPointResponse&) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->ClearHardwareBreakpoint(request.BreakPtId);
+}
+
+Status VirtualDebugBackend::GetHardwareBreakPointList(
+    const DebugCall&, CGetHardwareBreakPointListRequest& request,
+    CGetHardwareBreakPointListResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  response.HardwareBreakPointList = process->HardwareBreakpoints();
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::SuspendProcess(const DebugCall&, CSuspendProcessRequest& request,
+                                           CSuspendProcessResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  process->Suspend();
+  response.ProcessInfo = process->Info();
+  response.ThreadInfoList = process->Threads();
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::ResumeProcess(const DebugCall&, CResumeProcessRequest& request,
+                                          CResumeProcessResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  process->Resume(request.ThreadsToStep, response.FailedToStartThreadList);
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::SuspendThread(const DebugCall&, CSuspendThreadRequest& request,
+                                          CSuspendThreadResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->SuspendThread(request.ThreadID, response.ThreadStatus);
+}
+
+Status VirtualDebugBackend::ResumeThread(const DebugCall&, CResumeThreadRequest& request,
+                                         CResumeThreadResponse&) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->ResumeThread(request.ThreadID);
+}
+
+}  // namespace qv::server

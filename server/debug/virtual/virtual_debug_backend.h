@@ -1,0 +1,69 @@
+#pragma once
+// The debug backend of a virtual kit: the processes it loads from the program images its
+// scenario describes (docs/debugging.md).
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "server/debug/debug_backend.h"
+#include "server/debug/virtual/virtual_process.h"
+#include "server/kits/scenario.h"
+
+namespace qv::server {
+
+class VirtualDebugBackend final : public DebugBackend {
+ public:
+  VirtualDebugBackend(std::vector<ProgramImage> images, std::shared_ptr<DebugEvents> events);
+
+  Status LoadProcess(const DebugCall&, CLoadProcessRequest&, CLoadProcessResponse&) override;
+  Status KillProcess(const DebugCall&, CKillProcessRequest&, CKillProcessResponse&) override;
+  Status AttachProcess(const DebugCall&, CAttachProcessRequest&, CAttachProcessResponse&) override;
+  Status DetachProcess(const DebugCall&, CDetachProcessRequest&, CDetachProcessResponse&) override;
+  Status GetProcessInfoSnapshot(const DebugCall&, CGetProcessInfoSnapshotRequest&,
+                                CGetProcessInfoSnapshotResponse&) override;
+  Status GetThreadInfoSnapshot(const DebugCall&, CGetThreadInfoSnapshotRequest&,
+                               CGetThreadInfoSnapshotResponse&) override;
+  Status ThreadNames(const DebugCall&, CThreadNamesRequest&, CThreadNamesResponse&) override;
+  Status GetMemoryRanges(const DebugCall&, CGetMemoryRangesRequest&,
+                         CGetMemoryRangesResponse&) override;
+  Status GetMemory(const DebugCall&, CGetMemoryRequest&, CGetMemoryResponse&) override;
+  Status GetLargeMemory(const DebugCall&, CGetLargeMemoryRequest&,
+                        CGetLargeMemoryResponse&) override;
+  Status SetMemory(const DebugCall&, CSetMemoryRequest&, CSetMemoryResponse&) override;
+  Status GetRegisters(const DebugCall&, CGetRegistersRequest&, CGetRegistersResponse&) override;
+  Status SetRegisters(const DebugCall&, CSetRegistersRequest&, CSetRegistersResponse&) override;
+  Status SetSoftwareBreakPoint(const DebugCall&, CSetSoftwareBreakPointRequest&,
+                               CSetSoftwareBreakPointResponse&) override;
+  Status ClearSoftwareBreakPoint(const DebugCall&, CClearSoftwareBreakPointRequest&,
+                                 CClearSoftwareBreakPointResponse&) override;
+  Status GetSoftwareBreakPointList(const DebugCall&, CGetSoftwareBreakPointListRequest&,
+                                   CGetSoftwareBreakPointListResponse&) override;
+  Status SetHardwareBreakPoint(const DebugCall&, CSetHardwareBreakPointRequest&,
+                               CSetHardwareBreakPointResponse&) override;
+  Status ClearHardwareBreakPoint(const DebugCall&, CClearHardwareBreakPointRequest&,
+                                 CClearHardwareBreakPointResponse&) override;
+  Status GetHardwareBreakPointList(const DebugCall&, CGetHardwareBreakPointListRequest&,
+                                   CGetHardwareBreakPointListResponse&) override;
+  Status SuspendProcess(const DebugCall&, CSuspendProcessRequest&,
+                        CSuspendProcessResponse&) override;
+  Status ResumeProcess(const DebugCall&, CResumeProcessRequest&, CResumeProcessResponse&) override;
+  Status SuspendThread(const DebugCall&, CSuspendThreadRequest&, CSuspendThreadResponse&) override;
+  Status ResumeThread(const DebugCall&, CResumeThreadRequest&, CResumeThreadResponse&) override;
+
+ private:
+  using ProcessPtr = std::shared_ptr<VirtualProcess>;
+  // The process, or a failure naming the pid; the backend's lock is held only for the lookup.
+  Status Find(uint32_t pid, ProcessPtr& process) const;
+
+  const std::vector<ProgramImage> images_;
+  const std::shared_ptr<DebugEvents> events_;
+  mutable std::mutex mutex_;  // the table of processes, not the processes themselves
+  std::map<uint32_t, ProcessPtr> processes_;
+  uint32_t next_pid_ = 100;
+  uint32_t next_tid_ = 1000;
+};
+
+}  // namespace qv::server

@@ -1,0 +1,359 @@
+#include "server/debug/virtual/virtual_process.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+#include "platform/wide_string.h"
+#include "server/debug/register_names.h"
+
+namespace qv::server {
+namespace {
+
+// eThreadState and eThreadWaitState values the records carry.
+constexpr uint32_t kThreadInhibited = 1;
+constexpr uint32_t kThreadRunning = 4;
+constexpr uint32_t kWaitSuspended = 0x10000;
+// eStopNotificationReason values.
+constexpr uint32_t kStopSuspendProcess = 129;
+constexpr uint32_t kStopSuspendThread = 130;
+
+constexpr uint32_t kDr0 = 0x50000;
+constexpr uint32_t kDr7 = 0x50007;
+constexpr size_t kHardwareSlots = 4;
+
+std::u16string Hex(uint64_t value) {
+  static const char16_t digits[] = u"0123456789abcdef";
+  std::u16string text;
+  do {
+    text.insert(text.begin(), digits[value & 0xF]);
+    value >>= 4;
+  } while (value != 0);
+  return u"0x" + text;
+}
+
+std::u16string Decimal(uint64_t value) {
+  return platform::Utf8ToUtf16(std::to_string(value));
+}
+
+Status NoThread(uint32_t tid, uint32_t pid) {
+  return Status::Fail(KXAPI_COMMS_ERR_INVALID_TID,
+                      u"process " + Decimal(pid) + u" has no thread " + Decimal(tid));
+}
+
+}  // namespace
+
+VirtualProcess::VirtualProcess(uint32_t pid, uint32_t first_tid, const ProgramImage& image,
+                               bool stopped)
+    : pid_(pid), image_{image.path, image.name, image.entry, {}, {}} {
+  for (const ImageRegion& region : image.regions)
+    regions_[region.base] = region.bytes;
+  uint32_t tid = first_tid;
+  for (const ImageThread& thread : image.threads) {
+    threads_[tid++] = Thread{thread.name, stopped, 0, thread.registers};
+  }
+}
+
+VirtualProcess::Thread* VirtualProcess::FindThread(uint32_t tid) {
+  const auto it = threads_.find(tid);
+  return it != threads_.end() ? &it->second : nullptr;
+}
+
+const VirtualProcess::Thread* VirtualProcess::FindThread(uint32_t tid) const {
+  const auto it = threads_.find(tid);
+  return it != threads_.end() ? &it->second : nullptr;
+}
+
+uint8_t* VirtualProcess::Byte(uint64_t address) {
+  auto it = regions_.upper_bound(address);
+  if (it == regions_.begin()) return nullptr;
+  --it;
+  const uint64_t offset = address - it->first;
+  return offset < it->second.size() ? it->second.data() + offset : nullptr;
+}
+
+ThreadInfoRecord VirtualProcess::ThreadRecord(uint32_t tid, const Thread& thread) const {
+  ThreadInfoRecord record;
+  record.Tid = tid;
+  record.Name = thread.name;
+  record.State = thread.suspended ? kThreadInhibited : kThreadRunning;
+  record.WaitState = thread.suspended ? kWaitSuspended : 0;
+  record.Reason.Code = thread.stop_code;
+  const auto rip = thread.registers.find(*RegisterIdByName("rip"));
+  record.Rip = rip != thread.registers.end() ? rip->second[0] : 0;
+  const auto rsp = thread.registers.find(*RegisterIdByName("rsp"));
+  if (rsp != thread.registers.end()) record.StackAddr = rsp->second[0];
+  return record;
+}
+
+ProcessInfoRecord VirtualProcess::Info() const {
+  std::lock_guard lock(mutex_);
+  ProcessInfoRecord record;
+  record.ProcessID = pid_;
+  record.Name = image_.name;
+  record.Entry = image_.entry;
+  record.ProcessPathname = image_.path;
+  record.MainThrId = threads_.empty() ? 0 : threads_.begin()->first;
+  const bool all_suspended = std::all_of(threads_.begin(), threads_.end(),
+                                         [](const auto& entry) { return entry.second.suspended; });
+  if (all_suspended && !threads_.empty()) record.Reason.Code = threads_.begin()->second.stop_code;
+  return record;
+}
+
+ThreadInfoList VirtualProcess::Threads() const {
+  std::lock_guard lock(mutex_);
+  ThreadInfoList records;
+  for (const auto& [tid, thread] : threads_)
+    records.push_back(ThreadRecord(tid, thread));
+  return records;
+}
+
+U32List VirtualProcess::ThreadIds() const {
+  std::lock_guard lock(mutex_);
+  U32List ids;
+  for (const auto& entry : threads_)
+    ids.push_back(entry.first);
+  return ids;
+}
+
+MemoryRangeList VirtualProcess::Ranges() const {
+  std::lock_guard lock(mutex_);
+  MemoryRangeList ranges;
+  for (const auto& [base, bytes] : regions_) {
+    MemoryRangeRecord range;
+    range.BaseAddress = base;
+    range.Size = bytes.size();
+    ranges.push_back(range);
+  }
+  return ranges;
+}
+
+void VirtualProcess::Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad) const {
+  std::lock_guard lock(mutex_);
+  data.assign(size, 0);
+  uint64_t covered = 0;
+  // Addresses past the top of memory are unmapped.
+  const uint64_t end = size <= UINT64_MAX - address ? address + size : UINT64_MAX;
+  auto it = regions_.upper_bound(address);
+  if (it != regions_.begin()) --it;
+  for (; it != regions_.end() && it->first < end; ++it) {
+    const uint64_t from = std::max(address, it->first);
+    const uint64_t to = std::min<uint64_t>(end, it->first + it->second.size());
+    if (from >= to) continue;
+    std::memcpy(data.data() + (from - address), it->second.data() + (from - it->first), to - from);
+    covered += to - from;
+  }
+  bad = static_cast<uint32_t>(size - covered);
+}
+
+Status VirtualProcess::Write(uint64_t address, const Bytes& data) {
+  std::lock_guard lock(mutex_);
+  for (size_t i = 0; i < data.size(); ++i) {
+    if (address + i < address || Byte(address + i) == nullptr) {
+      return Status::Fail(KXAPI_COMMS_ERR_INVALID_ADDRESS,
+                          Hex(address + i) + u" is not mapped in process " + Decimal(pid_));
+    }
+  }
+  for (size_t i = 0; i < data.size(); ++i) {
+    bool under_breakpoint = false;
+    for (auto& [id, breakpoint] : software_) {
+      if (breakpoint.record.Address == address + i) {
+        breakpoint.original = data[i];
+        under_breakpoint = true;
+      }
+    }
+    if (!under_breakpoint) *Byte(address + i) = data[i];
+  }
+  return Status::Ok();
+}
+
+Status VirtualProcess::GetRegisters(uint32_t tid, const U32List& ids, U64List& values) const {
+  std::lock_guard lock(mutex_);
+  const Thread* thread = FindThread(tid);
+  if (thread == nullptr) return NoThread(tid, pid_);
+  values.clear();
+  for (uint32_t id : ids) {
+    if (RegisterNameOf(id).empty()) {
+      return Status::Fail(KXAPI_COMMS_ERR_INVALID_REG_INDEX, u"no register has the id " + Hex(id));
+    }
+    const auto it = thread->registers.find(id);
+    const std::array<uint64_t, 4> words =
+        it != thread->registers.end() ? it->second : std::array<uint64_t, 4>{};
+    values.insert(values.end(), words.begin(), words.end());
+  }
+  return Status::Ok();
+}
+
+Status VirtualProcess::SetRegisters(uint32_t tid, const U32List& ids, const U64List& values) {
+  std::lock_guard lock(mutex_);
+  Thread* thread = FindThread(tid);
+  if (thread == nullptr) return NoThread(tid, pid_);
+  if (values.size() != ids.size() * 4) {
+    return Status::Fail(KXAPI_COMMS_ERR_INVALID_PARAMETER_VALUE,
+                        u"four 64-bit words are needed for each register, lowest first");
+  }
+  for (uint32_t id : ids) {
+    if (RegisterNameOf(id).empty()) {
+      return Status::Fail(KXAPI_COMMS_ERR_INVALID_REG_INDEX, u"no register has the id " + Hex(id));
+    }
+  }
+  for (size_t i = 0; i < ids.size(); ++i)
+    std::copy_n(values.begin() + static_cast<ptrdiff_t>(i * 4), 4,
+                thread->registers[ids[i]].begin());
+  return Status::Ok();
+}
+
+Status VirtualProcess::SetSoftwareBreakpoint(const CSetSoftwareBreakPointRequest& request,
+                                             Bytes& original, uint32_t& id) {
+  std::lock_guard lock(mutex_);
+  if (request.ThreadID != 0 && FindThread(request.ThreadID) == nullptr) {
+    return NoThread(request.ThreadID, pid_);
+  }
+  uint8_t* byte = Byte(request.Address);
+  if (byte == nullptr) {
+    return Status::Fail(KXAPI_COMMS_ERR_INVALID_ADDRESS,
+                        Hex(request.Address) + u" is not mapped in process " + Decimal(pid_));
+  }
+  for (const auto& [other_id, other] : software_) {
+    if (other.record.Address == request.Address) {
+      return Status::Fail(
+          KXAPI_COMMS_ERR_DUPLICATE_ENTRY,
+          u"breakpoint " + Decimal(other_id) + u" is already at " + Hex(request.Address));
+    }
+  }
+  SoftwareBreakpoint breakpoint;
+  breakpoint.record.ThreadID = request.ThreadID;
+  breakpoint.record.Address = request.Address;
+  breakpoint.record.Attribute = request.Attributes;
+  breakpoint.record.HitCount = request.HitCount;
+  breakpoint.record.DIFByteCode = request.DIFByteCode;
+  breakpoint.record.BreakPtId = id = next_breakpoint_id_++;
+  breakpoint.original = *byte;
+  original.assign(1, *byte);
+  *byte = 0xCC;  // int3, as the target's code would now read
+  software_[id] = std::move(breakpoint);
+  return Status::Ok();
+}
+
+Status VirtualProcess::ClearSoftwareBreakpoint(uint32_t id) {
+  std::lock_guard lock(mutex_);
+  const auto it = software_.find(id);
+  if (it == software_.end()) {
+    return Status::Fail(
+        KXAPI_COMMS_ERR_INVALID_SWBRKPT_ID,
+        u"process " + Decimal(pid_) + u" has no software breakpoint " + Decimal(id));
+  }
+  *Byte(it->second.record.Address) = it->second.original;
+  software_.erase(it);
+  return Status::Ok();
+}
+
+SoftwareBreakpointList VirtualProcess::SoftwareBreakpoints() const {
+  std::lock_guard lock(mutex_);
+  SoftwareBreakpointList list;
+  for (const auto& entry : software_)
+    list.push_back(entry.second.record);
+  return list;
+}
+
+void VirtualProcess::ProgramDebugRegisters() {
+  // DR7: a local enable bit per slot, then per slot two bits of kind (execute 00, write 01,
+  // read/write 11) and two of length (1: 00, 2: 01, 8: 10, 4: 11) from bit 16 on.
+  uint64_t dr7 = 0;
+  std::array<uint64_t, kHardwareSlots> addresses{};
+  size_t slot = 0;
+  for (const auto& [id, record] : hardware_) {
+    addresses[slot] = record.Address;
+    const uint64_t kind = (record.Flags & 2) != 0 ? 3 : (record.Flags & 1) != 0 ? 1 : 0;
+    const uint64_t length = record.RegionSize == 2   ? 1
+                            : record.RegionSize == 8 ? 2
+                            : record.RegionSize == 4 ? 3
+                                                     : 0;
+    dr7 |= (1ull << (slot * 2)) | (kind << (16 + slot * 4)) | (length << (18 + slot * 4));
+    ++slot;
+  }
+  for (auto& [tid, thread] : threads_) {
+    for (size_t i = 0; i < kHardwareSlots; ++i)
+      thread.registers[kDr0 + static_cast<uint32_t>(i)] = {addresses[i], 0, 0, 0};
+    thread.registers[kDr7] = {dr7, 0, 0, 0};
+  }
+}
+
+Status VirtualProcess::SetHardwareBreakpoint(uint64_t address, uint32_t flags, uint32_t size,
+                                             uint32_t& id) {
+  std::lock_guard lock(mutex_);
+  if (size != 1 && size != 2 && size != 4 && size != 8) {
+    return Status::Fail(KXAPI_COMMS_ERR_INVALID_PARAMETER_VALUE,
+                        u"a hardware breakpoint covers 1, 2, 4 or 8 bytes, not " + Decimal(size));
+  }
+  if (hardware_.size() == kHardwareSlots) {
+    return Status::Fail(
+        KXAPI_COMMS_ERR_RESOURCE_SHORTAGE,
+        u"all four hardware breakpoints of process " + Decimal(pid_) + u" are in use");
+  }
+  HardwareBreakpointRecord record;
+  record.Address = address;
+  record.Flags = flags;
+  record.RegionSize = size;
+  record.BreakPtId = id = next_breakpoint_id_++;
+  hardware_[id] = record;
+  ProgramDebugRegisters();
+  return Status::Ok();
+}
+
+Status VirtualProcess::ClearHardwareBreakpoint(uint32_t id) {
+  std::lock_guard lock(mutex_);
+  if (hardware_.erase(id) == 0) {
+    return Status::Fail(
+        KXAPI_COMMS_ERR_INVALID_HWBRKPT_ID,
+        u"process " + Decimal(pid_) + u" has no hardware breakpoint " + Decimal(id));
+  }
+  ProgramDebugRegisters();
+  return Status::Ok();
+}
+
+HardwareBreakpointList VirtualProcess::HardwareBreakpoints() const {
+  std::lock_guard lock(mutex_);
+  HardwareBreakpointList list;
+  for (const auto& entry : hardware_)
+    list.push_back(entry.second);
+  return list;
+}
+
+void VirtualProcess::Suspend() {
+  std::lock_guard lock(mutex_);
+  for (auto& [tid, thread] : threads_) {
+    if (!thread.suspended) thread.stop_code = kStopSuspendProcess;
+    thread.suspended = true;
+  }
+}
+
+void VirtualProcess::Resume(const U32List& to_step, U32List& failed) {
+  std::lock_guard lock(mutex_);
+  failed = to_step;
+  for (auto& [tid, thread] : threads_) {
+    thread.suspended = false;
+    thread.stop_code = 0;
+  }
+}
+
+Status VirtualProcess::SuspendThread(uint32_t tid, uint32_t& state) {
+  std::lock_guard lock(mutex_);
+  Thread* thread = FindThread(tid);
+  if (thread == nullptr) return NoThread(tid, pid_);
+  if (!thread->suspended) thread->stop_code = kStopSuspendThread;
+  thread->suspended = true;
+  state = kThreadInhibited;
+  return Status::Ok();
+}
+
+Status VirtualProcess::ResumeThread(uint32_t tid) {
+  std::lock_guard lock(mutex_);
+  Thread* thread = FindThread(tid);
+  if (thread == nullptr) return NoThread(tid, pid_);
+  thread->suspended = false;
+  thread->stop_code = 0;
+  return Status::Ok();
+}
+
+}  // namespace qv::server

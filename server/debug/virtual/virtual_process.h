@@ -1,0 +1,86 @@
+#pragma once
+// One process of a virtual kit: its memory, threads, registers and breakpoints, made from the
+// program image the kit loaded it from. Its threads do not execute: they stay where the image put
+// them, suspended or "running", and everything a debugger reads or writes is kept exactly.
+//
+// Every method takes the process's own lock, so calls on other processes never wait on it.
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "requests/catalogue.h"
+#include "server/core/status.h"
+#include "server/kits/scenario.h"
+
+namespace qv::server {
+
+class VirtualProcess {
+ public:
+  // `first_tid` numbers the image's threads in order.
+  VirtualProcess(uint32_t pid, uint32_t first_tid, const ProgramImage& image, bool stopped);
+
+  uint32_t pid() const { return pid_; }
+  ProcessInfoRecord Info() const;
+  ThreadInfoList Threads() const;
+  U32List ThreadIds() const;
+  MemoryRangeList Ranges() const;
+
+  // The bytes at [address, address + size): unmapped ones read as zero and are counted in `bad`.
+  void Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad) const;
+  // Refused unless every byte is mapped. Over a software breakpoint the write changes the byte
+  // the breakpoint restores, and the breakpoint stays.
+  Status Write(uint64_t address, const Bytes& data);
+
+  Status GetRegisters(uint32_t tid, const U32List& ids, U64List& values) const;
+  Status SetRegisters(uint32_t tid, const U32List& ids, const U64List& values);
+
+  // Thread 0 means every thread of the process.
+  Status SetSoftwareBreakpoint(const CSetSoftwareBreakPointRequest& request, Bytes& original,
+                               uint32_t& id);
+  Status ClearSoftwareBreakpoint(uint32_t id);
+  SoftwareBreakpointList SoftwareBreakpoints() const;
+  // Programs DR0..DR3 and DR7 of every thread as the CPU would need them; four at most.
+  Status SetHardwareBreakpoint(uint64_t address, uint32_t flags, uint32_t size, uint32_t& id);
+  Status ClearHardwareBreakpoint(uint32_t id);
+  HardwareBreakpointList HardwareBreakpoints() const;
+
+  // The whole process: every thread suspended (its stop reason SIGSUSPEND_PROCESS) or running.
+  void Suspend();
+  // Threads asked to step are reported as failed to start: virtual threads do not execute.
+  void Resume(const U32List& to_step, U32List& failed);
+  Status SuspendThread(uint32_t tid, uint32_t& state);
+  Status ResumeThread(uint32_t tid);
+
+ private:
+  struct Thread {
+    std::string name;
+    bool suspended = false;
+    uint32_t stop_code = 0;
+    std::map<uint32_t, std::array<uint64_t, 4>> registers;
+  };
+  struct SoftwareBreakpoint {
+    SoftwareBreakpointRecord record;
+    uint8_t original = 0;
+  };
+
+  Thread* FindThread(uint32_t tid);
+  const Thread* FindThread(uint32_t tid) const;
+  // The byte at `address` if it is mapped.
+  uint8_t* Byte(uint64_t address);
+  ThreadInfoRecord ThreadRecord(uint32_t tid, const Thread& thread) const;
+  void ProgramDebugRegisters();
+
+  const uint32_t pid_;
+  const ProgramImage image_;  // name, path and entry; regions and threads are copied below
+  mutable std::mutex mutex_;
+  std::map<uint64_t, Bytes> regions_;  // base -> contents
+  std::map<uint32_t, Thread> threads_;
+  std::map<uint32_t, SoftwareBreakpoint> software_;
+  std::map<uint32_t, HardwareBreakpointRecord> hardware_;
+  uint32_t next_breakpoint_id_ = 1;
+};
+
+}  // namespace qv::server

@@ -1,0 +1,258 @@
+// Processes of a virtual kit, from the program images of its scenario, through the server's
+// request path: memory, breakpoints, registers, run state and what the Debug subscribers hear.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/wide_string.h"
+#include "requests/catalogue.h"
+#include "server/core/packet_log.h"
+#include "server/core/request_dispatcher.h"
+#include "server/handlers/handlers.h"
+#include "server/kits/scenario_document.h"
+#include "server/targets/target_registry.h"
+#include "serverlink/frame.h"
+#include "serverlink/wire_fields.h"
+
+namespace qv::server {
+namespace {
+
+constexpr char kScenario[] = R"(kits:
+  - host: dk
+    power: on
+    timings: {boot_ms: 0, power_off_ms: 0, connect_ms: 0}
+    images:
+      - path: /app/game.elf
+        entry: 0x1000
+        regions:
+          - {base: 0x1000, hex: "55 48 89 e5 c3", size: 16}
+          - {base: 0x2000, fill: "ab", size: 8}
+        threads:
+          - {name: main, registers: {rsp: 0x7000}}
+          - {name: worker, registers: {ymm1: [1, 2, 3, 4]}}
+)";
+
+constexpr uint32_t kRip = 0x10012;
+constexpr uint32_t kYmm1 = 0x40001;
+constexpr uint32_t kDr0 = 0x50000;
+
+class TypesSink : public ClientSink {
+ public:
+  void Post(std::shared_ptr<const std::vector<uint8_t>> body) override {
+    MessageBuffer in(body->data(), body->size());
+    uint32_t kind = 0;
+    uint32_t type_number = 0;
+    ReadField(in, kind);
+    ReadField(in, type_number);
+    auto notification = NotificationFactory().Create(type_number);
+    if (notification != nullptr && notification->Deserialize(in)) {
+      received.push_back(std::move(notification));
+    }
+  }
+  std::vector<std::shared_ptr<CNotification>> received;
+};
+
+class VirtualProcessTest : public ::testing::Test {
+ protected:
+  VirtualProcessTest() : registry_(*ParseScenario(kScenario, "test.yaml").scenario) {
+    RegisterHandlers(dispatcher_, registry_, packet_log_);
+    registry_.AddClient({1, 100}, &sink_);
+    registry_.Subscribe(1, EventGroup::Debug, 1);
+  }
+
+  template <class Response>
+  Response Ask(const CRequest& request) {
+    MessageBuffer body;
+    EXPECT_TRUE(WriteRequestHeader(body, request.GetTypeNumber(), 1, 1) && request.Serialize(body));
+    const auto answer = dispatcher_.Dispatch(1, 100, body.Data(), body.Size());
+    MessageBuffer in(answer->data(), answer->size());
+    uint32_t kind = 0;
+    uint32_t type_number = 0;
+    Response response;
+    EXPECT_TRUE(ReadField(in, kind) && ReadField(in, type_number));
+    EXPECT_TRUE(response.Deserialize(in));
+    return response;
+  }
+
+  uint32_t Load(uint32_t flags = 0) {
+    CLoadProcessRequest load;
+    load.Path = u"/app/game.elf";
+    load.Flags = flags;
+    const auto response = Ask<CLoadProcessResponse>(load);
+    EXPECT_EQ(response.Result, 0u) << platform::Utf16ToUtf8(response.ResultText);
+    return response.Pid;
+  }
+
+  CGetMemoryResponse Read(uint32_t pid, uint64_t address, uint32_t size) {
+    CGetMemoryRequest read;
+    read.ProcessID = pid;
+    read.BaseAddress = address;
+    read.Size = size;
+    return Ask<CGetMemoryResponse>(read);
+  }
+
+  TypesSink sink_;
+  TargetRegistry registry_;
+  PacketLog packet_log_;
+  RequestDispatcher dispatcher_;
+};
+
+TEST_F(VirtualProcessTest, MemoryReadsWhatIsMappedAndBreakpointsPatchAndRestoreIt) {
+  const uint32_t pid = Load();
+  const struct {
+    uint64_t address;
+    uint32_t size;
+    Bytes data;
+    uint32_t bad;
+  } reads[] = {
+      {0x1000, 4, {0x55, 0x48, 0x89, 0xe5}, 0},
+      {0x100e, 4, {0, 0, 0, 0}, 2},                 // runs off the end of the region
+      {0x0ffe, 3, {0, 0, 0x55}, 2},                 // starts before it
+      {0x1ffe, 4, {0, 0, 0xab, 0xab}, 2},           // the fill of the next region
+      {0xffff'ffff'ffff'fffe, 4, {0, 0, 0, 0}, 4},  // past the top of memory
+  };
+  for (const auto& r : reads) {
+    const auto response = Read(pid, r.address, r.size);
+    EXPECT_EQ(response.ReadData, r.data) << std::hex << r.address;
+    EXPECT_EQ(response.BadBytes, r.bad) << std::hex << r.address;
+  }
+
+  CSetMemoryRequest outside;
+  outside.ProcessID = pid;
+  outside.BaseAddress = 0x100f;
+  outside.WriteData = {1, 2};
+  EXPECT_EQ(Ask<CSetMemoryResponse>(outside).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_ADDRESS));
+  EXPECT_EQ(Read(pid, 0x100f, 1).ReadData, Bytes{0}) << "a refused write changes nothing";
+
+  CSetSoftwareBreakPointRequest set;
+  set.ProcessID = pid;
+  set.Address = 0x1001;
+  const auto breakpoint = Ask<CSetSoftwareBreakPointResponse>(set);
+  ASSERT_EQ(breakpoint.Result, 0u);
+  EXPECT_EQ(breakpoint.OriginalOpcode, Bytes{0x48});
+  EXPECT_EQ(Read(pid, 0x1001, 1).ReadData, Bytes{0xcc});
+  EXPECT_EQ(Ask<CSetSoftwareBreakPointResponse>(set).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_DUPLICATE_ENTRY));
+  CSetMemoryRequest under;
+  under.ProcessID = pid;
+  under.BaseAddress = 0x1001;
+  under.WriteData = {0x77};
+  EXPECT_EQ(Ask<CSetMemoryResponse>(under).BytesWritten, 1u);
+  EXPECT_EQ(Read(pid, 0x1001, 1).ReadData, Bytes{0xcc}) << "the breakpoint stays";
+  CClearSoftwareBreakPointRequest clear;
+  clear.ProcessID = pid;
+  clear.BreakPtId = breakpoint.BreakPtId;
+  EXPECT_EQ(Ask<CClearSoftwareBreakPointResponse>(clear).Result, 0u);
+  EXPECT_EQ(Read(pid, 0x1001, 1).ReadData, Bytes{0x77}) << "what was written under it returns";
+  EXPECT_EQ(Ask<CClearSoftwareBreakPointResponse>(clear).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_SWBRKPT_ID));
+}
+
+TEST_F(VirtualProcessTest, RegistersAndHardwareBreakpointsLandInTheThreads) {
+  const uint32_t pid = Load();
+  CGetThreadInfoSnapshotRequest snapshot;
+  snapshot.ProcessID = pid;
+  const auto threads = Ask<CGetThreadInfoSnapshotResponse>(snapshot).ThreadInfoList;
+  ASSERT_EQ(threads.size(), 2u);
+  EXPECT_EQ(threads[0].Name, "main");
+  EXPECT_EQ(threads[0].Rip, std::optional<uint64_t>(0x1000)) << "the main thread starts at entry";
+
+  CGetRegistersRequest get;
+  get.ProcessID = pid;
+  get.ThreadID = threads[1].Tid;
+  get.RegisterIndices = {kYmm1, kRip};
+  EXPECT_EQ(Ask<CGetRegistersResponse>(get).RegisterValues, (U64List{1, 2, 3, 4, 0, 0, 0, 0}));
+
+  CSetHardwareBreakPointRequest hw;
+  hw.ProcessID = pid;
+  hw.RegionSize = 8;
+  hw.Flags = 1;  // on write
+  for (uint64_t slot = 0; slot < 4; ++slot) {
+    hw.Address = 0x2000 + slot * 8;
+    EXPECT_EQ(Ask<CSetHardwareBreakPointResponse>(hw).Result, 0u);
+  }
+  EXPECT_EQ(Ask<CSetHardwareBreakPointResponse>(hw).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_RESOURCE_SHORTAGE));
+  get.RegisterIndices = {kDr0 + 3, kDr0 + 7};
+  // DR7: L0..L3, and for each slot write (01) of 8 bytes (10).
+  EXPECT_EQ(Ask<CGetRegistersResponse>(get).RegisterValues,
+            (U64List{0x2018, 0, 0, 0, 0x99990055, 0, 0, 0}));
+
+  const struct {
+    uint32_t pid, tid, id;
+    eErrorCode code;
+    std::string named;  // the text names the value
+  } refused[] = {
+      {pid, threads[0].Tid, 0x10010, KXAPI_COMMS_ERR_INVALID_REG_INDEX, "0x10010"},  // unassigned
+      {pid, 9999, kRip, KXAPI_COMMS_ERR_INVALID_TID, "9999"},
+      {pid + 1, threads[0].Tid, kRip, KXAPI_COMMS_ERR_INVALID_PID, std::to_string(pid + 1)},
+  };
+  for (const auto& r : refused) {
+    get.ProcessID = r.pid;
+    get.ThreadID = r.tid;
+    get.RegisterIndices = {r.id};
+    const auto response = Ask<CGetRegistersResponse>(get);
+    EXPECT_EQ(response.Result, static_cast<uint32_t>(r.code));
+    EXPECT_NE(platform::Utf16ToUtf8(response.ResultText).find(r.named), std::string::npos)
+        << platform::Utf16ToUtf8(response.ResultText);
+  }
+}
+
+TEST_F(VirtualProcessTest, LoadingStoppedAtEntryAndKillingAreHeardInOrder) {
+  CLoadProcessRequest unknown;
+  unknown.Path = u"/app/missing.elf";
+  EXPECT_EQ(Ask<CLoadProcessResponse>(unknown).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_FILE_DOES_NOT_EXIST));
+  const uint32_t pid = Load(0x1);
+  CKillProcessRequest kill;
+  kill.ProcessID = pid;
+  EXPECT_EQ(Ask<CKillProcessResponse>(kill).Result, 0u);
+  EXPECT_EQ(Ask<CKillProcessResponse>(kill).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_PID));
+
+  std::vector<std::string> names;
+  for (const auto& notification : sink_.received)
+    names.push_back(platform::Utf16ToUtf8(notification->GetName()));
+  EXPECT_EQ(names,
+            (std::vector<std::string>{"PROCESS_LOADING", "PROCESS_CREATE", "THREAD_CREATE",
+                                      "THREAD_CREATE", "STOP_NOTIFICATION", "PROCESS_KILL"}));
+  const auto& stop = static_cast<const CStopNotificationNotification&>(*sink_.received[4]);
+  EXPECT_EQ(stop.Process.ProcessID, pid);
+  EXPECT_EQ(stop.Process.Reason.Code, 132u);  // STOP_REASON_DL_STOP_INIT
+  EXPECT_EQ(stop.ThreadId, stop.Process.MainThrId);
+  ASSERT_EQ(stop.Threads.size(), 2u);
+  EXPECT_EQ(stop.Threads[0].State, 1u);  // TDS_INHIBITED
+}
+
+TEST(ProgramImageScenarioTest, MistakesAreRefusedWithTheirLineByBothReaders) {
+  const struct {
+    const char* image;
+    const char* error;
+  } cases[] = {
+      {"{path: /a, threads: [{registers: {rxx: 1}}]}", "'rxx' is not a register"},
+      {"{path: /a, regions: [{base: 0, size: 4}, {base: 2, size: 4}]}", "overlaps an earlier one"},
+      {"{path: /a, regions: [{base: 0, fill: \"90\"}]}", "needs a 'size'"},
+      {"{path: /a, regions: [{base: 0, hex: \"9\"}]}", "whole pairs of hex digits"},
+      {"{path: /a, entry: 0x1g}", "must be a number"},
+  };
+  for (const auto& c : cases) {
+    const std::string text =
+        std::string("kits:\n  - host: dk\n    images:\n      - ") + c.image + "\n";
+    std::vector<DocumentReader> readers{&ReadYamlSubset};
+#ifdef VEKX_SERVER_HAVE_YAML
+    readers.push_back(&ReadYamlWithYamlCpp);
+#endif
+    for (const DocumentReader reader : readers) {
+      const ScenarioResult result = ParseScenarioWith(reader, text, "s.yaml");
+      EXPECT_FALSE(result.scenario.has_value()) << c.image;
+      EXPECT_NE(result.error.find(c.error), std::string::npos) << result.error;
+      EXPECT_EQ(result.error.rfind("s.yaml:4: ", 0), 0u) << result.error;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace qv::server
