@@ -32,6 +32,8 @@ class DebugEvents {
  public:
   virtual ~DebugEvents() = default;
   virtual void Post(const CNotification& notification) = 0;
+  // The target's handle, which notifications carry as their TargetKey.
+  virtual uint32_t Target() const = 0;
 };
 
 class DebugBackend {

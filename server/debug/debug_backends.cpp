@@ -7,7 +7,7 @@ namespace qv::server {
 std::shared_ptr<DebugBackend> MakeDebugBackend(const Kit& kit,
                                                std::shared_ptr<DebugEvents> events) {
   if (kit.images.empty()) return std::make_shared<DebugBackend>();
-  return std::make_shared<VirtualDebugBackend>(kit.images, std::move(events));
+  return std::make_shared<VirtualDebugBackend>(kit.images, kit.timings.step_ms, std::move(events));
 }
 
 }  // namespace qv::server

@@ -41,6 +41,38 @@ ScenarioResult LoadScenarioFile(const std::string& path) noexcept {
   }
 }
 
+namespace {
+
+// A program the built-in kit runs from the start, so that a debugger has something to look at:
+// a main thread going round a loop of four instructions, and a worker that waits.
+ProgramImage SampleImage() {
+  ProgramImage image;
+  image.path = u"/app/sample.elf";
+  image.name = "sample";
+  image.entry = 0x401000;
+  image.running = true;
+  // push rbp; mov rbp, rsp; nop; jmp back to the nop
+  image.regions.push_back(
+      {0x401000,
+       {0x55, 0x48, 0x89, 0xe5, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0xeb, 0xf6}});
+  image.regions.back().bytes.resize(0x1000);
+  const std::string greeting = "Hello from sample";
+  image.regions.push_back({0x404000, {greeting.begin(), greeting.end()}});
+  image.regions.back().bytes.resize(0x1000);
+  ImageThread main;
+  main.name = "main";
+  main.registers[0x10004] = {0x7ffff000, 0, 0, 0};  // rsp
+  main.path = {{0x401000, {}}, {0x401004, {}}, {0x401008, {}}, {0x40100c, {}}};
+  main.loop = true;
+  ImageThread worker;
+  worker.name = "worker";
+  image.threads = {main, worker};
+  image.threads.front().registers[0x10012] = {image.entry, 0, 0, 0};  // rip
+  return image;
+}
+
+}  // namespace
+
 Scenario DefaultScenario() {
   Scenario scenario;
   Kit alpha;
@@ -50,6 +82,7 @@ Scenario DefaultScenario() {
   alpha.power = PowerStatus::kOn;
   alpha.is_default = true;
   alpha.address = u"192.168.40.11";
+  alpha.images = {SampleImage()};
   Kit beta;
   beta.host = u"devkit-beta";
   beta.name = u"Beta";
@@ -197,7 +230,7 @@ namespace {
 
 KitTimings Timings(const DocNode& node) {
   if (node.kind != Kind::kMap) Refuse(node, "'timings' must be a mapping");
-  CheckKeys(node, {"boot_ms", "power_off_ms", "connect_ms"}, "timings");
+  CheckKeys(node, {"boot_ms", "power_off_ms", "connect_ms", "step_ms"}, "timings");
   KitTimings timings;
   if (const DocNode* value = Find(node, "boot_ms")) {
     timings.boot_ms = Milliseconds(*value, "boot_ms");
@@ -207,6 +240,9 @@ KitTimings Timings(const DocNode& node) {
   }
   if (const DocNode* value = Find(node, "connect_ms")) {
     timings.connect_ms = Milliseconds(*value, "connect_ms");
+  }
+  if (const DocNode* value = Find(node, "step_ms")) {
+    timings.step_ms = std::max<uint32_t>(1, Milliseconds(*value, "step_ms"));
   }
   return timings;
 }

@@ -18,6 +18,7 @@ struct KitTimings {
   uint32_t boot_ms = 2000;       // off -> on
   uint32_t power_off_ms = 1000;  // on -> off
   uint32_t connect_ms = 100;     // time to bring up a connection
+  uint32_t step_ms = 10;         // a running virtual thread's time per step of its path
 
   friend bool operator==(const KitTimings&, const KitTimings&) = default;
 };
@@ -56,10 +57,23 @@ struct ImageRegion {
   friend bool operator==(const ImageRegion&, const ImageRegion&) = default;
 };
 
+// One step of a thread's path: the next address it reaches, or a fault that stops it where it is.
+struct PathStep {
+  uint64_t address = 0;
+  std::optional<uint32_t> fault;  // an eStopNotificationReason code
+
+  friend bool operator==(const PathStep&, const PathStep&) = default;
+};
+
 struct ImageThread {
   std::string name;
   // Register id (eRegisters) -> its four 64-bit words, lowest first.
   std::map<uint32_t, std::array<uint64_t, 4>> registers;
+  // What the thread does while it runs, a step at a time: without a path it waits for ever;
+  // at the end of one it exits with `exit_code`, unless the path loops.
+  std::vector<PathStep> path;
+  bool loop = false;
+  uint32_t exit_code = 0;
 
   friend bool operator==(const ImageThread&, const ImageThread&) = default;
 };
@@ -70,6 +84,7 @@ struct ProgramImage {
   uint64_t entry = 0;
   std::vector<ImageRegion> regions;
   std::vector<ImageThread> threads;  // the first is the main thread; never empty
+  bool running = false;              // a process of it runs from the server's start
 
   friend bool operator==(const ProgramImage&, const ProgramImage&) = default;
 };

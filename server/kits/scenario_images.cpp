@@ -104,11 +104,40 @@ ImageRegion ReadRegion(const DocNode& node) {
   return region;
 }
 
+// Addresses, and {fault: CODE} entries that stop the thread where it is.
+std::vector<PathStep> ReadPath(const DocNode& node) {
+  if (node.kind != Kind::kList) Refuse(node, "'path' must be a list of addresses");
+  std::vector<PathStep> path;
+  for (const DocNode& entry : node.items) {
+    PathStep step;
+    if (entry.kind == Kind::kMap) {
+      CheckKeys(entry, {"fault"}, "a path step");
+      const DocNode* fault = Find(entry, "fault");
+      if (fault == nullptr) Refuse(entry, "a path step is an address or {fault: REASON}");
+      const uint64_t code = Number(*fault, "fault");
+      if (code == 0 || code > UINT32_MAX) Refuse(*fault, "'fault' must be a stop reason code");
+      step.fault = static_cast<uint32_t>(code);
+    } else {
+      step.address = Number(entry, "path");
+    }
+    path.push_back(step);
+  }
+  return path;
+}
+
 ImageThread ReadThread(const DocNode& node) {
   if (node.kind != Kind::kMap) Refuse(node, "each thread must be a mapping");
-  CheckKeys(node, {"name", "registers"}, "a thread");
+  CheckKeys(node, {"name", "registers", "path", "loop", "exit_code"}, "a thread");
   ImageThread thread;
   if (const DocNode* name = Find(node, "name")) thread.name = Single(*name, "name");
+  if (const DocNode* path = Find(node, "path")) thread.path = ReadPath(*path);
+  if (const DocNode* loop = Find(node, "loop")) thread.loop = Flag(*loop, "loop");
+  if (thread.loop && thread.path.empty()) Refuse(node, "a thread that loops needs a 'path'");
+  if (const DocNode* code = Find(node, "exit_code")) {
+    const uint64_t value = Number(*code, "exit_code");
+    if (value > UINT32_MAX) Refuse(*code, "'exit_code' must fit in 32 bits");
+    thread.exit_code = static_cast<uint32_t>(value);
+  }
   const DocNode* registers = Find(node, "registers");
   if (registers == nullptr || registers->kind == Kind::kNull) return thread;
   if (registers->kind != Kind::kMap) Refuse(*registers, "'registers' must be a mapping");
@@ -134,7 +163,7 @@ ImageThread ReadThread(const DocNode& node) {
 
 ProgramImage ReadImage(const DocNode& node) {
   if (node.kind != Kind::kMap) Refuse(node, "each image must be a mapping with 'path'");
-  CheckKeys(node, {"path", "name", "entry", "regions", "threads"}, "an image");
+  CheckKeys(node, {"path", "name", "entry", "regions", "threads", "running"}, "an image");
   ProgramImage image;
   const DocNode* path = Find(node, "path");
   if (path == nullptr) Refuse(node, "an image needs a 'path'");
@@ -145,6 +174,7 @@ ProgramImage ReadImage(const DocNode& node) {
   image.name =
       name != nullptr ? Single(*name, "name") : path_text.substr(path_text.find_last_of("/\\") + 1);
   if (const DocNode* entry = Find(node, "entry")) image.entry = Number(*entry, "entry");
+  if (const DocNode* running = Find(node, "running")) image.running = Flag(*running, "running");
   if (const DocNode* regions = Find(node, "regions");
       regions != nullptr && regions->kind != Kind::kNull) {
     if (regions->kind != Kind::kList) Refuse(*regions, "'regions' must be a list");

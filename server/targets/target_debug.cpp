@@ -20,6 +20,7 @@ class TargetDebugEvents final : public DebugEvents {
   void Post(const CNotification& notification) override {
     registry_.PostDebug(handle_, notification);
   }
+  uint32_t Target() const override { return handle_; }
 
  private:
   TargetRegistry& registry_;

@@ -2,7 +2,10 @@
 // request path: memory, breakpoints, registers, run state and what the Debug subscribers hear.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -22,9 +25,19 @@ namespace {
 constexpr char kScenario[] = R"(kits:
   - host: dk
     power: on
-    timings: {boot_ms: 0, power_off_ms: 0, connect_ms: 0}
+    timings: {boot_ms: 0, power_off_ms: 0, connect_ms: 0, step_ms: 1}
     images:
+      - path: /app/walker.elf
+        regions:
+          - {base: 0x3000, size: 64}
+        threads:
+          - {name: main, path: [0x3004, 0x3008, 0x300c, {fault: 11}, 0x3010], exit_code: 7}
+          - {name: idle}
+      - path: /app/quick.elf
+        threads:
+          - {path: [0x10], exit_code: 3}
       - path: /app/game.elf
+        running: true
         entry: 0x1000
         regions:
           - {base: 0x1000, hex: "55 48 89 e5 c3", size: 16}
@@ -38,6 +51,7 @@ constexpr uint32_t kRip = 0x10012;
 constexpr uint32_t kYmm1 = 0x40001;
 constexpr uint32_t kDr0 = 0x50000;
 
+// What the Debug subscriber hears, decoded; the kit's clock posts from a thread of its own.
 class TypesSink : public ClientSink {
  public:
   void Post(std::shared_ptr<const std::vector<uint8_t>> body) override {
@@ -47,11 +61,30 @@ class TypesSink : public ClientSink {
     ReadField(in, kind);
     ReadField(in, type_number);
     auto notification = NotificationFactory().Create(type_number);
-    if (notification != nullptr && notification->Deserialize(in)) {
-      received.push_back(std::move(notification));
-    }
+    if (notification == nullptr || !notification->Deserialize(in)) return;
+    std::lock_guard lock(mutex_);
+    received_.push_back(std::move(notification));
+    arrived_.notify_all();
   }
-  std::vector<std::shared_ptr<CNotification>> received;
+  // The next notification after those already taken; null after `wait` without one.
+  std::shared_ptr<CNotification> Next(std::chrono::milliseconds wait = std::chrono::seconds(5)) {
+    std::unique_lock lock(mutex_);
+    arrived_.wait_for(lock, wait, [this] { return received_.size() > taken_; });
+    return received_.size() > taken_ ? received_[taken_++] : nullptr;
+  }
+  std::vector<std::string> Names() {
+    std::vector<std::string> names;
+    // Everything until a quiet moment: the requests that cause them have been answered.
+    while (auto notification = Next(std::chrono::milliseconds(300)))
+      names.push_back(platform::Utf16ToUtf8(notification->GetName()));
+    return names;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable arrived_;
+  std::vector<std::shared_ptr<CNotification>> received_;
+  size_t taken_ = 0;
 };
 
 class VirtualProcessTest : public ::testing::Test {
@@ -76,9 +109,9 @@ class VirtualProcessTest : public ::testing::Test {
     return response;
   }
 
-  uint32_t Load(uint32_t flags = 0) {
+  uint32_t Load(uint32_t flags = 0, const char16_t* path = u"/app/game.elf") {
     CLoadProcessRequest load;
-    load.Path = u"/app/game.elf";
+    load.Path = path;
     load.Flags = flags;
     const auto response = Ask<CLoadProcessResponse>(load);
     EXPECT_EQ(response.Result, 0u) << platform::Utf16ToUtf8(response.ResultText);
@@ -213,18 +246,84 @@ TEST_F(VirtualProcessTest, LoadingStoppedAtEntryAndKillingAreHeardInOrder) {
   EXPECT_EQ(Ask<CKillProcessResponse>(kill).Result,
             static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_PID));
 
-  std::vector<std::string> names;
-  for (const auto& notification : sink_.received)
-    names.push_back(platform::Utf16ToUtf8(notification->GetName()));
-  EXPECT_EQ(names,
+  EXPECT_EQ(sink_.Names(),
             (std::vector<std::string>{"PROCESS_LOADING", "PROCESS_CREATE", "THREAD_CREATE",
                                       "THREAD_CREATE", "STOP_NOTIFICATION", "PROCESS_KILL"}));
-  const auto& stop = static_cast<const CStopNotificationNotification&>(*sink_.received[4]);
-  EXPECT_EQ(stop.Process.ProcessID, pid);
-  EXPECT_EQ(stop.Process.Reason.Code, 132u);  // STOP_REASON_DL_STOP_INIT
-  EXPECT_EQ(stop.ThreadId, stop.Process.MainThrId);
-  ASSERT_EQ(stop.Threads.size(), 2u);
-  EXPECT_EQ(stop.Threads[0].State, 1u);  // TDS_INHIBITED
+}
+
+TEST_F(VirtualProcessTest, RunningThreadsStopAtBreakpointsStepsAndFaultsAndExitAtTheirPathsEnd) {
+  CGetProcessInfoSnapshotRequest snapshot;
+  ASSERT_EQ(Ask<CGetProcessInfoSnapshotResponse>(snapshot).ProcessInfoList.size(), 1u)
+      << "the image marked running runs from the start";
+  const uint32_t pid = Load(0x1, u"/app/walker.elf");
+  std::shared_ptr<CNotification> first;
+  while ((first = sink_.Next()) != nullptr &&
+         first->GetTypeNumber() != CStopNotificationNotification::kTypeNumber) {
+  }
+  ASSERT_NE(first, nullptr);
+  const auto& at_entry = static_cast<const CStopNotificationNotification&>(*first);
+  EXPECT_EQ(at_entry.Process.Reason.Code, 132u);  // STOP_REASON_DL_STOP_INIT
+  EXPECT_EQ(at_entry.ThreadId, at_entry.Process.MainThrId);
+  EXPECT_EQ(at_entry.Threads[1].State, 1u);  // TDS_INHIBITED
+  CSetSoftwareBreakPointRequest software;
+  software.ProcessID = pid;
+  software.Address = 0x3008;
+  ASSERT_EQ(Ask<CSetSoftwareBreakPointResponse>(software).Result, 0u);
+  CSetHardwareBreakPointRequest hardware;  // execute, 1 byte
+  hardware.ProcessID = pid;
+  hardware.Address = 0x3010;
+  hardware.RegionSize = 1;
+  ASSERT_EQ(Ask<CSetHardwareBreakPointResponse>(hardware).Result, 0u);
+
+  CGetThreadInfoSnapshotRequest threads;
+  threads.ProcessID = pid;
+  const uint32_t main = Ask<CGetThreadInfoSnapshotResponse>(threads).ThreadInfoList[0].Tid;
+  CResumeProcessRequest resume;
+  resume.ProcessID = pid;
+  CResumeProcessRequest step = resume;
+  step.ThreadsToStep = {main, 9999};
+  const struct {
+    const CResumeProcessRequest& how;
+    uint32_t reason;
+    uint64_t rip;
+  } stops[] = {
+      {resume, 131, 0x3008},  // the software breakpoint
+      {step, 5, 0x300c},      // one step on
+      {resume, 11, 0x300c},   // the scripted fault, where the thread is
+      {resume, 134, 0x3010},  // the hardware breakpoint
+  };
+  for (const auto& expected : stops) {
+    const auto resumed = Ask<CResumeProcessResponse>(expected.how);
+    EXPECT_EQ(resumed.FailedToStartThreadList, &expected.how == &step ? U32List{9999} : U32List{});
+    const auto next = sink_.Next();
+    ASSERT_NE(next, nullptr);
+    ASSERT_EQ(next->GetTypeNumber(), CStopNotificationNotification::kTypeNumber);
+    const auto& stop = static_cast<const CStopNotificationNotification&>(*next);
+    EXPECT_EQ(stop.Process.Reason.Code, expected.reason);
+    EXPECT_EQ(stop.ThreadId, main);
+    EXPECT_EQ(stop.Threads[0].Rip, std::optional<uint64_t>(expected.rip));
+    EXPECT_EQ(stop.Threads[1].State, 1u) << "the other thread stops too";
+  }
+  // The main thread's path ends; the idle thread has none and would wait for ever, so the
+  // process ends only when it is killed.
+  Ask<CResumeProcessResponse>(resume);
+  const auto exited = sink_.Next();
+  ASSERT_NE(exited, nullptr);
+  ASSERT_EQ(exited->GetTypeNumber(), CThreadExitNotification::kTypeNumber);
+  EXPECT_EQ(static_cast<const CThreadExitNotification&>(*exited).ExitCode, 7u);
+  CKillProcessRequest kill;
+  kill.ProcessID = pid;
+  EXPECT_EQ(Ask<CKillProcessResponse>(kill).Result, 0u);
+  EXPECT_EQ(sink_.Names(), std::vector<std::string>{"PROCESS_KILL"});
+
+  const uint32_t quick = Load(0, u"/app/quick.elf");
+  EXPECT_EQ(sink_.Names(),
+            (std::vector<std::string>{"PROCESS_LOADING", "PROCESS_CREATE", "THREAD_CREATE",
+                                      "THREAD_EXIT", "PROCESS_EXIT"}));
+  threads.ProcessID = quick;
+  EXPECT_EQ(Ask<CGetThreadInfoSnapshotResponse>(threads).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_PID))
+      << "an ended process is gone";
 }
 
 TEST(ProgramImageScenarioTest, MistakesAreRefusedWithTheirLineByBothReaders) {

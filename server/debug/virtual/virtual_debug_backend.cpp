@@ -1,5 +1,6 @@
 #include "server/debug/virtual/virtual_debug_backend.h"
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <utility>
@@ -25,9 +26,59 @@ std::u16string Decimal(uint64_t value) {
 
 }  // namespace
 
-VirtualDebugBackend::VirtualDebugBackend(std::vector<ProgramImage> images,
+VirtualDebugBackend::VirtualDebugBackend(std::vector<ProgramImage> images, uint32_t step_ms,
                                          std::shared_ptr<DebugEvents> events)
-    : images_(std::move(images)), events_(std::move(events)) {}
+    : images_(std::move(images)),
+      events_(std::move(events)),
+      step_(std::max<uint32_t>(1, step_ms)) {
+  // Nobody can be subscribed yet, so the start is not announced.
+  for (const ProgramImage& image : images_) {
+    if (image.running) Start(image, false);
+  }
+  clock_ = std::thread(&VirtualDebugBackend::RunClock, this);
+}
+
+VirtualDebugBackend::~VirtualDebugBackend() {
+  Shutdown();
+}
+
+void VirtualDebugBackend::Shutdown() {
+  {
+    std::lock_guard lock(clock_mutex_);
+    stopping_ = true;
+    clock_wake_.notify_all();
+  }
+  if (clock_.joinable() && clock_.get_id() != std::this_thread::get_id()) clock_.join();
+}
+
+void VirtualDebugBackend::RunClock() {
+  std::unique_lock lock(clock_mutex_);
+  while (!clock_wake_.wait_for(lock, step_, [this] { return stopping_; })) {
+    lock.unlock();
+    std::vector<ProcessPtr> processes;
+    {
+      std::lock_guard table(mutex_);
+      for (const auto& entry : processes_)
+        processes.push_back(entry.second);
+    }
+    for (const ProcessPtr& process : processes) {
+      if (process->Advance(*events_)) continue;
+      std::lock_guard table(mutex_);
+      const auto it = processes_.find(process->pid());
+      if (it != processes_.end() && it->second == process) processes_.erase(it);
+    }
+    lock.lock();
+  }
+}
+
+VirtualDebugBackend::ProcessPtr VirtualDebugBackend::Start(const ProgramImage& image,
+                                                           bool stopped) {
+  std::lock_guard lock(mutex_);
+  auto process = std::make_shared<VirtualProcess>(next_pid_, next_tid_, image, stopped);
+  processes_[next_pid_++] = process;
+  next_tid_ += static_cast<uint32_t>(image.threads.size());
+  return process;
+}
 
 Status VirtualDebugBackend::Find(uint32_t pid, ProcessPtr& process) const {
   std::lock_guard lock(mutex_);
@@ -50,13 +101,8 @@ Status VirtualDebugBackend::LoadProcess(const DebugCall& call, CLoadProcessReque
                         u"the kit has no program \"" + request.Path + u"\"");
   }
   const bool stopped = (request.Flags & kStopAtEntry) != 0;
-  ProcessPtr process;
-  {
-    std::lock_guard lock(mutex_);
-    process = std::make_shared<VirtualProcess>(next_pid_, next_tid_, *image, stopped);
-    processes_[next_pid_++] = process;
-    next_tid_ += static_cast<uint32_t>(image->threads.size());
-  }
+  // Created stopped, so that the clock moves none of its threads before it is announced.
+  const ProcessPtr process = Start(*image, true);
   response.Pid = process->pid();
 
   CProcessLoadingNotification loading;
@@ -87,18 +133,21 @@ Status VirtualDebugBackend::LoadProcess(const DebugCall& call, CLoadProcessReque
     stop.ThreadId = stop.Process.MainThrId;
     stop.Timestamp = Now();
     events_->Post(stop);
+  } else {
+    U32List failed;
+    process->Resume({}, failed);
   }
   return Status::Ok();
 }
 
 Status VirtualDebugBackend::KillProcess(const DebugCall& call, CKillProcessRequest& request,
                                         CKillProcessResponse&) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  process->Kill();  // nothing it does is heard after this
   {
     std::lock_guard lock(mutex_);
-    if (processes_.erase(request.ProcessID) == 0) {
-      return Status::Fail(KXAPI_COMMS_ERR_INVALID_PID,
-                          u"no process has the id " + Decimal(request.ProcessID));
-    }
+    processes_.erase(request.ProcessID);
   }
   CProcessKillNotification killed;
   killed.TargetKey = call.target;

@@ -2,10 +2,12 @@
 // The debug backend of a virtual kit: the processes it loads from the program images its
 // scenario describes (docs/debugging.md).
 
-#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "server/debug/debug_backend.h"
@@ -16,7 +18,12 @@ namespace qv::server {
 
 class VirtualDebugBackend final : public DebugBackend {
  public:
-  VirtualDebugBackend(std::vector<ProgramImage> images, std::shared_ptr<DebugEvents> events);
+  // Starts a process of each image marked running, and the clock that moves running threads
+  // along their paths every `step_ms`.
+  VirtualDebugBackend(std::vector<ProgramImage> images, uint32_t step_ms,
+                      std::shared_ptr<DebugEvents> events);
+  ~VirtualDebugBackend() override;
+  void Shutdown() override;
 
   Status LoadProcess(const DebugCall&, CLoadProcessRequest&, CLoadProcessResponse&) override;
   Status KillProcess(const DebugCall&, CKillProcessRequest&, CKillProcessResponse&) override;
@@ -57,6 +64,9 @@ class VirtualDebugBackend final : public DebugBackend {
   using ProcessPtr = std::shared_ptr<VirtualProcess>;
   // The process, or a failure naming the pid; the backend's lock is held only for the lookup.
   Status Find(uint32_t pid, ProcessPtr& process) const;
+  ProcessPtr Start(const ProgramImage& image, bool stopped);
+  // The clock's thread: each tick advances every process, outside the table's lock.
+  void RunClock();
 
   const std::vector<ProgramImage> images_;
   const std::shared_ptr<DebugEvents> events_;
@@ -64,6 +74,12 @@ class VirtualDebugBackend final : public DebugBackend {
   std::map<uint32_t, ProcessPtr> processes_;
   uint32_t next_pid_ = 100;
   uint32_t next_tid_ = 1000;
+
+  const std::chrono::milliseconds step_;
+  std::mutex clock_mutex_;
+  std::condition_variable clock_wake_;
+  bool stopping_ = false;
+  std::thread clock_;  // last: it uses everything above
 };
 
 }  // namespace qv::server

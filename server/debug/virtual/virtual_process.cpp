@@ -1,10 +1,12 @@
 #include "server/debug/virtual/virtual_process.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <string>
 
 #include "platform/wide_string.h"
+#include "requests/notifications.h"
 #include "server/debug/register_names.h"
 
 namespace qv::server {
@@ -17,6 +19,9 @@ constexpr uint32_t kWaitSuspended = 0x10000;
 // eStopNotificationReason values.
 constexpr uint32_t kStopSuspendProcess = 129;
 constexpr uint32_t kStopSuspendThread = 130;
+constexpr uint32_t kStopSoftwareBreakpoint = 131;
+constexpr uint32_t kStopHardwareBreakpoint = 134;
+constexpr uint32_t kStopTrap = 5;  // a single step done
 
 constexpr uint32_t kDr0 = 0x50000;
 constexpr uint32_t kDr7 = 0x50007;
@@ -36,6 +41,12 @@ std::u16string Decimal(uint64_t value) {
   return platform::Utf8ToUtf16(std::to_string(value));
 }
 
+uint64_t Now() {
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                   std::chrono::steady_clock::now().time_since_epoch())
+                                   .count());
+}
+
 Status NoThread(uint32_t tid, uint32_t pid) {
   return Status::Fail(KXAPI_COMMS_ERR_INVALID_TID,
                       u"process " + Decimal(pid) + u" has no thread " + Decimal(tid));
@@ -50,7 +61,8 @@ VirtualProcess::VirtualProcess(uint32_t pid, uint32_t first_tid, const ProgramIm
     regions_[region.base] = region.bytes;
   uint32_t tid = first_tid;
   for (const ImageThread& thread : image.threads) {
-    threads_[tid++] = Thread{thread.name, stopped, 0, thread.registers};
+    threads_[tid++] = Thread{thread.name, stopped,          0,    thread.registers, thread.path, 0,
+                             thread.loop, thread.exit_code, false};
   }
 }
 
@@ -330,11 +342,124 @@ void VirtualProcess::Suspend() {
 
 void VirtualProcess::Resume(const U32List& to_step, U32List& failed) {
   std::lock_guard lock(mutex_);
-  failed = to_step;
-  for (auto& [tid, thread] : threads_) {
-    thread.suspended = false;
-    thread.stop_code = 0;
+  failed.clear();
+  if (to_step.empty()) {
+    for (auto& [tid, thread] : threads_) {
+      thread.suspended = false;
+      thread.stop_code = 0;
+    }
+    return;
   }
+  for (uint32_t tid : to_step) {
+    Thread* thread = FindThread(tid);
+    if (thread == nullptr || thread->path.empty()) {
+      failed.push_back(tid);
+      continue;
+    }
+    thread->suspended = false;
+    thread->stop_code = 0;
+    thread->stepping = true;
+  }
+}
+
+void VirtualProcess::Kill() {
+  std::lock_guard lock(mutex_);
+  ended_ = true;
+}
+
+VirtualProcess::Outcome VirtualProcess::Step(uint32_t tid, Thread& thread, uint32_t& reason) {
+  if (thread.next >= thread.path.size()) {
+    if (!thread.loop) return Outcome::kExits;
+    thread.next = 0;
+  }
+  const PathStep& step = thread.path[thread.next++];
+  if (step.fault) {
+    reason = *step.fault;
+    return Outcome::kStops;
+  }
+  thread.registers[*RegisterIdByName("rip")] = {step.address, 0, 0, 0};
+  for (const auto& [id, breakpoint] : software_) {
+    if (breakpoint.record.Address == step.address &&
+        (breakpoint.record.ThreadID == 0 || breakpoint.record.ThreadID == tid)) {
+      reason = kStopSoftwareBreakpoint;
+      return Outcome::kStops;
+    }
+  }
+  for (const auto& [id, record] : hardware_) {
+    // Only execute breakpoints: virtual threads read and write no memory as they run.
+    if (record.Flags == 0 && record.Address == step.address) {
+      reason = kStopHardwareBreakpoint;
+      return Outcome::kStops;
+    }
+  }
+  if (thread.stepping) {
+    reason = kStopTrap;
+    return Outcome::kStops;
+  }
+  return Outcome::kRuns;
+}
+
+void VirtualProcess::StopAll(uint32_t tid, uint32_t reason, DebugEvents& events) {
+  for (auto& [other_tid, thread] : threads_) {
+    thread.suspended = true;
+    thread.stepping = false;
+    thread.stop_code = reason;
+  }
+  CStopNotificationNotification stop;
+  stop.TargetKey = events.Target();
+  stop.ThreadId = tid;
+  stop.Process.ProcessID = pid_;
+  stop.Process.Name = image_.name;
+  stop.Process.Entry = image_.entry;
+  stop.Process.ProcessPathname = image_.path;
+  stop.Process.MainThrId = threads_.begin()->first;
+  stop.Process.Reason.Code = reason;
+  for (const auto& [other_tid, thread] : threads_)
+    stop.Threads.push_back(ThreadRecord(other_tid, thread));
+  stop.Timestamp = Now();
+  events.Post(stop);
+}
+
+bool VirtualProcess::Advance(DebugEvents& events) {
+  std::lock_guard lock(mutex_);
+  if (ended_) return false;
+  uint32_t exit_code = 0;
+  for (auto it = threads_.begin(); it != threads_.end();) {
+    auto& [tid, thread] = *it;
+    if (thread.suspended || thread.path.empty()) {
+      ++it;
+      continue;
+    }
+    uint32_t reason = 0;
+    const Outcome outcome = Step(tid, thread, reason);
+    if (outcome == Outcome::kStops) {
+      StopAll(tid, reason, events);
+      return true;
+    }
+    if (outcome == Outcome::kRuns) {
+      ++it;
+      continue;
+    }
+    CThreadExitNotification exited;
+    exited.TargetKey = events.Target();
+    exited.ProcessId = pid_;
+    exited.ThreadId = tid;
+    exited.ExitCode = thread.exit_code;
+    exited.Timestamp = Now();
+    exited.Name = platform::Utf8ToUtf16(thread.name);
+    events.Post(exited);
+    exit_code = thread.exit_code;
+    it = threads_.erase(it);
+  }
+  if (!threads_.empty()) return true;
+  ended_ = true;
+  CProcessExitNotification exited;
+  exited.TargetKey = events.Target();
+  exited.ProcessId = pid_;
+  exited.ExitCode = exit_code;
+  exited.Timestamp = Now();
+  events.Post(exited);
+  return false;
 }
 
 Status VirtualProcess::SuspendThread(uint32_t tid, uint32_t& state) {

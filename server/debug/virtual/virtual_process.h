@@ -1,7 +1,8 @@
 #pragma once
 // One process of a virtual kit: its memory, threads, registers and breakpoints, made from the
-// program image the kit loaded it from. Its threads do not execute: they stay where the image put
-// them, suspended or "running", and everything a debugger reads or writes is kept exactly.
+// program image the kit loaded it from. A running thread moves along the path its image gives it,
+// one step each time the kit's clock ticks (Advance): it stops the whole process where a
+// breakpoint or a scripted fault is, and exits at the end of its path.
 //
 // Every method takes the process's own lock, so calls on other processes never wait on it.
 
@@ -13,6 +14,7 @@
 
 #include "requests/catalogue.h"
 #include "server/core/status.h"
+#include "server/debug/debug_backend.h"
 #include "server/kits/scenario.h"
 
 namespace qv::server {
@@ -49,10 +51,18 @@ class VirtualProcess {
 
   // The whole process: every thread suspended (its stop reason SIGSUSPEND_PROCESS) or running.
   void Suspend();
-  // Threads asked to step are reported as failed to start: virtual threads do not execute.
+  // Without threads to step every thread runs. With them, only those threads run, one step
+  // each, and the process stops again after it (STOP_REASON_SIGTRAP unless the step reached a
+  // breakpoint or a fault); a thread that is unknown or has no path fails to start.
   void Resume(const U32List& to_step, U32List& failed);
   Status SuspendThread(uint32_t tid, uint32_t& state);
   Status ResumeThread(uint32_t tid);
+  // Ends the process: nothing it does is reported after this returns.
+  void Kill();
+
+  // One tick of the kit's clock; posts what happens to `events`. False once the process has
+  // ended (every thread exited, or killed).
+  bool Advance(DebugEvents& events);
 
  private:
   struct Thread {
@@ -60,7 +70,17 @@ class VirtualProcess {
     bool suspended = false;
     uint32_t stop_code = 0;
     std::map<uint32_t, std::array<uint64_t, 4>> registers;
+    std::vector<PathStep> path;
+    size_t next = 0;  // the step it takes next
+    bool loop = false;
+    uint32_t exit_code = 0;
+    bool stepping = false;  // runs one step, then the process stops
   };
+  // Where one step took a thread: on to run, stopped with a reason, or at the end of its path.
+  enum class Outcome { kRuns, kStops, kExits };
+  Outcome Step(uint32_t tid, Thread& thread, uint32_t& reason);
+  // Every thread suspended with `reason`, and the STOP_NOTIFICATION that says so.
+  void StopAll(uint32_t tid, uint32_t reason, DebugEvents& events);
   struct SoftwareBreakpoint {
     SoftwareBreakpointRecord record;
     uint8_t original = 0;
@@ -81,6 +101,7 @@ class VirtualProcess {
   std::map<uint32_t, SoftwareBreakpoint> software_;
   std::map<uint32_t, HardwareBreakpointRecord> hardware_;
   uint32_t next_breakpoint_id_ = 1;
+  bool ended_ = false;
 };
 
 }  // namespace qv::server
