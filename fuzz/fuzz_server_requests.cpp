@@ -37,6 +37,16 @@ qv::server::Scenario QuickKits() {
     scenario.kits.push_back(kit);
   }
   scenario.kits[0].power = qv::PowerStatus::kOn;
+  // A process from the start (pid 100, threads 1000 and 1001), so that the debug operations
+  // reach the virtual process backend's memory, registers and breakpoints.
+  qv::server::ProgramImage image;
+  image.path = u"/a";
+  image.running = true;
+  image.regions.push_back({0x1000, std::vector<uint8_t>(256, 0x90)});
+  image.threads.resize(2);
+  image.threads[0].path = {{0x1000, {}}, {0x1004, {}}};
+  image.threads[0].loop = true;
+  scenario.kits[0].images = {image};
   scenario.kits[0].is_default = true;
   scenario.kits[2].reachable = false;
   return scenario;

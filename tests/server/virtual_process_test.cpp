@@ -152,6 +152,10 @@ TEST_F(VirtualProcessTest, MemoryReadsWhatIsMappedAndBreakpointsPatchAndRestoreI
     EXPECT_EQ(response.BadBytes, r.bad) << std::hex << r.address;
   }
 
+  EXPECT_EQ(Read(pid, 0x1000, 0xFFFFFFFF).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_EXCEED_MAX_PACKET_SIZE))
+      << "refused before 4 GiB is allocated";
+
   CSetMemoryRequest outside;
   outside.ProcessID = pid;
   outside.BaseAddress = 0x100f;

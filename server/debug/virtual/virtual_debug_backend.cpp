@@ -7,6 +7,7 @@
 
 #include "platform/wide_string.h"
 #include "requests/notifications.h"
+#include "serverlink/frame.h"
 
 namespace qv::server {
 namespace {
@@ -220,10 +221,21 @@ Status VirtualDebugBackend::GetMemoryRanges(const DebugCall&, CGetMemoryRangesRe
   return Status::Ok();
 }
 
+// The answer to a read must fit in one frame, with room for its head.
+static Status CheckReadSize(uint32_t size) {
+  constexpr uint32_t kMaxRead = kMaxFrameBodyBytes - 4096;
+  if (size <= kMaxRead) return Status::Ok();
+  return Status::Fail(KXAPI_COMMS_ERR_EXCEED_MAX_PACKET_SIZE,
+                      u"a read of " + Decimal(size) +
+                          u" bytes does not fit in one answer; read at most " + Decimal(kMaxRead) +
+                          u" bytes at a time");
+}
+
 Status VirtualDebugBackend::GetMemory(const DebugCall&, CGetMemoryRequest& request,
                                       CGetMemoryResponse& response) {
   ProcessPtr process;
   if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  if (Status status = CheckReadSize(request.Size); !status.ok()) return status;
   process->Read(request.BaseAddress, request.Size, response.ReadData, response.BadBytes);
   return Status::Ok();
 }
@@ -232,6 +244,7 @@ Status VirtualDebugBackend::GetLargeMemory(const DebugCall&, CGetLargeMemoryRequ
                                            CGetLargeMemoryResponse& response) {
   ProcessPtr process;
   if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  if (Status status = CheckReadSize(request.Size); !status.ok()) return status;
   if (request.Compression != 0) {
     return Status::Fail(KXAPI_COMMS_ERR_INVALID_PARAMETER_VALUE,
                         u"compression " + Decimal(request.Compression) +
