@@ -157,6 +157,23 @@ TEST_F(VirtualProcessTest, MemoryReadsWhatIsMappedAndBreakpointsPatchAndRestoreI
     EXPECT_EQ(response.BadBytes, r.bad) << std::hex << r.address;
   }
 
+  CGetScatteredMemoryRequest gather;
+  gather.ProcessID = pid;
+  for (const auto& r : reads)
+    gather.Regions.push_back({r.address, r.size, 0});
+  const auto gathered = Ask<CGetScatteredMemoryResponse>(gather).Data;
+  ASSERT_EQ(gathered.size(), std::size(reads));
+  for (size_t i = 0; i < gathered.size(); ++i) {
+    EXPECT_EQ(gathered[i].BaseAddress, reads[i].address);
+    EXPECT_EQ(gathered[i].Data, reads[i].data) << "a scattered read reads as GET_MEMORY does";
+  }
+  CSetScatteredMemoryRequest scatter;
+  scatter.ProcessID = pid;
+  scatter.Regions = {{0x2000, {1, 2}}, {0x2007, {3, 4}}, {0x1004, {0x90}}};
+  EXPECT_EQ(Ask<CSetScatteredMemoryResponse>(scatter).Results, (U32List{2, 0, 1}));
+  EXPECT_EQ(Read(pid, 0x2006, 2).ReadData, (Bytes{0xab, 0xab})) << "nothing of a refused region";
+  EXPECT_EQ(Read(pid, 0x1004, 1).ReadData, Bytes{0x90});
+
   EXPECT_EQ(Read(pid, 0x1000, 0xFFFFFFFF).Result,
             static_cast<uint32_t>(KXAPI_COMMS_ERR_EXCEED_MAX_PACKET_SIZE))
       << "refused before 4 GiB is allocated";

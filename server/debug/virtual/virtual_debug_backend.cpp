@@ -266,6 +266,43 @@ Status VirtualDebugBackend::SetMemory(const DebugCall&, CSetMemoryRequest& reque
   return Status::Ok();
 }
 
+// Each region as GET_MEMORY reads it (unmapped bytes as zero); all of them must fit in one answer.
+Status VirtualDebugBackend::GetScatteredMemory(const DebugCall&,
+                                               CGetScatteredMemoryRequest& request,
+                                               CGetScatteredMemoryResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  uint64_t total = 0;
+  for (const ScatteredReadRegion& region : request.Regions)
+    total += region.Length;
+  if (Status status = CheckReadSize(total > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(total));
+      !status.ok()) {
+    return status;
+  }
+  for (const ScatteredReadRegion& region : request.Regions) {
+    ScatteredDataElement element;
+    element.BaseAddress = region.Address;
+    uint32_t bad = 0;
+    process->Read(region.Address, region.Length, element.Data, bad);
+    response.Data.push_back(std::move(element));
+  }
+  return Status::Ok();
+}
+
+// One result per region, the bytes written: all of a region, or none of it where any of it is
+// not mapped.
+Status VirtualDebugBackend::SetScatteredMemory(const DebugCall&,
+                                               CSetScatteredMemoryRequest& request,
+                                               CSetScatteredMemoryResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  for (const ScatteredDataElement& region : request.Regions) {
+    const bool written = process->Write(region.BaseAddress, region.Data).ok();
+    response.Results.push_back(written ? static_cast<uint32_t>(region.Data.size()) : 0);
+  }
+  return Status::Ok();
+}
+
 Status VirtualDebugBackend::GetRegisters(const DebugCall&, CGetRegistersRequest& request,
                                          CGetRegistersResponse& response) {
   ProcessPtr process;

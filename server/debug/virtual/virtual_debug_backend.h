@@ -40,6 +40,10 @@ class VirtualDebugBackend final : public DebugBackend {
   Status GetLargeMemory(const DebugCall&, CGetLargeMemoryRequest&,
                         CGetLargeMemoryResponse&) override;
   Status SetMemory(const DebugCall&, CSetMemoryRequest&, CSetMemoryResponse&) override;
+  Status GetScatteredMemory(const DebugCall&, CGetScatteredMemoryRequest&,
+                            CGetScatteredMemoryResponse&) override;
+  Status SetScatteredMemory(const DebugCall&, CSetScatteredMemoryRequest&,
+                            CSetScatteredMemoryResponse&) override;
   Status GetRegisters(const DebugCall&, CGetRegistersRequest&, CGetRegistersResponse&) override;
   Status SetRegisters(const DebugCall&, CSetRegistersRequest&, CSetRegistersResponse&) override;
   Status SetSoftwareBreakPoint(const DebugCall&, CSetSoftwareBreakPointRequest&,
