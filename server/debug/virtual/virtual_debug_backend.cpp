@@ -1,12 +1,11 @@
 #include "server/debug/virtual/virtual_debug_backend.h"
 
 #include <algorithm>
-#include <chrono>
 #include <string>
 #include <utility>
 
-#include "platform/wide_string.h"
 #include "requests/notifications.h"
+#include "server/debug/virtual/reporting.h"
 #include "serverlink/frame.h"
 
 namespace qv::server {
@@ -14,16 +13,6 @@ namespace {
 
 constexpr uint32_t kStopAtEntry = 0x1;      // LOAD_PROCESS flag
 constexpr uint32_t kStopReasonEntry = 132;  // STOP_REASON_DL_STOP_INIT
-
-uint64_t Now() {
-  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                   std::chrono::steady_clock::now().time_since_epoch())
-                                   .count());
-}
-
-std::u16string Decimal(uint64_t value) {
-  return platform::Utf8ToUtf16(std::to_string(value));
-}
 
 }  // namespace
 
@@ -113,27 +102,18 @@ Status VirtualDebugBackend::LoadProcess(const DebugCall& call, CLoadProcessReque
   CProcessCreateNotification created;
   created.TargetKey = call.target;
   created.ProcessId = process->pid();
-  created.Timestamp = Now();
+  created.Timestamp = SteadyNanoseconds();
   events_->Post(created);
   for (uint32_t tid : process->ThreadIds()) {
     CThreadCreateNotification thread;
     thread.TargetKey = call.target;
     thread.ProcessId = process->pid();
     thread.ThreadId = tid;
-    thread.Timestamp = Now();
+    thread.Timestamp = SteadyNanoseconds();
     events_->Post(thread);
   }
   if (stopped) {
-    CStopNotificationNotification stop;
-    stop.TargetKey = call.target;
-    stop.Process = process->Info();
-    stop.Process.Reason.Code = kStopReasonEntry;
-    stop.Threads = process->Threads();
-    for (ThreadInfoRecord& thread : stop.Threads)
-      thread.Reason.Code = kStopReasonEntry;
-    stop.ThreadId = stop.Process.MainThrId;
-    stop.Timestamp = Now();
-    events_->Post(stop);
+    process->Stop(kStopReasonEntry, *events_);
   } else {
     U32List failed;
     process->Resume({}, failed);
@@ -153,7 +133,7 @@ Status VirtualDebugBackend::KillProcess(const DebugCall& call, CKillProcessReque
   CProcessKillNotification killed;
   killed.TargetKey = call.target;
   killed.ProcessId = request.ProcessID;
-  killed.Timestamp = Now();
+  killed.Timestamp = SteadyNanoseconds();
   events_->Post(killed);
   return Status::Ok();
 }

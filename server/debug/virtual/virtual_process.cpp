@@ -1,13 +1,13 @@
 #include "server/debug/virtual/virtual_process.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <string>
 
 #include "platform/wide_string.h"
 #include "requests/notifications.h"
 #include "server/debug/register_names.h"
+#include "server/debug/virtual/reporting.h"
 
 namespace qv::server {
 namespace {
@@ -26,26 +26,6 @@ constexpr uint32_t kStopTrap = 5;  // a single step done
 constexpr uint32_t kDr0 = 0x50000;
 constexpr uint32_t kDr7 = 0x50007;
 constexpr size_t kHardwareSlots = 4;
-
-std::u16string Hex(uint64_t value) {
-  static const char16_t digits[] = u"0123456789abcdef";
-  std::u16string text;
-  do {
-    text.insert(text.begin(), digits[value & 0xF]);
-    value >>= 4;
-  } while (value != 0);
-  return u"0x" + text;
-}
-
-std::u16string Decimal(uint64_t value) {
-  return platform::Utf8ToUtf16(std::to_string(value));
-}
-
-uint64_t Now() {
-  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                   std::chrono::steady_clock::now().time_since_epoch())
-                                   .count());
-}
 
 Status NoThread(uint32_t tid, uint32_t pid) {
   return Status::Fail(KXAPI_COMMS_ERR_INVALID_TID,
@@ -100,6 +80,10 @@ ThreadInfoRecord VirtualProcess::ThreadRecord(uint32_t tid, const Thread& thread
 
 ProcessInfoRecord VirtualProcess::Info() const {
   std::lock_guard lock(mutex_);
+  return InfoLocked();
+}
+
+ProcessInfoRecord VirtualProcess::InfoLocked() const {
   ProcessInfoRecord record;
   record.ProcessID = pid_;
   record.Name = image_.name;
@@ -408,16 +392,16 @@ void VirtualProcess::StopAll(uint32_t tid, uint32_t reason, DebugEvents& events)
   CStopNotificationNotification stop;
   stop.TargetKey = events.Target();
   stop.ThreadId = tid;
-  stop.Process.ProcessID = pid_;
-  stop.Process.Name = image_.name;
-  stop.Process.Entry = image_.entry;
-  stop.Process.ProcessPathname = image_.path;
-  stop.Process.MainThrId = threads_.begin()->first;
-  stop.Process.Reason.Code = reason;
+  stop.Process = InfoLocked();  // every thread stopped: the reason is the process's
   for (const auto& [other_tid, thread] : threads_)
     stop.Threads.push_back(ThreadRecord(other_tid, thread));
-  stop.Timestamp = Now();
+  stop.Timestamp = SteadyNanoseconds();
   events.Post(stop);
+}
+
+void VirtualProcess::Stop(uint32_t reason, DebugEvents& events) {
+  std::lock_guard lock(mutex_);
+  if (!ended_ && !threads_.empty()) StopAll(threads_.begin()->first, reason, events);
 }
 
 bool VirtualProcess::Advance(DebugEvents& events) {
@@ -445,7 +429,7 @@ bool VirtualProcess::Advance(DebugEvents& events) {
     exited.ProcessId = pid_;
     exited.ThreadId = tid;
     exited.ExitCode = thread.exit_code;
-    exited.Timestamp = Now();
+    exited.Timestamp = SteadyNanoseconds();
     exited.Name = platform::Utf8ToUtf16(thread.name);
     events.Post(exited);
     exit_code = thread.exit_code;
@@ -457,7 +441,7 @@ bool VirtualProcess::Advance(DebugEvents& events) {
   exited.TargetKey = events.Target();
   exited.ProcessId = pid_;
   exited.ExitCode = exit_code;
-  exited.Timestamp = Now();
+  exited.Timestamp = SteadyNanoseconds();
   events.Post(exited);
   return false;
 }

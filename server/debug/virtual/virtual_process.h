@@ -59,6 +59,8 @@ class VirtualProcess {
   Status ResumeThread(uint32_t tid);
   // Ends the process: nothing it does is reported after this returns.
   void Kill();
+  // Stops every thread with `reason` and reports it as a stop of the main thread.
+  void Stop(uint32_t reason, DebugEvents& events);
 
   // One tick of the kit's clock; posts what happens to `events`. False once the process has
   // ended (every thread exited, or killed).
@@ -91,6 +93,7 @@ class VirtualProcess {
   // The byte at `address` if it is mapped.
   uint8_t* Byte(uint64_t address);
   ThreadInfoRecord ThreadRecord(uint32_t tid, const Thread& thread) const;
+  ProcessInfoRecord InfoLocked() const;
   void ProgramDebugRegisters();
 
   const uint32_t pid_;
