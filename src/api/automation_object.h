@@ -102,6 +102,17 @@ HRESULT CreateObject(REFIID iid, void** object, Args&&... args) noexcept {
   return hr;
 }
 
+// The parameter type of a property getter, taken from the interface so that classes generated
+// from tables cannot drift from the IDL: GetterOutT<&IThreadInfo::get_Name> is BSTR*.
+template <class Getter>
+struct GetterOut;
+template <class Interface, class Out>
+struct GetterOut<HRESULT (STDMETHODCALLTYPE Interface::*)(Out)> {
+  using type = Out;
+};
+template <auto getter>
+using GetterOutT = typename GetterOut<decltype(getter)>::type;
+
 // Whether `iid` is one of `family`, a list of a family's interface identities.
 template <size_t N>
 bool IsOneOf(REFIID iid, const IID* const (&family)[N]) {

@@ -75,6 +75,13 @@ HRESULT OutU32Array(const std::vector<uint32_t>& values, VARIANT* out) noexcept 
   });
 }
 
+HRESULT OutU64Array(const std::vector<uint64_t>& values, VARIANT* out) noexcept {
+  return OutArray(VT_UI8, values.size(), out, [&](void* data) {
+    if (!values.empty()) std::memcpy(data, values.data(), values.size() * sizeof(uint64_t));
+    return S_OK;
+  });
+}
+
 HRESULT OutByteArray(const std::vector<uint8_t>& bytes, VARIANT* out) noexcept {
   return OutArray(VT_UI1, bytes.size(), out, [&](void* data) {
     if (!bytes.empty()) std::memcpy(data, bytes.data(), bytes.size());

@@ -26,6 +26,8 @@ HRESULT OutObjectArray(const std::vector<vekx::ComPtr<IDispatch>>& objects, VARI
 HRESULT OutStringArray(const std::vector<std::u16string>& strings, VARIANT* out) noexcept;
 // VT_ARRAY | VT_UI4.
 HRESULT OutU32Array(const std::vector<uint32_t>& values, VARIANT* out) noexcept;
+// VT_ARRAY | VT_UI8.
+HRESULT OutU64Array(const std::vector<uint64_t>& values, VARIANT* out) noexcept;
 // VT_ARRAY | VT_UI1.
 HRESULT OutByteArray(const std::vector<uint8_t>& bytes, VARIANT* out) noexcept;
 // VT_ARRAY | VT_VARIANT of `count` elements that `fill(elements)` sets; a failing fill leaves

@@ -386,14 +386,6 @@ HRESULT CKXVETarget::UnadviseControllerEvents(IEventController* pSink) {
   return UnadviseEvents<EventGroup::Controller>(client_, handle_, pSink);
 }
 
-HRESULT CKXVETarget::get_ProcessInfoSnapshot(VARIANT*) {
-  return NotAvailable(client_, u"ITarget::get_ProcessInfoSnapshot");
-}
-
-HRESULT CKXVETarget::LoadProcess(eDevice, BSTR, ULONG, ULONG, BSTR, BSTR, IProcess**) {
-  return NotAvailable(client_, u"ITarget::LoadProcess");
-}
-
 HRESULT CKXVETarget::SendConsoleInput(eConsoleOutputPort port, eConsoleOutputCategory category,
                                       ULONG uProcessId, BSTR bstrInputText) {
   return SendConsoleText<CSendConsoleInputRequest, CSendConsoleInputResponse>(
@@ -502,14 +494,6 @@ HRESULT CKXVETarget::ScreenShot(BSTR) {
   return NotAvailable(client_, u"ITarget4::ScreenShot");
 }
 
-HRESULT CKXVETarget::GetThreadNames(ULONG, VARIANT*) {
-  return NotAvailable(client_, u"ITarget5::GetThreadNames");
-}
-
-HRESULT CKXVETarget::MemoryRanges(ULONG, VARIANT*) {
-  return NotAvailable(client_, u"ITarget5::MemoryRanges");
-}
-
 HRESULT CKXVETarget::AdviseEventViewerEvents(IEventViewer* pSink) {
   return AdviseEvents<EventGroup::Viewer>(client_, handle_, pSink, IID_IEventViewer);
 }
@@ -552,10 +536,6 @@ HRESULT CKXVETarget::UnadviseProcessLockEvents(IEventProcessLock* pSink) {
   return UnadviseEvents<EventGroup::ProcessLock>(client_, handle_, pSink);
 }
 
-HRESULT CKXVETarget::LoadProcessArgv(eDevice, BSTR, ULONG, ULONG, VARIANT, BSTR, IProcess**) {
-  return NotAvailable(client_, u"ITarget12::LoadProcessArgv");
-}
-
 HRESULT CKXVETarget::GetSettings(VARIANT, VARIANT*) {
   return NotAvailable(client_, u"ITarget13::GetSettings");
 }
@@ -594,10 +574,6 @@ HRESULT CKXVETarget::GetNetworkResolverInfo(VARIANT*) {
 
 HRESULT CKXVETarget::GetNetworkInterfaceInfo(VARIANT*) {
   return NotAvailable(client_, u"ITarget20::GetNetworkInterfaceInfo");
-}
-
-HRESULT CKXVETarget::GetCompressedMemory(ULONG, ULONGLONG, ULONG, ULONG, VARIANT_BOOL, VARIANT*) {
-  return NotAvailable(client_, u"ITarget21::GetCompressedMemory");
 }
 
 HRESULT CKXVETarget::TraceCreate(VARIANT, ULONG*) {

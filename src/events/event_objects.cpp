@@ -4,21 +4,29 @@
 
 #include "api/automation_object.h"
 #include "api/error_reporting.h"
+#include "debug/process_object.h"
+#include "debug/value_objects.h"
 #include "events/event_property_values.h"
 
 namespace qv {
 namespace {
 
-// The parameter type of a property getter, taken from the interface so that the event classes
-// below cannot drift from the IDL.
-template <class Getter>
-struct GetterOut;
-template <class Interface, class Out>
-struct GetterOut<HRESULT (STDMETHODCALLTYPE Interface::*)(Out)> {
-  using type = Out;
-};
-template <auto getter>
-using GetterOutT = typename GetterOut<decltype(getter)>::type;
+// The objects that debug events hand out: a stop's process and threads reach the target
+// through the event's client.
+HRESULT MakeEventObject(const CStopNotificationNotification& n, const SharedClient& client,
+                        IStopNotification** out) noexcept {
+  return CreateStopNotificationObject(n, {client, n.TargetKey, n.Process.ProcessID}, out);
+}
+HRESULT MakeEventObject(const CDynamicLibraryLoadNotification& n, const SharedClient&,
+                        IModule** out) noexcept {
+  return CreateModuleObject(n.Module, out);
+}
+template <class LoadExecNotification>
+HRESULT MakeEventObject(const LoadExecNotification& n, const SharedClient& client,
+                        IProcess** out) noexcept {
+  return CreateProcessObject(client, n.TargetKey, n.ProcessId, IID_IProcess,
+                             reinterpret_cast<void**>(out));
+}
 
 template <class Derived, class Interface, class Notification>
 class EventObject : public AutomationObject<Derived, Interface> {
@@ -34,14 +42,13 @@ class EventObject : public AutomationObject<Derived, Interface> {
     if (out == nullptr) return ReportError(E_POINTER);
     return ReportError(PutPropertyValue(read(*notification_), out));
   }
-  // The debug objects that these properties would build belong to the debugger, which this
-  // version of the library does not have.
+  // A debug object built from the notification: see MakeEventObject below.
   template <class Out>
-  HRESULT Object(Out* out, std::u16string_view property) const noexcept {
+  HRESULT Object(Out* out) const noexcept {
     if (notification_ == nullptr) return ReportError(E_UNEXPECTED);
     if (out == nullptr) return ReportError(E_POINTER);
     *out = nullptr;
-    return ReportNotAvailable(property);
+    return ReportError(MakeEventObject(*notification_, client_, out));
   }
 
  private:
@@ -65,7 +72,7 @@ class EventObject : public AutomationObject<Derived, Interface> {
 #define VEKX_EVENT_OBJECT(Camel, Property)                                                   \
   HRESULT STDMETHODCALLTYPE get_##Property(GetterOutT<&I##Camel##Event::get_##Property> out) \
       override {                                                                             \
-    return Object(out, u"I" #Camel "Event::" #Property);                                     \
+    return Object(out);                                                                      \
   }
 #define VEKX_EVENT_END(Camel) \
   }                           \

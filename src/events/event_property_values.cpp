@@ -3,6 +3,7 @@
 #include <array>
 
 #include "api/result_values.h"
+#include "platform/wide_string.h"
 
 namespace qv {
 namespace {
@@ -29,6 +30,14 @@ HRESULT PutPropertyValue(bool value, VARIANT_BOOL* out) noexcept {
 
 HRESULT PutPropertyValue(const WString& value, BSTR* out) noexcept {
   return OutString(value, out);
+}
+
+HRESULT PutPropertyValue(const NString& value, BSTR* out) noexcept {
+  return OutString(platform::Utf8ToUtf16(value), out);
+}
+
+HRESULT PutPropertyValue(const U64List& value, VARIANT* out) noexcept {
+  return OutU64Array(value, out);
 }
 
 HRESULT PutPropertyValue(const Bytes& value, VARIANT* out) noexcept {

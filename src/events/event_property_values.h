@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <type_traits>
 
 #include "platform/automation.h"
@@ -31,6 +32,15 @@ noexcept {
 
 HRESULT PutPropertyValue(bool value, VARIANT_BOOL* out) noexcept;
 HRESULT PutPropertyValue(const WString& value, BSTR* out) noexcept;
+// Narrow strings are UTF-8.
+HRESULT PutPropertyValue(const NString& value, BSTR* out) noexcept;
+HRESULT PutPropertyValue(const U64List& value, VARIANT* out) noexcept;
+
+// A value the target may leave out reads as zero when it did.
+template <class Field, class Out>
+HRESULT PutPropertyValue(const std::optional<Field>& value, Out* out) noexcept {
+  return PutPropertyValue(value.value_or(Field{}), out);
+}
 HRESULT PutPropertyValue(const Bytes& value, VARIANT* out) noexcept;
 HRESULT PutPropertyValue(const U32List& value, VARIANT* out) noexcept;
 HRESULT PutPropertyValue(const WStringList& value, VARIANT* out) noexcept;
