@@ -2,12 +2,7 @@
 // runtime directory: what it prints and how it exits.
 #include <gtest/gtest.h>
 
-#ifndef _WIN32
-#include <sys/wait.h>
-#endif
-
 #include <chrono>
-#include <cstdlib>
 #include <functional>
 #include <optional>
 #include <sstream>
@@ -17,6 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "cli/ctrl_run.h"
 #include "platform/pipe.h"
 #include "platform/server_process.h"
 #include "server/server_harness.h"
@@ -24,63 +20,12 @@
 
 namespace {
 
+using qv::clitest::Ctrl;
+using qv::clitest::CtrlRun;
+using qv::clitest::Json;
+using qv::clitest::Lines;
 using qv::servertest::ReadText;
 using qv::servertest::TestRoot;
-
-struct CtrlRun {
-  int exit_code = -1;
-  std::string out;
-  std::string err;
-};
-
-// The tool writes text, which Windows ends with CR LF; compared as LF.
-std::string Lines(std::string text) {
-  for (size_t at = text.find("\r\n"); at != std::string::npos; at = text.find("\r\n", at))
-    text.erase(at, 1);
-  return text;
-}
-
-#ifdef _WIN32
-CtrlRun Ctrl(const std::vector<std::string>& args) {
-  const auto out = TestRoot() / "ctrl.out";
-  const auto err = TestRoot() / "ctrl.err";
-  CtrlRun run;
-  const auto program =
-      qv::testing::ChildProgram::Start(VEKX_CTRL_EXECUTABLE, args, out.string(), err.string());
-  if (program == nullptr) return run;
-  run.exit_code = program->Wait(60000).value_or(-1);
-  run.out = Lines(ReadText(out));
-  run.err = Lines(ReadText(err));
-  return run;
-}
-#else
-std::string Quoted(const std::string& text) {
-  std::string quoted = "'";
-  for (char c : text) {
-    if (c == '\'') {
-      quoted += "'\\''";
-    } else {
-      quoted += c;
-    }
-  }
-  return quoted + "'";
-}
-
-CtrlRun Ctrl(const std::vector<std::string>& args) {
-  const auto out = TestRoot() / "ctrl.out";
-  const auto err = TestRoot() / "ctrl.err";
-  std::string command = Quoted(VEKX_CTRL_EXECUTABLE);
-  for (const std::string& arg : args)
-    command += " " + Quoted(arg);
-  command += " >" + Quoted(out.string()) + " 2>" + Quoted(err.string()) + " </dev/null";
-  const int status = std::system(command.c_str());
-  CtrlRun run;
-  run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  run.out = ReadText(out);
-  run.err = ReadText(err);
-  return run;
-}
-#endif
 
 // Runs vesta-ctrl until its output (standard output and error) holds `until`, then stops it as
 // Ctrl+C would, expecting a clean exit, where the test can (not under Wine, which gives the test
@@ -106,10 +51,6 @@ std::string RunUntil(const std::vector<std::string>& args, const std::string& un
     program->Kill();
   }
   return Lines(ReadText(path));
-}
-
-nlohmann::json Json(const CtrlRun& run) {
-  return nlohmann::json::parse(run.out, nullptr, /*allow_exceptions=*/false);
 }
 
 // The target of `targets --json` whose host is `host`; null when there is none.
