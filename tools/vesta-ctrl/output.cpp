@@ -63,4 +63,8 @@ void PrintJson(std::ostream& out, const nlohmann::json& document) {
   out << document.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
 }
 
+void PrintOrderedJson(std::ostream& out, const nlohmann::ordered_json& document) {
+  out << document.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+}
+
 }  // namespace vesta_ctrl

@@ -30,6 +30,8 @@ void PrintFields(std::ostream& out, const std::vector<std::pair<std::string, std
 
 // One JSON document on one line.
 void PrintJson(std::ostream& out, const nlohmann::json& document);
+// The same, with the fields in the order they were added rather than sorted.
+void PrintOrderedJson(std::ostream& out, const nlohmann::ordered_json& document);
 
 // The number of code points of UTF-8 `text`.
 std::size_t DisplayWidth(const std::string& text);
