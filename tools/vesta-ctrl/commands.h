@@ -28,5 +28,8 @@ void AddDiscoveryCommands(CLI::App& app, Context& context);
 void AddConsoleCommands(CLI::App& app, Context& context);
 // events.
 void AddEventCommands(CLI::App& app, Context& context);
+// Debugging a target's processes: ps, threads, modules, vm, sync, load, attach, detach, kill,
+// suspend, resume, mem read|write, regs, break.
+void AddDebugCommands(CLI::App& app, Context& context);
 
 }  // namespace vesta_ctrl

@@ -1,0 +1,36 @@
+#pragma once
+// The parts of the debug commands that AddDebugCommands (commands.h) declares, one file each,
+// and what they share.
+
+#include <cstdint>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "commands.h"
+#include "vekxapi/com_ptr.h"
+#include "vekxapi/vekxapi.h"
+
+namespace vesta_ctrl {
+
+// mem read|write, regs.
+void AddMemoryCommands(CLI::App& app, Context& context);
+// break.
+void AddBreakpointCommands(CLI::App& app, Context& context);
+
+// The TARGET and PID positionals every debug command starts with.
+struct ProcessArgs {
+  std::string spec;
+  std::string pid;
+};
+void AddProcessArgs(CLI::App& command, ProcessArgs& args);
+std::uint32_t Pid(const ProcessArgs& args);
+
+// A stop reason as the output gives it: {"code": 131, "name": "STOP_REASON_SIGSWBRKPT"}, the name
+// null when the IDL has none for the code; null for no reason (no object, or code 0).
+nlohmann::ordered_json StopReasonJson(const vekx::ComPtr<IStopReason>& reason);
+// "STOP_REASON_SIGSWBRKPT (131)", or "-" for no reason.
+std::string StopReasonText(const nlohmann::ordered_json& reason);
+
+}  // namespace vesta_ctrl
