@@ -1,19 +1,17 @@
 // Kit scripts: the notifications a scenario makes the server push. One reader serves the whole
-// catalogue: the fields of a step are set through its notification class's field visitor, by the
-// field names (the labels without their colon), so a notification added to the catalogue can be
-// scripted without a line here.
+// catalogue: the fields of a step are read by field name (scenario_fields.h), so a notification
+// added to the catalogue can be scripted without a line here.
 #include "server/kits/scenario_script.h"
 
 #include <array>
 #include <chrono>
-#include <limits>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
 
 #include "platform/wide_string.h"
 #include "server/kits/scenario_checks.h"
+#include "server/kits/scenario_fields.h"
 #include "serverlink/message_buffer.h"
 #include "serverlink/wire_fields.h"
 
@@ -23,141 +21,6 @@ namespace {
 using Kind = DocNode::Kind;
 
 constexpr std::string_view kTargetKey = "TargetKey";
-
-// "Port:" -> "Port"; a padding field's empty label stays empty.
-std::string FieldName(const char* label) {
-  std::string name(label);
-  if (!name.empty() && name.back() == ':') name.pop_back();
-  return name;
-}
-
-template <class T>
-void ReadValue(const DocNode& node, const std::string& name, T& value);
-
-// The fields of `object` (a notification or a record) from a mapping by field name. Fields the
-// mapping leaves out keep their zero or empty value.
-template <class T>
-void ReadFields(const DocNode& map, const std::string& what, T& object) {
-  if (map.kind != Kind::kMap) Refuse(map, "'" + what + "' must be a mapping of field names");
-  std::set<std::string> known;
-  T::VisitFields(object, [&](const char* label, auto& field) {
-    const std::string name = FieldName(label);
-    if (name.empty()) return;
-    known.insert(name);
-    if (const DocNode* value = Find(map, name)) ReadValue(*value, name, field);
-  });
-  CheckKeys(map, known, ("the fields of " + what).c_str());
-}
-
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-// Decimal, or hexadecimal after 0x; a minus sign for signed fields.
-template <class T>
-T Integer(const DocNode& node, const std::string& name) {
-  const std::string text = Single(node, name);
-  const std::string range = std::to_string(std::numeric_limits<T>::min()) + " to " +
-                            std::to_string(std::numeric_limits<T>::max());
-  const auto refuse = [&] {
-    Refuse(node, "'" + name + "' must be a whole number from " + range + ", not '" + text + "'");
-  };
-  size_t pos = 0;
-  const bool negative = !text.empty() && text[0] == '-';
-  if (negative) {
-    if (!std::is_signed_v<T>) refuse();
-    ++pos;
-  }
-  unsigned base = 10;
-  if (text.compare(pos, 2, "0x") == 0 || text.compare(pos, 2, "0X") == 0) {
-    base = 16;
-    pos += 2;
-  }
-  if (pos == text.size()) refuse();
-  // Magnitudes up to 2^64 - 1; the type's range is checked after.
-  uint64_t magnitude = 0;
-  for (; pos < text.size(); ++pos) {
-    const int digit = HexDigit(text[pos]);
-    if (digit < 0 || static_cast<unsigned>(digit) >= base) refuse();
-    if (magnitude > (std::numeric_limits<uint64_t>::max() - static_cast<unsigned>(digit)) / base) {
-      refuse();
-    }
-    magnitude = magnitude * base + static_cast<unsigned>(digit);
-  }
-  if (negative) {
-    const uint64_t limit = static_cast<uint64_t>(-(std::numeric_limits<T>::min() + 1)) + 1;
-    if (magnitude > limit) refuse();
-    return static_cast<T>(-static_cast<int64_t>(magnitude - 1) - 1);
-  }
-  if (magnitude > static_cast<uint64_t>(std::numeric_limits<T>::max())) refuse();
-  return static_cast<T>(magnitude);
-}
-
-// Hex byte pairs, optionally separated by ':' or blanks: "de:ad:be:ef", "deadbeef".
-Bytes ByteString(const DocNode& node, const std::string& name) {
-  if (node.kind == Kind::kNull) return {};
-  const std::string text = Single(node, name);
-  Bytes bytes;
-  for (size_t i = 0; i < text.size();) {
-    if (text[i] == ':' || text[i] == ' ') {
-      ++i;
-      continue;
-    }
-    const int high = HexDigit(text[i]);
-    const int low = i + 1 < text.size() ? HexDigit(text[i + 1]) : -1;
-    if (high < 0 || low < 0) {
-      Refuse(node,
-             "'" + name + "' must be hex byte pairs (for example de:ad:be:ef), not '" + text + "'");
-    }
-    bytes.push_back(static_cast<uint8_t>(high * 16 + low));
-    i += 2;
-  }
-  return bytes;
-}
-
-template <class T>
-inline constexpr bool kIsVector = false;
-template <class T>
-inline constexpr bool kIsVector<std::vector<T>> = true;
-template <class T>
-inline constexpr bool kIsOptional = false;
-template <class T>
-inline constexpr bool kIsOptional<std::optional<T>> = true;
-
-template <class T>
-void ReadValue(const DocNode& node, const std::string& name, T& value) {
-  if constexpr (std::is_same_v<T, bool>) {
-    value = Flag(node, name);
-  } else if constexpr (std::is_enum_v<T>) {
-    value = static_cast<T>(Integer<std::underlying_type_t<T>>(node, name));
-  } else if constexpr (std::is_integral_v<T>) {
-    value = Integer<T>(node, name);
-  } else if constexpr (std::is_same_v<T, std::u16string>) {
-    // No value is the empty text.
-    value = node.kind == Kind::kNull ? u"" : platform::Utf8ToUtf16(Single(node, name));
-  } else if constexpr (std::is_same_v<T, std::string>) {
-    value = node.kind == Kind::kNull ? "" : Single(node, name);
-  } else if constexpr (std::is_same_v<T, Bytes>) {
-    value = ByteString(node, name);
-  } else if constexpr (kIsOptional<T>) {
-    // No value leaves it absent.
-    if (node.kind != Kind::kNull) ReadValue(node, name, value.emplace());
-  } else if constexpr (kIsVector<T>) {
-    if (node.kind == Kind::kNull) return;
-    if (node.kind != Kind::kList) Refuse(node, "'" + name + "' must be a list");
-    for (const DocNode& item : node.items) {
-      ReadValue(item, name, value.emplace_back());
-    }
-  } else if constexpr (IsWireRecord<T>) {
-    ReadFields(node, name, value);
-  } else {
-    // A thread's wait object (a record of one of many kinds) has no text form yet.
-    Refuse(node, "'" + name + "' cannot be given in a script; leave it out and it stays empty");
-  }
-}
 
 // What the reader and the sender need of one notification class.
 struct ScriptedKind {
