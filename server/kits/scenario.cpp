@@ -44,7 +44,8 @@ ScenarioResult LoadScenarioFile(const std::string& path) noexcept {
 namespace {
 
 // A program the built-in kit runs from the start, so that a debugger has something to look at:
-// a main thread going round a loop of four instructions, and a worker that waits.
+// a main thread going round a loop of four instructions and holding a lock, a worker waiting for
+// that lock, a semaphore, and the system library beside the program.
 ProgramImage SampleImage() {
   ProgramImage image;
   image.path = u"/app/sample.elf";
@@ -56,9 +57,13 @@ ProgramImage SampleImage() {
       {0x401000,
        {0x55, 0x48, 0x89, 0xe5, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0x90, 0xeb, 0xf6}});
   image.regions.back().bytes.resize(0x1000);
+  image.regions.back().protection = kProtectRead | kProtectExecute;
   const std::string greeting = "Hello from sample";
   image.regions.push_back({0x404000, {greeting.begin(), greeting.end()}});
   image.regions.back().bytes.resize(0x1000);
+  const std::u16string library = u"/system/lib/libkernel.sprx";
+  image.regions.push_back({0x800000, {0xc3}, library, kProtectRead | kProtectExecute});  // ret
+  image.regions.back().bytes.resize(0x2000);
   ImageThread main;
   main.name = "main";
   main.registers[0x10004] = {0x7ffff000, 0, 0, 0};  // rsp
@@ -66,8 +71,43 @@ ProgramImage SampleImage() {
   main.loop = true;
   ImageThread worker;
   worker.name = "worker";
+  worker.wait = 0;  // the mutex below
   image.threads = {main, worker};
   image.threads.front().registers[0x10012] = {image.entry, 0, 0, 0};  // rip
+
+  // Threads by position plus one: main is 1, worker 2 (thread_fields.h).
+  MutexRecord lock;
+  lock.KernelID = 1;
+  lock.Name = "sample_lock";
+  lock.OwnerThreadID = 1;
+  lock.Count = 1;
+  lock.WaitingThreads = {2};
+  SemaphoreRecord jobs;
+  jobs.KernelID = 2;
+  jobs.Name = "sample_jobs";
+  jobs.Count = 2;
+  jobs.InitialValue = 2;
+  jobs.MaxValue = 8;
+  jobs.RefCount = 1;
+  image.sync = {SyncObjectRecord::Make<SyncObjectKind::kVestaMutex>(lock),
+                SyncObjectRecord::Make<SyncObjectKind::kVestaSemaphore>(jobs)};
+
+  ModuleInfoRecord program;
+  program.ModuleName = u"sample";
+  program.LoadPath = image.path;
+  program.StartEntryAddress = image.entry;
+  program.ReferenceCount = 1;
+  program.SegmentInfoList = {{kProtectRead | kProtectExecute, 0, 0x401000, 0x1000},
+                             {kProtectRead | kProtectWrite, 0, 0x404000, 0x1000}};
+  ModuleInfoRecord kernel;
+  kernel.ModuleName = u"libkernel.sprx";
+  kernel.LoadPath = library;
+  kernel.Type = 2;   // MODULE_TYPE_SYSTEM
+  kernel.Flags = 1;  // MODULE_FLAG_SYSTEM
+  kernel.StartEntryAddress = 0x800000;
+  kernel.ReferenceCount = 1;
+  kernel.SegmentInfoList = {{kProtectRead | kProtectExecute, 0, 0x800000, 0x2000}};
+  image.modules = {program, kernel};
   return image;
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "requests/debug_records.h"
 #include "requests/target_states.h"
 
 namespace qv::server {
@@ -48,11 +49,16 @@ struct KitScript {
   friend bool operator==(const KitScript&, const KitScript&) = default;
 };
 
+// Protection bits of a region, as GET_VMEM_INFO reports them (and module segments' attributes).
+enum : uint32_t { kProtectRead = 1, kProtectWrite = 2, kProtectExecute = 4 };
+
 // A program a kit can load (LOAD_PROCESS names it by `path`): its memory and its threads as they
 // are when the process starts.
 struct ImageRegion {
   uint64_t base = 0;
   std::vector<uint8_t> bytes;  // what the region holds at the start; its size is the region's
+  std::u16string name;         // empty: the image's path
+  uint32_t protection = kProtectRead | kProtectWrite;
 
   friend bool operator==(const ImageRegion&, const ImageRegion&) = default;
 };
@@ -65,6 +71,17 @@ struct PathStep {
   friend bool operator==(const PathStep&, const PathStep&) = default;
 };
 
+// What the address sanitizer reported for a thread (GET_COREDUMP_USER_DATA).
+struct SanitizerReport {
+  std::string error_type;  // "heap-buffer-overflow", ...
+  uint64_t address = 0;
+  uint32_t access_size = 0;
+  bool is_write = false;
+  std::string report;  // the sanitizer's text
+
+  friend bool operator==(const SanitizerReport&, const SanitizerReport&) = default;
+};
+
 struct ImageThread {
   std::string name;
   // Register id (eRegisters) -> its four 64-bit words, lowest first.
@@ -74,6 +91,8 @@ struct ImageThread {
   std::vector<PathStep> path;
   bool loop = false;
   uint32_t exit_code = 0;
+  std::optional<size_t> wait;           // the position in the image's `sync` of what it waits on
+  std::optional<SanitizerReport> asan;  // answered while the thread is stopped
 
   friend bool operator==(const ImageThread&, const ImageThread&) = default;
 };
@@ -85,6 +104,16 @@ struct ProgramImage {
   std::vector<ImageRegion> regions;
   std::vector<ImageThread> threads;  // the first is the main thread; never empty
   bool running = false;              // a process of it runs from the server's start
+
+  // What a debugger sees of the process besides memory and threads, as the debug records carry
+  // it. The fields that name a kernel thread (thread_fields.h) hold the thread's position in
+  // `threads` plus one (0: none) until a process is made of the image.
+  std::vector<ModuleInfoRecord> modules;  // empty: the program itself is the one module
+  std::vector<SyncObjectRecord> sync;     // names unique where given
+  AppObjectInfoRecord app_objects;        // Flags unused
+  std::vector<SocketInfoRecord> sockets;
+  std::vector<OpenFileRecord> files;
+  std::vector<uint8_t> gpu_info;  // what READ_GPU_INFO answers
 
   friend bool operator==(const ProgramImage&, const ProgramImage&) = default;
 };

@@ -29,5 +29,8 @@ void CheckKeys(const DocNode& map, const std::set<std::string>& known, const cha
 std::vector<KitScript> ReadScripts(const DocNode& node);
 // The `images` list of a kit: the programs it can load.
 std::vector<ProgramImage> ReadImages(const DocNode& node);
+// The modules, synchronisation and application objects, sockets and files of the image `node`
+// describes, and what its threads wait on; `image` has its threads, named, already.
+void ReadImageObjects(const DocNode& node, ProgramImage& image);
 
 }  // namespace qv::server

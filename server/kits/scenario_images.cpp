@@ -64,9 +64,25 @@ std::vector<uint8_t> HexBytes(const DocNode& node, const std::string& key) {
   return bytes;
 }
 
+// "rwx", "r-x", "rw-", ...: read, write and execute, each its letter or '-'.
+uint32_t Protection(const DocNode& node) {
+  const std::string value = Single(node, "protection");
+  static constexpr char kLetters[] = "rwx";
+  uint32_t bits = 0;
+  bool ok = value.size() == 3;
+  for (size_t i = 0; ok && i < 3; ++i) {
+    ok = value[i] == kLetters[i] || value[i] == '-';
+    if (value[i] == kLetters[i]) bits |= 1u << i;
+  }
+  if (!ok)
+    Refuse(node,
+           "'protection' must be three of r, w, x or '-' (rwx, r-x, rw-), not '" + value + "'");
+  return bits;
+}
+
 ImageRegion ReadRegion(const DocNode& node) {
   if (node.kind != Kind::kMap) Refuse(node, "each region must be a mapping with 'base'");
-  CheckKeys(node, {"base", "size", "hex", "text", "fill"}, "a region");
+  CheckKeys(node, {"base", "size", "hex", "text", "fill", "name", "protection"}, "a region");
   const DocNode* base = Find(node, "base");
   if (base == nullptr) Refuse(node, "a region needs a 'base'");
   ImageRegion region;
@@ -101,6 +117,12 @@ ImageRegion ReadRegion(const DocNode& node) {
   std::copy(content.begin(), content.end(), region.bytes.begin());
   for (size_t i = 0; !pattern.empty() && i < size; ++i)
     region.bytes[i] = pattern[i % pattern.size()];
+  if (const DocNode* name = Find(node, "name")) {
+    region.name = platform::Utf8ToUtf16(Single(*name, "name"));
+  }
+  if (const DocNode* protection = Find(node, "protection")) {
+    region.protection = Protection(*protection);
+  }
   return region;
 }
 
@@ -125,9 +147,26 @@ std::vector<PathStep> ReadPath(const DocNode& node) {
   return path;
 }
 
+SanitizerReport ReadSanitizerReport(const DocNode& node) {
+  if (node.kind != Kind::kMap) Refuse(node, "'asan' must be a mapping");
+  CheckKeys(node, {"error_type", "address", "access_size", "write", "report"}, "asan");
+  SanitizerReport report;
+  if (const DocNode* type = Find(node, "error_type"))
+    report.error_type = Single(*type, "error_type");
+  if (const DocNode* address = Find(node, "address")) report.address = Number(*address, "address");
+  if (const DocNode* size = Find(node, "access_size")) {
+    const uint64_t value = Number(*size, "access_size");
+    if (value > UINT32_MAX) Refuse(*size, "'access_size' must fit in 32 bits");
+    report.access_size = static_cast<uint32_t>(value);
+  }
+  if (const DocNode* write = Find(node, "write")) report.is_write = Flag(*write, "write");
+  if (const DocNode* text = Find(node, "report")) report.report = Single(*text, "report");
+  return report;
+}
+
 ImageThread ReadThread(const DocNode& node) {
   if (node.kind != Kind::kMap) Refuse(node, "each thread must be a mapping");
-  CheckKeys(node, {"name", "registers", "path", "loop", "exit_code"}, "a thread");
+  CheckKeys(node, {"name", "registers", "path", "loop", "exit_code", "wait", "asan"}, "a thread");
   ImageThread thread;
   if (const DocNode* name = Find(node, "name")) thread.name = Single(*name, "name");
   if (const DocNode* path = Find(node, "path")) thread.path = ReadPath(*path);
@@ -138,6 +177,7 @@ ImageThread ReadThread(const DocNode& node) {
     if (value > UINT32_MAX) Refuse(*code, "'exit_code' must fit in 32 bits");
     thread.exit_code = static_cast<uint32_t>(value);
   }
+  if (const DocNode* asan = Find(node, "asan")) thread.asan = ReadSanitizerReport(*asan);
   const DocNode* registers = Find(node, "registers");
   if (registers == nullptr || registers->kind == Kind::kNull) return thread;
   if (registers->kind != Kind::kMap) Refuse(*registers, "'registers' must be a mapping");
@@ -163,7 +203,10 @@ ImageThread ReadThread(const DocNode& node) {
 
 ProgramImage ReadImage(const DocNode& node) {
   if (node.kind != Kind::kMap) Refuse(node, "each image must be a mapping with 'path'");
-  CheckKeys(node, {"path", "name", "entry", "regions", "threads", "running"}, "an image");
+  CheckKeys(node,
+            {"path", "name", "entry", "regions", "threads", "running", "modules", "sync",
+             "app_objects", "sockets", "files", "gpu_info"},
+            "an image");
   ProgramImage image;
   const DocNode* path = Find(node, "path");
   if (path == nullptr) Refuse(node, "an image needs a 'path'");
@@ -201,6 +244,8 @@ ProgramImage ReadImage(const DocNode& node) {
   }
   image.threads.front().registers.try_emplace(*RegisterIdByName("rip"),
                                               std::array<uint64_t, 4>{image.entry, 0, 0, 0});
+  ReadImageObjects(node, image);
+  if (const DocNode* gpu = Find(node, "gpu_info")) image.gpu_info = HexBytes(*gpu, "gpu_info");
   return image;
 }
 
