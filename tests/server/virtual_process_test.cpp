@@ -4,6 +4,8 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -13,6 +15,10 @@
 #include "requests/catalogue.h"
 #include "server/core/packet_log.h"
 #include "server/core/request_dispatcher.h"
+#include "server/debug/virtual/core_dump.h"
+#include "server/debug/virtual/process_objects.h"
+#include "server/debug/virtual/reporting.h"
+#include "server/debug/virtual/virtual_process.h"
 #include "server/handlers/handlers.h"
 #include "server/kits/scenario_document.h"
 #include "server/targets/target_registry.h"
@@ -45,9 +51,30 @@ constexpr char kScenario[] = R"(kits:
         threads:
           - {name: main, registers: {rsp: 0x7000}}
           - {name: worker, registers: {ymm1: [1, 2, 3, 4]}}
+      - path: /app/objects.elf
+        regions:
+          - {base: 0x5000, size: 0x100, protection: r-x, name: code}
+          - {base: 0x9000, size: 16}
+        threads:
+          - {name: main, registers: {rip: 0x5010}}
+          - name: waiter
+            wait: lock
+            asan: {error_type: use-after-free, address: 0x9008, access_size: 8, write: true}
+        sync:
+          - {kind: VestaMutex, Name: lock, OwnerThreadID: main, WaitingThreads: [waiter]}
+          - {kind: PosixBarrier, KernelID: 7, Name: gate}
+          - {kind: VestaSemaphore, Name: jobs}
+        app_objects:
+          fibers: [{Name: fiber, WorkerThreadId: waiter}]
+          job_managers: [{JobManagerId: 5}]
+        sockets: [{Name: sock, SocketId: 3}]
+        files: [{handle: 4, path: /data/save.bin}]
+        gpu_info: "0a 0b"
+        modules: [{ModuleName: objects}, {ModuleName: libfoo.sprx, Type: 1}]
 )";
 
 constexpr uint32_t kRip = 0x10012;
+constexpr auto kOk = static_cast<eErrorCode>(0);
 constexpr uint32_t kYmm1 = 0x40001;
 constexpr uint32_t kDr0 = 0x50000;
 
@@ -272,9 +299,10 @@ TEST_F(VirtualProcessTest, LoadingStoppedAtEntryAndKillingAreHeardInOrder) {
   EXPECT_EQ(Ask<CKillProcessResponse>(kill).Result,
             static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_PID));
 
-  EXPECT_EQ(sink_.Names(6),
+  EXPECT_EQ(sink_.Names(7),
             (std::vector<std::string>{"PROCESS_LOADING", "PROCESS_CREATE", "THREAD_CREATE",
-                                      "THREAD_CREATE", "STOP_NOTIFICATION", "PROCESS_KILL"}));
+                                      "THREAD_CREATE", "DYNAMIC_LIBRARY_LOAD", "STOP_NOTIFICATION",
+                                      "PROCESS_KILL"}));
 }
 
 TEST_F(VirtualProcessTest, RunningThreadsStopAtBreakpointsStepsAndFaultsAndExitAtTheirPathsEnd) {
@@ -343,13 +371,352 @@ TEST_F(VirtualProcessTest, RunningThreadsStopAtBreakpointsStepsAndFaultsAndExitA
   EXPECT_EQ(sink_.Names(1), std::vector<std::string>{"PROCESS_KILL"});
 
   const uint32_t quick = Load(0, u"/app/quick.elf");
-  EXPECT_EQ(sink_.Names(5),
+  EXPECT_EQ(sink_.Names(6),
             (std::vector<std::string>{"PROCESS_LOADING", "PROCESS_CREATE", "THREAD_CREATE",
-                                      "THREAD_EXIT", "PROCESS_EXIT"}));
+                                      "DYNAMIC_LIBRARY_LOAD", "THREAD_EXIT", "PROCESS_EXIT"}));
   threads.ProcessID = quick;
   EXPECT_EQ(Ask<CGetThreadInfoSnapshotResponse>(threads).Result,
             static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_PID))
       << "an ended process is gone";
+}
+
+TEST_F(VirtualProcessTest, EveryDebugOperationIsAnsweredAndAnUnknownPidIsNamed){
+#define VEKX_OPERATION(Camel, WIRE, number, request_fields, response_fields)                     \
+  {                                                                                              \
+    C##Camel##Request request;                                                                   \
+    bool has_pid = false;                                                                        \
+    C##Camel##Request::VisitOwnFields(request, [&](const char* label, auto& field) {             \
+      if constexpr (std::is_same_v<std::decay_t<decltype(field)>, uint32_t>) {                   \
+        if (std::string_view(label) == "ProcessID:") field = 4242, has_pid = true;               \
+      }                                                                                          \
+    });                                                                                          \
+    const auto response = Ask<C##Camel##Response>(request);                                      \
+    EXPECT_NE(response.Result, static_cast<uint32_t>(KXAPI_COMMS_ERR_NOT_IMPLEMENTED)) << #WIRE; \
+    if (has_pid) {                                                                               \
+      EXPECT_EQ(response.Result, static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_PID)) << #WIRE;   \
+      EXPECT_NE(platform::Utf16ToUtf8(response.ResultText).find("4242"), std::string::npos);     \
+    }                                                                                            \
+  }
+#include "requests/debug_operations.def"
+}
+
+TEST_F(VirtualProcessTest, TheImagesObjectsCarryTheProcesssOwnIds) {
+  const uint32_t pid = Load(0x1, u"/app/objects.elf");
+  EXPECT_EQ(sink_.Names(7),
+            (std::vector<std::string>{"PROCESS_LOADING", "PROCESS_CREATE", "THREAD_CREATE",
+                                      "THREAD_CREATE", "DYNAMIC_LIBRARY_LOAD",
+                                      "DYNAMIC_LIBRARY_LOAD", "STOP_NOTIFICATION"}));
+  CGetThreadInfoSnapshotRequest snapshot;
+  snapshot.ProcessID = pid;
+  const auto threads = Ask<CGetThreadInfoSnapshotResponse>(snapshot).ThreadInfoList;
+  const uint32_t main = threads[0].Tid, waiter = threads[1].Tid;
+  const MutexRecord* waited = threads[1].WaitObject->Get<SyncObjectKind::kVestaMutex>();
+  ASSERT_NE(waited, nullptr);
+  EXPECT_EQ(waited->OwnerThreadID, main);
+  EXPECT_EQ(waited->WaitingThreads, U32List{waiter});
+
+  const struct {
+    U32List types, ids;
+    std::vector<std::string> names;  // in kind order
+  } filters[] = {
+      {{}, {}, {"jobs", "lock", "gate"}},
+      {{11}, {}, {"lock"}},  // VestaMutex
+      {{}, {7, 3}, {"jobs", "gate"}},
+      {{11}, {7}, {}},
+  };
+  CGetSyncPrimInfoListRequest sync;
+  sync.ProcessID = pid;
+  for (const auto& f : filters) {
+    sync.Types = f.types;
+    sync.IDs = f.ids;
+    const auto answer = Ask<CGetSyncPrimInfoListResponse>(sync).SyncPrimInfo;
+    std::vector<std::string> names;
+    for (const auto& o : answer.VestaSemaphoreList)
+      names.push_back(o.Name + (o.CreationProcessID == pid ? "" : " of another process"));
+    for (const auto& o : answer.VestaMutexList)
+      names.push_back(o.Name);
+    for (const auto& o : answer.PosixBarrierList)
+      names.push_back(o.Name);
+    EXPECT_EQ(names, f.names) << f.types.size() << " types, " << f.ids.size() << " ids";
+  }
+  sync.Types = {20};
+  EXPECT_EQ(Ask<CGetSyncPrimInfoListResponse>(sync).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_ARG));
+
+  CGetAppObjectInfoRequest objects;
+  objects.ProcessID = pid;
+  for (const uint32_t flags : {0u, 1u, 4u}) {
+    objects.Flags = flags;
+    const auto answer = Ask<CGetAppObjectInfoResponse>(objects).AppObjectInfo;
+    EXPECT_EQ(answer.Flags, flags == 0 ? 7u : flags);
+    EXPECT_EQ(answer.FiberInfoList.size(), flags == 4 ? 0u : 1u) << flags;
+    EXPECT_EQ(answer.JobManagerInfoList.size(), flags == 1 ? 0u : 1u) << flags;
+    if (!answer.FiberInfoList.empty()) {
+      EXPECT_EQ(answer.FiberInfoList[0].WorkerThreadId, waiter);
+    }
+  }
+  CGetSocketInfoRequest sockets;
+  sockets.ProcessID = pid;
+  EXPECT_EQ(Ask<CGetSocketInfoResponse>(sockets).SocketInfoList.at(0).ProcessId, pid);
+  CReadGpuInfoRequest gpu;
+  gpu.ProcessID = pid;
+  EXPECT_EQ(Ask<CReadGpuInfoResponse>(gpu).GpuInfo, (Bytes{0x0a, 0x0b}));
+
+  CGetVmemInfoRequest vmem;
+  vmem.ProcessID = pid;
+  const auto memory = Ask<CGetVmemInfoResponse>(vmem).VirtualMemoryList;
+  ASSERT_EQ(memory.size(), 2u);
+  EXPECT_EQ(memory[0].Name, u"code");
+  EXPECT_EQ(memory[0].Protection, 5u);  // r-x
+  EXPECT_EQ(memory[1].Name, u"/app/objects.elf");
+  EXPECT_EQ(memory[1].Protection, 3u);  // rw-
+  EXPECT_EQ(memory[1].EndAddr, 0x9010u);
+
+  CGetCoredumpUserDataRequest asan;
+  asan.ProcessID = pid;
+  asan.ThreadID = waiter;
+  EXPECT_EQ(Ask<CGetCoredumpUserDataResponse>(asan).ErrorType, "use-after-free");
+  asan.ThreadID = main;
+  EXPECT_EQ(Ask<CGetCoredumpUserDataResponse>(asan).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_NO_ENTRY));
+}
+
+// The program is its one module when the image lists none; the built-in sample's lock is held
+// by its main thread and waited for by the worker.
+TEST_F(VirtualProcessTest, DefaultModuleAndTheSamplesLock) {
+  CGetModuleInfoListRequest modules;
+  modules.ProcessID = Load(0x1);
+  const auto list = Ask<CGetModuleInfoListResponse>(modules).ModuleInfoList;
+  ASSERT_EQ(list.size(), 1u);
+  EXPECT_EQ(list[0].LoadPath, u"/app/game.elf");
+  EXPECT_EQ(list[0].StartEntryAddress, 0x1000u);
+  EXPECT_EQ(list[0].SegmentInfoList.size(), 2u);
+
+  const ProgramImage sample = DefaultScenario().kits[0].images[0];
+  const ProcessObjects objects(sample, 100, 1000);
+  const auto* lock = objects.SyncObject(*sample.threads[1].wait).Get<SyncObjectKind::kVestaMutex>();
+  ASSERT_NE(lock, nullptr);
+  EXPECT_EQ(lock->OwnerThreadID, 1000u);
+  EXPECT_EQ(lock->WaitingThreads, U32List{1001});
+  EXPECT_EQ(objects.Modules().size(), 2u);
+}
+
+TEST_F(VirtualProcessTest, PagesAreAllocatedInFreeSpaceAndOnlyThoseAreFreed) {
+  const uint32_t pid = Load(0x1, u"/app/objects.elf");
+  const struct Allocation {
+    bool executable;
+    uint32_t size;
+    uint64_t start, end;
+    eErrorCode code;
+    uint64_t address;
+  } allocations[] = {
+      {true, 1, 0, 0, kOk, 0xa000},             // above the image
+      {false, 0x1001, 0, 0, kOk, 0xb000},       // two pages
+      {false, 1, 0x5000, 0xc000, kOk, 0x6000},  // the first gap in the range
+      {false, 1, 0x5000, 0x6000, KXAPI_COMMS_ERR_NO_VIRTUAL_MEM, 0},
+      {false, 0, 0, 0, KXAPI_COMMS_ERR_INVALID_ARG, 0},
+      {false, 1, 0x8000, 0x8000, KXAPI_COMMS_ERR_INVALID_ARG, 0},
+      {false, 0xFFFFFFFF, 0, 0, KXAPI_COMMS_ERR_NO_VIRTUAL_MEM, 0},  // beyond the limit
+  };
+  const auto allocate = [&](auto request, const Allocation& a) {
+    request.ProcessID = pid;
+    request.PageSize = a.size;
+    request.StartAddress = a.start;
+    request.EndAddress = a.end;
+    request.Name = u"jit";
+    using Response = std::conditional_t<std::is_same_v<decltype(request), CAllocateDataPageRequest>,
+                                        CAllocateDataPageResponse, CAllocateExecutablePageResponse>;
+    const auto response = Ask<Response>(request);
+    EXPECT_EQ(response.Result, static_cast<uint32_t>(a.code)) << a.size;
+    if (a.code == kOk) {
+      EXPECT_EQ(response.Address, a.address) << a.size;
+    }
+  };
+  for (const auto& a : allocations) {
+    if (a.executable) {
+      allocate(CAllocateExecutablePageRequest{}, a);
+    } else {
+      allocate(CAllocateDataPageRequest{}, a);
+    }
+  }
+  CGetVmemInfoRequest vmem;
+  vmem.ProcessID = pid;
+  const auto memory = Ask<CGetVmemInfoResponse>(vmem).VirtualMemoryList;
+  ASSERT_EQ(memory.size(), 5u);
+  EXPECT_EQ(memory[3].Name, u"jit");
+  EXPECT_EQ(memory[3].Protection, 7u) << "code can be written into an executable page";
+  EXPECT_EQ(Read(pid, 0xb000, 0x2000).BadBytes, 0u);
+
+  CSetSoftwareBreakPointRequest set;
+  set.ProcessID = pid;
+  set.Address = 0xb001;
+  const uint32_t breakpoint = Ask<CSetSoftwareBreakPointResponse>(set).BreakPtId;
+  const struct {
+    bool executable;
+    uint64_t address;
+    eErrorCode code;
+  } frees[] = {
+      {true, 0xb000, KXAPI_COMMS_ERR_INVALID_ADDRESS},   // a data page
+      {false, 0x9000, KXAPI_COMMS_ERR_INVALID_ADDRESS},  // the image's
+      {false, 0xb001, KXAPI_COMMS_ERR_INVALID_ADDRESS},  // inside a page
+      {false, 0xb000, kOk},
+      {false, 0xb000, KXAPI_COMMS_ERR_INVALID_ADDRESS},  // twice
+  };
+  for (const auto& f : frees) {
+    CDeallocateDataPageRequest data;
+    data.ProcessID = pid;
+    data.Address = f.address;
+    CDeallocateExecutablePageRequest code;
+    code.ProcessID = pid;
+    code.Address = f.address;
+    const CResponse answer = f.executable ? CResponse(Ask<CDeallocateExecutablePageResponse>(code))
+                                          : CResponse(Ask<CDeallocateDataPageResponse>(data));
+    EXPECT_EQ(answer.Result, static_cast<uint32_t>(f.code)) << std::hex << f.address;
+    if (f.code != kOk) {
+      EXPECT_NE(answer.ResultText.find(Hex(f.address)), std::u16string::npos);
+    }
+  }
+  EXPECT_EQ(Read(pid, 0xb000, 4).BadBytes, 4u);
+  CClearSoftwareBreakPointRequest clear;
+  clear.ProcessID = pid;
+  clear.BreakPtId = breakpoint;
+  EXPECT_EQ(Ask<CClearSoftwareBreakPointResponse>(clear).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_SWBRKPT_ID))
+      << "the breakpoint went with its page";
+  allocate(CAllocateDataPageRequest{}, {false, 0x2000, 0, 0, kOk, 0xb000});
+}
+
+TEST_F(VirtualProcessTest, CallstackSignaturesFollowTheStoppedThreadsRipsInTidOrder) {
+  CGetCallstackSignatureRequest signature;
+  signature.ProcessID = Load(0, u"/app/objects.elf");
+  EXPECT_EQ(Ask<CGetCallstackSignatureResponse>(signature).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_NOT_STOPPED));
+  CSuspendProcessRequest suspend;
+  suspend.ProcessID = signature.ProcessID;
+  Ask<CSuspendProcessResponse>(suspend);
+  const uint64_t first = Ask<CGetCallstackSignatureResponse>(signature).Hash;
+  const struct {
+    uint64_t main_rip, waiter_rip;
+    bool same;
+  } cases[] = {{0x5010, 0, true}, {0x5011, 0, false}, {0, 0x5010, false}};
+  for (const auto& c : cases) {
+    signature.ProcessID = Load(0x1, u"/app/objects.elf");
+    CGetThreadInfoSnapshotRequest snapshot;
+    snapshot.ProcessID = signature.ProcessID;
+    const auto threads = Ask<CGetThreadInfoSnapshotResponse>(snapshot).ThreadInfoList;
+    CSetRegistersRequest set;
+    set.ProcessID = signature.ProcessID;
+    set.RegisterIndices = {kRip};
+    set.ThreadID = threads[0].Tid;
+    set.RegisterValues = {c.main_rip, 0, 0, 0};
+    Ask<CSetRegistersResponse>(set);
+    set.ThreadID = threads[1].Tid;
+    set.RegisterValues = {c.waiter_rip, 0, 0, 0};
+    Ask<CSetRegistersResponse>(set);
+    EXPECT_EQ(Ask<CGetCallstackSignatureResponse>(signature).Hash == first, c.same)
+        << std::hex << c.main_rip << " " << c.waiter_rip;
+  }
+}
+
+TEST_F(VirtualProcessTest, CoreDumpsGoToNewFilesOnlyAndAreHeardWhileWritten) {
+  const uint32_t pid = Load(0x1, u"/app/objects.elf");
+  sink_.Names(7);  // the load
+  CSetMemoryRequest write;
+  write.ProcessID = pid;
+  write.BaseAddress = 0x5000;
+  write.WriteData = {0x55};
+  Ask<CSetMemoryResponse>(write);
+  CSetSoftwareBreakPointRequest breakpoint;
+  breakpoint.ProcessID = pid;
+  breakpoint.Address = 0x5000;
+  Ask<CSetSoftwareBreakPointResponse>(breakpoint);
+
+  const std::filesystem::path dir =
+      std::filesystem::temp_directory_path() / ("vkx-dump-" + std::to_string(SteadyNanoseconds()));
+  std::filesystem::create_directory(dir);
+  const struct {
+    std::string path;
+    uint32_t type;
+    eErrorCode code;
+  } dumps[] = {
+      {(dir / "full.core").string(), 1, kOk},
+      {(dir / "full.core").string(), 1, KXAPI_COMMS_ERR_COREDUMP_CREATE},  // never replaced
+      {(dir / "no/such.core").string(), 1, KXAPI_COMMS_ERR_COREDUMP_CREATE},
+      {"relative.core", 1, KXAPI_COMMS_ERR_INVALID_ARG},
+      {(dir / "mini.core").string(), 7, KXAPI_COMMS_ERR_INVALID_ARG},
+      {(dir / "mini.core").string(), 0, kOk},
+  };
+  CTriggerCoredumpRequest trigger;
+  trigger.ProcessID = pid;
+  for (const auto& d : dumps) {
+    trigger.OutputPath = platform::Utf8ToUtf16(d.path);
+    trigger.DumpType = d.type;
+    const auto answer = Ask<CTriggerCoredumpResponse>(trigger);
+    EXPECT_EQ(answer.Result, static_cast<uint32_t>(d.code)) << d.path;
+  }
+  // Only the two that were written are heard: 0 %, then after each region.
+  EXPECT_EQ(sink_.Names(6),
+            (std::vector<std::string>{"COREDUMP_IN_PROGRESS", "COREDUMP_IN_PROGRESS",
+                                      "COREDUMP_IN_PROGRESS", "COREDUMP_COMPLETED",
+                                      "COREDUMP_IN_PROGRESS", "COREDUMP_COMPLETED"}));
+  for (const char* name : {"full.core", "mini.core"}) {
+    std::ifstream file(dir / name, std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(file)), {});
+    ASSERT_GT(bytes.size(), 12u);
+    EXPECT_EQ(bytes.substr(0, 8), "VKXCORE1");
+    MessageBuffer in(bytes.data() + 8, bytes.size() - 8);
+    uint32_t length = 0;
+    CoreDumpHeader header;
+    ASSERT_TRUE(ReadField(in, length) && ReadField(in, header));
+    EXPECT_EQ(header.Threads.size(), 2u);
+    ASSERT_EQ(header.Regions.size(), 2u);
+    const bool full = header.Regions[0].Saved == 1;
+    EXPECT_EQ(full, std::string(name) == "full.core");
+    EXPECT_EQ(bytes.size(), 12 + length + (full ? 0x110u : 0u));
+    if (full) {
+      EXPECT_EQ(bytes[12 + length], 0x55) << "the byte under the breakpoint";
+    }
+  }
+  std::filesystem::remove_all(dir);
+
+  CCancelCoredumpRequest cancel;
+  cancel.ProcessID = pid;
+  EXPECT_EQ(Ask<CCancelCoredumpResponse>(cancel).Result,
+            static_cast<uint32_t>(KXAPI_COMMS_ERR_NO_ENTRY));
+  VirtualProcess process(1, 1, ProgramImage{}, true);
+  EXPECT_TRUE(process.BeginDump());
+  EXPECT_FALSE(process.BeginDump()) << "one dump at a time";
+  EXPECT_TRUE(process.CancelDump().ok());
+  const std::string cancelled = (std::filesystem::temp_directory_path() / "vkx-cancelled").string();
+  EXPECT_EQ(
+      WriteCoreDump(cancelled, process.Snapshot(1), process.DumpCancelled(), [](uint32_t) {}).code,
+      static_cast<uint32_t>(KXAPI_COMMS_ERR_OPERATION_CANCELLED));
+  EXPECT_FALSE(std::filesystem::exists(cancelled)) << "a cancelled dump leaves no file";
+}
+
+TEST_F(VirtualProcessTest, NetworkEmulationKeepsEveryPortsSettings) {
+  const uint32_t pid = Load(0x1, u"/app/objects.elf");
+  const struct {
+    uint32_t port;
+    U32List params;
+    eErrorCode code;
+    U32List after;
+  } sets[] = {
+      {0xFFFFFFFF, {10, 100, 200, 5}, kOk, {10, 100, 200, 5}},
+      {80, {1, 2, 3, 4}, kOk, {10, 100, 200, 5}},
+      {0xFFFFFFFF, {1, 2, 3}, KXAPI_COMMS_ERR_INVALID_ARG, {10, 100, 200, 5}},
+      {0xFFFFFFFF, {}, kOk, {0, 0, 0, 0}},  // the defaults
+  };
+  for (const auto& c : sets) {
+    CSetNetworkEmulationSettingsRequest set;
+    set.ProcessID = pid;
+    set.Port = c.port;
+    set.Params = c.params;
+    EXPECT_EQ(Ask<CSetNetworkEmulationSettingsResponse>(set).Result, static_cast<uint32_t>(c.code));
+    CGetNetworkEmulationSettingsRequest get;
+    get.ProcessID = pid;
+    EXPECT_EQ(Ask<CGetNetworkEmulationSettingsResponse>(get).Params, c.after);
+  }
 }
 
 TEST(ProgramImageScenarioTest, MistakesAreRefusedWithTheirLineByBothReaders) {
@@ -362,6 +729,15 @@ TEST(ProgramImageScenarioTest, MistakesAreRefusedWithTheirLineByBothReaders) {
       {"{path: /a, regions: [{base: 0, fill: \"90\"}]}", "needs a 'size'"},
       {"{path: /a, regions: [{base: 0, hex: \"9\"}]}", "whole pairs of hex digits"},
       {"{path: /a, entry: 0x1g}", "must be a number"},
+      {"{path: /a, regions: [{base: 0, size: 1, protection: rwz}]}", "'protection' must be"},
+      {"{path: /a, sync: [{kind: Mutex}]}", "'Mutex' is not a kind of synchronisation object"},
+      {"{path: /a, sync: [{kind: VestaMutex, Owner: 1}]}", "unknown key 'Owner'"},
+      {"{path: /a, sync: [{kind: VestaMutex, OwnerThreadID: 1}]}", "of the image's threads (a)"},
+      {"{path: /a, sync: [{kind: VestaMutex}, {kind: PosixMutex, KernelID: 1}]}",
+       "kernel id 1 is given to two objects"},
+      {"{path: /a, sync: [{kind: VestaMutex, Name: m}, {kind: PosixMutex, Name: m}]}",
+       "two synchronisation objects are named 'm'"},
+      {"{path: /a, threads: [{wait: m}]}", "names none of the image's synchronisation objects"},
   };
   for (const auto& c : cases) {
     const std::string text =

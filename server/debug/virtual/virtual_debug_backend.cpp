@@ -4,7 +4,10 @@
 #include <string>
 #include <utility>
 
+#include "platform/wide_string.h"
 #include "requests/notifications.h"
+#include "server/core/server_log.h"
+#include "server/debug/virtual/core_dump.h"
 #include "server/debug/virtual/reporting.h"
 #include "serverlink/frame.h"
 
@@ -111,6 +114,14 @@ Status VirtualDebugBackend::LoadProcess(const DebugCall& call, CLoadProcessReque
     thread.ThreadId = tid;
     thread.Timestamp = SteadyNanoseconds();
     events_->Post(thread);
+  }
+  for (const ModuleInfoRecord& module : process->Objects().Modules()) {
+    CDynamicLibraryLoadNotification library;
+    library.TargetKey = call.target;
+    library.ProcessId = process->pid();
+    library.Module = module;
+    library.Timestamp = SteadyNanoseconds();
+    events_->Post(library);
   }
   if (stopped) {
     process->Stop(kStopReasonEntry, *events_);
@@ -378,6 +389,203 @@ Status VirtualDebugBackend::ResumeThread(const DebugCall&, CResumeThreadRequest&
   ProcessPtr process;
   if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
   return process->ResumeThread(request.ThreadID);
+}
+
+Status VirtualDebugBackend::GetModuleInfoList(const DebugCall&, CGetModuleInfoListRequest& request,
+                                              CGetModuleInfoListResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  response.ModuleInfoList = process->Objects().Modules();
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::GetVmemInfo(const DebugCall&, CGetVmemInfoRequest& request,
+                                        CGetVmemInfoResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  response.VirtualMemoryList = process->VirtualMemory();
+  return Status::Ok();
+}
+
+// The two allocations share one request's fields and differ only in the kind of page.
+template <class Request>
+static Status AllocatePage(VirtualProcess& process, VirtualProcess::PageKind kind,
+                           const Request& request, uint64_t& address) {
+  return process.Allocate(kind, request.PageSize, request.Name, request.StartAddress,
+                          request.EndAddress, address);
+}
+
+Status VirtualDebugBackend::AllocateExecutablePage(const DebugCall&,
+                                                   CAllocateExecutablePageRequest& request,
+                                                   CAllocateExecutablePageResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return AllocatePage(*process, VirtualProcess::PageKind::kExecutable, request, response.Address);
+}
+
+Status VirtualDebugBackend::AllocateDataPage(const DebugCall&, CAllocateDataPageRequest& request,
+                                             CAllocateDataPageResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return AllocatePage(*process, VirtualProcess::PageKind::kData, request, response.Address);
+}
+
+Status VirtualDebugBackend::DeallocateExecutablePage(const DebugCall&,
+                                                     CDeallocateExecutablePageRequest& request,
+                                                     CDeallocateExecutablePageResponse&) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->Deallocate(VirtualProcess::PageKind::kExecutable, request.Address);
+}
+
+Status VirtualDebugBackend::DeallocateDataPage(const DebugCall&,
+                                               CDeallocateDataPageRequest& request,
+                                               CDeallocateDataPageResponse&) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->Deallocate(VirtualProcess::PageKind::kData, request.Address);
+}
+
+Status VirtualDebugBackend::GetSyncPrimInfoList(const DebugCall&,
+                                                CGetSyncPrimInfoListRequest& request,
+                                                CGetSyncPrimInfoListResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->Objects().Sync(request.Types, request.IDs, response.SyncPrimInfo);
+}
+
+Status VirtualDebugBackend::GetAppObjectInfo(const DebugCall&, CGetAppObjectInfoRequest& request,
+                                             CGetAppObjectInfoResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  response.AppObjectInfo = process->Objects().AppObjects(request.Flags);
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::GetSocketInfo(const DebugCall&, CGetSocketInfoRequest& request,
+                                          CGetSocketInfoResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  response.SocketInfoList = process->Objects().Sockets();
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::GetFiles(const DebugCall&, CGetFilesRequest& request,
+                                     CGetFilesResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  response.FileList = process->Objects().Files();
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::GetCallstackSignature(const DebugCall&,
+                                                  CGetCallstackSignatureRequest& request,
+                                                  CGetCallstackSignatureResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->CallstackSignature(response.Hash);
+}
+
+Status VirtualDebugBackend::ReadGpuInfo(const DebugCall&, CReadGpuInfoRequest& request,
+                                        CReadGpuInfoResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  response.GpuInfo = process->Objects().GpuInfo();
+  return Status::Ok();
+}
+
+// A virtual process has no VR state: the request is only noted.
+Status VirtualDebugBackend::DumpVRInfo(const DebugCall& call, CDumpVRInfoRequest& request,
+                                       CDumpVRInfoResponse&) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  ServerLog(kLogClients, "target " + std::to_string(call.target) + " process " +
+                             std::to_string(request.ProcessID) +
+                             ": VR information dumped (a virtual process has none)");
+  return Status::Ok();
+}
+
+// Written before the answer: COREDUMP_IN_PROGRESS once the file is created and after each region,
+// then COREDUMP_COMPLETED with the request's result. A dump that cannot start is only refused.
+Status VirtualDebugBackend::TriggerCoredump(const DebugCall& call, CTriggerCoredumpRequest& request,
+                                            CTriggerCoredumpResponse&) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  if (request.DumpType != kCoreDumpMini && request.DumpType != kCoreDumpFull) {
+    return Status::Fail(KXAPI_COMMS_ERR_INVALID_ARG, u"dump type " + Decimal(request.DumpType) +
+                                                         u" is neither 0 (mini) nor 1 (full)");
+  }
+  const std::string path = platform::Utf16ToUtf8(request.OutputPath);
+  if (!IsAbsoluteHostPath(path)) {
+    return Status::Fail(
+        KXAPI_COMMS_ERR_INVALID_ARG,
+        u"the dump needs an absolute path on the host, not \"" + request.OutputPath + u"\"");
+  }
+  if (!process->BeginDump()) {
+    return Status::Fail(
+        KXAPI_COMMS_ERR_COREDUMP_IN_PROGRESS,
+        u"a core dump of process " + Decimal(request.ProcessID) + u" is in progress already");
+  }
+  bool started = false;
+  const Status status = WriteCoreDump(path, process->Snapshot(request.DumpType),
+                                      process->DumpCancelled(), [&](uint32_t percent) {
+                                        started = true;
+                                        CCoredumpInProgressNotification progress;
+                                        progress.TargetKey = call.target;
+                                        progress.ProcessId = request.ProcessID;
+                                        progress.Percentage = percent;
+                                        events_->Post(progress);
+                                      });
+  process->EndDump();
+  if (started) {
+    CCoredumpCompletedNotification completed;
+    completed.TargetKey = call.target;
+    completed.ProcessId = request.ProcessID;
+    completed.Result = status.ok() ? 0 : status.code;
+    events_->Post(completed);
+  }
+  return status;
+}
+
+Status VirtualDebugBackend::CancelCoredump(const DebugCall&, CCancelCoredumpRequest& request,
+                                           CCancelCoredumpResponse&) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->CancelDump();
+}
+
+Status VirtualDebugBackend::GetCoredumpUserData(const DebugCall&,
+                                                CGetCoredumpUserDataRequest& request,
+                                                CGetCoredumpUserDataResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  SanitizerReport report;
+  if (Status status = process->SanitizerReportOf(request.ThreadID, report); !status.ok()) {
+    return status;
+  }
+  response.ErrorType = report.error_type;
+  response.Address = report.address;
+  response.AccessSize = report.access_size;
+  response.IsWrite = report.is_write ? 1 : 0;
+  response.Report = report.report;
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::GetNetworkEmulationSettings(
+    const DebugCall&, CGetNetworkEmulationSettingsRequest& request,
+    CGetNetworkEmulationSettingsResponse& response) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  response.Params = process->NetworkEmulation();
+  return Status::Ok();
+}
+
+Status VirtualDebugBackend::SetNetworkEmulationSettings(
+    const DebugCall&, CSetNetworkEmulationSettingsRequest& request,
+    CSetNetworkEmulationSettingsResponse&) {
+  ProcessPtr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->SetNetworkEmulation(request.Port, request.Params);
 }
 
 }  // namespace qv::server

@@ -63,6 +63,37 @@ class VirtualDebugBackend final : public DebugBackend {
   Status ResumeProcess(const DebugCall&, CResumeProcessRequest&, CResumeProcessResponse&) override;
   Status SuspendThread(const DebugCall&, CSuspendThreadRequest&, CSuspendThreadResponse&) override;
   Status ResumeThread(const DebugCall&, CResumeThreadRequest&, CResumeThreadResponse&) override;
+  Status GetModuleInfoList(const DebugCall&, CGetModuleInfoListRequest&,
+                           CGetModuleInfoListResponse&) override;
+  Status GetVmemInfo(const DebugCall&, CGetVmemInfoRequest&, CGetVmemInfoResponse&) override;
+  Status AllocateExecutablePage(const DebugCall&, CAllocateExecutablePageRequest&,
+                                CAllocateExecutablePageResponse&) override;
+  Status AllocateDataPage(const DebugCall&, CAllocateDataPageRequest&,
+                          CAllocateDataPageResponse&) override;
+  Status DeallocateExecutablePage(const DebugCall&, CDeallocateExecutablePageRequest&,
+                                  CDeallocateExecutablePageResponse&) override;
+  Status DeallocateDataPage(const DebugCall&, CDeallocateDataPageRequest&,
+                            CDeallocateDataPageResponse&) override;
+  Status GetSyncPrimInfoList(const DebugCall&, CGetSyncPrimInfoListRequest&,
+                             CGetSyncPrimInfoListResponse&) override;
+  Status GetAppObjectInfo(const DebugCall&, CGetAppObjectInfoRequest&,
+                          CGetAppObjectInfoResponse&) override;
+  Status GetSocketInfo(const DebugCall&, CGetSocketInfoRequest&, CGetSocketInfoResponse&) override;
+  Status GetFiles(const DebugCall&, CGetFilesRequest&, CGetFilesResponse&) override;
+  Status GetCallstackSignature(const DebugCall&, CGetCallstackSignatureRequest&,
+                               CGetCallstackSignatureResponse&) override;
+  Status ReadGpuInfo(const DebugCall&, CReadGpuInfoRequest&, CReadGpuInfoResponse&) override;
+  Status DumpVRInfo(const DebugCall&, CDumpVRInfoRequest&, CDumpVRInfoResponse&) override;
+  Status TriggerCoredump(const DebugCall&, CTriggerCoredumpRequest&,
+                         CTriggerCoredumpResponse&) override;
+  Status CancelCoredump(const DebugCall&, CCancelCoredumpRequest&,
+                        CCancelCoredumpResponse&) override;
+  Status GetCoredumpUserData(const DebugCall&, CGetCoredumpUserDataRequest&,
+                             CGetCoredumpUserDataResponse&) override;
+  Status GetNetworkEmulationSettings(const DebugCall&, CGetNetworkEmulationSettingsRequest&,
+                                     CGetNetworkEmulationSettingsResponse&) override;
+  Status SetNetworkEmulationSettings(const DebugCall&, CSetNetworkEmulationSettingsRequest&,
+                                     CSetNetworkEmulationSettingsResponse&) override;
 
  private:
   using ProcessPtr = std::shared_ptr<VirtualProcess>;

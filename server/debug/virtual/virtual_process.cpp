@@ -27,6 +27,9 @@ constexpr uint32_t kDr0 = 0x50000;
 constexpr uint32_t kDr7 = 0x50007;
 constexpr size_t kHardwareSlots = 4;
 
+constexpr uint64_t kPageSize = 4096;
+constexpr uint64_t kMaxAllocatedBytes = 256ull << 20;
+
 Status NoThread(uint32_t tid, uint32_t pid) {
   return Status::Fail(KXAPI_COMMS_ERR_INVALID_TID,
                       u"process " + Decimal(pid) + u" has no thread " + Decimal(tid));
@@ -36,13 +39,16 @@ Status NoThread(uint32_t tid, uint32_t pid) {
 
 VirtualProcess::VirtualProcess(uint32_t pid, uint32_t first_tid, const ProgramImage& image,
                                bool stopped)
-    : pid_(pid), image_{image.path, image.name, image.entry, {}, {}} {
-  for (const ImageRegion& region : image.regions)
-    regions_[region.base] = region.bytes;
+    : pid_(pid), image_{image.path, image.name, image.entry}, objects_(image, pid, first_tid) {
+  for (const ImageRegion& region : image.regions) {
+    regions_[region.base] = {region.bytes, region.name.empty() ? image.path : region.name,
+                             region.protection, PageKind::kImage};
+    image_top_ = std::max(image_top_, region.base + (region.bytes.size() - 1));
+  }
   uint32_t tid = first_tid;
   for (const ImageThread& thread : image.threads) {
-    threads_[tid++] = Thread{thread.name, stopped,          0,    thread.registers, thread.path, 0,
-                             thread.loop, thread.exit_code, false};
+    threads_[tid++] = Thread{thread.name, stopped,          0,     thread.registers, thread.path, 0,
+                             thread.loop, thread.exit_code, false, thread.wait,      thread.asan};
   }
 }
 
@@ -61,7 +67,7 @@ uint8_t* VirtualProcess::Byte(uint64_t address) {
   if (it == regions_.begin()) return nullptr;
   --it;
   const uint64_t offset = address - it->first;
-  return offset < it->second.size() ? it->second.data() + offset : nullptr;
+  return offset < it->second.bytes.size() ? it->second.bytes.data() + offset : nullptr;
 }
 
 ThreadInfoRecord VirtualProcess::ThreadRecord(uint32_t tid, const Thread& thread) const {
@@ -75,6 +81,7 @@ ThreadInfoRecord VirtualProcess::ThreadRecord(uint32_t tid, const Thread& thread
   record.Rip = rip != thread.registers.end() ? rip->second[0] : 0;
   const auto rsp = thread.registers.find(*RegisterIdByName("rsp"));
   if (rsp != thread.registers.end()) record.StackAddr = rsp->second[0];
+  if (thread.wait) record.WaitObject = objects_.SyncObject(*thread.wait);
   return record;
 }
 
@@ -115,13 +122,206 @@ U32List VirtualProcess::ThreadIds() const {
 MemoryRangeList VirtualProcess::Ranges() const {
   std::lock_guard lock(mutex_);
   MemoryRangeList ranges;
-  for (const auto& [base, bytes] : regions_) {
+  for (const auto& [base, region] : regions_) {
     MemoryRangeRecord range;
     range.BaseAddress = base;
-    range.Size = bytes.size();
+    range.Size = region.bytes.size();
     ranges.push_back(range);
   }
   return ranges;
+}
+
+VirtualMemoryList VirtualProcess::VirtualMemory() const {
+  std::lock_guard lock(mutex_);
+  VirtualMemoryList list;
+  for (const auto& [base, region] : regions_) {
+    VirtualMemoryRecord record;
+    record.Name = region.name;
+    record.StartAddr = base;
+    record.EndAddr = base + region.bytes.size();  // 0 for a region that ends at the top
+    record.Protection = region.protection;
+    record.ResidentSize = region.bytes.size();
+    list.push_back(std::move(record));
+  }
+  return list;
+}
+
+std::optional<uint64_t> VirtualProcess::FreeSpace(uint64_t low, uint64_t high,
+                                                  uint64_t size) const {
+  const auto page_up = [](uint64_t value) -> std::optional<uint64_t> {
+    if (value > UINT64_MAX - (kPageSize - 1)) return std::nullopt;
+    return (value + kPageSize - 1) & ~(kPageSize - 1);
+  };
+  std::optional<uint64_t> candidate = page_up(low);
+  for (const auto& [base, region] : regions_) {
+    if (!candidate) return std::nullopt;
+    const uint64_t last = base + (region.bytes.size() - 1);
+    if (last < *candidate) continue;
+    if (base >= *candidate && base - *candidate >= size) break;  // fits below this region
+    candidate = last == UINT64_MAX ? std::nullopt : page_up(last + 1);
+  }
+  if (!candidate || *candidate > high || high - *candidate < size) return std::nullopt;
+  return candidate;
+}
+
+Status VirtualProcess::Allocate(PageKind kind, uint32_t size, const std::u16string& name,
+                                uint64_t start, uint64_t end, uint64_t& address) {
+  if (size == 0) {
+    return Status::Fail(KXAPI_COMMS_ERR_INVALID_ARG, u"a page allocation needs a size above 0");
+  }
+  if (start != 0 && end != 0 && start >= end) {
+    return Status::Fail(KXAPI_COMMS_ERR_INVALID_ARG,
+                        u"the start address " + Hex(start) + u" is not below the end " + Hex(end));
+  }
+  const uint64_t bytes = (uint64_t{size} + kPageSize - 1) & ~(kPageSize - 1);
+  std::lock_guard lock(mutex_);
+  if (bytes > kMaxAllocatedBytes - allocated_) {
+    return Status::Fail(KXAPI_COMMS_ERR_NO_VIRTUAL_MEM,
+                        u"process " + Decimal(pid_) + u" has " + Decimal(allocated_) +
+                            u" bytes of pages; " + Decimal(bytes) +
+                            u" more would pass its limit of " + Decimal(kMaxAllocatedBytes));
+  }
+  const uint64_t low = start != 0 ? start : image_top_ + (image_top_ < UINT64_MAX ? 1 : 0);
+  const uint64_t high = end != 0 ? end : UINT64_MAX;
+  const std::optional<uint64_t> base = FreeSpace(low, high, bytes);
+  if (!base) {
+    return Status::Fail(KXAPI_COMMS_ERR_NO_VIRTUAL_MEM,
+                        u"process " + Decimal(pid_) + u" has no free " + Decimal(bytes) +
+                            u" bytes between " + Hex(low) + u" and " + Hex(high));
+  }
+  const bool executable = kind == PageKind::kExecutable;
+  Region region;
+  region.bytes.assign(bytes, 0);
+  region.name = !name.empty() ? name : executable ? u"executable page" : u"data page";
+  // Executable pages are writable too: a debugger puts code into them.
+  region.protection = kProtectRead | kProtectWrite;
+  if (executable) region.protection |= kProtectExecute;
+  region.kind = kind;
+  regions_[*base] = std::move(region);
+  allocated_ += bytes;
+  address = *base;
+  return Status::Ok();
+}
+
+Status VirtualProcess::Deallocate(PageKind kind, uint64_t address) {
+  std::lock_guard lock(mutex_);
+  const auto it = regions_.find(address);
+  if (it == regions_.end() || it->second.kind != kind || kind == PageKind::kImage) {
+    return Status::Fail(KXAPI_COMMS_ERR_INVALID_ADDRESS,
+                        Hex(address) + u" is not " +
+                            (kind == PageKind::kExecutable ? u"an executable" : u"a data") +
+                            u" page that process " + Decimal(pid_) + u" allocated");
+  }
+  const uint64_t size = it->second.bytes.size();
+  std::erase_if(software_,
+                [&](const auto& entry) { return entry.second.record.Address - address < size; });
+  allocated_ -= size;
+  regions_.erase(it);
+  return Status::Ok();
+}
+
+Status VirtualProcess::CallstackSignature(uint64_t& hash) const {
+  std::lock_guard lock(mutex_);
+  hash = 0xcbf29ce484222325;  // FNV-1a, 64 bits
+  bool any = false;
+  for (const auto& [tid, thread] : threads_) {
+    if (!thread.suspended) continue;
+    any = true;
+    const auto rip = thread.registers.find(*RegisterIdByName("rip"));
+    const uint64_t value = rip != thread.registers.end() ? rip->second[0] : 0;
+    for (int byte = 0; byte < 8; ++byte) {
+      hash ^= (value >> (byte * 8)) & 0xFF;
+      hash *= 0x100000001b3;
+    }
+  }
+  if (any) return Status::Ok();
+  return Status::Fail(
+      KXAPI_COMMS_ERR_NOT_STOPPED,
+      u"process " + Decimal(pid_) + u" is running; suspend it to take its call-stack signature");
+}
+
+Status VirtualProcess::SanitizerReportOf(uint32_t tid, SanitizerReport& report) const {
+  std::lock_guard lock(mutex_);
+  const Thread* thread = FindThread(tid);
+  if (thread == nullptr) return NoThread(tid, pid_);
+  if (!thread->suspended) {
+    return Status::Fail(KXAPI_COMMS_ERR_NOT_STOPPED,
+                        u"thread " + Decimal(tid) + u" is running; suspend it first");
+  }
+  if (!thread->asan) {
+    return Status::Fail(KXAPI_COMMS_ERR_NO_ENTRY, u"thread " + Decimal(tid) + u" of process " +
+                                                      Decimal(pid_) + u" has no sanitizer report");
+  }
+  report = *thread->asan;
+  return Status::Ok();
+}
+
+Status VirtualProcess::SetNetworkEmulation(uint32_t port, const U32List& params) {
+  constexpr uint32_t kEveryPort = 0xFFFFFFFF;
+  if (!params.empty() && params.size() != 4) {
+    return Status::Fail(KXAPI_COMMS_ERR_INVALID_ARG,
+                        u"network emulation takes four values (latency, upload, download, "
+                        u"loss), not " +
+                            Decimal(params.size()));
+  }
+  if (port != kEveryPort) return Status::Ok();
+  std::lock_guard lock(mutex_);
+  network_ = params.empty() ? U32List{0, 0, 0, 0} : params;
+  return Status::Ok();
+}
+
+U32List VirtualProcess::NetworkEmulation() const {
+  std::lock_guard lock(mutex_);
+  return network_;
+}
+
+CoreDump VirtualProcess::Snapshot(uint32_t type) const {
+  std::lock_guard lock(mutex_);
+  CoreDump dump;
+  dump.header.DumpType = type;
+  dump.header.Process = InfoLocked();
+  for (const auto& [tid, thread] : threads_) {
+    CoreDumpThread& saved = dump.header.Threads.emplace_back();
+    saved.Info = ThreadRecord(tid, thread);
+    for (const auto& [id, words] : thread.registers)
+      saved.Registers.push_back({id, U64List(words.begin(), words.end())});
+  }
+  dump.header.Modules = objects_.Modules();
+  if (type != kCoreDumpFull) {
+    for (const auto& [base, region] : regions_)
+      dump.header.Regions.push_back({region.name, base, region.bytes.size(), region.protection, 0});
+    return dump;
+  }
+  for (const auto& [base, region] : regions_) {
+    dump.header.Regions.push_back({region.name, base, region.bytes.size(), region.protection, 1});
+    Bytes& contents = dump.contents.emplace_back(region.bytes);
+    // The program's own bytes, without the debugger's int3s.
+    for (const auto& [id, breakpoint] : software_) {
+      if (breakpoint.record.Address - base < contents.size()) {
+        contents[breakpoint.record.Address - base] = breakpoint.original;
+      }
+    }
+  }
+  return dump;
+}
+
+bool VirtualProcess::BeginDump() {
+  if (dumping_.exchange(true)) return false;
+  cancel_dump_ = false;
+  return true;
+}
+
+void VirtualProcess::EndDump() {
+  dumping_ = false;
+}
+
+Status VirtualProcess::CancelDump() {
+  if (!dumping_) {
+    return Status::Fail(KXAPI_COMMS_ERR_NO_ENTRY,
+                        u"no core dump of process " + Decimal(pid_) + u" is in progress");
+  }
+  cancel_dump_ = true;
+  return Status::Ok();
 }
 
 void VirtualProcess::Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad) const {
@@ -134,9 +334,10 @@ void VirtualProcess::Read(uint64_t address, uint32_t size, Bytes& data, uint32_t
   if (it != regions_.begin()) --it;
   for (; it != regions_.end() && it->first < end; ++it) {
     const uint64_t from = std::max(address, it->first);
-    const uint64_t to = std::min<uint64_t>(end, it->first + it->second.size());
+    const uint64_t to = std::min<uint64_t>(end, it->first + it->second.bytes.size());
     if (from >= to) continue;
-    std::memcpy(data.data() + (from - address), it->second.data() + (from - it->first), to - from);
+    std::memcpy(data.data() + (from - address), it->second.bytes.data() + (from - it->first),
+                to - from);
     covered += to - from;
   }
   bad = static_cast<uint32_t>(size - covered);

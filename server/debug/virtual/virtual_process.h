@@ -6,15 +6,19 @@
 //
 // Every method takes the process's own lock, so calls on other processes never wait on it.
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "requests/catalogue.h"
 #include "server/core/status.h"
 #include "server/debug/debug_backend.h"
+#include "server/debug/virtual/core_dump.h"
+#include "server/debug/virtual/process_objects.h"
 #include "server/kits/scenario.h"
 
 namespace qv::server {
@@ -29,6 +33,44 @@ class VirtualProcess {
   ThreadInfoList Threads() const;
   U32List ThreadIds() const;
   MemoryRangeList Ranges() const;
+  // One record per region: its name (the image's path unless the region or the allocation named
+  // it), start and end (exclusive), protection bits, and resident size = size.
+  VirtualMemoryList VirtualMemory() const;
+  // Modules, synchronisation and application objects, sockets, files: fixed, read without a lock.
+  const ProcessObjects& Objects() const { return objects_; }
+
+  // Pages a debugger allocates: zero-filled, whole pages of 4096 bytes, page-aligned, inside
+  // [start, end) where those are not 0 (else above the image's regions). At most 256 MiB of
+  // them per process.
+  enum class PageKind { kImage, kExecutable, kData };
+  Status Allocate(PageKind kind, uint32_t size, const std::u16string& name, uint64_t start,
+                  uint64_t end, uint64_t& address);
+  // Only an address an allocation of the same kind returned; software breakpoints in the page go
+  // with it.
+  Status Deallocate(PageKind kind, uint64_t address);
+
+  // FNV-1a over the rip of every suspended thread (eight bytes, little-endian), in tid order;
+  // refused with KXAPI_COMMS_ERR_NOT_STOPPED while no thread is suspended.
+  Status CallstackSignature(uint64_t& hash) const;
+
+  // The sanitizer report of a stopped thread (KXAPI_COMMS_ERR_NOT_STOPPED while it runs,
+  // KXAPI_COMMS_ERR_NO_ENTRY when its image gives none).
+  Status SanitizerReportOf(uint32_t tid, SanitizerReport& report) const;
+
+  // Network emulation: four values (latency in ms, upload and download limits in kbit/s, loss
+  // in 1/1000); no values restore the defaults (all 0). A virtual process has no traffic to
+  // treat per port: a setting for one port is checked, and only every port's is kept.
+  Status SetNetworkEmulation(uint32_t port, const U32List& params);
+  U32List NetworkEmulation() const;
+
+  // The process as a dump of `type` holds it, taken at one moment.
+  CoreDump Snapshot(uint32_t type) const;
+  // One dump at a time: false while one runs. A dump in progress sees DumpCancelled() once
+  // CancelDump has been called; CancelDump fails when none runs.
+  bool BeginDump();
+  void EndDump();
+  Status CancelDump();
+  const std::atomic<bool>& DumpCancelled() const { return cancel_dump_; }
 
   // The bytes at [address, address + size): unmapped ones read as zero and are counted in `bad`.
   void Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad) const;
@@ -76,7 +118,15 @@ class VirtualProcess {
     size_t next = 0;  // the step it takes next
     bool loop = false;
     uint32_t exit_code = 0;
-    bool stepping = false;  // runs one step, then the process stops
+    bool stepping = false;       // runs one step, then the process stops
+    std::optional<size_t> wait;  // the synchronisation object it waits on (Objects())
+    std::optional<SanitizerReport> asan;
+  };
+  struct Region {
+    Bytes bytes;
+    std::u16string name;
+    uint32_t protection = 0;
+    PageKind kind = PageKind::kImage;
   };
   // Where one step took a thread: on to run, stopped with a reason, or at the end of its path.
   enum class Outcome { kRuns, kStops, kExits };
@@ -92,19 +142,28 @@ class VirtualProcess {
   const Thread* FindThread(uint32_t tid) const;
   // The byte at `address` if it is mapped.
   uint8_t* Byte(uint64_t address);
+  // The lowest page-aligned address from `low` where `size` bytes fit below `high` between the
+  // regions.
+  std::optional<uint64_t> FreeSpace(uint64_t low, uint64_t high, uint64_t size) const;
   ThreadInfoRecord ThreadRecord(uint32_t tid, const Thread& thread) const;
   ProcessInfoRecord InfoLocked() const;
   void ProgramDebugRegisters();
 
   const uint32_t pid_;
   const ProgramImage image_;  // name, path and entry; regions and threads are copied below
+  const ProcessObjects objects_;
+  uint64_t image_top_ = 0;  // the end of the highest region of the image
   mutable std::mutex mutex_;
-  std::map<uint64_t, Bytes> regions_;  // base -> contents
+  std::map<uint64_t, Region> regions_;  // base -> region
+  uint64_t allocated_ = 0;              // bytes of pages allocated
+  U32List network_{0, 0, 0, 0};         // every port's emulation
   std::map<uint32_t, Thread> threads_;
   std::map<uint32_t, SoftwareBreakpoint> software_;
   std::map<uint32_t, HardwareBreakpointRecord> hardware_;
   uint32_t next_breakpoint_id_ = 1;
   bool ended_ = false;
+  std::atomic<bool> dumping_{false};
+  std::atomic<bool> cancel_dump_{false};
 };
 
 }  // namespace qv::server
