@@ -62,10 +62,17 @@ inline HRESULT ArrayElements(const VARIANT& array, std::vector<Variant>& element
     case VT_BSTR:
     case VT_DISPATCH:
     case VT_UNKNOWN:
+    case VT_I1:
+    case VT_UI1:
+    case VT_I2:
+    case VT_UI2:
     case VT_I4:
     case VT_UI4:
     case VT_INT:
     case VT_UINT:
+    case VT_I8:
+    case VT_UI8:
+    case VT_BOOL:
       break;
     default:
       return DISP_E_TYPEMISMATCH;
@@ -82,6 +89,7 @@ inline HRESULT ArrayElements(const VARIANT& array, std::vector<Variant>& element
   for (LONG index = lower; index <= upper; ++index) {
     Variant element;
     VARIANT* slot = element.Put();
+    slot->llVal = 0;  // a narrower element fills only its own bytes
     // SafeArrayGetElement hands out copies: a new BSTR, an AddRef'd pointer, a copied VARIANT.
     void* destination =
         element_type == VT_VARIANT ? static_cast<void*>(slot) : static_cast<void*>(&slot->llVal);

@@ -90,7 +90,7 @@ std::string ReadObject(Event* event, HRESULT (STDMETHODCALLTYPE Event::*get)(Out
   Out* object = nullptr;
   const HRESULT hr = (event->*get)(&object);
   if (object != nullptr) object->Release();
-  return hr == E_NOTIMPL && object == nullptr ? "E_NOTIMPL" : "object or " + std::to_string(hr);
+  return hr == S_OK && object != nullptr ? "object" : "failed " + std::to_string(hr);
 }
 
 }  // namespace

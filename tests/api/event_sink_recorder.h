@@ -12,8 +12,8 @@
 
 namespace qv::apitest {
 
-// One call a sink received: its method, and each property of the event as text ("E_NOTIMPL" for
-// a property this version cannot build, "no E_POINTER" when a null out-pointer was accepted).
+// One call a sink received: its method, and each property of the event as text ("object" for an
+// object-valued one that gave an object, "no E_POINTER" when a null out-pointer was accepted).
 struct SinkCall {
   std::string method;
   std::map<std::string, std::string> properties;

@@ -1,0 +1,315 @@
+// The debug objects through their public interfaces: the order of each method's checks, the
+// conversion of its arguments, the value objects made from records, and a breakpoint hit
+// reaching a sink as a stop whose objects read back the process and thread.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "api/live_api.h"
+#include "debug/process_object.h"
+#include "debug/thread_object.h"
+#include "debug/value_objects.h"
+#include "vekxapi/event_sink.h"
+
+namespace qv::apitest {
+namespace {
+
+constexpr char kDebugScenario[] = R"(kits:
+  - host: kit-debug
+    power: on
+    timings: {connect_ms: 1, step_ms: 5}
+    images:
+      - path: /app/loop.elf
+        entry: 0x401000
+        regions:
+          - {base: 0x401000, hex: "55 48 89 e5 90 90", size: 4096}
+        threads:
+          - name: main
+            path: [0x401000, 0x401004, 0x401005]
+            loop: true
+)";
+
+vekx::Variant ArrayOf(VARTYPE type, std::vector<uint64_t> values) {
+  SAFEARRAY* array = SafeArrayCreateVector(type, 0, static_cast<ULONG>(values.size()));
+  void* data = nullptr;
+  SafeArrayAccessData(array, &data);
+  const size_t width = SafeArrayGetElemsize(array);
+  for (size_t i = 0; i < values.size(); ++i)
+    std::memcpy(static_cast<char*>(data) + i * width, &values[i], width);
+  SafeArrayUnaccessData(array);
+  VARIANT value;
+  VariantInit(&value);
+  value.vt = static_cast<VARTYPE>(VT_ARRAY | type);
+  value.parray = array;
+  return vekx::Variant::Adopt(value);
+}
+
+template <class Interface>
+vekx::ComPtr<Interface> Element(const vekx::Variant& array, size_t index, REFIID iid) {
+  std::vector<vekx::Variant> elements;
+  EXPECT_EQ(vekx::ArrayElements(array.Get(), elements), S_OK);
+  vekx::ComPtr<Interface> object;
+  if (index < elements.size() && elements[index].Type() == VT_DISPATCH)
+    elements[index].Get().pdispVal->QueryInterface(iid, reinterpret_cast<void**>(object.Put()));
+  return object;
+}
+
+// Each method checks its out-pointers, then the link, before anything is sent; register calls
+// check their id array first. A process object without a link shows the order.
+TEST(DebugObjectChecks, OutPointersThenLinkThenArguments) {
+  vekx::ComPtr<IProcess10> process;
+  ASSERT_EQ(
+      CreateProcessObject(nullptr, 1, 7, IID_IProcess10, reinterpret_cast<void**>(process.Put())),
+      S_OK);
+  vekx::ComPtr<IThread2> thread;
+  ASSERT_EQ(
+      CreateThreadObject(nullptr, 1, 7, 8, IID_IThread2, reinterpret_cast<void**>(thread.Put())),
+      S_OK);
+  VARIANT out;
+  VariantInit(&out);
+  ULONG number = 0;
+  const vekx::Variant i4_ids = ArrayOf(VT_I4, {0x10000});
+  const vekx::Variant u4_ids = ArrayOf(VT_UI4, {0x10000});
+  const struct {
+    const char* call;
+    std::function<HRESULT()> run;
+    HRESULT expected;
+  } kCases[] = {
+      {"GetMemory null buffer", [&] { return process->GetMemory(0, 1, &number, nullptr); },
+       E_POINTER},
+      {"GetMemory null bad count", [&] { return process->GetMemory(0, 1, nullptr, &out); },
+       E_UNEXPECTED},
+      {"Resume wrong ids, no link", [&] { return process->Resume(u4_ids.Get(), &out); },
+       E_UNEXPECTED},
+      {"SyncPrimitives null out, no link", [&] { return process->get_SyncPrimitives(nullptr); },
+       E_UNEXPECTED},
+      {"Suspend null thread list", [&] { return process->Suspend(nullptr, &out, &out); },
+       E_POINTER},
+      {"Id without a link", [&] { return process->get_Id(&number); }, S_OK},
+      {"GetRegisters VT_UI4 ids", [&] { return thread->GetRegisters(u4_ids.Get(), nullptr); },
+       E_INVALIDARG},
+      {"GetRegisters VT_I4 ids, no link",
+       [&] { return thread->GetRegisters(i4_ids.Get(), nullptr); }, E_UNEXPECTED},
+      {"GetCompressedMemory null buffer",
+       [&] { return process->GetCompressedMemory(0, 1, 1, VARIANT_TRUE, nullptr); }, E_POINTER},
+  };
+  for (const auto& test : kCases)
+    EXPECT_EQ(test.run(), test.expected) << test.call;
+  EXPECT_EQ(number, 7u);
+}
+
+// Optional fields left out read as zero; a stop code above 0x7FFFFFFF reads back negative.
+TEST(DebugValueObjects, ThreadInfoWithoutOptionalFields) {
+  ThreadInfoRecord record;
+  record.Tid = 5;
+  record.Reason.Code = 0xA0020001;
+  vekx::Variant list;
+  ASSERT_EQ(OutThreadInfoArray({record}, {}, list.Put()), S_OK);
+  auto info = Element<IThreadInfo6>(list, 0, IID_IThreadInfo6);
+  ASSERT_TRUE(info);
+  ULONGLONG wide = 1;
+  ULONG narrow = 1;
+  using Wide = HRESULT (STDMETHODCALLTYPE IThreadInfo6::*)(ULONGLONG*);
+  for (Wide get : std::initializer_list<Wide>{
+           &IThreadInfo6::get_RIP, &IThreadInfo6::get_BranchFrom, &IThreadInfo6::get_BranchTo,
+           &IThreadInfo6::get_CurrentPTC, &IThreadInfo6::get_SyscallStartPTC}) {
+    wide = 1;
+    EXPECT_EQ((info.Get()->*get)(&wide), S_OK);
+    EXPECT_EQ(wide, 0u);
+  }
+  using Narrow = HRESULT (STDMETHODCALLTYPE IThreadInfo6::*)(ULONG*);
+  for (Narrow get :
+       std::initializer_list<Narrow>{&IThreadInfo6::get_CpuId, &IThreadInfo6::get_Flags}) {
+    narrow = 1;
+    EXPECT_EQ((info.Get()->*get)(&narrow), S_OK);
+    EXPECT_EQ(narrow, 0u);
+  }
+  using Array = HRESULT (STDMETHODCALLTYPE IThreadInfo6::*)(VARIANT*);
+  for (Array get : std::initializer_list<Array>{&IThreadInfo6::get_ExtraReasonInfo,
+                                                &IThreadInfo6::get_WaitObject}) {
+    vekx::Variant array;
+    ASSERT_EQ((info.Get()->*get)(array.Put()), S_OK);
+    std::vector<vekx::Variant> elements;
+    EXPECT_EQ(vekx::ArrayElements(array.Get(), elements), S_OK);
+    EXPECT_TRUE(elements.empty());
+  }
+  vekx::ComPtr<IStopReason> reason;
+  ASSERT_EQ(info->get_StopReason(reason.Put()), S_OK);
+  eStopNotificationReason code{};
+  ASSERT_EQ(reason->get_Code(&code), S_OK);
+  EXPECT_LT(static_cast<int32_t>(code), 0);
+}
+
+// One record of each kind of synchronisation object comes back, in kind order, as an object of
+// that kind's interface reading its record.
+TEST(DebugValueObjects, EverySynchronisationKind) {
+  SyncPrimInfoRecord lists;
+  int32_t kernel_id = 0;
+#define VEKX_ONE_OF_KIND(Kind, Record, label) \
+  lists.Kind##List.emplace_back().KernelID = kernel_id++;
+  VEKX_SYNC_OBJECT_KINDS(VEKX_ONE_OF_KIND)
+#undef VEKX_ONE_OF_KIND
+  const IID* const kInterfaces[] = {&IID_IUltQueueDataResourcePool,
+                                    &IID_IUltWaitingQueueResourcePool,
+                                    &IID_IUltQueue,
+                                    &IID_IUltRwlock,
+                                    &IID_IUltSemaphore,
+                                    &IID_IUltConditionVariable,
+                                    &IID_IUltMutex,
+                                    &IID_IVestaSemaphore,
+                                    &IID_IVestaKernelSemaphore,
+                                    &IID_IVestaEventFlag,
+                                    &IID_IVestaKernelEventFlag,
+                                    &IID_IVestaMutex,
+                                    &IID_IPosixMutex,
+                                    &IID_IVestaBarrier,
+                                    &IID_IPosixBarrier,
+                                    &IID_IVestaRwlock2,
+                                    &IID_IPosixRwlock2,
+                                    &IID_IVestaConditionVariable,
+                                    &IID_IPosixConditionVariable,
+                                    &IID_IVestaEventQueue2};
+  vekx::Variant array;
+  ASSERT_EQ(OutSyncPrimitiveArray(lists, array.Put()), S_OK);
+  std::vector<vekx::Variant> elements;
+  ASSERT_EQ(vekx::ArrayElements(array.Get(), elements), S_OK);
+  ASSERT_EQ(elements.size(), std::size(kInterfaces));
+  for (size_t i = 0; i < elements.size(); ++i) {
+    vekx::ComPtr<IDispatch> object;
+    ASSERT_EQ(elements[i].Get().pdispVal->QueryInterface(*kInterfaces[i],
+                                                         reinterpret_cast<void**>(object.Put())),
+              S_OK)
+        << i;
+    // Every kind's KernelId is its first property, the eighth slot after IDispatch's seven.
+    using GetKernelId = HRESULT(STDMETHODCALLTYPE*)(IDispatch*, LONG*);
+    LONG id = -1;
+    EXPECT_EQ(reinterpret_cast<GetKernelId>((*reinterpret_cast<void***>(object.Get()))[7])(
+                  object.Get(), &id),
+              S_OK);
+    EXPECT_EQ(id, static_cast<LONG>(i));
+  }
+}
+
+class DebugLiveTest : public LiveApiTest {
+ protected:
+  std::string Scenario() const override { return kDebugScenario; }
+};
+
+class StopSink : public vekx::EventSink<IEventDebug> {
+ public:
+  HRESULT STDMETHODCALLTYPE OnStopNotification(IStopNotificationEvent* event) override {
+    std::lock_guard lock(mutex_);
+    return event->get_StopNotification(stop_.Put());
+  }
+  vekx::ComPtr<IStopNotification> Stop() {
+    std::lock_guard lock(mutex_);
+    return stop_;
+  }
+  void Clear() {
+    std::lock_guard lock(mutex_);
+    stop_.Reset();
+  }
+
+ private:
+  std::mutex mutex_;
+  vekx::ComPtr<IStopNotification> stop_;
+};
+
+// Load stopped at the entry, read and patch memory, set a breakpoint in the loop and run into it:
+// the stop reaches the sink, and its objects read back the process and the stopped thread.
+TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
+  auto target = Target("kit-debug");
+  ASSERT_TRUE(target);
+  ASSERT_EQ(target->Connect(), S_OK);
+  const auto sink = vekx::MakeSink<StopSink>();
+  ASSERT_EQ(target->AdviseDebugEvents(sink.Get()), S_OK);
+  vekx::ComPtr<IProcess> loaded;
+  ASSERT_EQ(target->LoadProcess(DEVICE_APP, vekx::Bstr::FromUtf8("/app/loop.elf").Get(), 1, 0,
+                                nullptr, nullptr, loaded.Put()),
+            S_OK)
+      << TakeErrorText();
+  vekx::ComPtr<IProcess10> process;
+  ASSERT_EQ(loaded.QueryInto(IID_IProcess10, process), S_OK);
+  ULONG pid = 0;
+  ASSERT_EQ(process->get_Id(&pid), S_OK);
+  ASSERT_TRUE(servertest::WaitUntil([&] { return sink->Stop().Get() != nullptr; }));
+  sink->Clear();  // the stop at the entry point
+
+  vekx::Variant bytes;
+  ULONG bad = 99;
+  ASSERT_EQ(process->GetMemory(0x400FFE, 4, &bad, bytes.Put()), S_OK);
+  EXPECT_EQ(bad, 2u);  // the two bytes before the region
+  vekx::Variant opcode;
+  ULONG id = 0;
+  ASSERT_EQ(process->SetSoftwareBreakpoint(0, 0x401004, SWBREAKPT_ATTR_MODE, 0,
+                                           vekx::Variant().Get(), opcode.Put(), &id),
+            S_OK)
+      << TakeErrorText();
+  std::vector<vekx::Variant> original;
+  ASSERT_EQ(vekx::ArrayElements(opcode.Get(), original), S_OK);
+  ASSERT_EQ(original.size(), 1u);
+  EXPECT_EQ(original[0].Get().bVal, 0x90);
+
+  vekx::Variant failed;
+  ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << TakeErrorText();
+  ASSERT_TRUE(servertest::WaitUntil([&] { return sink->Stop().Get() != nullptr; }));
+  auto stop = sink->Stop();
+  vekx::ComPtr<IProcessInfo> info;
+  ASSERT_EQ(stop->get_ProcessInfo(info.Put()), S_OK);
+  ULONG stopped_pid = 0;
+  ASSERT_EQ(info->get_Id(&stopped_pid), S_OK);
+  EXPECT_EQ(stopped_pid, pid);
+  ULONG tid = 0;
+  ASSERT_EQ(stop->get_ThreadId(&tid), S_OK);
+  vekx::Variant threads;
+  ASSERT_EQ(stop->get_Threads(threads.Put()), S_OK);
+  auto thread_info = Element<IThreadInfo6>(threads, 0, IID_IThreadInfo6);
+  ASSERT_TRUE(thread_info);
+  ULONGLONG rip = 0;
+  ASSERT_EQ(thread_info->get_RIP(&rip), S_OK);
+  EXPECT_EQ(rip, 0x401004u);
+  vekx::ComPtr<IStopReason> reason;
+  ASSERT_EQ(thread_info->get_StopReason(reason.Put()), S_OK);
+  eStopNotificationReason code{};
+  ASSERT_EQ(reason->get_Code(&code), S_OK);
+  EXPECT_EQ(code, STOP_REASON_SIGSWBRKPT);
+
+  // The thread the stop names answers for its registers; a value count that is not four per
+  // id is refused unsent, twelve for three ids are sent.
+  vekx::ComPtr<IThread> thread;
+  ASSERT_EQ(thread_info->get_ThreadInterface(thread.Put()), S_OK);
+  ULONG thread_id = 0;
+  ASSERT_EQ(thread->get_Id(&thread_id), S_OK);
+  EXPECT_EQ(thread_id, tid);
+  vekx::Variant values;
+  ASSERT_EQ(thread->GetRegisters(ArrayOf(VT_I4, {REG_ID_RIP}).Get(), values.Put()), S_OK);
+  std::vector<vekx::Variant> words;
+  ASSERT_EQ(vekx::ArrayElements(values.Get(), words), S_OK);
+  ASSERT_EQ(words.size(), 4u);
+  EXPECT_EQ(words[0].Get().ullVal, 0x401004u);
+  const auto ids = ArrayOf(VT_I4, {REG_ID_RAX, REG_ID_RBX, REG_ID_RCX});
+  EXPECT_EQ(thread->SetRegisters(ids.Get(), ArrayOf(VT_UI8, std::vector<uint64_t>(11)).Get()),
+            E_INVALIDARG);
+  EXPECT_EQ(thread->SetRegisters(ids.Get(), ArrayOf(VT_UI8, std::vector<uint64_t>(12)).Get()), S_OK)
+      << TakeErrorText();
+
+  // SyncPrimitives asks before it looks at its out-pointer: an unknown process's error wins.
+  ULONG handle = 0;
+  ASSERT_EQ(target->get_Handle(&handle), S_OK);
+  vekx::ComPtr<IProcess10> unknown;
+  ASSERT_EQ(CreateProcessObject(client_, handle, 9999, IID_IProcess10,
+                                reinterpret_cast<void**>(unknown.Put())),
+            S_OK);
+  EXPECT_EQ(unknown->get_SyncPrimitives(nullptr),
+            static_cast<HRESULT>(KXAPI_COMMS_ERR_INVALID_PID));
+  EXPECT_EQ(process->get_SyncPrimitives(nullptr), E_POINTER);
+  EXPECT_EQ(process->Kill(), S_OK);
+  EXPECT_EQ(target->UnadviseDebugEvents(sink.Get()), S_OK);
+}
+
+}  // namespace
+}  // namespace qv::apitest
