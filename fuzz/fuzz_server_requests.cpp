@@ -71,8 +71,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     uint16_t pick = 0;
     std::memcpy(&pick, data, sizeof pick);
     uint32_t type_number = entries[pick % entries.size()].type_number;
-    // The packet log writes files: it stays out of the fuzz.
-    if (type_number == qv::CStartPacketLoggingRequest::kTypeNumber) {
+    // The packet log and core dumps write files: they stay out of the fuzz.
+    if (type_number == qv::CStartPacketLoggingRequest::kTypeNumber ||
+        type_number == qv::CTriggerCoredumpRequest::kTypeNumber) {
       type_number = qv::CGetServerVersionRequest::kTypeNumber;
     }
     const uint32_t target =

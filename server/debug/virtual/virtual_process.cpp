@@ -47,8 +47,15 @@ VirtualProcess::VirtualProcess(uint32_t pid, uint32_t first_tid, const ProgramIm
   }
   uint32_t tid = first_tid;
   for (const ImageThread& thread : image.threads) {
-    threads_[tid++] = Thread{thread.name, stopped,          0,     thread.registers, thread.path, 0,
-                             thread.loop, thread.exit_code, false, thread.wait,      thread.asan};
+    Thread& made = threads_[tid++] =
+        Thread{thread.name, stopped,          0,     thread.registers, thread.path, 0,
+               thread.loop, thread.exit_code, false, thread.wait,      thread.asan};
+    // A thread whose path starts where it stands is there already: its first step moves it on.
+    const auto rip = made.registers.find(*RegisterIdByName("rip"));
+    if (!made.path.empty() && !made.path.front().fault && rip != made.registers.end() &&
+        rip->second[0] == made.path.front().address) {
+      made.next = 1;
+    }
   }
 }
 
