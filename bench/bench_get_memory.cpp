@@ -1,0 +1,163 @@
+// Bulk reads through the public objects: IProcess::GetMemory of 64 KiB, 1 MiB and 16 MiB from a
+// virtual process of the real vesta-kx, beside a raw Unix-socket transfer of the same sizes (a
+// small request, then the bytes back) measured in the same run.
+//
+//   BM_RawBulk/SIZE     the floor: a forked child answers each small request with SIZE bytes
+//   BM_GetMemory/SIZE   GetMemory(base, SIZE) of a stopped process, the bytes in a safe array
+//
+// Every benchmark reports reads/s as items_per_second, bytes/s, and p50/p99 of one read in
+// microseconds; the ratio of GetMemory's rate to the floor's is printed at the end for each size.
+// Run it pinned to one core (taskset -c 0) and unpinned: the README keeps both.
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "api/root_object.h"
+#include "bench_floor.h"
+#include "bench_server_process.h"
+#include "vekxapi/bstr.h"
+#include "vekxapi/com_ptr.h"
+#include "vekxapi/variant.h"
+#include "vekxapi/vekxapi.h"
+
+namespace {
+
+using qv::bench::Clock;
+using qv::bench::Microseconds;
+
+constexpr int64_t kSizes[] = {64 << 10, 1 << 20, 16 << 20};
+constexpr uint64_t kBase = 0x10000000;
+// What a GET_MEMORY request frame and the head of its response take around the bytes.
+constexpr size_t kRequestBytes = 40;
+constexpr size_t kResponseHead = 40;
+
+constexpr char kScenario[] = R"(kits:
+  - host: bench-kit
+    power: on
+    timings: {connect_ms: 1}
+    images:
+      - path: /app/bench.elf
+        entry: 0x10000000
+        regions:
+          - {base: 0x10000000, fill: "a5 5a", size: 16777216}
+)";
+
+std::vector<std::unique_ptr<qv::bench::PingPongFloor>> g_floors;  // one per size, in order
+vekx::ComPtr<IProcess> g_process;
+
+size_t SizeIndex(int64_t size) {
+  for (size_t i = 0; i < std::size(kSizes); ++i)
+    if (kSizes[i] == size) return i;
+  return 0;
+}
+
+void BM_RawBulk(benchmark::State& state) {
+  auto samples = qv::bench::SampleStorage(state);
+  auto& floor = *g_floors[SizeIndex(state.range(0))];
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    if (!floor.RoundTrip(0)) {
+      state.SkipWithError("the bulk socket failed");
+      break;
+    }
+    samples.push_back(Microseconds(Clock::now() - start));
+  }
+  state.SetBytesProcessed(state.iterations() * state.range(0));
+  qv::bench::ReportLatency(state, samples);
+}
+
+void BM_GetMemory(benchmark::State& state) {
+  auto samples = qv::bench::SampleStorage(state);
+  const auto size = static_cast<ULONG>(state.range(0));
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    vekx::Variant bytes;
+    ULONG bad = 0;
+    if (g_process->GetMemory(kBase, size, &bad, bytes.Put()) != S_OK || bad != 0) {
+      state.SkipWithError("GetMemory failed");
+      break;
+    }
+    samples.push_back(Microseconds(Clock::now() - start));
+  }
+  state.SetBytesProcessed(state.iterations() * state.range(0));
+  qv::bench::ReportLatency(state, samples);
+}
+
+BENCHMARK(BM_RawBulk)->Arg(kSizes[0])->Arg(kSizes[1])->Arg(kSizes[2])->UseRealTime();
+BENCHMARK(BM_GetMemory)->Arg(kSizes[0])->Arg(kSizes[1])->Arg(kSizes[2])->UseRealTime();
+
+void PrintRatios(const qv::bench::FigureReporter& reporter) {
+  for (int64_t size : kSizes) {
+    const std::string suffix = "/" + std::to_string(size) + "/real_time";
+    const auto* raw = reporter.Find("BM_RawBulk" + suffix);
+    const auto* reads = reporter.Find("BM_GetMemory" + suffix);
+    if (raw == nullptr || reads == nullptr || raw->calls_per_second <= 0) continue;
+    const double mib = static_cast<double>(size) / (1 << 20);
+    std::fprintf(reporter.out(),
+                 "%8.3f MiB: GetMemory %.0f MiB/s, raw %.0f MiB/s, ratio %.2f; p50 %.0f us / "
+                 "raw %.0f us\n",
+                 mib, reads->calls_per_second * mib, raw->calls_per_second * mib,
+                 reads->calls_per_second / raw->calls_per_second, reads->p50, raw->p50);
+  }
+}
+
+bool LoadProcess(const std::u16string& user, const std::string& run_dir,
+                 vekx::ComPtr<IVEKXAPI>& api) {
+  if (qv::CreateRootObject(qv::CKXVEPrivateAPI::Create({user, run_dir}), IID_IVEKXAPI,
+                           reinterpret_cast<void**>(api.Put())) != S_OK ||
+      api->CheckCompatibility(21) != S_OK) {
+    return false;
+  }
+  vekx::ComPtr<ITarget> target;
+  return api->AddTarget(vekx::Bstr::FromUtf8("bench-kit").Get(), target.Put()) == S_OK &&
+         target->Connect() == S_OK &&
+         target->LoadProcess(DEVICE_APP, vekx::Bstr::FromUtf8("/app/bench.elf").Get(), 1, 0,
+                             nullptr, nullptr, g_process.Put()) == S_OK;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string_view format = qv::bench::OutputFormat(argc, argv);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+
+  // The floors' children are forked while this process still has one thread.
+  for (int64_t size : kSizes) {
+    g_floors.push_back(std::make_unique<qv::bench::PingPongFloor>());
+    if (!g_floors.back()->Start(1, kRequestBytes, static_cast<size_t>(size) + kResponseHead)) {
+      std::fprintf(stderr, "the bulk floor did not start\n");
+      return 1;
+    }
+  }
+
+  qv::bench::BenchServer server;
+  bool ok = server.Prepare("bench-memory");
+  const std::string scenario = (server.root() / "scenario.yaml").string();
+  std::ofstream(scenario) << kScenario;
+  ok = ok && server.Start({"--log-level", "1", "--scenario", scenario});
+  vekx::ComPtr<IVEKXAPI> api;
+  if (ok && !LoadProcess(server.user(), server.run_dir(), api)) {
+    std::fprintf(stderr, "cannot load the process to read\n");
+    ok = false;
+  }
+  if (ok) {
+    qv::bench::FigureReporter reporter(format);
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    PrintRatios(reporter);
+  }
+  g_process.Reset();
+  if (api) api->Dispose();
+  ok = server.Stop() && ok;
+  if (!ok) server.PrintOutput();
+  // Each floor's child holds the sockets of the floors made before it: the last goes first.
+  while (!g_floors.empty())
+    g_floors.pop_back();
+  benchmark::Shutdown();
+  return ok ? 0 : 1;
+}
