@@ -35,6 +35,7 @@ ctest --test-dir "$out/linux" --output-on-failure -j "$jobs"
 "$out/linux/bench/bench_server" --benchmark_min_time=0.01 >/dev/null
 "$out/linux/bench/bench_public_calls" --benchmark_min_time=0.01 >/dev/null
 "$out/linux/bench/bench_console" --benchmark_min_time=0.01 >/dev/null
+"$out/linux/bench/bench_get_memory" --benchmark_min_time=0.01 >/dev/null
 
 step "installed tree: the example program through find_package(vekxapi) and pkg-config"
 prefix="$out/install"
