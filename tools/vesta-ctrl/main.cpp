@@ -34,6 +34,9 @@ void PrintJsonFailure(const vesta_ctrl::Context& context, HRESULT code, const st
 int Main(int argc, char** argv) {
   vesta_ctrl::Context context;
   CLI::App app(kDescription, "vesta-ctrl");
+  // Options are spelled --name everywhere; on Windows a path such as /app/game.elf must stay a
+  // path rather than become a /option. Subcommands take this setting from the app.
+  app.allow_windows_style_options(false);
   app.add_flag("--json", context.json, "Print one JSON document (see docs/vesta-ctrl.md)");
   app.require_subcommand(1);
   vesta_ctrl::AddTargetCommands(app, context);
