@@ -12,7 +12,9 @@ fuzz_seconds=${VEKX_FUZZ_SECONDS:-60}
 jobs=$(nproc)
 mkdir -p "$out"
 
-step() { printf '\n== %s\n' "$*"; }
+# Each step says how long the run had taken when it began, so that slow steps show in CI logs.
+started=$SECONDS
+step() { printf '\n== [%ds] %s\n' "$((SECONDS - started))" "$*"; }
 
 step "format"
 cd "$root"
@@ -103,3 +105,4 @@ for attempt in 1 2 3; do
 done
 prefix_ready || { echo "the Wine prefix could not be made"; exit 1; }
 ctest --test-dir "$out/windows" --output-on-failure
+step "done"
