@@ -15,8 +15,9 @@ namespace qv::server {
 using DebugBackendFactory =
     std::function<std::shared_ptr<DebugBackend>(const Kit& kit, std::shared_ptr<DebugEvents>)>;
 
-// The server's own choice: a kit with program images has the virtual process backend; one without
-// has the base backend, which answers every debug operation with "not available on this target".
+// The server's own choice: the local target has the ptrace backend (Linux); a kit with program
+// images has the virtual process backend; one without has the base backend, which answers every
+// debug operation with "not available on this target".
 std::shared_ptr<DebugBackend> MakeDebugBackend(const Kit& kit, std::shared_ptr<DebugEvents> events);
 
 }  // namespace qv::server

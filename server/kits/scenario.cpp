@@ -113,6 +113,15 @@ ProgramImage SampleImage() {
 
 }  // namespace
 
+Kit LocalKit() {
+  Kit local;
+  local.host = u"localhost";
+  local.name = u"local";
+  local.power = PowerStatus::kOn;
+  local.local = true;
+  return local;
+}
+
 Scenario DefaultScenario() {
   Scenario scenario;
   Kit alpha;
@@ -134,6 +143,9 @@ Scenario DefaultScenario() {
   unreachable.name = unreachable.host;
   unreachable.reachable = false;
   scenario.kits = {alpha, beta, unreachable};
+#ifdef __linux__
+  scenario.kits.push_back(LocalKit());
+#endif
   return scenario;
 }
 
@@ -328,7 +340,15 @@ Scenario ScenarioFromDocument(const DocNode& root) {
   Scenario scenario;
   if (root.kind == Kind::kNull) return scenario;
   if (root.kind != Kind::kMap) Refuse(root, "a scenario must be a mapping with the key 'kits'");
-  CheckKeys(root, {"kits"}, "the scenario");
+  CheckKeys(root, {"kits", "local"}, "the scenario");
+  const DocNode* local = Find(root, "local");
+  if (local != nullptr && Flag(*local, "local")) {
+#ifdef __linux__
+    scenario.kits.push_back(LocalKit());
+#else
+    Refuse(*local, "the local target exists only on Linux");
+#endif
+  }
   const DocNode* kits = Find(root, "kits");
   if (kits == nullptr || kits->kind == Kind::kNull) return scenario;
   if (kits->kind != Kind::kList) Refuse(*kits, "'kits' must be a list");

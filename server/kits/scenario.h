@@ -131,6 +131,7 @@ struct Kit {
   KitTimings timings;
   std::vector<KitScript> scripts;
   std::vector<ProgramImage> images;
+  bool local = false;  // the host machine itself, its processes debugged through ptrace (Linux)
 
   friend bool operator==(const Kit&, const Kit&) = default;
 };
@@ -154,9 +155,12 @@ ScenarioResult ParseScenario(const std::string& text, const std::string& file_na
 // Reads and parses the file at `path`.
 ScenarioResult LoadScenarioFile(const std::string& path) noexcept;
 
-// The built-in scenario: two reachable kits (one on and the default, one off) and one host that
-// does not answer.
+// The built-in scenario: two reachable kits (one on and the default, one off), one host that
+// does not answer and, on Linux, the local target.
 Scenario DefaultScenario();
+
+// The local target: host "localhost", name "local", always on and reachable.
+Kit LocalKit();
 
 // ASCII case-insensitive equality, as host names compare.
 bool SameHost(std::u16string_view a, std::u16string_view b);

@@ -1,0 +1,29 @@
+#pragma once
+// What /proc says about a process and its threads, as the debug records carry it. The tracer adds
+// what only it knows (stop reasons, instruction pointers).
+
+#include <sys/types.h>
+
+#include <optional>
+
+#include "requests/debug_records.h"
+
+namespace qv::server {
+
+// The process information record of `pid`, or nullopt once it has gone: its name, path,
+// parent, main thread (the pid), entry point, and its processor time in microseconds.
+std::optional<ProcessInfoRecord> ProcessInfoOf(pid_t pid);
+
+// A thread's record from /proc: id, name, CPU, and its state as the kernel has it (running, or
+// inhibited and sleeping). The tracer overwrites the state of a thread it holds stopped.
+ThreadInfoRecord ThreadInfoOf(pid_t pid, pid_t tid);
+
+// eThreadState and eThreadWaitState values.
+enum : uint32_t {
+  kThreadInhibited = 1,
+  kThreadRunning = 4,
+  kWaitSuspended = 0x10000,
+  kWaitSleeping = 0x20000,
+};
+
+}  // namespace qv::server

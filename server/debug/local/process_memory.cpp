@@ -1,0 +1,103 @@
+#include "server/debug/local/process_memory.h"
+
+#include <fcntl.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "platform/wide_string.h"
+#include "server/debug/virtual/reporting.h"
+
+namespace qv::server {
+namespace {
+
+constexpr uint64_t kPage = 4096;
+
+// process_vm_readv of one piece; the bytes read (0 on failure).
+size_t VmRead(pid_t pid, uint64_t address, uint8_t* data, size_t size) {
+  iovec local{data, size};
+  iovec remote{reinterpret_cast<void*>(address), size};
+  const ssize_t got = process_vm_readv(pid, &local, 1, &remote, 1, 0);
+  return got > 0 ? static_cast<size_t>(got) : 0;
+}
+
+}  // namespace
+
+ProcessMemory::ProcessMemory(pid_t pid) : pid_(pid) {
+  Reopen();
+}
+
+ProcessMemory::~ProcessMemory() {
+  if (mem_fd_ >= 0) close(mem_fd_);
+}
+
+void ProcessMemory::Reopen() {
+  const std::string path = "/proc/" + std::to_string(pid_) + "/mem";
+  const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  std::lock_guard lock(mutex_);
+  if (mem_fd_ >= 0) close(mem_fd_);
+  mem_fd_ = fd;
+}
+
+size_t ProcessMemory::ReadMem(uint64_t address, uint8_t* data, size_t size) {
+  std::lock_guard lock(mutex_);
+  if (mem_fd_ < 0 || address > static_cast<uint64_t>(INT64_MAX)) return 0;
+  const ssize_t got = pread(mem_fd_, data, size, static_cast<off_t>(address));
+  return got > 0 ? static_cast<size_t>(got) : 0;
+}
+
+void ProcessMemory::Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad) {
+  data.assign(size, 0);
+  bad = 0;
+  size_t done = VmRead(pid_, address, data.data(), size);
+  // From the first byte the fast path could not read on, a page at a time.
+  while (done < size) {
+    const uint64_t at = address + done;
+    if (at < address) {  // past the top of the address space
+      bad += static_cast<uint32_t>(size - done);
+      break;
+    }
+    const size_t piece = std::min<uint64_t>(size - done, kPage - at % kPage);
+    size_t got = VmRead(pid_, at, data.data() + done, piece);
+    if (got == 0) got = ReadMem(at, data.data() + done, piece);
+    if (got == 0) {
+      bad += static_cast<uint32_t>(piece);
+      got = piece;
+    }
+    done += got;
+  }
+}
+
+Status ProcessMemory::Write(uint64_t address, const uint8_t* data, size_t size) {
+  size_t done = 0;
+  iovec local{const_cast<uint8_t*>(data), size};
+  iovec remote{reinterpret_cast<void*>(address), size};
+  const ssize_t wrote = process_vm_writev(pid_, &local, 1, &remote, 1, 0);
+  if (wrote > 0) done = static_cast<size_t>(wrote);
+  int error = 0;
+  while (done < size) {
+    std::lock_guard lock(mutex_);
+    const uint64_t at = address + done;
+    if (mem_fd_ < 0 || at > static_cast<uint64_t>(INT64_MAX)) {
+      error = mem_fd_ < 0 ? EBADF : EFAULT;
+      break;
+    }
+    const ssize_t got = pwrite(mem_fd_, data + done, size - done, static_cast<off_t>(at));
+    if (got <= 0) {
+      error = got < 0 ? errno : EFAULT;
+      break;
+    }
+    done += static_cast<size_t>(got);
+  }
+  if (done == size) return Status::Ok();
+  return Status::Fail(KXAPI_COMMS_ERR_INVALID_ADDRESS,
+                      Hex(address + done) + u" in process " + Decimal(static_cast<uint64_t>(pid_)) +
+                          u" cannot be written (" + platform::Utf8ToUtf16(std::strerror(error)) +
+                          u")");
+}
+
+}  // namespace qv::server

@@ -1,0 +1,35 @@
+#pragma once
+// Why a thread of a local process stopped, in the target's own numbering. Linux numbers its
+// signals differently (SIGBUS is 7 on Linux, 10 here; SIGUSR1 10 and 30), so signals are matched
+// by name, in one table, and never passed through as Linux numbers.
+
+#include <cstdint>
+#include <string>
+
+namespace qv::server {
+
+// eStopNotificationReason codes the local target reports besides the signals.
+enum : uint32_t {
+  kStopTrap = 5,  // STOP_REASON_SIGTRAP: a single step done, or a trap of the program's own
+  kStopNoSignal = 128,
+  kStopSuspendProcess = 129,
+  kStopSuspendThread = 130,
+  kStopSoftwareBreakpoint = 131,
+  kStopEntry = 132,  // STOP_REASON_DL_STOP_INIT
+  kStopHardwareBreakpoint = 134,
+};
+
+// The stop code of the Linux signal `signal`; STOP_REASON_SIGNONE (128) for one the target has no
+// name for (SIGPWR, SIGSTKFLT, the real-time signals).
+uint32_t StopReasonOfSignal(int signal);
+// Whether a debugger stops the process when the signal arrives. Signals a program gets in its
+// ordinary life (SIGCHLD, SIGWINCH, SIGALRM, ...) are handed on without stopping it.
+bool SignalStops(int signal);
+// "SIGSEGV", or "signal 40" for one without a name here.
+std::string SignalName(int signal);
+
+// What a debug trap stands for, from the debug status register DR6: a hardware breakpoint when
+// any of B0..B3 is set, else a single step or a plain trap.
+uint32_t StopReasonOfDr6(uint64_t dr6);
+
+}  // namespace qv::server

@@ -1,0 +1,886 @@
+#include "server/debug/local/traced_process.h"
+
+#include <signal.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+#include "platform/wide_string.h"
+#include "requests/notifications.h"
+#include "server/debug/local/hardware_slots.h"
+#include "server/debug/local/proc_files.h"
+#include "server/debug/local/process_info.h"
+#include "server/debug/local/process_modules.h"
+#include "server/debug/local/stop_reasons.h"
+#include "server/debug/local/thread_registers.h"
+#include "server/debug/virtual/reporting.h"
+
+namespace qv::server {
+namespace {
+
+constexpr uint8_t kInt3 = 0xCC;
+
+std::u16string Number(int64_t value) {
+  return Decimal(static_cast<uint64_t>(value));
+}
+
+long SignalArgument(int signal) {
+  return static_cast<long>(signal);
+}
+
+Status NoThread(uint32_t tid, pid_t pid) {
+  return Status::Fail(KXAPI_COMMS_ERR_INVALID_TID,
+                      u"process " + Number(pid) + u" has no thread " + Decimal(tid));
+}
+
+// Why the kernel refused to let us trace `pid`, in words a user can act on.
+std::u16string RefusalReason(pid_t pid, int error) {
+  const std::u16string prefix =
+      u"the kernel refused to let vesta-kx trace process " + Number(pid) + u": ";
+  if (error == ESRCH) return u"process " + Number(pid) + u" does not exist";
+  if (error != EPERM) return prefix + platform::Utf8ToUtf16(std::strerror(error));
+  const std::optional<uid_t> owner = OwnerOf(pid);
+  if (owner && *owner != geteuid()) {
+    return prefix + u"it belongs to user " + Decimal(*owner) + u", not to the server's user";
+  }
+  const std::string scope = ReadLine("/proc/sys/kernel/yama/ptrace_scope");
+  if (!scope.empty() && scope != "0") {
+    return prefix + u"the Yama ptrace_scope setting is " + platform::Utf8ToUtf16(scope) +
+           u" (/proc/sys/kernel/yama/ptrace_scope; 1 lets a program trace only its own "
+           u"descendants, 2 only with CAP_SYS_PTRACE, 3 never); set it to 0 or start the "
+           u"program through the server";
+  }
+  return prefix + u"operation not permitted (another debugger may trace it already)";
+}
+
+}  // namespace
+
+template <class Notification>
+Notification TracedProcess::Event() {
+  Notification notification;
+  notification.TargetKey = events_->Target();
+  notification.ProcessId = static_cast<uint32_t>(pid_);
+  notification.Timestamp = SteadyNanoseconds();
+  return notification;
+}
+
+TracedProcess::TracedProcess(bool loaded, std::shared_ptr<DebugEvents> events)
+    : loaded_(loaded),
+      events_(std::move(events)),
+      tracer_([this](pid_t tid, int status) { OnWaitStatus(tid, status); }) {}
+
+TracedProcess::~TracedProcess() {
+  Shutdown();
+  if (input_ >= 0) close(input_);
+}
+
+Status TracedProcess::OnTracer(const std::function<Status()>& work) {
+  Status status = Status::Fail(KXAPI_COMMS_ERR_INVALID_PID,
+                               u"process " + Number(pid_) + u" is no longer debugged here");
+  if (ended_) {
+    return Status::Fail(KXAPI_COMMS_ERR_INVALID_PID, u"process " + Number(pid_) + u" has ended");
+  }
+  tracer_.Run([&] { status = work(); });
+  return status;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Starting, attaching, ending.
+
+Status TracedProcess::Load(const LaunchPlan& plan, bool stop_at_entry,
+                           std::shared_ptr<DebugEvents> events, Ptr& process) {
+  Ptr made(new TracedProcess(true, std::move(events)));
+  Status status = made->OnTracer([&] { return made->StartLoaded(plan, stop_at_entry); });
+  if (status.ok()) process = std::move(made);
+  return status;
+}
+
+Status TracedProcess::StartLoaded(const LaunchPlan& plan, bool stop_at_entry) {
+  Launched launched;
+  if (Status status = LaunchTraced(plan, launched); !status.ok()) return status;
+  pid_ = launched.pid;
+  input_ = launched.input;
+  memory_ = std::make_unique<ProcessMemory>(pid_);
+  console_ = std::make_unique<ConsolePump>(pid_, launched.output, launched.error, events_);
+  program_ = ReadLink("/proc/" + std::to_string(pid_) + "/exe");
+  Thread& main = AddThread(pid_);
+  main.stopped = true;
+  traced_ = true;
+
+  CProcessLoadingNotification loading;
+  loading.TargetKey = events_->Target();
+  loading.Percentage = 100;
+  events_->Post(loading);
+  auto created = Event<CProcessCreateNotification>();
+  created.ParentProcessId = static_cast<uint32_t>(getpid());
+  events_->Post(created);
+  auto thread = Event<CThreadCreateNotification>();
+  thread.ThreadId = static_cast<uint32_t>(pid_);
+  events_->Post(thread);
+  PostModuleChanges();
+  if (stop_at_entry) {
+    ReportStop(pid_, kStopEntry);
+  } else {
+    running_ = true;
+    Continue(pid_, main);
+  }
+  return Status::Ok();
+}
+
+Status TracedProcess::Attach(pid_t pid, std::shared_ptr<DebugEvents> events, Ptr& process) {
+  Ptr made(new TracedProcess(false, std::move(events)));
+  made->pid_ = pid;
+  made->memory_ = std::make_unique<ProcessMemory>(pid);
+  Status status = made->OnTracer([&] { return made->Seize(pid); });
+  if (status.ok()) process = std::move(made);
+  return status;
+}
+
+Status TracedProcess::Reattach() {
+  if (traced_) {
+    return Status::Fail(KXAPI_COMMS_ERR_ALREADY_ATTACHED,
+                        u"process " + Number(pid_) + u" is being debugged already");
+  }
+  return OnTracer([this] { return Seize(pid_); });
+}
+
+// Seizes every thread, again until a pass finds none new (threads may start meanwhile; those
+// started by a seized thread are traced through its clone events).
+Status TracedProcess::Seize(pid_t pid) {
+  for (bool found = true; found;) {
+    found = false;
+    for (pid_t tid : TaskIds(pid)) {
+      if (threads_.count(tid) != 0) continue;
+      if (ptrace(PTRACE_SEIZE, tid, nullptr, reinterpret_cast<void*>(TraceOptions(false))) != 0) {
+        if (tid != pid && errno == ESRCH) continue;  // it ended meanwhile
+        const int error = errno;
+        for (const auto& [seized, thread] : threads_)
+          ptrace(PTRACE_DETACH, seized, nullptr, nullptr);
+        threads_.clear();
+        return Status::Fail(KXAPI_COMMS_ERR_NOT_DEBUGGABLE, RefusalReason(pid, error));
+      }
+      AddThread(tid).fresh = false;  // nothing to program yet
+      found = true;
+    }
+  }
+  if (threads_.empty()) {
+    return Status::Fail(KXAPI_COMMS_ERR_INVALID_PID,
+                        u"process " + Number(pid) + u" does not exist");
+  }
+  program_ = ReadLink("/proc/" + std::to_string(pid) + "/exe");
+  modules_ = ModulesOf(ReadMappings(pid), program_);
+  running_ = true;
+  traced_ = true;
+  return Status::Ok();
+}
+
+Status TracedProcess::Detach() {
+  return OnTracer([this] { return DetachNow(); });
+}
+
+Status TracedProcess::DetachNow() {
+  if (!traced_) {
+    return Status::Fail(KXAPI_COMMS_ERR_NOT_ATTACHED,
+                        u"process " + Number(pid_) + u" is not being debugged");
+  }
+  StopOthers(0);
+  running_ = false;
+  for (auto& [tid, thread] : threads_)
+    PutBackLifted(thread);
+  for (const auto& [id, breakpoint] : software_)
+    memory_->Write(breakpoint.record.Address, &breakpoint.original, 1);
+  software_.clear();
+  hardware_.clear();
+  bool stop_pending = false;
+  for (auto& [tid, thread] : threads_) {
+    ProgramDebugRegisters(tid);
+    stop_pending = stop_pending || thread.expect_sigstop;
+    ptrace(PTRACE_DETACH, tid, nullptr,
+           reinterpret_cast<void*>(SignalArgument(thread.pending_signal)));
+  }
+  // A SIGSTOP of ours that never showed up would stop the process once we are gone.
+  if (stop_pending && pid_ > 0) kill(pid_, SIGCONT);
+  threads_.clear();
+  traced_ = false;
+  return Status::Ok();
+}
+
+Status TracedProcess::Kill() {
+  return OnTracer([this] {
+    KillNow(true);
+    return Status::Ok();
+  });
+}
+
+void TracedProcess::KillNow(bool announce) {
+  if (pid_ <= 0) return;  // never started: kill(0) would hit the server's own group
+  killed_ = true;
+  if (!announce) ended_ = true;  // nothing is heard from here on
+  kill(pid_, SIGKILL);
+  // Its threads' last stops and exits, down to the main thread's, which OnExit announces.
+  int status = 0;
+  while (!threads_.empty()) {
+    const pid_t tid = TracerThread::Wait(-1, status, __WALL | __WNOTHREAD);
+    if (tid <= 0) break;
+    OnWaitStatus(tid, status);
+  }
+  ended_ = true;
+}
+
+void TracedProcess::Shutdown() {
+  tracer_.Run([this] {
+    if (ended_) return;
+    if (loaded_) {
+      KillNow(false);
+    } else if (traced_) {
+      DetachNow();
+    }
+  });
+  tracer_.Stop();
+  console_.reset();
+}
+
+// ---------------------------------------------------------------------------------------------
+// What waitpid reports.
+
+TracedProcess::Thread& TracedProcess::AddThread(pid_t tid) {
+  auto [it, added] = threads_.try_emplace(tid);
+  if (!added) return it->second;
+  it->second.name =
+      ReadLine("/proc/" + std::to_string(pid_) + "/task/" + std::to_string(tid) + "/comm");
+  // A thread started under the debugger: its first stop is the SIGSTOP the kernel gives it.
+  it->second.expect_sigstop = traced_ && tid != pid_;
+  if (traced_) {
+    auto created = Event<CThreadCreateNotification>();
+    created.ThreadId = static_cast<uint32_t>(tid);
+    events_->Post(created);
+  }
+  return it->second;
+}
+
+void TracedProcess::OnWaitStatus(pid_t tid, int status) {
+  if (WIFEXITED(status) || WIFSIGNALED(status)) {
+    OnExit(tid, status);
+    return;
+  }
+  if (!WIFSTOPPED(status) || !traced_) return;
+  Thread& thread = AddThread(tid);
+  thread.stopped = true;
+  const int event = status >> 16;
+  const int signal = WSTOPSIG(status);
+  if (killed_) {
+    Continue(tid, thread);
+    return;
+  }
+  if (event == PTRACE_EVENT_CLONE) {
+    unsigned long child = 0;
+    ptrace(PTRACE_GETEVENTMSG, tid, nullptr, &child);
+    AddThread(static_cast<pid_t>(child));
+    if (running_ && !thread.held) Continue(tid, thread);
+    return;
+  }
+  if (event == PTRACE_EVENT_EXEC) {
+    OnExec(tid);
+    return;
+  }
+  if (event == PTRACE_EVENT_EXIT) {
+    thread.exiting = true;
+    Continue(tid, thread);  // on to its end, whatever the others do
+    return;
+  }
+  if (event == PTRACE_EVENT_STOP || (signal == SIGSTOP && thread.expect_sigstop)) {
+    thread.expect_sigstop = false;
+    if (thread.fresh) ProgramDebugRegisters(tid);
+    if (running_ && !thread.held) Continue(tid, thread);
+    return;
+  }
+  if (signal == SIGTRAP) {
+    OnTrap(tid, thread);
+    return;
+  }
+  if (!SignalStops(signal)) {
+    thread.pending_signal = signal;
+    Continue(tid, thread);
+    return;
+  }
+  thread.pending_signal = signal == SIGSTOP ? 0 : signal;
+  ReportStop(tid, StopReasonOfSignal(signal));
+}
+
+void TracedProcess::OnTrap(pid_t tid, Thread& thread) {
+  siginfo_t info{};
+  ptrace(PTRACE_GETSIGINFO, tid, nullptr, &info);
+  uint64_t rip = 0;
+  ReadInstructionPointer(tid, rip);
+  if (info.si_code == SI_KERNEL) {  // an int3
+    if (const Breakpoint* breakpoint = BreakpointAt(rip - 1)) {
+      WriteInstructionPointer(tid, rip - 1);
+      const uint32_t only = breakpoint->record.ThreadID;
+      if (only != 0 && only != static_cast<uint32_t>(tid)) {
+        // Another thread's breakpoint: this one passes it.
+        StepOver(tid, thread);
+        if (running_) Continue(tid, thread);
+        return;
+      }
+      ReportStop(tid, kStopSoftwareBreakpoint);
+      return;
+    }
+    ReportStop(tid, kStopTrap);  // the program's own int3
+    return;
+  }
+  uint64_t dr6 = 0;
+  if (ReadDebugRegister(tid, 6, dr6).ok() && dr6 != 0) WriteDebugRegister(tid, 6, 0);
+  if (thread.stepping) {
+    thread.stepping = false;
+    PutBackLifted(thread);
+    ReportStop(tid, StopReasonOfDr6(dr6));
+    return;
+  }
+  if (info.si_code == TRAP_HWBKPT) {
+    ReportStop(tid, StopReasonOfDr6(dr6));
+    return;
+  }
+  // A SIGTRAP the program sent itself goes to it when it resumes.
+  if (info.si_code == SI_USER || info.si_code == SI_TKILL) thread.pending_signal = SIGTRAP;
+  ReportStop(tid, kStopTrap);
+}
+
+void TracedProcess::OnExit(pid_t tid, int status) {
+  if (tid != pid_) {
+    const auto it = threads_.find(tid);
+    if (it == threads_.end() || !traced_) return;
+    auto exited = Event<CThreadExitNotification>();
+    exited.ThreadId = static_cast<uint32_t>(tid);
+    exited.ExitCode = WIFEXITED(status) ? static_cast<uint64_t>(WEXITSTATUS(status)) : 0;
+    exited.Name = platform::Utf8ToUtf16(it->second.name);
+    events_->Post(exited);
+    threads_.erase(it);
+    return;
+  }
+  const bool announce = traced_ && !ended_;
+  ended_ = true;
+  traced_ = false;
+  threads_.clear();
+  if (!announce) return;
+  if (killed_) {
+    events_->Post(Event<CProcessKillNotification>());
+    return;
+  }
+  auto exited = Event<CProcessExitNotification>();
+  if (WIFEXITED(status)) {
+    exited.ExitCode = static_cast<uint32_t>(WEXITSTATUS(status));
+  } else {
+    // As a shell says it: 128 plus the signal's number; the console names the signal.
+    exited.ExitCode = 128 + static_cast<uint32_t>(WTERMSIG(status));
+    CConsoleOutputNotification line;
+    line.TargetKey = events_->Target();
+    line.Port = 1;      // STREAM_STDERR
+    line.Category = 0;  // KERNEL_OUTPUT
+    line.ProcessId = static_cast<uint32_t>(pid_);
+    line.Text = u"process " + Number(pid_) + u" was ended by " +
+                platform::Utf8ToUtf16(SignalName(WTERMSIG(status))) + u"\n";
+    events_->Post(line);
+  }
+  events_->Post(exited);
+}
+
+void TracedProcess::OnExec(pid_t tid) {
+  // The other threads are gone; the one that ran exec now carries the process id.
+  Thread survivor = threads_[tid];
+  threads_.clear();
+  threads_[pid_] = survivor;
+  memory_->Reopen();
+  software_.clear();  // their addresses were the old program's
+  hardware_.clear();
+  program_ = ReadLink("/proc/" + std::to_string(pid_) + "/exe");
+  Thread& thread = threads_[pid_];
+  if (running_) Continue(pid_, thread);
+}
+
+void TracedProcess::NoteStop(pid_t tid, Thread& thread, int status) {
+  thread.stopped = true;
+  const int event = status >> 16;
+  const int signal = WSTOPSIG(status);
+  if (event == PTRACE_EVENT_CLONE) {
+    unsigned long child = 0;
+    ptrace(PTRACE_GETEVENTMSG, tid, nullptr, &child);
+    AddThread(static_cast<pid_t>(child));
+  } else if (event == PTRACE_EVENT_EXIT) {
+    thread.exiting = true;
+  } else if (event == PTRACE_EVENT_STOP || (signal == SIGSTOP && thread.expect_sigstop)) {
+    thread.expect_sigstop = false;
+  } else if (signal == SIGTRAP && event == 0) {
+    // An int3 of ours hit meanwhile: back onto it, so that it is hit again once resumed.
+    uint64_t rip = 0;
+    siginfo_t info{};
+    ptrace(PTRACE_GETSIGINFO, tid, nullptr, &info);
+    if (info.si_code == SI_KERNEL && ReadInstructionPointer(tid, rip).ok() &&
+        BreakpointAt(rip - 1) != nullptr) {
+      WriteInstructionPointer(tid, rip - 1);
+    }
+  } else if (event == 0) {
+    thread.pending_signal = signal;
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Stopping and going.
+
+void TracedProcess::StopOthers(pid_t except) {
+  for (;;) {
+    pid_t waiting = 0;
+    for (auto& [tid, thread] : threads_) {
+      if (tid == except || thread.stopped) continue;
+      if (!thread.expect_sigstop) {
+        syscall(SYS_tgkill, pid_, tid, SIGSTOP);
+        thread.expect_sigstop = true;
+      }
+      waiting = tid;
+      break;
+    }
+    if (waiting == 0) return;
+    int status = 0;
+    if (TracerThread::Wait(waiting, status, __WALL) != waiting) {
+      // Gone without a status for us (reaped as part of an exec or an exit).
+      threads_.erase(waiting);
+      continue;
+    }
+    if (WIFEXITED(status) || WIFSIGNALED(status)) {
+      OnExit(waiting, status);
+      if (ended_) return;
+      continue;
+    }
+    if (threads_.count(waiting) != 0) NoteStop(waiting, threads_[waiting], status);
+  }
+}
+
+void TracedProcess::ReportStop(pid_t tid, uint32_t reason) {
+  StopOthers(tid);
+  if (ended_) return;
+  running_ = false;
+  for (auto& [other, thread] : threads_) {
+    thread.stepping = false;
+    PutBackLifted(thread);
+    thread.stop_code = reason;
+  }
+  PostModuleChanges();
+  CStopNotificationNotification stop;
+  stop.TargetKey = events_->Target();
+  stop.ThreadId = static_cast<uint32_t>(tid);
+  stop.Process = InfoRecord();
+  stop.Threads = ThreadRecords();
+  stop.Timestamp = SteadyNanoseconds();
+  events_->Post(stop);
+}
+
+void TracedProcess::Continue(pid_t tid, Thread& thread) {
+  const int signal = thread.pending_signal;
+  thread.pending_signal = 0;
+  if (ptrace(PTRACE_CONT, tid, nullptr, reinterpret_cast<void*>(SignalArgument(signal))) == 0 ||
+      errno == ESRCH) {
+    thread.stopped = false;
+    thread.stop_code = 0;
+  }
+}
+
+TracedProcess::Breakpoint* TracedProcess::BreakpointAt(uint64_t address) {
+  for (auto& [id, breakpoint] : software_) {
+    if (breakpoint.record.Address == address) return &breakpoint;
+  }
+  return nullptr;
+}
+
+void TracedProcess::StepOver(pid_t tid, Thread& thread) {
+  uint64_t rip = 0;
+  if (!ReadInstructionPointer(tid, rip).ok()) return;
+  const Breakpoint* breakpoint = BreakpointAt(rip);
+  if (breakpoint == nullptr) return;
+  const uint8_t original = breakpoint->original;
+  memory_->Write(rip, &original, 1);
+  for (;;) {
+    if (ptrace(PTRACE_SINGLESTEP, tid, nullptr, nullptr) != 0) break;
+    int status = 0;
+    if (TracerThread::Wait(tid, status, __WALL) != tid) break;
+    if (WIFEXITED(status) || WIFSIGNALED(status)) {
+      OnExit(tid, status);
+      break;
+    }
+    if (WSTOPSIG(status) == SIGTRAP && (status >> 16) == 0) break;  // the step is done
+    NoteStop(tid, thread, status);
+  }
+  if (BreakpointAt(rip) != nullptr) memory_->Write(rip, &kInt3, 1);
+}
+
+void TracedProcess::PutBackLifted(Thread& thread) {
+  if (!thread.lifted) return;
+  if (BreakpointAt(*thread.lifted) != nullptr) memory_->Write(*thread.lifted, &kInt3, 1);
+  thread.lifted.reset();
+}
+
+Status TracedProcess::Resume(const U32List& to_step, U32List& failed) {
+  return OnTracer([&] {
+    failed.clear();
+    if (to_step.empty()) {
+      for (auto& [tid, thread] : threads_) {
+        if (thread.stopped && !thread.exiting) StepOver(tid, thread);
+      }
+      running_ = true;
+      for (auto& [tid, thread] : threads_) {
+        thread.held = false;
+        if (thread.stopped) Continue(tid, thread);
+      }
+      return Status::Ok();
+    }
+    running_ = false;  // only the stepping threads run
+    for (uint32_t id : to_step) {
+      const auto it = threads_.find(static_cast<pid_t>(id));
+      if (it == threads_.end() || !it->second.stopped || it->second.exiting) {
+        failed.push_back(id);
+        continue;
+      }
+      Thread& thread = it->second;
+      uint64_t rip = 0;
+      if (ReadInstructionPointer(it->first, rip).ok() && BreakpointAt(rip) != nullptr) {
+        memory_->Write(rip, &BreakpointAt(rip)->original, 1);
+        thread.lifted = rip;
+      }
+      thread.stepping = true;
+      const int signal = thread.pending_signal;
+      thread.pending_signal = 0;
+      if (ptrace(PTRACE_SINGLESTEP, it->first, nullptr,
+                 reinterpret_cast<void*>(SignalArgument(signal))) != 0) {
+        thread.stepping = false;
+        PutBackLifted(thread);
+        failed.push_back(id);
+        continue;
+      }
+      thread.stopped = false;
+      thread.stop_code = 0;
+    }
+    return Status::Ok();
+  });
+}
+
+Status TracedProcess::Suspend(ProcessInfoRecord& info, ThreadInfoList& threads) {
+  return OnTracer([&] {
+    StopOthers(0);
+    running_ = false;
+    for (auto& [tid, thread] : threads_) {
+      if (thread.stop_code == 0) thread.stop_code = kStopSuspendProcess;
+    }
+    info = InfoRecord();
+    threads = ThreadRecords();
+    return Status::Ok();
+  });
+}
+
+Status TracedProcess::SuspendThread(uint32_t tid, uint32_t& state) {
+  return OnTracer([&] {
+    const auto it = threads_.find(static_cast<pid_t>(tid));
+    if (it == threads_.end()) return NoThread(tid, pid_);
+    if (!it->second.stopped) {
+      // Stopping the others but this one would stop them; stop this one alone instead.
+      for (auto& [other, thread] : threads_) {
+        if (other != it->first && !thread.stopped) thread.held = true;
+      }
+      it->second.held = true;
+      syscall(SYS_tgkill, pid_, it->first, SIGSTOP);
+      it->second.expect_sigstop = true;
+      while (!it->second.stopped) {
+        int status = 0;
+        if (TracerThread::Wait(it->first, status, __WALL) != it->first) break;
+        if (WIFEXITED(status) || WIFSIGNALED(status)) {
+          OnExit(it->first, status);
+          return NoThread(tid, pid_);
+        }
+        NoteStop(it->first, it->second, status);
+      }
+      for (auto& [other, thread] : threads_) {
+        if (other != it->first && !thread.stopped) thread.held = false;
+      }
+      it->second.stop_code = kStopSuspendThread;
+    }
+    it->second.held = true;
+    state = kThreadInhibited;
+    return Status::Ok();
+  });
+}
+
+Status TracedProcess::ResumeThread(uint32_t tid) {
+  return OnTracer([&] {
+    const auto it = threads_.find(static_cast<pid_t>(tid));
+    if (it == threads_.end()) return NoThread(tid, pid_);
+    it->second.held = false;
+    if (it->second.stopped) {
+      StepOver(it->first, it->second);
+      Continue(it->first, it->second);
+    }
+    return Status::Ok();
+  });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Records.
+
+ProcessInfoRecord TracedProcess::InfoRecord() {
+  ProcessInfoRecord record = ProcessInfoOf(pid_).value_or(ProcessInfoRecord{});
+  record.ProcessID = static_cast<uint32_t>(pid_);
+  bool all_stopped = !threads_.empty();
+  for (const auto& [tid, thread] : threads_)
+    all_stopped = all_stopped && thread.stopped;
+  const auto main = threads_.find(pid_);
+  if (all_stopped && main != threads_.end()) record.Reason.Code = main->second.stop_code;
+  return record;
+}
+
+ThreadInfoList TracedProcess::ThreadRecords() {
+  ThreadInfoList records;
+  for (const auto& [tid, thread] : threads_) {
+    ThreadInfoRecord record = ThreadInfoOf(pid_, tid);
+    if (record.Name.empty()) record.Name = thread.name;
+    if (thread.stopped) {
+      record.State = kThreadInhibited;
+      record.WaitState = kWaitSuspended;
+      uint64_t rip = 0;
+      if (ReadInstructionPointer(tid, rip).ok()) record.Rip = rip;
+      record.StackAddr = ReadStackPointer(tid);
+    }
+    record.Reason.Code = thread.stop_code;
+    records.push_back(std::move(record));
+  }
+  return records;
+}
+
+void TracedProcess::PostModuleChanges() {
+  const ModuleInfoList now = ModulesOf(ReadMappings(pid_), program_);
+  ModuleInfoList loaded;
+  U64List unloaded;
+  ModuleChanges(modules_, now, loaded, unloaded);
+  for (uint64_t id : unloaded) {
+    auto gone = Event<CDynamicLibraryUnloadNotification>();
+    gone.ModuleId = id;
+    events_->Post(gone);
+  }
+  for (ModuleInfoRecord& module : loaded) {
+    auto added = Event<CDynamicLibraryLoadNotification>();
+    added.Module = std::move(module);
+    events_->Post(added);
+  }
+  modules_ = now;
+}
+
+Status TracedProcess::Info(ProcessInfoRecord& info) {
+  return OnTracer([&] {
+    info = InfoRecord();
+    return Status::Ok();
+  });
+}
+
+Status TracedProcess::Threads(ThreadInfoList& threads) {
+  return OnTracer([&] {
+    threads = ThreadRecords();
+    return Status::Ok();
+  });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Registers and memory.
+
+Status TracedProcess::StoppedThread(uint32_t tid, Thread*& thread) {
+  const auto it = threads_.find(static_cast<pid_t>(tid));
+  if (it == threads_.end()) return NoThread(tid, pid_);
+  if (!it->second.stopped) {
+    return Status::Fail(KXAPI_COMMS_ERR_NOT_STOPPED, u"thread " + Decimal(tid) + u" of process " +
+                                                         Number(pid_) +
+                                                         u" is running; suspend it first");
+  }
+  thread = &it->second;
+  return Status::Ok();
+}
+
+Status TracedProcess::GetRegisters(uint32_t tid, const U32List& ids, U64List& values) {
+  return OnTracer([&] {
+    Thread* thread = nullptr;
+    if (Status status = StoppedThread(tid, thread); !status.ok()) return status;
+    return ReadRegisters(static_cast<pid_t>(tid), ids, values);
+  });
+}
+
+Status TracedProcess::SetRegisters(uint32_t tid, const U32List& ids, const U64List& values) {
+  return OnTracer([&] {
+    Thread* thread = nullptr;
+    if (Status status = StoppedThread(tid, thread); !status.ok()) return status;
+    return WriteRegisters(static_cast<pid_t>(tid), ids, values);
+  });
+}
+
+void TracedProcess::Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad) {
+  memory_->Read(address, size, data, bad);
+}
+
+Status TracedProcess::Write(uint64_t address, const Bytes& data) {
+  return OnTracer([&] {
+    Bytes bytes = data;
+    for (auto& [id, breakpoint] : software_) {
+      const uint64_t offset = breakpoint.record.Address - address;
+      if (offset >= bytes.size()) continue;
+      breakpoint.original = bytes[offset];
+      bytes[offset] = kInt3;
+    }
+    return memory_->Write(address, bytes.data(), bytes.size());
+  });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Breakpoints.
+
+Status TracedProcess::SetSoftwareBreakpoint(const CSetSoftwareBreakPointRequest& request,
+                                            Bytes& original, uint32_t& id) {
+  return OnTracer([&] {
+    if (request.ThreadID != 0 && threads_.count(static_cast<pid_t>(request.ThreadID)) == 0) {
+      return NoThread(request.ThreadID, pid_);
+    }
+    for (const auto& [other_id, other] : software_) {
+      if (other.record.Address == request.Address) {
+        return Status::Fail(
+            KXAPI_COMMS_ERR_DUPLICATE_ENTRY,
+            u"breakpoint " + Decimal(other_id) + u" is already at " + Hex(request.Address));
+      }
+    }
+    Bytes bytes;
+    uint32_t bad = 0;
+    memory_->Read(request.Address, 1, bytes, bad);
+    if (bad != 0) {
+      return Status::Fail(KXAPI_COMMS_ERR_INVALID_ADDRESS,
+                          Hex(request.Address) + u" is not mapped in process " + Number(pid_));
+    }
+    if (Status status = memory_->Write(request.Address, &kInt3, 1); !status.ok()) return status;
+    Breakpoint breakpoint;
+    breakpoint.record.ThreadID = request.ThreadID;
+    breakpoint.record.Address = request.Address;
+    breakpoint.record.Attribute = request.Attributes;
+    breakpoint.record.HitCount = request.HitCount;
+    breakpoint.record.DIFByteCode = request.DIFByteCode;
+    breakpoint.record.BreakPtId = id = next_breakpoint_id_++;
+    breakpoint.original = bytes[0];
+    original = bytes;
+    software_[id] = std::move(breakpoint);
+    return Status::Ok();
+  });
+}
+
+Status TracedProcess::ClearSoftwareBreakpoint(uint32_t id) {
+  return OnTracer([&] {
+    const auto it = software_.find(id);
+    if (it == software_.end()) {
+      return Status::Fail(
+          KXAPI_COMMS_ERR_INVALID_SWBRKPT_ID,
+          u"process " + Number(pid_) + u" has no software breakpoint " + Decimal(id));
+    }
+    const Breakpoint breakpoint = it->second;
+    software_.erase(it);
+    return memory_->Write(breakpoint.record.Address, &breakpoint.original, 1);
+  });
+}
+
+Status TracedProcess::SoftwareBreakpoints(SoftwareBreakpointList& list) {
+  return OnTracer([&] {
+    for (const auto& [id, breakpoint] : software_)
+      list.push_back(breakpoint.record);
+    return Status::Ok();
+  });
+}
+
+Status TracedProcess::ProgramDebugRegisters(pid_t tid) {
+  std::vector<HardwareBreakpointRecord> slots;
+  for (const auto& [id, record] : hardware_)
+    slots.push_back(record);
+  const DebugRegisterValues values = EncodeDebugRegisters(slots);
+  // DR7 off first, so that no half-programmed slot is live; then the addresses, then DR7.
+  if (Status status = WriteDebugRegister(tid, 7, 0); !status.ok()) return status;
+  for (uint32_t slot = 0; slot < 4; ++slot) {
+    if (Status status = WriteDebugRegister(tid, slot, values.address[slot]); !status.ok()) {
+      return status;
+    }
+  }
+  threads_[tid].fresh = false;
+  return WriteDebugRegister(tid, 7, values.dr7);
+}
+
+Status TracedProcess::WithAllStopped(const std::function<Status()>& work) {
+  std::vector<pid_t> were_running;
+  for (const auto& [tid, thread] : threads_) {
+    if (!thread.stopped) were_running.push_back(tid);
+  }
+  StopOthers(0);
+  const Status status = work();
+  for (pid_t tid : were_running) {
+    const auto it = threads_.find(tid);
+    if (it != threads_.end() && it->second.stopped && !it->second.held) Continue(tid, it->second);
+  }
+  return status;
+}
+
+Status TracedProcess::SetHardwareBreakpoint(uint64_t address, uint32_t flags, uint32_t size,
+                                            uint32_t& id) {
+  return OnTracer([&] {
+    if (Status status = CheckHardwareBreakpoint(address, flags, size, hardware_.size());
+        !status.ok()) {
+      return status;
+    }
+    HardwareBreakpointRecord record;
+    record.Address = address;
+    record.Flags = flags;
+    record.RegionSize = size;
+    record.BreakPtId = next_breakpoint_id_;
+    hardware_[record.BreakPtId] = record;
+    const Status status = WithAllStopped([&] {
+      for (const auto& [tid, thread] : threads_) {
+        if (Status programmed = ProgramDebugRegisters(tid); !programmed.ok()) return programmed;
+      }
+      return Status::Ok();
+    });
+    if (!status.ok()) {
+      hardware_.erase(record.BreakPtId);
+      WithAllStopped([&] {
+        for (const auto& [tid, thread] : threads_)
+          ProgramDebugRegisters(tid);
+        return Status::Ok();
+      });
+      return status;
+    }
+    id = next_breakpoint_id_++;
+    return Status::Ok();
+  });
+}
+
+Status TracedProcess::ClearHardwareBreakpoint(uint32_t id) {
+  return OnTracer([&] {
+    if (hardware_.erase(id) == 0) {
+      return Status::Fail(
+          KXAPI_COMMS_ERR_INVALID_HWBRKPT_ID,
+          u"process " + Number(pid_) + u" has no hardware breakpoint " + Decimal(id));
+    }
+    return WithAllStopped([&] {
+      for (const auto& [tid, thread] : threads_) {
+        if (Status status = ProgramDebugRegisters(tid); !status.ok()) return status;
+      }
+      return Status::Ok();
+    });
+  });
+}
+
+Status TracedProcess::HardwareBreakpoints(HardwareBreakpointList& list) {
+  return OnTracer([&] {
+    for (const auto& [id, record] : hardware_)
+      list.push_back(record);
+    return Status::Ok();
+  });
+}
+
+}  // namespace qv::server

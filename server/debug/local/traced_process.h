@@ -1,0 +1,163 @@
+#pragma once
+// One local process under the debugger: its threads, breakpoints and run control, driven through
+// ptrace from its own tracer thread (tracer_thread.h). Every method that touches the tracee runs
+// there, so the state below is the tracer thread's alone and needs no lock; memory reads and
+// what /proc tells run on the caller's thread.
+//
+// Run control is all-stop: when one thread stops (a breakpoint, a step, a signal worth a stop)
+// the others are stopped with SIGSTOP before the STOP_NOTIFICATION goes out, and a resume lets
+// them all go again. A SIGSTOP sent by us that shows up later is swallowed; a signal that arrives
+// while the others are being stopped is kept and delivered when the thread resumes.
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "requests/catalogue.h"
+#include "server/core/status.h"
+#include "server/debug/debug_backend.h"
+#include "server/debug/local/console_pump.h"
+#include "server/debug/local/process_launch.h"
+#include "server/debug/local/process_memory.h"
+#include "server/debug/local/tracer_thread.h"
+
+namespace qv::server {
+
+class TracedProcess {
+ public:
+  using Ptr = std::shared_ptr<TracedProcess>;
+
+  // Starts `plan` under the debugger and announces it: PROCESS_LOADING, PROCESS_CREATE,
+  // THREAD_CREATE, a DYNAMIC_LIBRARY_LOAD per module, then with `stop_at_entry` one
+  // STOP_NOTIFICATION (STOP_REASON_DL_STOP_INIT); without it the process runs.
+  static Status Load(const LaunchPlan& plan, bool stop_at_entry,
+                     std::shared_ptr<DebugEvents> events, Ptr& process);
+  // Traces the running process `pid` (every thread of it), leaving it running.
+  static Status Attach(pid_t pid, std::shared_ptr<DebugEvents> events, Ptr& process);
+  // Shutdown().
+  ~TracedProcess();
+  TracedProcess(const TracedProcess&) = delete;
+  TracedProcess& operator=(const TracedProcess&) = delete;
+
+  pid_t pid() const { return pid_; }
+  bool loaded() const { return loaded_; }
+  // Under the debugger now (not detached, not ended).
+  bool traced() const { return traced_; }
+  // Ended, or (for a process that was attached) detached: nothing more to do with it.
+  bool gone() const { return ended_ || (!loaded_ && !traced_); }
+
+  // Traces again a process this server loaded and detached from.
+  Status Reattach();
+  // Removes every breakpoint and lets the process run on untraced.
+  Status Detach();
+  // Kills it and waits for its end; PROCESS_KILL is announced.
+  Status Kill();
+  // A loaded process is killed, an attached one detached; then the tracer ends. Announces nothing.
+  void Shutdown();
+
+  Status Info(ProcessInfoRecord& info);
+  Status Threads(ThreadInfoList& threads);
+  Status Suspend(ProcessInfoRecord& info, ThreadInfoList& threads);
+  Status Resume(const U32List& to_step, U32List& failed);
+  Status SuspendThread(uint32_t tid, uint32_t& state);
+  Status ResumeThread(uint32_t tid);
+
+  Status GetRegisters(uint32_t tid, const U32List& ids, U64List& values);
+  Status SetRegisters(uint32_t tid, const U32List& ids, const U64List& values);
+
+  // Reads need no tracer: from any thread. Memory reads show the int3 of a software breakpoint.
+  void Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad);
+  // A write over a software breakpoint changes the byte the breakpoint gives back.
+  Status Write(uint64_t address, const Bytes& data);
+
+  Status SetSoftwareBreakpoint(const CSetSoftwareBreakPointRequest& request, Bytes& original,
+                               uint32_t& id);
+  Status ClearSoftwareBreakpoint(uint32_t id);
+  Status SoftwareBreakpoints(SoftwareBreakpointList& list);
+  Status SetHardwareBreakpoint(uint64_t address, uint32_t flags, uint32_t size, uint32_t& id);
+  Status ClearHardwareBreakpoint(uint32_t id);
+  Status HardwareBreakpoints(HardwareBreakpointList& list);
+
+ private:
+  struct Thread {
+    std::string name;
+    bool stopped = false;         // in a ptrace stop
+    bool expect_sigstop = false;  // a SIGSTOP of ours is on its way to it
+    bool fresh = true;            // its debug registers are not programmed yet
+    bool held = false;            // suspended on its own (SUSPEND_THREAD)
+    bool stepping = false;
+    bool exiting = false;  // stopped on its way out
+    int pending_signal = 0;
+    uint32_t stop_code = 0;
+    std::optional<uint64_t> lifted;  // a breakpoint's address whose int3 is out for its step
+  };
+  struct Breakpoint {
+    SoftwareBreakpointRecord record;
+    uint8_t original = 0;
+  };
+
+  TracedProcess(bool loaded, std::shared_ptr<DebugEvents> events);
+  // Runs `work` on the tracer; a failure when the tracer has ended.
+  Status OnTracer(const std::function<Status()>& work);
+  Status StartLoaded(const LaunchPlan& plan, bool stop_at_entry);
+  Status Seize(pid_t pid);
+  Status DetachNow();
+  void KillNow(bool announce);
+
+  // Wait statuses: from the tracer's loop, and from the waits below.
+  void OnWaitStatus(pid_t tid, int status);
+  void OnTrap(pid_t tid, Thread& thread);
+  void OnExit(pid_t tid, int status);
+  void OnExec(pid_t tid);
+  // A stop status of a thread met while stopping the others: noted, to be dealt with on resume.
+  void NoteStop(pid_t tid, Thread& thread, int status);
+  Thread& AddThread(pid_t tid);
+
+  // Stops every thread but `except` (0: all) and waits until they are.
+  void StopOthers(pid_t except);
+  // Stops them all, reports the stop of `tid` with `reason`, and announces module changes first.
+  void ReportStop(pid_t tid, uint32_t reason);
+  void Continue(pid_t tid, Thread& thread);
+  // Past the breakpoint it stands on: the original byte back for one step, then the int3.
+  void StepOver(pid_t tid, Thread& thread);
+  void PutBackLifted(Thread& thread);
+  Breakpoint* BreakpointAt(uint64_t address);
+  Status ProgramDebugRegisters(pid_t tid);
+  // Runs `work` with every thread stopped, then lets those that ran go on.
+  Status WithAllStopped(const std::function<Status()>& work);
+  Status StoppedThread(uint32_t tid, Thread*& thread);
+
+  ProcessInfoRecord InfoRecord();
+  ThreadInfoList ThreadRecords();
+  void PostModuleChanges();
+  template <class Notification>
+  Notification Event();
+
+  const bool loaded_;
+  const std::shared_ptr<DebugEvents> events_;
+  pid_t pid_ = 0;  // set before the object is handed out
+  std::unique_ptr<ProcessMemory> memory_;
+  std::atomic<bool> traced_{false};
+  std::atomic<bool> ended_{false};
+
+  // The tracer thread's.
+  std::map<pid_t, Thread> threads_;
+  bool running_ = false;  // the whole process was let go: new threads and our SIGSTOPs run on
+  bool killed_ = false;
+  std::string program_;  // the executable's path
+  ModuleInfoList modules_;
+  std::map<uint32_t, Breakpoint> software_;
+  std::map<uint32_t, HardwareBreakpointRecord> hardware_;
+  uint32_t next_breakpoint_id_ = 1;
+
+  std::unique_ptr<ConsolePump> console_;
+  int input_ = -1;       // the write end of a loaded process's stdin
+  TracerThread tracer_;  // last: its thread uses everything above
+};
+
+}  // namespace qv::server
