@@ -1,0 +1,391 @@
+// The local target through the public objects against a real vesta-kx: a small program run and
+// attached under ptrace, broken into, read, changed, stepped, and ended. Skipped where the
+// kernel does not let this process trace its children.
+#ifdef VEKX_DEBUGGEE
+
+#include <signal.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <sstream>
+
+#include "api/live_api.h"
+#include "debug/process_object.h"
+#include "debug/thread_object.h"
+#include "vekxapi/event_sink.h"
+
+namespace qv::apitest {
+namespace {
+
+// Whether a child of this process may be traced (Yama, seccomp and containers may forbid it).
+bool PtraceAllowed() {
+  const pid_t child = fork();
+  if (child == 0) _exit(ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0 ? 0 : 1);
+  int status = 0;
+  return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) &&
+         WEXITSTATUS(status) == 0;
+}
+
+uint64_t Symbol(const std::string& name) {
+  std::ifstream list(std::string(VEKX_DEBUGGEE) + ".syms");
+  for (std::string line; std::getline(list, line);) {
+    std::istringstream fields(line);
+    std::string symbol, type, address;
+    if (fields >> symbol >> type >> address && symbol == name)
+      return std::stoull(address, nullptr, 16);
+  }
+  return 0;
+}
+
+vekx::Variant Array(VARTYPE type, const std::vector<uint64_t>& values) {
+  SAFEARRAY* array = SafeArrayCreateVector(type, 0, static_cast<ULONG>(values.size()));
+  void* data = nullptr;
+  SafeArrayAccessData(array, &data);
+  const size_t width = SafeArrayGetElemsize(array);
+  for (size_t i = 0; i < values.size(); ++i)
+    std::memcpy(static_cast<char*>(data) + i * width, &values[i], width);
+  SafeArrayUnaccessData(array);
+  VARIANT value;
+  VariantInit(&value);
+  value.vt = static_cast<VARTYPE>(VT_ARRAY | type);
+  value.parray = array;
+  return vekx::Variant::Adopt(value);
+}
+
+std::vector<uint64_t> Numbers(const vekx::Variant& array) {
+  std::vector<vekx::Variant> elements;
+  EXPECT_EQ(vekx::ArrayElements(array.Get(), elements), S_OK);
+  std::vector<uint64_t> numbers;
+  for (const vekx::Variant& element : elements) {
+    const VARIANT& value = element.Get();
+    numbers.push_back(value.vt == VT_UI1   ? value.bVal
+                      : value.vt == VT_UI4 ? value.ulVal
+                                           : value.ullVal);
+  }
+  return numbers;
+}
+
+// The last stop, the threads started and the end of each process, as the Debug group tells.
+class DebugRecorder : public vekx::EventSink<IEventDebug> {
+ public:
+  HRESULT STDMETHODCALLTYPE OnStopNotification(IStopNotificationEvent* event) override {
+    vekx::ComPtr<IStopNotification> stop;
+    event->get_StopNotification(stop.Put());
+    vekx::ComPtr<IProcessInfo> info;
+    stop->get_ProcessInfo(info.Put());
+    vekx::ComPtr<IStopReason> reason;
+    info->get_StopReason(reason.Put());
+    std::lock_guard lock(mutex_);
+    stop->get_ThreadId(&stop_thread_);
+    reason->get_Code(&stop_code_);
+    ++stops_;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE OnProcessExit(IProcessExitEvent* event) override {
+    std::lock_guard lock(mutex_);
+    return event->get_ExitCode(&exit_code_);
+  }
+  HRESULT STDMETHODCALLTYPE OnProcessKill(IProcessKillEvent*) override {
+    std::lock_guard lock(mutex_);
+    killed_ = true;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE OnThreadCreate(IThreadCreateEvent*) override {
+    std::lock_guard lock(mutex_);
+    ++threads_;
+    return S_OK;
+  }
+
+  // Waits for the stop after `stops` earlier ones; its reason code, or 0 on a time-out.
+  uint32_t WaitStop(int stops, ULONG* thread = nullptr) {
+    if (!servertest::WaitUntil([&] { return Get(stops_) > stops; })) return 0;
+    std::lock_guard lock(mutex_);
+    if (thread != nullptr) *thread = stop_thread_;
+    return static_cast<uint32_t>(stop_code_);
+  }
+  template <class T>
+  T Get(const T& field) {
+    std::lock_guard lock(mutex_);
+    return field;
+  }
+
+  std::mutex mutex_;
+  int stops_ = 0;
+  int threads_ = 0;
+  ULONG stop_thread_ = 0;
+  eStopNotificationReason stop_code_{};
+  ULONG exit_code_ = 0xFFFFFFFF;
+  bool killed_ = false;
+};
+
+class LocalTargetTest : public LiveApiTest {
+ protected:
+  std::string Scenario() const override { return "local: true\n"; }
+
+  void SetUp() override {
+    if (!PtraceAllowed()) GTEST_SKIP() << "this process may not trace its children: not tested";
+    LiveApiTest::SetUp();
+    target_ = Target("localhost");
+    ASSERT_TRUE(target_);
+    ASSERT_EQ(target_->Connect(), S_OK) << TakeErrorText();
+    ASSERT_EQ(target_->AdviseDebugEvents(events_.Get()), S_OK);
+  }
+  void TearDown() override {
+    if (target_) target_->UnadviseDebugEvents(events_.Get());
+    LiveApiTest::TearDown();
+  }
+
+  vekx::ComPtr<IProcess10> Load(const std::string& args, bool stopped) {
+    vekx::ComPtr<IProcess> loaded;
+    EXPECT_EQ(target_->LoadProcess(DEVICE_HOST, vekx::Bstr::FromUtf8(VEKX_DEBUGGEE).Get(),
+                                   stopped ? 1 : 0, 0, vekx::Bstr::FromUtf8(args).Get(), nullptr,
+                                   loaded.Put()),
+              S_OK)
+        << TakeErrorText();
+    vekx::ComPtr<IProcess10> process;
+    if (loaded) loaded.QueryInto(IID_IProcess10, process);
+    return process;
+  }
+  std::vector<uint64_t> Memory(IProcess10* process, uint64_t address, ULONG size) {
+    vekx::Variant bytes;
+    ULONG bad = 0;
+    EXPECT_EQ(process->GetMemory(address, size, &bad, bytes.Put()), S_OK) << TakeErrorText();
+    EXPECT_EQ(bad, 0u);
+    return Numbers(bytes);
+  }
+  vekx::ComPtr<IThread> Thread(ULONG tid) {
+    ULONG handle = 0;
+    target_->get_Handle(&handle);
+    vekx::ComPtr<IThread> thread;
+    CreateThreadObject(client_, handle, pid_, tid, IID_IThread,
+                       reinterpret_cast<void**>(thread.Put()));
+    return thread;
+  }
+  std::vector<uint64_t> Registers(IThread* thread, const std::vector<uint64_t>& ids) {
+    vekx::Variant values;
+    EXPECT_EQ(thread->GetRegisters(Array(VT_I4, ids).Get(), values.Put()), S_OK) << TakeErrorText();
+    return Numbers(values);
+  }
+
+  vekx::ComPtr<ITarget47> target_;
+  vekx::ComPtr<DebugRecorder> events_ = vekx::MakeSink<DebugRecorder>();
+  ULONG pid_ = 0;
+};
+
+// Loaded stopped at its entry, the program runs into a breakpoint, has its global read and
+// changed, passes the breakpoint once resumed, steps, has its registers written and read back
+// (the upper half of a YMM register too), and is killed.
+TEST_F(LocalTargetTest, BreakReadWriteStepRegistersKill) {
+  const uint64_t tick = Symbol("vekx_tick");
+  const uint64_t counter = Symbol("vekx_counter");
+  ASSERT_NE(tick, 0u);
+  auto process = Load("spin", true);
+  ASSERT_TRUE(process);
+  ASSERT_EQ(process->get_Id(&pid_), S_OK);
+  EXPECT_EQ(events_->WaitStop(0), STOP_REASON_DL_STOP_INIT);
+
+  vekx::Variant opcode;
+  ULONG id = 0;
+  ASSERT_EQ(process->SetSoftwareBreakpoint(0, tick, SWBREAKPT_ATTR_MODE, 0, vekx::Variant().Get(),
+                                           opcode.Put(), &id),
+            S_OK)
+      << TakeErrorText();
+  EXPECT_NE(Numbers(opcode), std::vector<uint64_t>{0xCC});
+  EXPECT_EQ(Memory(process.Get(), tick, 1), std::vector<uint64_t>{0xCC});
+  vekx::Variant failed;
+  ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << TakeErrorText();
+  ULONG tid = 0;
+  ASSERT_EQ(events_->WaitStop(1, &tid), STOP_REASON_SIGSWBRKPT);
+  auto thread = Thread(tid);
+  EXPECT_EQ(Registers(thread.Get(), {REG_ID_RIP})[0], tick);
+  EXPECT_EQ(Memory(process.Get(), Symbol("vekx_marker"), 2), (std::vector<uint64_t>{0xed, 0x5e}));
+
+  // A new counter, then one more pass through the breakpoint adds one to it.
+  ULONG written = 0;
+  ASSERT_EQ(process->SetMemory(counter, Array(VT_UI1, {0xe8, 3, 0, 0, 0, 0, 0, 0}).Get(), &written),
+            S_OK);
+  ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << TakeErrorText();
+  ASSERT_EQ(events_->WaitStop(2), STOP_REASON_SIGSWBRKPT);
+  EXPECT_EQ(Memory(process.Get(), counter, 2), (std::vector<uint64_t>{0xe9, 3}));
+
+  // One step from the breakpoint leaves it, with the breakpoint still in place.
+  ASSERT_EQ(process->Resume(Array(VT_UI4, {tid}).Get(), failed.Put()), S_OK) << TakeErrorText();
+  ASSERT_EQ(events_->WaitStop(3), STOP_REASON_SIGTRAP);
+  const uint64_t stepped = Registers(thread.Get(), {REG_ID_RIP})[0];
+  EXPECT_GT(stepped, tick);
+  EXPECT_LT(stepped, tick + 16);
+  EXPECT_EQ(Memory(process.Get(), tick, 1), std::vector<uint64_t>{0xCC});
+
+  const std::vector<uint64_t> ids = {REG_ID_RBX, REG_ID_R12, REG_ID_YMM3, REG_ID_EN_MXCSR,
+                                     REG_ID_FP_ACC2};
+  const std::vector<uint64_t> values = {
+      0x1122334455667788, 0,      0, 0, 42, 0, 0, 0, 1, 2, 3, 4, 0x1f80 | 0x40, 0, 0, 0,
+      0x8000000000000000, 0x3fff, 0, 0};
+  ASSERT_EQ(thread->SetRegisters(Array(VT_I4, ids).Get(), Array(VT_UI8, values).Get()), S_OK)
+      << TakeErrorText();
+  EXPECT_EQ(Registers(thread.Get(), ids), values);
+
+  ASSERT_EQ(process->Kill(), S_OK) << TakeErrorText();
+  EXPECT_TRUE(servertest::WaitUntil([&] { return events_->Get(events_->killed_); }));
+}
+
+// How a run ends: its exit code, or the signal that stopped it (in the target's numbering) and
+// then ended it (128 plus the Linux number, as a shell says it).
+TEST_F(LocalTargetTest, ExitCodesAndSignals) {
+  const struct {
+    const char* args;
+    uint32_t stop;  // 0: it does not stop
+    ULONG exit_code;
+  } kCases[] = {
+      {"exit 0", 0, 0},
+      {"exit 7", 0, 7},
+      {"raise 15", STOP_REASON_SIGTERM, 128 + 15},
+      {"raise 10", STOP_REASON_SIGUSR1, 128 + 10},  // SIGUSR1 is 10 on Linux, 30 here
+      {"raise 7", STOP_REASON_SIGBUS, 128 + 7},
+  };
+  int stops = 0;
+  for (const auto& test : kCases) {
+    events_->exit_code_ = 0xFFFFFFFF;
+    auto process = Load(test.args, false);
+    ASSERT_TRUE(process) << test.args;
+    if (test.stop != 0) {
+      EXPECT_EQ(events_->WaitStop(stops++), test.stop) << test.args;
+      vekx::Variant failed;
+      EXPECT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << test.args;
+    }
+    EXPECT_TRUE(servertest::WaitUntil([&] {
+      return events_->Get(events_->exit_code_) == test.exit_code;
+    })) << test.args
+        << " ended with " << events_->Get(events_->exit_code_);
+  }
+}
+
+// Up to four hardware breakpoints land in the thread's debug registers as the CPU needs them;
+// a fifth is refused, and clearing one frees its slot.
+TEST_F(LocalTargetTest, HardwareBreakpointsProgramTheDebugRegisters) {
+  auto process = Load("spin", true);
+  ASSERT_TRUE(process);
+  ASSERT_EQ(process->get_Id(&pid_), S_OK);
+  ASSERT_EQ(events_->WaitStop(0), STOP_REASON_DL_STOP_INIT);
+  const uint64_t tick = Symbol("vekx_tick");
+  const uint64_t counter = Symbol("vekx_counter");
+  const uint64_t marker = Symbol("vekx_marker");
+  const struct {
+    uint64_t address;
+    eHardwareBreakPtFlags flags;
+    ULONG size;
+  } kSlots[] = {
+      {tick, static_cast<eHardwareBreakPtFlags>(0), 1},
+      {counter, HWBREAKPT_FLAG_BREAK_ON_WRITE, 8},
+      {marker, HWBREAKPT_FLAG_BREAK_ON_READ, 4},
+      {counter, HWBREAKPT_FLAG_BREAK_ON_WRITE, 2},
+  };
+  std::vector<ULONG> ids;
+  for (const auto& slot : kSlots) {
+    ULONG id = 0;
+    ASSERT_EQ(process->SetHardwareBreakpoint(slot.address, slot.flags, slot.size, &id), S_OK)
+        << TakeErrorText();
+    ids.push_back(id);
+  }
+  ULONG id = 0;
+  EXPECT_EQ(process->SetHardwareBreakpoint(tick, static_cast<eHardwareBreakPtFlags>(0), 1, &id),
+            static_cast<HRESULT>(KXAPI_COMMS_ERR_NO_FREE_HWBRKPT));
+  auto thread = Thread(pid_);
+  // Enable bits 0, 2, 4, 6; kinds and lengths: execute/1, write/8, read-write/4, write/2.
+  const uint64_t dr7 = 0x55 | (0x0ull << 16) | (0x9ull << 20) | (0xFull << 24) | (0x5ull << 28);
+  EXPECT_EQ(Registers(thread.Get(), {REG_ID_DR0, REG_ID_DR1, REG_ID_DR2, REG_ID_DR3, REG_ID_DR7}),
+            (std::vector<uint64_t>{tick, 0, 0,       0, counter, 0, 0,   0, marker, 0,
+                                   0,    0, counter, 0, 0,       0, dr7, 0, 0,      0}));
+  ASSERT_EQ(process->ClearHardwareBreakpoint(ids[0]), S_OK) << TakeErrorText();
+  EXPECT_EQ(
+      Registers(thread.Get(), {REG_ID_DR0, REG_ID_DR7}),
+      (std::vector<uint64_t>{counter, 0, 0, 0,
+                             0x15 | (0x9ull << 16) | (0xFull << 20) | (0x5ull << 24), 0, 0, 0}));
+  EXPECT_EQ(process->Kill(), S_OK);
+}
+
+// A running program of the user is attached, stopped by a breakpoint, and detached: it runs on
+// without the breakpoint. The server refuses to attach to its own ancestors.
+TEST_F(LocalTargetTest, AttachBreakDetach) {
+  const std::string scope = servertest::ReadText("/proc/sys/kernel/yama/ptrace_scope");
+  if (geteuid() != 0 && !scope.empty() && scope[0] != '0') {
+    GTEST_SKIP() << "Yama's ptrace_scope lets only descendants be traced: not tested";
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    execl(VEKX_DEBUGGEE, VEKX_DEBUGGEE, "spin", nullptr);
+    _exit(127);
+  }
+  ASSERT_GT(child, 0);
+  pid_ = static_cast<ULONG>(child);
+  ULONG handle = 0;
+  target_->get_Handle(&handle);
+  vekx::ComPtr<IProcess10> process;
+  ASSERT_EQ(CreateProcessObject(client_, handle, pid_, IID_IProcess10,
+                                reinterpret_cast<void**>(process.Put())),
+            S_OK);
+  usleep(50000);  // past its exec
+  ASSERT_EQ(process->Attach(0), S_OK) << TakeErrorText();
+  const uint64_t tick = Symbol("vekx_tick");
+  vekx::Variant opcode;
+  ULONG id = 0;
+  ASSERT_EQ(process->SetSoftwareBreakpoint(0, tick, SWBREAKPT_ATTR_MODE, 0, vekx::Variant().Get(),
+                                           opcode.Put(), &id),
+            S_OK)
+      << TakeErrorText();
+  EXPECT_EQ(events_->WaitStop(0), STOP_REASON_SIGSWBRKPT);
+  ASSERT_EQ(process->Detach(0), S_OK) << TakeErrorText();
+  EXPECT_EQ(process->Detach(0), static_cast<HRESULT>(KXAPI_COMMS_ERR_NOT_ATTACHED));
+  // Untraced and running, with its own byte back at the breakpoint's address.
+  std::ifstream memory("/proc/" + std::to_string(child) + "/mem", std::ios::binary);
+  memory.seekg(static_cast<std::streamoff>(tick));
+  EXPECT_EQ(static_cast<uint64_t>(memory.get()), Numbers(opcode)[0]);
+  usleep(20000);
+  const std::string stat = servertest::ReadText("/proc/" + std::to_string(child) + "/stat");
+  EXPECT_EQ(stat[stat.rfind(')') + 2], 'S') << stat;
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+
+  vekx::ComPtr<IProcess10> me;
+  ASSERT_EQ(CreateProcessObject(client_, handle, static_cast<ULONG>(getpid()), IID_IProcess10,
+                                reinterpret_cast<void**>(me.Put())),
+            S_OK);
+  EXPECT_EQ(me->Attach(0), static_cast<HRESULT>(KXAPI_COMMS_ERR_INVALID_SELF));
+}
+
+// Threads are announced as they start; a breakpoint for one thread stops only that thread.
+TEST_F(LocalTargetTest, ThreadsAndThreadSpecificBreakpoint) {
+  auto process = Load("threads 3", false);
+  ASSERT_TRUE(process);
+  ASSERT_EQ(process->get_Id(&pid_), S_OK);
+  ASSERT_TRUE(servertest::WaitUntil([&] { return events_->Get(events_->threads_) >= 4; }));
+  vekx::Variant threads;
+  ASSERT_EQ(process->get_ThreadInfoSnapshot(threads.Put()), S_OK) << TakeErrorText();
+  std::vector<vekx::Variant> list;
+  ASSERT_EQ(vekx::ArrayElements(threads.Get(), list), S_OK);
+  ASSERT_EQ(list.size(), 4u);
+  vekx::ComPtr<IThreadInfo> last;
+  list[3].Get().pdispVal->QueryInterface(IID_IThreadInfo, reinterpret_cast<void**>(last.Put()));
+  ULONG chosen = 0;
+  ASSERT_EQ(last->get_Id(&chosen), S_OK);
+  vekx::Variant opcode;
+  ULONG id = 0;
+  ASSERT_EQ(process->SetSoftwareBreakpoint(chosen, Symbol("vekx_tick"), SWBREAKPT_ATTR_MODE, 0,
+                                           vekx::Variant().Get(), opcode.Put(), &id),
+            S_OK)
+      << TakeErrorText();
+  ULONG stopped = 0;
+  EXPECT_EQ(events_->WaitStop(0, &stopped), STOP_REASON_SIGSWBRKPT);
+  EXPECT_EQ(stopped, chosen);
+  EXPECT_EQ(process->Kill(), S_OK);
+}
+
+}  // namespace
+}  // namespace qv::apitest
+
+#endif  // VEKX_DEBUGGEE
