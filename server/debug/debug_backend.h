@@ -48,6 +48,10 @@ class DebugBackend {
   }
 #include "requests/debug_operations.def"
 
+  // Console input for the target's processes that read their console (`process_id` 0 or
+  // 0xFFFFFFFF: every one). Called with the registry's lock held: it must neither post nor wait.
+  virtual void ConsoleInput(uint32_t /*process_id*/, const std::string& /*text*/) {}
+
   // Ends whatever the backend runs (threads, processes): its target was deleted or the server
   // stops. Called without the registry's lock, possibly more than once; what the backend posts
   // meanwhile is dropped.

@@ -132,8 +132,11 @@ Status TargetRegistry::SendConsoleInput(uint32_t handle, const ConsoleCacheRecor
   if (input.Text.empty()) {
     return Status::Fail(KXAPI_SERVER_INVALID_ARG, u"the console input is empty");
   }
-  // A virtual kit runs no program that reads its console: the input is taken and, when asked,
-  // echoed.
+  // The backend hands it to the processes that read their console (the local target's); a
+  // virtual kit's take it without a reader. When asked, it is echoed.
+  if (target->debug != nullptr) {
+    target->debug->ConsoleInput(input.ProcessId, platform::Utf16ToUtf8(input.Text));
+  }
   if (!echo) return Status::Ok();
   CConsoleOutputNotification output;
   output.TargetKey = handle;

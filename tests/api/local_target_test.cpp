@@ -14,6 +14,7 @@
 #include <mutex>
 #include <sstream>
 
+#include "api/event_sink_recorder.h"
 #include "api/live_api.h"
 #include "debug/process_object.h"
 #include "debug/thread_object.h"
@@ -263,6 +264,20 @@ TEST_F(LocalTargetTest, ExitCodesAndSignals) {
     })) << test.args
         << " ended with " << events_->Get(events_->exit_code_);
   }
+}
+
+// The program's console: what it is sent reaches its stdin, what it prints comes back.
+TEST_F(LocalTargetTest, ConsoleInputAndOutput) {
+  const auto console = vekx::MakeSink<RecordingSink>();
+  ASSERT_EQ(target_->AdviseConsoleOutputEvents(console.Get()), S_OK);
+  auto process = Load("echo", false);
+  ASSERT_TRUE(process);
+  ASSERT_EQ(process->SendConsoleInput(STREAM_STDIO, vekx::Bstr::FromUtf8("ping\n").Get()), S_OK)
+      << TakeErrorText();
+  EXPECT_TRUE(servertest::WaitUntil([&] {
+    return console->Values("OnConsoleOutput", "Text") == std::vector<std::string>{"got ping\n"};
+  }));
+  EXPECT_EQ(target_->UnadviseConsoleOutputEvents(console.Get()), S_OK);
 }
 
 // Up to four hardware breakpoints land in the thread's debug registers as the CPU needs them;

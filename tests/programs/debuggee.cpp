@@ -5,6 +5,7 @@
 //   exit CODE       prints a line to stdout and to stderr, then exits with CODE
 //   raise SIGNAL    raises SIGNAL (a number) at itself
 //   threads COUNT   starts COUNT threads that each call vekx_tick for ever
+//   echo            prints "got " and the line it reads from stdin
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
@@ -38,6 +39,11 @@ int main(int argc, char** argv) {
     return value;
   }
   if (strcmp(mode, "raise") == 0) raise(value);
+  if (strcmp(mode, "echo") == 0) {
+    char line[256] = {};
+    if (fgets(line, sizeof line, stdin) != nullptr) printf("got %s", line);
+    return 0;
+  }
   if (strcmp(mode, "threads") == 0) {
     for (int i = 0; i < value; ++i) {
       pthread_t thread;

@@ -435,4 +435,11 @@ Status LocalDebugBackend::ReadGpuInfo(const DebugCall&, CReadGpuInfoRequest& req
       u"the local target has no GPU information for process " + Decimal(request.ProcessID));
 }
 
+void LocalDebugBackend::ConsoleInput(uint32_t process_id, const std::string& text) {
+  std::lock_guard lock(mutex_);
+  for (const auto& [pid, process] : processes_) {
+    if (process_id == 0 || process_id == 0xFFFFFFFF || process_id == pid) process->Input(text);
+  }
+}
+
 }  // namespace qv::server

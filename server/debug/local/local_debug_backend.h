@@ -66,6 +66,7 @@ class LocalDebugBackend final : public DebugBackend {
   Status GetSocketInfo(const DebugCall&, CGetSocketInfoRequest&, CGetSocketInfoResponse&) override;
   Status GetFiles(const DebugCall&, CGetFilesRequest&, CGetFilesResponse&) override;
   Status ReadGpuInfo(const DebugCall&, CReadGpuInfoRequest&, CReadGpuInfoResponse&) override;
+  void ConsoleInput(uint32_t process_id, const std::string& text) override;
 
  private:
   using Ptr = TracedProcess::Ptr;

@@ -121,6 +121,7 @@ Status LaunchTraced(const LaunchPlan& plan, Launched& launched) {
   }
   if (execed) {
     close(report[0]);
+    fcntl(in[1], F_SETFL, O_NONBLOCK);  // console input never waits for the program to read
     launched = {child, out[0], err[0], in[1]};
     return Status::Ok();
   }

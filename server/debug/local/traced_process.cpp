@@ -719,6 +719,11 @@ Status TracedProcess::SetRegisters(uint32_t tid, const U32List& ids, const U64Li
   });
 }
 
+void TracedProcess::Input(const std::string& text) {
+  if (input_ < 0 || ended_) return;
+  [[maybe_unused]] const ssize_t written = write(input_, text.data(), text.size());
+}
+
 void TracedProcess::Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad) {
   memory_->Read(address, size, data, bad);
 }

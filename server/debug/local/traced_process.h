@@ -70,6 +70,10 @@ class TracedProcess {
   Status GetRegisters(uint32_t tid, const U32List& ids, U64List& values);
   Status SetRegisters(uint32_t tid, const U32List& ids, const U64List& values);
 
+  // Console input to a loaded process's stdin, from any thread and without waiting: what its
+  // pipe has no room for is dropped.
+  void Input(const std::string& text);
+
   // Reads need no tracer: from any thread. Memory reads show the int3 of a software breakpoint.
   void Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad);
   // A write over a software breakpoint changes the byte the breakpoint gives back.
