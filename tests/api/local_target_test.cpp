@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -96,6 +97,11 @@ class DebugRecorder : public vekx::EventSink<IEventDebug> {
     killed_ = true;
     return S_OK;
   }
+  HRESULT STDMETHODCALLTYPE OnDynamicLibraryLoad(IDynamicLibraryLoadEvent*) override {
+    std::lock_guard lock(mutex_);
+    ++libraries_;
+    return S_OK;
+  }
   HRESULT STDMETHODCALLTYPE OnThreadCreate(IThreadCreateEvent*) override {
     std::lock_guard lock(mutex_);
     ++threads_;
@@ -118,6 +124,7 @@ class DebugRecorder : public vekx::EventSink<IEventDebug> {
   std::mutex mutex_;
   int stops_ = 0;
   int threads_ = 0;
+  int libraries_ = 0;
   ULONG stop_thread_ = 0;
   eStopNotificationReason stop_code_{};
   ULONG exit_code_ = 0xFFFFFFFF;
@@ -205,6 +212,25 @@ TEST_F(LocalTargetTest, BreakReadWriteStepRegistersKill) {
   auto thread = Thread(tid);
   EXPECT_EQ(Registers(thread.Get(), {REG_ID_RIP})[0], tick);
   EXPECT_EQ(Memory(process.Get(), Symbol("vekx_marker"), 2), (std::vector<uint64_t>{0xed, 0x5e}));
+
+  // Its modules: the program, whose entry is its _start, and the C library, announced by the
+  // time of the stop.
+  vekx::Variant modules;
+  ASSERT_EQ(process->get_Modules(modules.Put()), S_OK) << TakeErrorText();
+  std::vector<vekx::Variant> list;
+  ASSERT_EQ(vekx::ArrayElements(modules.Get(), list), S_OK);
+  std::map<std::string, uint64_t> entries;
+  for (const vekx::Variant& element : list) {
+    vekx::ComPtr<IModule> module;
+    element.Get().pdispVal->QueryInterface(IID_IModule, reinterpret_cast<void**>(module.Put()));
+    vekx::Bstr name;
+    module->get_Name(name.Put());
+    module->get_StartEntryAddress(&entries[name.Utf8()]);
+  }
+  EXPECT_EQ(entries["vekx_debuggee"], Symbol("_start"));
+  EXPECT_TRUE(std::any_of(entries.begin(), entries.end(),
+                          [](const auto& entry) { return entry.first.find("libc") == 0; }));
+  EXPECT_EQ(events_->Get(events_->libraries_), static_cast<int>(list.size()));
 
   // A new counter, then one more pass through the breakpoint adds one to it.
   ULONG written = 0;

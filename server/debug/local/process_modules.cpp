@@ -48,7 +48,8 @@ ElfEntry ReadElfEntry(const std::string& path) {
   return result;
 }
 
-ModuleInfoList ModulesOf(const std::vector<Mapping>& mappings, const std::string& program) {
+ModuleInfoList ModulesOf(const std::vector<Mapping>& mappings, const std::string& program,
+                         std::map<std::string, ElfEntry>* elf_entries) {
   ModuleInfoList modules;
   std::map<std::string, size_t> by_path;
   for (const Mapping& mapping : mappings) {
@@ -64,7 +65,15 @@ ModuleInfoList ModulesOf(const std::vector<Mapping>& mappings, const std::string
       module.ReferenceCount = 1;
       // The mapping of the file's start is where its first loadable segment went.
       if (mapping.offset == 0) {
-        const ElfEntry elf = ReadElfEntry(mapping.path);
+        ElfEntry elf;
+        if (elf_entries == nullptr) {
+          elf = ReadElfEntry(mapping.path);
+        } else {
+          const auto known = elf_entries->find(mapping.path);
+          elf = known != elf_entries->end()
+                    ? known->second
+                    : elf_entries->emplace(mapping.path, ReadElfEntry(mapping.path)).first->second;
+        }
         const uint64_t bias = elf.position_independent ? mapping.start - elf.first_load : 0;
         if (elf.entry != 0) module.StartEntryAddress = elf.entry + bias;
       }

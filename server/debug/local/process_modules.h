@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -25,8 +26,10 @@ ElfEntry ReadElfEntry(const std::string& path);
 // One module per file in `mappings` (in address order of its first mapping): its name, load
 // path, one segment per mapping, and its entry point. `program` is the path of the process's
 // executable, which becomes MODULE_TYPE_EXECUTABLE; the others are shared libraries. The
-// module's id, as the library gives it, is the base of its first segment.
-ModuleInfoList ModulesOf(const std::vector<Mapping>& mappings, const std::string& program);
+// module's id, as the library gives it, is the base of its first segment. With `elf_entries`,
+// each file's ELF header is read once and kept there by path.
+ModuleInfoList ModulesOf(const std::vector<Mapping>& mappings, const std::string& program,
+                         std::map<std::string, ElfEntry>* elf_entries = nullptr);
 
 // The modules of `now` not in `before`, and the ids of those of `before` gone from `now`.
 void ModuleChanges(const ModuleInfoList& before, const ModuleInfoList& now, ModuleInfoList& loaded,

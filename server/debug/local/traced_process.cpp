@@ -173,7 +173,7 @@ Status TracedProcess::Seize(pid_t pid) {
                         u"process " + Number(pid) + u" does not exist");
   }
   program_ = ReadLink("/proc/" + std::to_string(pid) + "/exe");
-  modules_ = ModulesOf(ReadMappings(pid), program_);
+  modules_ = ModulesOf(ReadMappings(pid), program_, &elf_entries_);
   running_ = true;
   traced_ = true;
   return Status::Ok();
@@ -423,7 +423,7 @@ void TracedProcess::NoteStop(pid_t tid, Thread& thread, int status) {
         BreakpointAt(rip - 1) != nullptr) {
       WriteInstructionPointer(tid, rip - 1);
     }
-  } else if (event == 0) {
+  } else if (event == 0 && signal != SIGSTOP) {
     thread.pending_signal = signal;
   }
 }
@@ -584,12 +584,8 @@ Status TracedProcess::SuspendThread(uint32_t tid, uint32_t& state) {
     const auto it = threads_.find(static_cast<pid_t>(tid));
     if (it == threads_.end()) return NoThread(tid, pid_);
     if (!it->second.stopped) {
-      // Stopping the others but this one would stop them; stop this one alone instead.
-      for (auto& [other, thread] : threads_) {
-        if (other != it->first && !thread.stopped) thread.held = true;
-      }
-      it->second.held = true;
-      syscall(SYS_tgkill, pid_, it->first, SIGSTOP);
+      // This one alone: the others run on.
+      if (!it->second.expect_sigstop) syscall(SYS_tgkill, pid_, it->first, SIGSTOP);
       it->second.expect_sigstop = true;
       while (!it->second.stopped) {
         int status = 0;
@@ -599,9 +595,6 @@ Status TracedProcess::SuspendThread(uint32_t tid, uint32_t& state) {
           return NoThread(tid, pid_);
         }
         NoteStop(it->first, it->second, status);
-      }
-      for (auto& [other, thread] : threads_) {
-        if (other != it->first && !thread.stopped) thread.held = false;
       }
       it->second.stop_code = kStopSuspendThread;
     }
@@ -657,7 +650,7 @@ ThreadInfoList TracedProcess::ThreadRecords() {
 }
 
 void TracedProcess::PostModuleChanges() {
-  const ModuleInfoList now = ModulesOf(ReadMappings(pid_), program_);
+  const ModuleInfoList now = ModulesOf(ReadMappings(pid_), program_, &elf_entries_);
   ModuleInfoList loaded;
   U64List unloaded;
   ModuleChanges(modules_, now, loaded, unloaded);

@@ -24,6 +24,7 @@
 #include "server/debug/local/console_pump.h"
 #include "server/debug/local/process_launch.h"
 #include "server/debug/local/process_memory.h"
+#include "server/debug/local/process_modules.h"
 #include "server/debug/local/tracer_thread.h"
 
 namespace qv::server {
@@ -155,6 +156,7 @@ class TracedProcess {
   bool killed_ = false;
   std::string program_;  // the executable's path
   ModuleInfoList modules_;
+  std::map<std::string, ElfEntry> elf_entries_;  // by path: read once, not at every stop
   std::map<uint32_t, Breakpoint> software_;
   std::map<uint32_t, HardwareBreakpointRecord> hardware_;
   uint32_t next_breakpoint_id_ = 1;
