@@ -414,6 +414,25 @@ TEST_F(LocalTargetTest, ThreadsAndThreadSpecificBreakpoint) {
   list[3].Get().pdispVal->QueryInterface(IID_IThreadInfo, reinterpret_cast<void**>(last.Put()));
   ULONG chosen = 0;
   ASSERT_EQ(last->get_Id(&chosen), S_OK);
+
+  // Suspended on its own, the thread says why; the others run on.
+  auto thread = Thread(chosen);
+  eThreadState state{};
+  ASSERT_EQ(thread->Suspend(&state), S_OK) << TakeErrorText();
+  EXPECT_EQ(state, TDS_INHIBITED);
+  vekx::Variant after;
+  ASSERT_EQ(process->get_ThreadInfoSnapshot(after.Put()), S_OK);
+  for (size_t i = 0; i < 4; ++i) {
+    vekx::ComPtr<IThreadInfo> info;
+    ASSERT_EQ(vekx::ArrayElements(after.Get(), list), S_OK);
+    list[i].Get().pdispVal->QueryInterface(IID_IThreadInfo, reinterpret_cast<void**>(info.Put()));
+    vekx::ComPtr<IStopReason> reason;
+    info->get_StopReason(reason.Put());
+    eStopNotificationReason code{};
+    reason->get_Code(&code);
+    EXPECT_EQ(static_cast<uint32_t>(code), i == 3 ? 130u : 0u) << i;  // SIGSUSPEND_THREAD
+  }
+  ASSERT_EQ(thread->Resume(), S_OK) << TakeErrorText();
   vekx::Variant opcode;
   ULONG id = 0;
   ASSERT_EQ(process->SetSoftwareBreakpoint(chosen, Symbol("vekx_tick"), SWBREAKPT_ATTR_MODE, 0,
