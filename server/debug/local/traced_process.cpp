@@ -281,7 +281,12 @@ void TracedProcess::OnWaitStatus(pid_t tid, int status) {
     unsigned long child = 0;
     ptrace(PTRACE_GETEVENTMSG, tid, nullptr, &child);
     AddThread(static_cast<pid_t>(child));
-    if (running_ && !thread.held) Continue(tid, thread);
+    if (thread.stepping) {
+      // A step over the clone call: on with the step.
+      if (ptrace(PTRACE_SINGLESTEP, tid, nullptr, nullptr) == 0) thread.stopped = false;
+    } else if (running_ && !thread.held) {
+      Continue(tid, thread);
+    }
     return;
   }
   if (event == PTRACE_EVENT_EXEC) {
