@@ -73,9 +73,15 @@ Status LocalDebugBackend::Find(uint32_t pid, Ptr& process) {
 
 std::vector<LocalDebugBackend::Ptr> LocalDebugBackend::Processes() {
   std::vector<Ptr> processes;
+  std::vector<Ptr> gone;  // destroyed after the lock is let go: their tracer threads are joined
   std::lock_guard lock(mutex_);
-  for (const auto& [pid, process] : processes_) {
-    if (!process->gone()) processes.push_back(process);
+  for (auto it = processes_.begin(); it != processes_.end();) {
+    if (it->second->gone()) {
+      gone.push_back(std::move(it->second));
+      it = processes_.erase(it);
+    } else {
+      processes.push_back((it++)->second);
+    }
   }
   return processes;
 }
@@ -109,6 +115,7 @@ Status LocalDebugBackend::LoadProcess(const DebugCall&, CLoadProcessRequest& req
   if (plan.path.empty()) {
     return Status::Fail(KXAPI_COMMS_ERR_INVALID_ARG, u"the program's path is empty");
   }
+  Processes();  // those that ended leave the table, with their threads
   Ptr process;
   if (Status status =
           TracedProcess::Load(plan, (request.Flags & kStopAtEntry) != 0, events_, process);

@@ -73,7 +73,7 @@ class LocalDebugBackend final : public DebugBackend {
   // The process under the debugger with that pid, or a failure naming it. A process that has
   // ended leaves the table here.
   Status Find(uint32_t pid, Ptr& process);
-  // Every process in the table that is not gone.
+  // Every process in the table that is not gone; the gone ones leave it.
   std::vector<Ptr> Processes();
   // Refuses the server itself and its ancestors, which tracing would freeze.
   static Status CheckAttachable(pid_t pid);
