@@ -24,7 +24,7 @@ namespace {
 
 class DiscardingSink : public qv::server::ClientSink {
  public:
-  void Post(std::shared_ptr<const std::vector<uint8_t>>) override {}
+  void Post(qv::server::SharedBody) override {}
 };
 
 qv::server::Scenario QuickKits() {
@@ -87,7 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     const auto answer = dispatcher.Dispatch(1, 100, request.Data(), request.Size());
     if (!answer.has_value()) std::abort();
-    qv::MessageBuffer in(answer->data(), answer->size());
+    qv::MessageBuffer in(answer->Data(), answer->Size());
     uint32_t kind = 1;
     uint32_t answered_type = 0;
     qv::CResponse head;

@@ -57,15 +57,15 @@ bool ClientSession::HandshakeOverdue(std::chrono::steady_clock::time_point now) 
   return !connected_.load() && !finished_.load() && now - started_ > kHandshakeTimeLimit;
 }
 
-void ClientSession::Post(std::shared_ptr<const std::vector<uint8_t>> body) {
+void ClientSession::Post(SharedBody body) {
   bool overflow = false;
   {
     std::lock_guard lock(queue_mutex_);
     if (closing_) return;
-    if (queued_bytes_ + body->size() > kMaxQueuedBytes) {
+    if (queued_bytes_ + body->Size() > kMaxQueuedBytes) {
       overflow = true;
     } else {
-      queued_bytes_ += body->size();
+      queued_bytes_ += body->Size();
       queue_.push_back(std::move(body));
       queue_cv_.notify_one();
     }
@@ -159,13 +159,12 @@ void ClientSession::Serve() {
       channel_.ReleaseRead();
     }
     if (!keep_going) break;
-    JoinWorkers(true);
   }
   // Nothing is posted to this session once the registry has let it go; the changes this client
   // started end with it, so its workers finish promptly.
   registry_.RemoveClient(id_);
   Stop();
-  JoinWorkers(false);
+  workers_.Stop();
   if (writer_.joinable()) writer_.join();
   channel_.Close();
   ServerLog(kLogClients, ClientTag(id_) + " disconnected");
@@ -178,7 +177,7 @@ bool ClientSession::Answer(const uint8_t* body, size_t size) {
     return false;
   }
   try {
-    Post(std::make_shared<const std::vector<uint8_t>>(std::move(*answer)));
+    Post(std::make_shared<const MessageBuffer>(std::move(*answer)));
     return true;
   } catch (const std::exception&) {
     return false;
@@ -187,59 +186,31 @@ bool ClientSession::Answer(const uint8_t* body, size_t size) {
 
 bool ClientSession::AnswerOnWorker(std::vector<uint8_t> body) {
   try {
-    auto done = std::make_shared<std::atomic<bool>>(false);
-    auto request = std::make_shared<std::vector<uint8_t>>(std::move(body));
-    std::lock_guard lock(workers_mutex_);
-    workers_.emplace_back();
-    try {
-      workers_.back().done = done;
-      workers_.back().thread = std::thread([this, done, request] {
-        if (!Answer(request->data(), request->size())) Stop();
-        done->store(true);
-      });
-    } catch (const std::exception&) {
-      workers_.pop_back();
-      return Answer(request->data(), request->size());
+    auto request = std::make_shared<const std::vector<uint8_t>>(std::move(body));
+    if (workers_.Run([this, request] {
+          if (!Answer(request->data(), request->size())) Stop();
+        })) {
+      return true;
     }
-    return true;
+    // Without a thread the request is still answered, only in line.
+    return Answer(request->data(), request->size());
   } catch (const std::exception&) {
     return false;
   }
 }
 
-void ClientSession::JoinWorkers(bool finished_only) {
-  std::list<Worker> ended;
-  {
-    std::lock_guard lock(workers_mutex_);
-    for (auto it = workers_.begin(); it != workers_.end();) {
-      if (!finished_only || it->done->load()) {
-        ended.splice(ended.end(), workers_, it++);
-      } else {
-        ++it;
-      }
-    }
-  }
-  for (Worker& worker : ended)
-    worker.thread.join();
-}
-
 void ClientSession::WriteLoop() {
   for (;;) {
-    std::shared_ptr<const std::vector<uint8_t>> body;
+    SharedBody body;
     {
       std::unique_lock lock(queue_mutex_);
       queue_cv_.wait(lock, [this] { return closing_ || !queue_.empty(); });
       if (closing_) return;
       body = std::move(queue_.front());
       queue_.pop_front();
-      queued_bytes_ -= body->size();
+      queued_bytes_ -= body->Size();
     }
-    if (!channel_.BeginWrite()) return;
-    const bool built = channel_.Output().Write(body->data(), body->size());
-    // A body that could not be copied must not go out in part: stopping first makes EndWrite
-    // write nothing.
-    if (!built) Stop();
-    if (channel_.EndWrite() != PipeChannel::WriteStatus::kWritten || !built) {
+    if (channel_.WriteFrame({body->Data(), body->Size()}) != PipeChannel::WriteStatus::kWritten) {
       Stop();
       return;
     }

@@ -6,20 +6,19 @@
 //                    -> the client opens the private pipe -> read, dispatch, queue the answer
 //   writer thread:   writes queued bodies (answers and notifications) one frame each, in order
 //
-// Requests whose handler may wait (power and connection changes) run on a thread of their own,
-// so that the client's other requests are answered meanwhile; the others are answered in the
-// order they came. Everything written to the client goes through the queue, so answers and
-// notifications reach it in the order they were produced and a client that does not read never
-// blocks anybody else: when its queue grows past a limit, it is dropped. A frame that cannot be
-// delimited (bad reserved word, body beyond the limit) ends the session; everything else gets an
-// answer.
+// Requests whose handler may wait (power and connection changes, debug calls) run on the
+// session's worker threads, so that the client's other requests are answered meanwhile; the
+// others are answered in the order they came. Everything written to the client goes through the
+// queue, so answers and notifications reach it in the order they were produced and a client that
+// does not read never blocks anybody else: when its queue grows past a limit, it is dropped. A
+// frame that cannot be delimited (bad reserved word, body beyond the limit) ends the session;
+// everything else gets an answer.
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -28,6 +27,7 @@
 
 #include "platform/pipe.h"
 #include "server/core/request_dispatcher.h"
+#include "server/core/worker_pool.h"
 #include "server/targets/target_registry.h"
 #include "serverlink/pipe_channel.h"
 
@@ -57,7 +57,7 @@ class ClientSession final : public ClientSink {
   // True while the handshake has taken longer than it may.
   bool HandshakeOverdue(std::chrono::steady_clock::time_point now) const;
 
-  void Post(std::shared_ptr<const std::vector<uint8_t>> body) override;
+  void Post(SharedBody body) override;
 
  private:
   void Run();
@@ -66,9 +66,8 @@ class ClientSession final : public ClientSink {
   void WriteLoop();
   // Answers one request and queues the answer; false when the session must end.
   bool Answer(const uint8_t* body, size_t size);
-  // Answers the request on a worker thread of its own; false when none can be had.
+  // Answers the request on a worker thread; false when none can be had.
   bool AnswerOnWorker(std::vector<uint8_t> body);
-  void JoinWorkers(bool finished_only);
 
   const uint64_t id_;
   const std::u16string private_pipe_name_;
@@ -85,16 +84,11 @@ class ClientSession final : public ClientSink {
 
   std::mutex queue_mutex_;
   std::condition_variable queue_cv_;
-  std::deque<std::shared_ptr<const std::vector<uint8_t>>> queue_;  // guarded by queue_mutex_
-  size_t queued_bytes_ = 0;                                        // guarded by queue_mutex_
-  bool closing_ = false;                                           // guarded by queue_mutex_
+  std::deque<SharedBody> queue_;  // guarded by queue_mutex_
+  size_t queued_bytes_ = 0;       // guarded by queue_mutex_
+  bool closing_ = false;          // guarded by queue_mutex_
 
-  struct Worker {
-    std::thread thread;
-    std::shared_ptr<std::atomic<bool>> done;
-  };
-  std::mutex workers_mutex_;
-  std::list<Worker> workers_;  // guarded by workers_mutex_
+  WorkerPool workers_;
 
   std::atomic<bool> connected_{false};
   std::atomic<bool> finished_{false};

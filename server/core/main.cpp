@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/heap_tuning.h"
 #include "platform/pipe.h"
 #include "platform/termination.h"
 #include "platform/wide_string.h"
@@ -47,6 +48,7 @@ int Main(const std::vector<std::string>& args) {
     scenario = std::move(*loaded.scenario);
   }
 
+  qv::platform::KeepLargeBlocksOnHeap();
   qv::platform::StopSignal stop;
   if (!qv::platform::StopOnTermination(stop)) {
     std::fprintf(stderr, "vesta-kx: cannot handle termination signals\n");

@@ -20,13 +20,13 @@ std::u16string Hex(uint32_t value) {
   return text;
 }
 
-std::optional<std::vector<uint8_t>> Encode(uint32_t type_number, const CResponse& response) {
+std::optional<MessageBuffer> Encode(uint32_t type_number, const CResponse& response) {
   MessageBuffer out;
   if (!WriteField(out, static_cast<uint32_t>(IncomingKind::kResponse)) ||
       !WriteField(out, type_number) || !response.Serialize(out)) {
     return std::nullopt;
   }
-  return std::vector<uint8_t>(out.Data(), out.Data() + out.Size());
+  return out;
 }
 
 }  // namespace
@@ -38,10 +38,9 @@ bool RequestDispatcher::MayWait(const uint8_t* body, size_t size) const {
   return waiting_.count(type_number) != 0;
 }
 
-std::optional<std::vector<uint8_t>> RequestDispatcher::Dispatch(uint64_t client_id,
-                                                                uint32_t process_id,
-                                                                const uint8_t* body,
-                                                                size_t size) const noexcept {
+std::optional<MessageBuffer> RequestDispatcher::Dispatch(uint64_t client_id, uint32_t process_id,
+                                                         const uint8_t* body,
+                                                         size_t size) const noexcept {
   try {
     MessageBuffer in(body, size);
     RequestContext context{client_id, process_id, 0, 0};

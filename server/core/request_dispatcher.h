@@ -58,8 +58,8 @@ class RequestDispatcher {
 
   // The response body (kind word, type number, response) for one request body; nullopt when
   // the body is too short to hold a request header. Never throws.
-  std::optional<std::vector<uint8_t>> Dispatch(uint64_t client_id, uint32_t process_id,
-                                               const uint8_t* body, size_t size) const noexcept;
+  std::optional<MessageBuffer> Dispatch(uint64_t client_id, uint32_t process_id,
+                                        const uint8_t* body, size_t size) const noexcept;
 
   // Called with every request and response when set (packet logging).
   std::function<void(const RequestContext&, const CRequest*, const CResponse&)> observer;

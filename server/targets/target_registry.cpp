@@ -201,14 +201,13 @@ TargetRegistry::TargetPtr TargetRegistry::Register(std::u16string_view type, con
   return target;
 }
 
-std::shared_ptr<const std::vector<uint8_t>> TargetRegistry::Encode(
-    const CNotification& notification) {
+SharedBody TargetRegistry::Encode(const CNotification& notification) {
   MessageBuffer buffer;
   if (!WriteField(buffer, static_cast<uint32_t>(IncomingKind::kNotification)) ||
       !WriteField(buffer, notification.GetTypeNumber()) || !notification.Serialize(buffer)) {
     return nullptr;
   }
-  return std::make_shared<const std::vector<uint8_t>>(buffer.Data(), buffer.Data() + buffer.Size());
+  return std::make_shared<const MessageBuffer>(std::move(buffer));
 }
 
 void TargetRegistry::Notify(EventGroup group, uint32_t key, const CNotification& notification) {

@@ -31,12 +31,16 @@
 
 namespace qv::server {
 
-// The receiving end of one client: takes whole encoded message bodies (kind word first) to
-// write to that client in order. Post never blocks.
+// One encoded message body (kind word first), shared by every client it goes to and written to
+// each straight from this buffer.
+using SharedBody = std::shared_ptr<const MessageBuffer>;
+
+// The receiving end of one client: takes whole encoded message bodies to write to that client in
+// order. Post never blocks.
 class ClientSink {
  public:
   virtual ~ClientSink() = default;
-  virtual void Post(std::shared_ptr<const std::vector<uint8_t>> body) = 0;
+  virtual void Post(SharedBody body) = 0;
 };
 
 // A client as the registry knows it.
@@ -180,9 +184,7 @@ class TargetRegistry {
   struct ConsoleFlow {
     uint32_t in_flight = 0;  // sent, not yet acknowledged
     // Encoded, and as the notification the packet log records when it is sent.
-    std::deque<std::pair<std::shared_ptr<const std::vector<uint8_t>>,
-                         std::shared_ptr<const CNotification>>>
-        waiting;
+    std::deque<std::pair<SharedBody, std::shared_ptr<const CNotification>>> waiting;
     uint64_t dropped = 0;       // since the client last heard about drops
     uint32_t dropped_from = 0;  // the target the first of them came from
   };
@@ -201,7 +203,7 @@ class TargetRegistry {
 
   void Notify(EventGroup group, uint32_t key, const CNotification& notification);
   // The message body that carries `notification`; null if it cannot be encoded.
-  static std::shared_ptr<const std::vector<uint8_t>> Encode(const CNotification& notification);
+  static SharedBody Encode(const CNotification& notification);
   // Console output of `target`: into its cache and, paced, to its subscribers.
   void EmitConsoleOutput(Target& target, const CConsoleOutputNotification& output);
   friend class TargetDebugEvents;

@@ -53,29 +53,33 @@ bool PipeChannel::BeginWrite() {
 }
 
 PipeChannel::WriteStatus PipeChannel::EndWrite() {
-  WriteStatus status = WriteStatus::kWritten;
-  if (output_.Size() > kMaxFrameBodyBytes) {
-    status = WriteStatus::kTooLarge;
-  } else if (pipe_ == nullptr) {
-    status = WriteStatus::kFailed;
-  } else {
-    const auto header = EncodeFrameHeader(static_cast<uint32_t>(output_.Size()));
-    const std::span<const uint8_t> parts[] = {header, {output_.Data(), output_.Size()}};
-    switch (pipe_->Write(parts, stop_)) {
-      case platform::IoResult::kOk:
-        break;
-      case platform::IoResult::kStopped:
-        status = WriteStatus::kStopped;
-        break;
-      default:
-        LogApi(Log::kFailures, WithError("Failed to write IPC data ", pipe_->LastSystemError()));
-        LogApi(Log::kFailures, "Failed to write IPC message body");
-        status = WriteStatus::kFailed;
-        break;
-    }
-  }
+  const WriteStatus status = WriteBody({output_.Data(), output_.Size()});
   write_lock_.Unlock();
   return status;
+}
+
+PipeChannel::WriteStatus PipeChannel::WriteFrame(std::span<const uint8_t> body) {
+  if (!write_lock_.Lock()) return WriteStatus::kStopped;
+  const WriteStatus status = WriteBody(body);
+  write_lock_.Unlock();
+  return status;
+}
+
+PipeChannel::WriteStatus PipeChannel::WriteBody(std::span<const uint8_t> body) {
+  if (body.size() > kMaxFrameBodyBytes) return WriteStatus::kTooLarge;
+  if (pipe_ == nullptr) return WriteStatus::kFailed;
+  const auto header = EncodeFrameHeader(static_cast<uint32_t>(body.size()));
+  const std::span<const uint8_t> parts[] = {header, body};
+  switch (pipe_->Write(parts, stop_)) {
+    case platform::IoResult::kOk:
+      return WriteStatus::kWritten;
+    case platform::IoResult::kStopped:
+      return WriteStatus::kStopped;
+    default:
+      LogApi(Log::kFailures, WithError("Failed to write IPC data ", pipe_->LastSystemError()));
+      LogApi(Log::kFailures, "Failed to write IPC message body");
+      return WriteStatus::kFailed;
+  }
 }
 
 platform::IoResult PipeChannel::ReadExact(uint8_t* dest, size_t size) {

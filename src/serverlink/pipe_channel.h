@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,6 +44,9 @@ class PipeChannel {
   // Writes the output buffer as one frame and releases the write lock. A body beyond the frame
   // limit is not sent (kTooLarge).
   WriteStatus EndWrite();
+  // Writes `body` as one frame straight from where it lies, under the write lock: for a body
+  // built elsewhere (the server's answers and notifications), which then is not copied.
+  WriteStatus WriteFrame(std::span<const uint8_t> body);
 
   // Takes the read lock and reads one whole frame into the input buffer; on kFrame the caller
   // holds the read lock until ReleaseRead. A bad reserved word or a body beyond the limit is
@@ -60,6 +64,8 @@ class PipeChannel {
   uint32_t LastSystemError() const { return pipe_ != nullptr ? pipe_->LastSystemError() : 0; }
 
  private:
+  // Writes one frame; the caller holds the write lock.
+  WriteStatus WriteBody(std::span<const uint8_t> body);
   // Exactly `size` bytes through the staging buffer (or straight into `dest` when large).
   platform::IoResult ReadExact(uint8_t* dest, size_t size);
 

@@ -213,7 +213,12 @@ struct WireCodec<std::vector<T>> {
     // The count is checked against the bytes left before anything is allocated, so a count of
     // four billion in a short body fails at once.
     if (uint64_t{count} * MinWireSize<T>() > buffer.Size()) return false;
-    if constexpr (kIsPlainWireType<T>) {
+    if constexpr (kIsPlainWireType<T> && sizeof(T) == 1) {
+      // Bytes (memory, files) are copied once, without first zeroing what they will fill.
+      const auto* first = reinterpret_cast<const T*>(buffer.Data());
+      values.assign(first, first + count);
+      return buffer.Skip(count);
+    } else if constexpr (kIsPlainWireType<T>) {
       values.resize(count);
       return buffer.Read(values.data(), size_t{count} * sizeof(T));
     } else {

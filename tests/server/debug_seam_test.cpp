@@ -55,8 +55,8 @@ class RecordingBackend : public DebugBackend {
 
 class CountingSink : public ClientSink {
  public:
-  void Post(std::shared_ptr<const std::vector<uint8_t>> body) override {
-    MessageBuffer in(body->data(), body->size());
+  void Post(SharedBody body) override {
+    MessageBuffer in(body->Data(), body->Size());
     uint32_t kind = 0;
     uint32_t type_number = 0;
     if (ReadField(in, kind) && ReadField(in, type_number)) types.push_back(type_number);
@@ -102,7 +102,7 @@ class DebugSeamTest : public ::testing::Test {
                 request.Serialize(body));
     const auto answer = dispatcher_.Dispatch(1, 100, body.Data(), body.Size());
     EXPECT_TRUE(answer.has_value());
-    MessageBuffer in(answer->data(), answer->size());
+    MessageBuffer in(answer->Data(), answer->Size());
     uint32_t kind = 0;
     uint32_t type_number = 0;
     CResponse head;

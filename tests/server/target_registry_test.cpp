@@ -16,8 +16,8 @@ namespace {
 // Collects what the registry posts, decoded.
 class RecordingSink : public ClientSink {
  public:
-  void Post(std::shared_ptr<const std::vector<uint8_t>> body) override {
-    MessageBuffer in(body->data(), body->size());
+  void Post(SharedBody body) override {
+    MessageBuffer in(body->Data(), body->Size());
     uint32_t kind = 0;
     uint32_t type_number = 0;
     ASSERT_TRUE(ReadField(in, kind) && ReadField(in, type_number));

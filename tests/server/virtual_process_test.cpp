@@ -81,8 +81,8 @@ constexpr uint32_t kDr0 = 0x50000;
 // What the Debug subscriber hears, decoded; the kit's clock posts from a thread of its own.
 class TypesSink : public ClientSink {
  public:
-  void Post(std::shared_ptr<const std::vector<uint8_t>> body) override {
-    MessageBuffer in(body->data(), body->size());
+  void Post(SharedBody body) override {
+    MessageBuffer in(body->Data(), body->Size());
     uint32_t kind = 0;
     uint32_t type_number = 0;
     ReadField(in, kind);
@@ -132,7 +132,7 @@ class VirtualProcessTest : public ::testing::Test {
     MessageBuffer body;
     EXPECT_TRUE(WriteRequestHeader(body, request.GetTypeNumber(), 1, 1) && request.Serialize(body));
     const auto answer = dispatcher_.Dispatch(1, 100, body.Data(), body.Size());
-    MessageBuffer in(answer->data(), answer->size());
+    MessageBuffer in(answer->Data(), answer->Size());
     uint32_t kind = 0;
     uint32_t type_number = 0;
     Response response;

@@ -333,12 +333,20 @@ Status VirtualProcess::CancelDump() {
 
 void VirtualProcess::Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad) const {
   std::lock_guard lock(mutex_);
-  data.assign(size, 0);
-  uint64_t covered = 0;
   // Addresses past the top of memory are unmapped.
   const uint64_t end = size <= UINT64_MAX - address ? address + size : UINT64_MAX;
   auto it = regions_.upper_bound(address);
   if (it != regions_.begin()) --it;
+  // A read inside one region, the common case, is one copy.
+  if (it != regions_.end() && it->first <= address && end - address == size &&
+      end <= it->first + it->second.bytes.size()) {
+    const auto first = it->second.bytes.begin() + static_cast<ptrdiff_t>(address - it->first);
+    data.assign(first, first + size);
+    bad = 0;
+    return;
+  }
+  data.assign(size, 0);
+  uint64_t covered = 0;
   for (; it != regions_.end() && it->first < end; ++it) {
     const uint64_t from = std::max(address, it->first);
     const uint64_t to = std::min<uint64_t>(end, it->first + it->second.bytes.size());
