@@ -259,6 +259,21 @@ TEST_F(LocalTargetTest, BreakReadWriteStepRegistersKill) {
       << TakeErrorText();
   EXPECT_EQ(Registers(thread.Get(), ids), values);
 
+  // A page mapped by the stopped program itself: written, read, and gone once released.
+  ULONGLONG page = 0;
+  ASSERT_EQ(process->AllocateExecutablePage(100, &page), S_OK) << TakeErrorText();
+  EXPECT_EQ(page % 4096, 0u);
+  ASSERT_EQ(process->SetMemory(page, Array(VT_UI1, {0xc3}).Get(), &written), S_OK);
+  EXPECT_EQ(Memory(process.Get(), page, 2), (std::vector<uint64_t>{0xc3, 0}));
+  EXPECT_EQ(process->DeallocateDataPage(page),
+            static_cast<HRESULT>(KXAPI_COMMS_ERR_INVALID_ADDRESS));
+  ASSERT_EQ(process->DeallocateExecutablePage(page), S_OK) << TakeErrorText();
+  vekx::Variant unmapped;
+  ULONG bad = 0;
+  ASSERT_EQ(process->GetMemory(page, 16, &bad, unmapped.Put()), S_OK);
+  EXPECT_EQ(bad, 16u);
+  EXPECT_EQ(Registers(thread.Get(), ids), values);  // the thread as it was
+
   ASSERT_EQ(process->Kill(), S_OK) << TakeErrorText();
   EXPECT_TRUE(servertest::WaitUntil([&] { return events_->Get(events_->killed_); }));
 }

@@ -402,6 +402,38 @@ Status LocalDebugBackend::GetVmemInfo(const DebugCall&, CGetVmemInfoRequest& req
   return Status::Ok();
 }
 
+Status LocalDebugBackend::AllocateExecutablePage(const DebugCall&,
+                                                 CAllocateExecutablePageRequest& request,
+                                                 CAllocateExecutablePageResponse& response) {
+  Ptr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->AllocatePages(true, request.PageSize, request.StartAddress, request.EndAddress,
+                                response.Address);
+}
+
+Status LocalDebugBackend::AllocateDataPage(const DebugCall&, CAllocateDataPageRequest& request,
+                                           CAllocateDataPageResponse& response) {
+  Ptr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->AllocatePages(false, request.PageSize, request.StartAddress, request.EndAddress,
+                                response.Address);
+}
+
+Status LocalDebugBackend::DeallocateExecutablePage(const DebugCall&,
+                                                   CDeallocateExecutablePageRequest& request,
+                                                   CDeallocateExecutablePageResponse&) {
+  Ptr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->DeallocatePages(true, request.Address);
+}
+
+Status LocalDebugBackend::DeallocateDataPage(const DebugCall&, CDeallocateDataPageRequest& request,
+                                             CDeallocateDataPageResponse&) {
+  Ptr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->DeallocatePages(false, request.Address);
+}
+
 // A Linux process has no synchronisation objects or application objects the kernel could list:
 // the answers are empty, for a process under the debugger.
 Status LocalDebugBackend::GetSyncPrimInfoList(const DebugCall&,

@@ -59,6 +59,14 @@ class LocalDebugBackend final : public DebugBackend {
   Status GetModuleInfoList(const DebugCall&, CGetModuleInfoListRequest&,
                            CGetModuleInfoListResponse&) override;
   Status GetVmemInfo(const DebugCall&, CGetVmemInfoRequest&, CGetVmemInfoResponse&) override;
+  Status AllocateExecutablePage(const DebugCall&, CAllocateExecutablePageRequest&,
+                                CAllocateExecutablePageResponse&) override;
+  Status AllocateDataPage(const DebugCall&, CAllocateDataPageRequest&,
+                          CAllocateDataPageResponse&) override;
+  Status DeallocateExecutablePage(const DebugCall&, CDeallocateExecutablePageRequest&,
+                                  CDeallocateExecutablePageResponse&) override;
+  Status DeallocateDataPage(const DebugCall&, CDeallocateDataPageRequest&,
+                            CDeallocateDataPageResponse&) override;
   Status GetSyncPrimInfoList(const DebugCall&, CGetSyncPrimInfoListRequest&,
                              CGetSyncPrimInfoListResponse&) override;
   Status GetAppObjectInfo(const DebugCall&, CGetAppObjectInfoRequest&,

@@ -1,6 +1,7 @@
 #include "server/debug/local/traced_process.h"
 
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -16,6 +17,7 @@
 #include "server/debug/local/proc_files.h"
 #include "server/debug/local/process_info.h"
 #include "server/debug/local/process_modules.h"
+#include "server/debug/local/remote_syscall.h"
 #include "server/debug/local/stop_reasons.h"
 #include "server/debug/local/thread_registers.h"
 #include "server/debug/virtual/reporting.h"
@@ -736,6 +738,88 @@ Status TracedProcess::Write(uint64_t address, const Bytes& data) {
       bytes[offset] = kInt3;
     }
     return memory_->Write(address, bytes.data(), bytes.size());
+  });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Pages.
+
+Status TracedProcess::SyscallInStoppedThread(long number, const std::array<uint64_t, 6>& args,
+                                             uint64_t& result) {
+  pid_t chosen = 0;
+  for (const auto& [tid, thread] : threads_) {
+    if (thread.stopped && !thread.exiting && (chosen == 0 || tid == pid_)) chosen = tid;
+  }
+  if (chosen == 0) {
+    return Status::Fail(
+        KXAPI_COMMS_ERR_NOT_STOPPED,
+        u"process " + Number(pid_) + u" is running; suspend it to allocate or release pages in it");
+  }
+  Thread& thread = threads_[chosen];
+  return RemoteSyscall(
+      chosen, *memory_, number, args,
+      [&](int status) {
+        if (WIFSTOPPED(status)) {
+          NoteStop(chosen, thread, status);
+        } else {
+          OnExit(chosen, status);
+        }
+      },
+      result);
+}
+
+Status TracedProcess::AllocatePages(bool executable, uint32_t size, uint64_t start, uint64_t end,
+                                    uint64_t& address) {
+  constexpr uint64_t kPage = 4096;
+  if (size == 0) {
+    return Status::Fail(KXAPI_COMMS_ERR_INVALID_ARG, u"a page allocation needs a size above 0");
+  }
+  if (start % kPage != 0 || (start != 0 && end != 0 && start >= end)) {
+    return Status::Fail(KXAPI_COMMS_ERR_INVALID_ARG,
+                        u"the start address " + Hex(start) +
+                            u" must be page-aligned and below the end " + Hex(end));
+  }
+  const uint64_t bytes = (uint64_t{size} + kPage - 1) & ~(kPage - 1);
+  return OnTracer([&] {
+    const uint64_t protection = PROT_READ | PROT_WRITE | (executable ? PROT_EXEC : 0);
+    const uint64_t flags = MAP_PRIVATE | MAP_ANONYMOUS | (start != 0 ? MAP_FIXED_NOREPLACE : 0);
+    uint64_t mapped = 0;
+    if (Status status = SyscallInStoppedThread(
+            SYS_mmap, {start, bytes, protection, flags, static_cast<uint64_t>(-1), 0}, mapped);
+        !status.ok()) {
+      return status;
+    }
+    if (end != 0 && (mapped >= end || end - mapped < bytes)) {
+      uint64_t ignored = 0;
+      SyscallInStoppedThread(SYS_munmap, {mapped, bytes, 0, 0, 0, 0}, ignored);
+      return Status::Fail(KXAPI_COMMS_ERR_NO_VIRTUAL_MEM, u"process " + Number(pid_) +
+                                                              u" has no free " + Decimal(bytes) +
+                                                              u" bytes below " + Hex(end));
+    }
+    pages_[mapped] = {bytes, executable};
+    address = mapped;
+    return Status::Ok();
+  });
+}
+
+Status TracedProcess::DeallocatePages(bool executable, uint64_t address) {
+  return OnTracer([&] {
+    const auto it = pages_.find(address);
+    if (it == pages_.end() || it->second.executable != executable) {
+      return Status::Fail(KXAPI_COMMS_ERR_INVALID_ADDRESS,
+                          Hex(address) + u" is not " + (executable ? u"an executable" : u"a data") +
+                              u" page that process " + Number(pid_) + u" allocated");
+    }
+    const uint64_t size = it->second.size;
+    uint64_t ignored = 0;
+    if (Status status = SyscallInStoppedThread(SYS_munmap, {address, size, 0, 0, 0, 0}, ignored);
+        !status.ok()) {
+      return status;
+    }
+    pages_.erase(it);
+    std::erase_if(software_,
+                  [&](const auto& entry) { return entry.second.record.Address - address < size; });
+    return Status::Ok();
   });
 }
 

@@ -11,6 +11,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <map>
@@ -80,6 +81,14 @@ class TracedProcess {
   // A write over a software breakpoint changes the byte the breakpoint gives back.
   Status Write(uint64_t address, const Bytes& data);
 
+  // Pages a debugger allocates, mapped by the process itself (mmap run in one of its stopped
+  // threads): whole pages, executable ones read-write-execute, data pages read-write; at `start`
+  // when it is not 0, wholly below `end` when that is not 0. Refused while no thread is stopped.
+  Status AllocatePages(bool executable, uint32_t size, uint64_t start, uint64_t end,
+                       uint64_t& address);
+  // Only an address an allocation of the same kind returned; its breakpoints go with it.
+  Status DeallocatePages(bool executable, uint64_t address);
+
   Status SetSoftwareBreakpoint(const CSetSoftwareBreakPointRequest& request, Bytes& original,
                                uint32_t& id);
   Status ClearSoftwareBreakpoint(uint32_t id);
@@ -136,6 +145,8 @@ class TracedProcess {
   // Runs `work` with every thread stopped, then lets those that ran go on.
   Status WithAllStopped(const std::function<Status()>& work);
   Status StoppedThread(uint32_t tid, Thread*& thread);
+  // A system call made by a stopped thread of the process (the main thread when it is stopped).
+  Status SyscallInStoppedThread(long number, const std::array<uint64_t, 6>& args, uint64_t& result);
 
   ProcessInfoRecord InfoRecord();
   ThreadInfoList ThreadRecords();
@@ -160,6 +171,11 @@ class TracedProcess {
   std::map<uint32_t, Breakpoint> software_;
   std::map<uint32_t, HardwareBreakpointRecord> hardware_;
   uint32_t next_breakpoint_id_ = 1;
+  struct Pages {
+    uint64_t size = 0;
+    bool executable = false;
+  };
+  std::map<uint64_t, Pages> pages_;  // what AllocatePages mapped, by address
 
   std::unique_ptr<ConsolePump> console_;
   int input_ = -1;       // the write end of a loaded process's stdin
