@@ -449,6 +449,14 @@ Status LocalDebugBackend::GetAppObjectInfo(const DebugCall&, CGetAppObjectInfoRe
   return Find(request.ProcessID, process);
 }
 
+Status LocalDebugBackend::GetCallstackSignature(const DebugCall&,
+                                                CGetCallstackSignatureRequest& request,
+                                                CGetCallstackSignatureResponse& response) {
+  Ptr process;
+  if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
+  return process->CallstackSignature(response.Hash);
+}
+
 Status LocalDebugBackend::GetSocketInfo(const DebugCall&, CGetSocketInfoRequest& request,
                                         CGetSocketInfoResponse& response) {
   Ptr process;

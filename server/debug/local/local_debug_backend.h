@@ -71,6 +71,8 @@ class LocalDebugBackend final : public DebugBackend {
                              CGetSyncPrimInfoListResponse&) override;
   Status GetAppObjectInfo(const DebugCall&, CGetAppObjectInfoRequest&,
                           CGetAppObjectInfoResponse&) override;
+  Status GetCallstackSignature(const DebugCall&, CGetCallstackSignatureRequest&,
+                               CGetCallstackSignatureResponse&) override;
   Status GetSocketInfo(const DebugCall&, CGetSocketInfoRequest&, CGetSocketInfoResponse&) override;
   Status GetFiles(const DebugCall&, CGetFilesRequest&, CGetFilesResponse&) override;
   Status ReadGpuInfo(const DebugCall&, CReadGpuInfoRequest&, CReadGpuInfoResponse&) override;

@@ -703,6 +703,26 @@ Status TracedProcess::StoppedThread(uint32_t tid, Thread*& thread) {
   return Status::Ok();
 }
 
+Status TracedProcess::CallstackSignature(uint64_t& hash) {
+  return OnTracer([&] {
+    hash = 0xcbf29ce484222325;  // FNV-1a, 64 bits
+    bool any = false;
+    for (const auto& [tid, thread] : threads_) {
+      uint64_t rip = 0;
+      if (!thread.stopped || !ReadInstructionPointer(tid, rip).ok()) continue;
+      any = true;
+      for (int byte = 0; byte < 8; ++byte) {
+        hash ^= (rip >> (byte * 8)) & 0xFF;
+        hash *= 0x100000001b3;
+      }
+    }
+    if (any) return Status::Ok();
+    return Status::Fail(
+        KXAPI_COMMS_ERR_NOT_STOPPED,
+        u"process " + Number(pid_) + u" is running; suspend it to take its call-stack signature");
+  });
+}
+
 Status TracedProcess::GetRegisters(uint32_t tid, const U32List& ids, U64List& values) {
   return OnTracer([&] {
     Thread* thread = nullptr;

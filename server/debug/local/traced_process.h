@@ -69,6 +69,10 @@ class TracedProcess {
   Status SuspendThread(uint32_t tid, uint32_t& state);
   Status ResumeThread(uint32_t tid);
 
+  // FNV-1a over the rip of every stopped thread (eight bytes each, lowest first) in thread id
+  // order; refused while no thread is stopped.
+  Status CallstackSignature(uint64_t& hash);
+
   Status GetRegisters(uint32_t tid, const U32List& ids, U64List& values);
   Status SetRegisters(uint32_t tid, const U32List& ids, const U64List& values);
 
