@@ -315,6 +315,22 @@ TEST_F(LocalTargetTest, ConsoleInputAndOutput) {
   ASSERT_EQ(target_->AdviseConsoleOutputEvents(console.Get()), S_OK);
   auto process = Load("echo", false);
   ASSERT_TRUE(process);
+  // Its standard streams are the server's pipes.
+  vekx::Variant files;
+  ASSERT_EQ(process->get_Files(files.Put()), S_OK) << TakeErrorText();
+  std::vector<vekx::Variant> list;
+  ASSERT_EQ(vekx::ArrayElements(files.Get(), list), S_OK);
+  ASSERT_GE(list.size(), 3u);
+  for (ULONG fd = 0; fd < 3; ++fd) {
+    vekx::ComPtr<IFile> file;
+    list[fd].Get().pdispVal->QueryInterface(IID_IFile, reinterpret_cast<void**>(file.Put()));
+    ULONG handle = 99;
+    vekx::Bstr path;
+    file->get_Handle(&handle);
+    file->get_Path(path.Put());
+    EXPECT_EQ(handle, fd);
+    EXPECT_EQ(path.Utf8().rfind("pipe:", 0), 0u) << path.Utf8();
+  }
   ASSERT_EQ(process->SendConsoleInput(STREAM_STDIO, vekx::Bstr::FromUtf8("ping\n").Get()), S_OK)
       << TakeErrorText();
   EXPECT_TRUE(servertest::WaitUntil([&] {
