@@ -1,10 +1,58 @@
 #include "server/handlers/debug_handlers.h"
 
+#include <algorithm>
+#include <iterator>
 #include <memory>
+#include <optional>
 
 #include "requests/catalogue.h"
 
 namespace qv::server {
+namespace {
+
+// What only the holder of a process's lock may do to it: run, stop, change its memory,
+// registers and breakpoints, attach to it, detach from it, and (under the whole target's lock)
+// load a new one. Reads stay open to everybody.
+constexpr uint32_t kOwnerOnly[] = {
+    CAllocateDataPageRequest::kTypeNumber,
+    CAllocateExecutablePageRequest::kTypeNumber,
+    CAttachProcessRequest::kTypeNumber,
+    CClearHardwareBreakPointRequest::kTypeNumber,
+    CClearSoftwareBreakPointRequest::kTypeNumber,
+    CDeallocateDataPageRequest::kTypeNumber,
+    CDeallocateExecutablePageRequest::kTypeNumber,
+    CDetachProcessRequest::kTypeNumber,
+    CKillProcessRequest::kTypeNumber,
+    CLoadProcessRequest::kTypeNumber,
+    CResumeProcessRequest::kTypeNumber,
+    CResumeThreadRequest::kTypeNumber,
+    CSetHardwareBreakPointRequest::kTypeNumber,
+    CSetMemoryRequest::kTypeNumber,
+    CSetRegistersRequest::kTypeNumber,
+    CSetScatteredMemoryRequest::kTypeNumber,
+    CSetSoftwareBreakPointRequest::kTypeNumber,
+    CSuspendProcessRequest::kTypeNumber,
+    CSuspendThreadRequest::kTypeNumber,
+};
+
+// The process a request would change, for the lock check: none for a read, 0 for a request that
+// names no process.
+template <class Request>
+std::optional<uint32_t> ChangedProcess(const Request& request) {
+  if (std::find(std::begin(kOwnerOnly), std::end(kOwnerOnly), Request::kTypeNumber) ==
+      std::end(kOwnerOnly)) {
+    return std::nullopt;
+  }
+  if constexpr (requires { request.ProcessID; }) {
+    return request.ProcessID;
+  } else if constexpr (requires { request.ProcessId; }) {
+    return request.ProcessId;
+  } else {
+    return 0u;
+  }
+}
+
+}  // namespace
 
 // Every row of the debug catalogue: the backend is taken from the registry under its lock and
 // called without it. The calls run off the client's reading thread, so a long read or a slow
@@ -15,7 +63,9 @@ void RegisterDebugHandlers(RequestDispatcher& dispatcher, TargetRegistry& regist
       [&registry](const RequestContext& context, C##Camel##Request& request,                    \
                   C##Camel##Response& response) {                                               \
         std::shared_ptr<DebugBackend> backend;                                                  \
-        if (Status status = registry.DebugBackendOf(context.target, backend); !status.ok()) {   \
+        if (Status status = registry.DebugBackendOf(context.target, backend, context.client_id, \
+                                                    ChangedProcess(request));                   \
+            !status.ok()) {                                                                     \
           return status;                                                                        \
         }                                                                                       \
         return backend->Camel(DebugCall{context.client_id, context.target}, request, response); \

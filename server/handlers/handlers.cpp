@@ -350,6 +350,40 @@ void RegisterConsole(RequestDispatcher& dispatcher, TargetRegistry& registry) {
       });
 }
 
+void RegisterProcessLocks(RequestDispatcher& dispatcher, TargetRegistry& registry) {
+  using Action = TargetRegistry::LockAction;
+  dispatcher.Register<CRequestProcessLockRequest, CRequestProcessLockResponse>(
+      [&registry](const Context& context, CRequestProcessLockRequest& request,
+                  CRequestProcessLockResponse&) {
+        return registry.ChangeProcessLock(context.client_id, context.target, request.ProcessId,
+                                          Action::kRequest, request.Requester, 0);
+      });
+  dispatcher.Register<CReleaseProcessLockRequest, CReleaseProcessLockResponse>(
+      [&registry](const Context& context, CReleaseProcessLockRequest& request,
+                  CReleaseProcessLockResponse&) {
+        return registry.ChangeProcessLock(context.client_id, context.target, request.ProcessId,
+                                          Action::kRelease, {}, 0);
+      });
+  dispatcher.Register<CTransferProcessLockRequest, CTransferProcessLockResponse>(
+      [&registry](const Context& context, CTransferProcessLockRequest& request,
+                  CTransferProcessLockResponse&) {
+        return registry.ChangeProcessLock(context.client_id, context.target, request.ProcessId,
+                                          Action::kTransfer, {}, request.ClientPid);
+      });
+  dispatcher.Register<CReclaimProcessLockRequest, CReclaimProcessLockResponse>(
+      [&registry](const Context& context, CReclaimProcessLockRequest& request,
+                  CReclaimProcessLockResponse&) {
+        return registry.ChangeProcessLock(context.client_id, context.target, request.ProcessId,
+                                          Action::kReclaim, {}, 0);
+      });
+  dispatcher.Register<CIsProcessLockedRequest, CIsProcessLockedResponse>(
+      [&registry](const Context& context, CIsProcessLockedRequest& request,
+                  CIsProcessLockedResponse& response) {
+        return registry.ProcessLockOwner(context.target, request.ProcessId, response.Locked,
+                                         response.Owner);
+      });
+}
+
 }  // namespace
 
 void RegisterHandlers(RequestDispatcher& dispatcher, TargetRegistry& registry,
@@ -362,6 +396,7 @@ void RegisterHandlers(RequestDispatcher& dispatcher, TargetRegistry& registry,
   RegisterConsole(dispatcher, registry);
   RegisterServerOperations(dispatcher, registry, packet_log);
   RegisterDebugHandlers(dispatcher, registry);
+  RegisterProcessLocks(dispatcher, registry);
   dispatcher.observer = [&packet_log](const Context& context, const CRequest* request,
                                       const CResponse& response) {
     packet_log.Record(context, request, response);

@@ -39,8 +39,8 @@ void TargetRegistry::ShutDownDebugBackends(const std::vector<TargetPtr>& targets
   }
 }
 
-Status TargetRegistry::DebugBackendOf(uint32_t handle,
-                                      std::shared_ptr<DebugBackend>& backend) const {
+Status TargetRegistry::DebugBackendOf(uint32_t handle, std::shared_ptr<DebugBackend>& backend,
+                                      uint64_t client_id, std::optional<uint32_t> changes) const {
   std::lock_guard lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
@@ -48,6 +48,9 @@ Status TargetRegistry::DebugBackendOf(uint32_t handle,
   if (target->kit.power != PowerStatus::kOn) {
     return Status::Fail(KXAPI_COMMS_ERR_INVALID_POWER_STATE,
                         u"\"" + target->kit.host + u"\" is not powered on; power it on first");
+  }
+  if (changes) {
+    if (Status status = locks_.MayChange(handle, *changes, client_id); !status.ok()) return status;
   }
   backend = target->debug;
   return Status::Ok();

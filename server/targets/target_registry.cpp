@@ -126,6 +126,9 @@ void TargetRegistry::RemoveClient(uint64_t client_id) {
     it->second.erase(client_id);
     it = it->second.empty() ? subscriptions_.erase(it) : std::next(it);
   }
+  ProcessLocks::Changes released;
+  locks_.ForgetClient(client_id, released);
+  NotifyLockChanges(released);
   for (auto& [handle, target] : targets_) {
     target->notification_clients.erase(client_id);
     std::erase_if(target->protocols, [&](const auto& claim) { return claim.second == client_id; });
@@ -291,6 +294,7 @@ Status TargetRegistry::DeleteTarget(uint32_t handle) {
     if (Status status = Lookup(handle, target); !status.ok()) return status;
     target->deleted = true;
     targets_.erase(handle);
+    locks_.ForgetTarget(handle);
     CTargetDeletedNotification deleted;
     deleted.TargetKey = kNoTarget;
     deleted.HostName = target->kit.host;

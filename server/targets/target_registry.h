@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -28,6 +29,7 @@
 #include "server/kits/console_cache.h"
 #include "server/kits/scenario.h"
 #include "server/kits/script_runner.h"
+#include "server/targets/process_locks.h"
 
 namespace qv::server {
 
@@ -72,8 +74,21 @@ class TargetRegistry {
   void Shutdown();
 
   // The debug backend of `handle`, for a call made without the registry's lock: fails for an
-  // unknown handle, a kit that does not answer and a kit that is not powered on.
-  Status DebugBackendOf(uint32_t handle, std::shared_ptr<DebugBackend>& backend) const;
+  // unknown handle, a kit that does not answer and a kit that is not powered on, and, when the
+  // call would run, stop or change process `changes` (0: a process yet to be), also when another
+  // client holds that process's lock.
+  Status DebugBackendOf(uint32_t handle, std::shared_ptr<DebugBackend>& backend,
+                        uint64_t client_id = 0, std::optional<uint32_t> changes = {}) const;
+
+  // The process locks of a target (process 0: all its processes), taken, released, transferred
+  // and reclaimed on behalf of `client_id`; each change goes to the target's ProcessLock group.
+  enum class LockAction { kRequest, kRelease, kTransfer, kReclaim };
+  // `requester` names the client in the events (kRequest); `to_process_id` is the OS process
+  // id of the client that receives the lock (kTransfer).
+  Status ChangeProcessLock(uint64_t client_id, uint32_t handle, uint32_t pid, LockAction action,
+                           std::u16string_view requester, uint32_t to_process_id);
+  // Whether the lock is held, and by whom.
+  Status ProcessLockOwner(uint32_t handle, uint32_t pid, bool& locked, std::u16string& owner) const;
 
   Status AddTarget(std::u16string_view type, std::u16string_view host, uint32_t& handle);
   Status DeleteTarget(uint32_t handle);
@@ -232,6 +247,8 @@ class TargetRegistry {
   Status PowerChange(uint64_t client_id, uint32_t handle, PowerOperation operation, PowerStatus to);
   // The process id a client gave in its handshake, 0 once it has gone.
   uint32_t ProcessIdOf(uint64_t client_id) const;
+  // The ProcessLock group's notifications for what the lock table changed.
+  void NotifyLockChanges(const ProcessLocks::Changes& changes);
 
   mutable std::mutex mutex_;
   std::condition_variable changed_cv_;  // shutdown, deletion, a connection taken
@@ -248,6 +265,7 @@ class TargetRegistry {
   // Bumped when a client cancels its commands or goes away; its waits compare it.
   std::map<uint64_t, uint64_t> cancel_generation_;
   std::map<uint64_t, ConsoleFlow> console_flows_;
+  ProcessLocks locks_;
   // The first-subscription scripts that have started (each runs once per server run).
   std::set<const KitScript*> scripts_started_;
   // Last: its thread calls SendScripted, so it stops before anything above goes.

@@ -12,6 +12,8 @@
 #include "api/result_values.h"
 #include "events/console_output.h"
 #include "events/event_subscriptions.h"
+#include "platform/process_identity.h"
+#include "platform/wide_string.h"
 #include "requests/catalogue.h"
 
 namespace qv {
@@ -686,24 +688,40 @@ HRESULT CKXVETarget::get_BlurayMountStatus(VARIANT_BOOL*) {
   return NotAvailable(client_, u"ITarget33::get_BlurayMountStatus");
 }
 
+// The target object's process lock covers all of the target's processes (process 0 on the
+// wire); the owner is named after this process in the lock's events.
 HRESULT CKXVETarget::RequestProcessLock() {
-  return NotAvailable(client_, u"ITarget34::RequestProcessLock");
+  CRequestProcessLockRequest request;
+  request.Requester =
+      u"process " + platform::Utf8ToUtf16(std::to_string(platform::CurrentProcessId()));
+  CRequestProcessLockResponse response;
+  return Ask(client_, handle_, request, response);
 }
 
 HRESULT CKXVETarget::ReleaseProcessLock() {
-  return NotAvailable(client_, u"ITarget34::ReleaseProcessLock");
+  CReleaseProcessLockResponse response;
+  return Ask(client_, handle_, CReleaseProcessLockRequest{}, response);
 }
 
-HRESULT CKXVETarget::get_IsProcessLocked(VARIANT_BOOL*) {
-  return NotAvailable(client_, u"ITarget34::get_IsProcessLocked");
+HRESULT CKXVETarget::get_IsProcessLocked(VARIANT_BOOL* locked) {
+  CIsProcessLockedResponse response;
+  if (const HRESULT hr = Ask(client_, handle_, CIsProcessLockedRequest{}, response, locked);
+      FAILED(hr))
+    return hr;
+  *locked = response.Locked ? VARIANT_TRUE : VARIANT_FALSE;
+  return S_OK;
 }
 
-HRESULT CKXVETarget::TransferProcessLock(ULONG) {
-  return NotAvailable(client_, u"ITarget34::TransferProcessLock");
+HRESULT CKXVETarget::TransferProcessLock(ULONG uClientPid) {
+  CTransferProcessLockRequest request;
+  request.ClientPid = uClientPid;
+  CTransferProcessLockResponse response;
+  return Ask(client_, handle_, request, response);
 }
 
 HRESULT CKXVETarget::ReclaimProcessLock() {
-  return NotAvailable(client_, u"ITarget34::ReclaimProcessLock");
+  CReclaimProcessLockResponse response;
+  return Ask(client_, handle_, CReclaimProcessLockRequest{}, response);
 }
 
 HRESULT CKXVETarget::GetEventViewerXML(BSTR*) {

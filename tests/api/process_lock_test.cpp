@@ -1,0 +1,144 @@
+// Two clients and one process: the lock's holder runs and changes it, the other only reads it;
+// the lock moves by transfer, reclaim and release, and goes with its holder's connection.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "api/live_api.h"
+#include "platform/process_identity.h"
+#include "vekxapi/event_sink.h"
+
+namespace qv::apitest {
+namespace {
+
+constexpr char kLockScenario[] = R"(kits:
+  - host: kit-lock
+    power: on
+    timings: {connect_ms: 1}
+    images:
+      - path: /app/lock.elf
+        entry: 0x401000
+        regions:
+          - {base: 0x401000, hex: "90 90 90 90", size: 4096}
+)";
+
+class AskedSink : public vekx::EventSink<IEventProcessLock> {
+ public:
+  HRESULT STDMETHODCALLTYPE OnOwnershipRequest(IOwnershipRequestEvent*) override {
+    ++asked;
+    return S_OK;
+  }
+  std::atomic<int> asked{0};
+};
+
+class ProcessLockTest : public LiveApiTest {
+ protected:
+  std::string Scenario() const override { return kLockScenario; }
+};
+
+// One client's view: its target and its object for the process with `pid`.
+struct Client {
+  vekx::ComPtr<ITarget34> target;
+  vekx::ComPtr<IProcess> process;
+
+  HRESULT Write() const {
+    SAFEARRAY* array = SafeArrayCreateVector(VT_UI1, 0, 1);
+    VARIANT value;
+    VariantInit(&value);
+    value.vt = VT_ARRAY | VT_UI1;
+    value.parray = array;
+    const vekx::Variant bytes = vekx::Variant::Adopt(value);
+    ULONG written = 0;
+    return process->SetMemory(0x401000, bytes.Get(), &written);
+  }
+  HRESULT Read() const {
+    vekx::Variant bytes;
+    ULONG bad = 0;
+    return process->GetMemory(0x401000, 4, &bad, bytes.Put());
+  }
+};
+
+Client Open(IVEKXAPI& root, ULONG pid) {
+  Client client;
+  vekx::ComPtr<ITarget> target;
+  EXPECT_EQ(root.AddTarget(vekx::Bstr::FromUtf8("kit-lock").Get(), target.Put()), S_OK);
+  EXPECT_EQ(target.QueryInto(IID_ITarget34, client.target), S_OK);
+  vekx::Variant list;
+  EXPECT_EQ(target->get_ProcessInfoSnapshot(list.Put()), S_OK);
+  std::vector<vekx::Variant> infos;
+  EXPECT_EQ(vekx::ArrayElements(list.Get(), infos), S_OK);
+  for (const auto& element : infos) {
+    vekx::ComPtr<IProcessInfo> info;
+    element.Get().pdispVal->QueryInterface(IID_IProcessInfo, reinterpret_cast<void**>(info.Put()));
+    ULONG id = 0;
+    if (info && info->get_Id(&id) == S_OK && id == pid)
+      info->get_ProcessInterface(client.process.Put());
+  }
+  EXPECT_TRUE(client.process);
+  return client;
+}
+
+TEST_F(ProcessLockTest, TheHolderChangesTheProcessTheOthersOnlyRead) {
+  auto first_target = Target("kit-lock");
+  ASSERT_TRUE(first_target);
+  vekx::ComPtr<IProcess> loaded;
+  ASSERT_EQ(first_target->LoadProcess(DEVICE_APP, vekx::Bstr::FromUtf8("/app/lock.elf").Get(), 1, 0,
+                                      nullptr, nullptr, loaded.Put()),
+            S_OK)
+      << TakeErrorText();
+  ULONG pid = 0;
+  ASSERT_EQ(loaded->get_Id(&pid), S_OK);
+  const Client a = Open(*api_.Get(), pid);
+  vekx::ComPtr<IVEKXAPI> second_root;
+  ASSERT_EQ(NewRoot(IID_IVEKXAPI, reinterpret_cast<void**>(second_root.Put())), S_OK);
+  ASSERT_EQ(second_root->CheckCompatibility(21), S_OK);
+  const Client b = Open(*second_root.Get(), pid);
+  ASSERT_TRUE(a.process && b.process);
+  const auto sink = vekx::MakeSink<AskedSink>();
+  ASSERT_EQ(a.target->AdviseProcessLockEvents(sink.Get()), S_OK);
+
+  const HRESULT kNotOwner = static_cast<HRESULT>(KXAPI_ERR_NOT_PROCESS_OWNER);
+  const ULONG own_pid = platform::CurrentProcessId();
+  // Each step, then what each client's write gives; reads always work.
+  const struct {
+    const char* step;
+    std::function<HRESULT()> run;
+    HRESULT result, a_writes, b_writes;
+  } kSteps[] = {
+      {"nobody holds it", [] { return S_OK; }, S_OK, S_OK, S_OK},
+      {"a locks", [&] { return a.target->RequestProcessLock(); }, S_OK, S_OK, kNotOwner},
+      {"b asks in vain", [&] { return b.target->RequestProcessLock(); },
+       static_cast<HRESULT>(KXAPI_COMMS_ERR_TARGET_IN_USE), S_OK, kNotOwner},
+      {"a asks again", [&] { return a.target->RequestProcessLock(); },
+       static_cast<HRESULT>(KXAPI_ERR_ALREADY_PROCESS_OWNER), S_OK, kNotOwner},
+      {"b cannot release a's lock", [&] { return b.target->ReleaseProcessLock(); }, kNotOwner, S_OK,
+       kNotOwner},
+      {"b reclaims nothing", [&] { return b.target->ReclaimProcessLock(); },
+       static_cast<HRESULT>(KXAPI_ERR_PROCESS_OWNERSHIP_TRANSFER_NOT_IN_PROGRESS), S_OK, kNotOwner},
+      {"a transfers to b", [&] { return a.target->TransferProcessLock(own_pid); }, S_OK, kNotOwner,
+       S_OK},
+      {"a reclaims", [&] { return a.target->ReclaimProcessLock(); }, S_OK, S_OK, kNotOwner},
+      {"a releases", [&] { return a.target->ReleaseProcessLock(); }, S_OK, S_OK, S_OK},
+      {"b locks", [&] { return b.target->RequestProcessLock(); }, S_OK, kNotOwner, S_OK},
+  };
+  for (const auto& step : kSteps) {
+    EXPECT_EQ(step.run(), step.result) << step.step << ": " << TakeErrorText();
+    EXPECT_EQ(a.Write(), step.a_writes) << step.step << ", a writes";
+    EXPECT_EQ(b.Write(), step.b_writes) << step.step << ", b writes";
+    EXPECT_EQ(a.Read(), S_OK) << step.step;
+  }
+  EXPECT_TRUE(servertest::WaitUntil([&] { return sink->asked.load() == 1; }))
+      << "the holder hears of b's request";
+  // b's lock goes with its connection.
+  ASSERT_EQ(second_root->Dispose(), S_OK);
+  EXPECT_TRUE(servertest::WaitUntil([&] { return a.Write() == S_OK; }));
+  VARIANT_BOOL locked = VARIANT_TRUE;
+  EXPECT_EQ(a.target->get_IsProcessLocked(&locked), S_OK);
+  EXPECT_EQ(locked, VARIANT_FALSE);
+}
+
+}  // namespace
+}  // namespace qv::apitest
