@@ -5,13 +5,6 @@
 namespace qv::server {
 namespace {
 
-constexpr uint32_t kGeneral = 0x10000;
-constexpr uint32_t kFpEnvironment = 0x20000;
-constexpr uint32_t kFpAccumulator = 0x30000;
-constexpr uint32_t kYmm = 0x40000;
-constexpr uint32_t kDebug = 0x50000;
-constexpr uint32_t kFsBase = 0x60000;
-
 // Named one by one where a group's indices are not a plain count: the general registers in the
 // order the ids give them (0x10010 and 0x10011 are unassigned), and the FP environment.
 struct Named {
@@ -19,37 +12,37 @@ struct Named {
   uint32_t id;
 };
 constexpr std::array<Named, 31> kNamed{{
-    {"rax", kGeneral + 0},
-    {"rcx", kGeneral + 1},
-    {"rdx", kGeneral + 2},
-    {"rbx", kGeneral + 3},
-    {"rsp", kGeneral + 4},
-    {"rbp", kGeneral + 5},
-    {"rsi", kGeneral + 6},
-    {"rdi", kGeneral + 7},
-    {"r8", kGeneral + 8},
-    {"r9", kGeneral + 9},
-    {"r10", kGeneral + 10},
-    {"r11", kGeneral + 11},
-    {"r12", kGeneral + 12},
-    {"r13", kGeneral + 13},
-    {"r14", kGeneral + 14},
-    {"r15", kGeneral + 15},
-    {"rip", kGeneral + 0x12},
-    {"trapno", kGeneral + 0x13},
-    {"err", kGeneral + 0x14},
-    {"rflags", kGeneral + 0x15},
-    {"fcw", kFpEnvironment + 0},
-    {"fsw", kFpEnvironment + 1},
-    {"ftw", kFpEnvironment + 2},
-    {"fzero", kFpEnvironment + 3},
-    {"fop", kFpEnvironment + 4},
-    {"fip", kFpEnvironment + 5},
-    {"fdp", kFpEnvironment + 6},
-    {"mxcsr", kFpEnvironment + 7},
-    {"mxcsr_mask", kFpEnvironment + 8},
-    {"fsbase", kFsBase},
-    {"fs_base", kFsBase},
+    {"rax", kGeneralRegisters + 0},
+    {"rcx", kGeneralRegisters + 1},
+    {"rdx", kGeneralRegisters + 2},
+    {"rbx", kGeneralRegisters + 3},
+    {"rsp", kGeneralRegisters + 4},
+    {"rbp", kGeneralRegisters + 5},
+    {"rsi", kGeneralRegisters + 6},
+    {"rdi", kGeneralRegisters + 7},
+    {"r8", kGeneralRegisters + 8},
+    {"r9", kGeneralRegisters + 9},
+    {"r10", kGeneralRegisters + 10},
+    {"r11", kGeneralRegisters + 11},
+    {"r12", kGeneralRegisters + 12},
+    {"r13", kGeneralRegisters + 13},
+    {"r14", kGeneralRegisters + 14},
+    {"r15", kGeneralRegisters + 15},
+    {"rip", kGeneralRegisters + 0x12},
+    {"trapno", kGeneralRegisters + 0x13},
+    {"err", kGeneralRegisters + 0x14},
+    {"rflags", kGeneralRegisters + 0x15},
+    {"fcw", kFpEnvironmentRegisters + 0},
+    {"fsw", kFpEnvironmentRegisters + 1},
+    {"ftw", kFpEnvironmentRegisters + 2},
+    {"fzero", kFpEnvironmentRegisters + 3},
+    {"fop", kFpEnvironmentRegisters + 4},
+    {"fip", kFpEnvironmentRegisters + 5},
+    {"fdp", kFpEnvironmentRegisters + 6},
+    {"mxcsr", kFpEnvironmentRegisters + 7},
+    {"mxcsr_mask", kFpEnvironmentRegisters + 8},
+    {"fsbase", kFsBaseRegister},
+    {"fs_base", kFsBaseRegister},
 }};
 
 // Groups whose registers are a prefix and an index.
@@ -59,9 +52,9 @@ struct Counted {
   uint32_t count;
 };
 constexpr std::array<Counted, 3> kCounted{{
-    {"st", kFpAccumulator, 8},
-    {"ymm", kYmm, 16},
-    {"dr", kDebug, 16},
+    {"st", kFpAccumulatorRegisters, 8},
+    {"ymm", kYmmRegisters, 16},
+    {"dr", kDebugRegisters, 16},
 }};
 
 }  // namespace

@@ -9,6 +9,14 @@
 
 namespace qv::server {
 
+// The register groups: the upper 16 bits of an id.
+inline constexpr uint32_t kGeneralRegisters = 0x10000;
+inline constexpr uint32_t kFpEnvironmentRegisters = 0x20000;
+inline constexpr uint32_t kFpAccumulatorRegisters = 0x30000;
+inline constexpr uint32_t kYmmRegisters = 0x40000;
+inline constexpr uint32_t kDebugRegisters = 0x50000;
+inline constexpr uint32_t kFsBaseRegister = 0x60000;
+
 // "rax", "rip", "ymm3", "dr7", "fsbase", "st0", "mxcsr", ... (lower case), or nullopt.
 std::optional<uint32_t> RegisterIdByName(std::string_view name);
 // The name of a register id, or empty for an id no register has.

@@ -18,13 +18,6 @@
 namespace qv::server {
 namespace {
 
-constexpr uint32_t kGeneral = 0x10000;
-constexpr uint32_t kFpEnvironment = 0x20000;
-constexpr uint32_t kFpAccumulator = 0x30000;
-constexpr uint32_t kYmm = 0x40000;
-constexpr uint32_t kDebug = 0x50000;
-constexpr uint32_t kFsBase = 0x60000;
-
 // The XSAVE area: the legacy region is the FXSAVE image (user_fpregs_struct), the header's
 // XSTATE_BV says which components hold values, the upper halves of YMM0..15 follow at 576.
 constexpr size_t kXstateBvOffset = 512;
@@ -130,11 +123,11 @@ class RegisterFile {
     const uint32_t group = id & 0xFFFF0000;
     const uint32_t index = id & 0xFFFF;
     if (RegisterNameOf(id).empty()) return UnknownId(id);
-    if (group == kGeneral || group == kFsBase) {
+    if (group == kGeneralRegisters || group == kFsBaseRegister) {
       user_regs_struct* regs = nullptr;
       if (Status status = General(regs); !status.ok()) return status;
       unsigned long long user_regs_struct::*field =
-          group == kFsBase ? &user_regs_struct::fs_base : GeneralField(index);
+          group == kFsBaseRegister ? &user_regs_struct::fs_base : GeneralField(index);
       if (field == nullptr) {
         if (write != nullptr) return ReadOnly(id);
         return Status::Ok();
@@ -147,33 +140,35 @@ class RegisterFile {
       }
       return Status::Ok();
     }
-    if (group == kDebug) return AccessDebug(id, index, words, write);
+    if (group == kDebugRegisters) return AccessDebug(id, index, words, write);
     user_fpregs_struct* legacy = nullptr;
     uint8_t* upper = nullptr;
     if (Status status = Floating(legacy, upper); !status.ok()) return status;
     uint8_t* bytes = nullptr;  // little-endian storage of the register's value
     size_t width = 0;
-    if (group == kFpEnvironment) return AccessEnvironment(*legacy, id, index, words, write);
-    if (group == kFpAccumulator) {
+    if (group == kFpEnvironmentRegisters)
+      return AccessEnvironment(*legacy, id, index, words, write);
+    if (group == kFpAccumulatorRegisters) {
       bytes = reinterpret_cast<uint8_t*>(legacy->st_space) + index * 16;
       width = 10;
-    } else if (group == kYmm) {
+    } else if (group == kYmmRegisters) {
       bytes = reinterpret_cast<uint8_t*>(legacy->xmm_space) + index * 16;
       width = 16;
     }
     if (write != nullptr) {
-      if (group == kYmm && upper == nullptr && (write[2] != 0 || write[3] != 0)) {
+      if (group == kYmmRegisters && upper == nullptr && (write[2] != 0 || write[3] != 0)) {
         return Status::Fail(KXAPI_COMMS_ERR_INVALID_REG_INDEX,
                             u"this CPU has no AVX state: the upper half of " +
                                 platform::Utf8ToUtf16(RegisterNameOf(id)) + u" stays zero");
       }
       std::memcpy(bytes, write, width);
-      if (group == kYmm && upper != nullptr) std::memcpy(upper + index * 16, write + 2, 16);
+      if (group == kYmmRegisters && upper != nullptr)
+        std::memcpy(upper + index * 16, write + 2, 16);
       floating_dirty_ = true;
       return Status::Ok();
     }
     std::memcpy(words, bytes, width);
-    if (group == kYmm && upper != nullptr) std::memcpy(words + 2, upper + index * 16, 16);
+    if (group == kYmmRegisters && upper != nullptr) std::memcpy(words + 2, upper + index * 16, 16);
     return Status::Ok();
   }
 
