@@ -9,6 +9,7 @@ packages=(
   libyaml-cpp-dev
   libcli11-dev nlohmann-json3-dev pkg-config
   mingw-w64 wine wine64 wine64-tools
+  gdb gdbserver lldb python3-lldb-14  # the real debuggers the GDB bridge is tested with
 )
 
 missing=()
