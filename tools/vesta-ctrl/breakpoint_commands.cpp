@@ -8,6 +8,7 @@
 #include "debug_values.h"
 #include "output.h"
 #include "process_resolution.h"
+#include "symbol_address.h"
 
 namespace vesta_ctrl {
 namespace {
@@ -54,7 +55,7 @@ void SetSoftware(Context& context, const ProcessRef& ref, std::uint64_t address,
                                            no_script.Get(), original.Put(), &id));
   const std::string bytes = HexBytes(BytesOf(original.Get()));
   if (context.json) {
-    PrintOrderedJson(context.out, {{"id", id}, {"original", bytes}});
+    PrintOrderedJson(context.out, {{"id", id}, {"address", Hex(address)}, {"original", bytes}});
   } else {
     context.out << "Breakpoint " << id << " at " << Hex(address)
                 << (tid == 0 ? "" : " for thread " + std::to_string(tid)) << " (original bytes "
@@ -131,13 +132,16 @@ void Break(Context& context, const BreakOptions& options) {
       (options.write || options.read || !options.size.empty() || !options.thread.empty())) {
     throw UsageError("--write, --read, --size and --thread go with ADDR only");
   }
-  // Everything the user typed is checked before the target is asked anything.
+  // Everything the user typed is checked before the target is asked anything; a symbol can only
+  // be looked up in the process.
   const std::uint32_t pid = Pid(options.process);
   std::optional<std::uint64_t> address;
-  if (!options.address.empty()) address = ParseNumber(options.address, "ADDR");
+  const bool symbol = IsSymbolName(options.address);
+  if (!options.address.empty() && !symbol) address = ParseNumber(options.address, "ADDR");
   const std::uint32_t tid = options.thread.empty() ? 0 : ParseDecimal(options.thread, "--thread");
   const std::uint32_t clear = options.clear.empty() ? 0 : ParseDecimal(options.clear, "ID");
   const ProcessRef ref = ResolveProcess(context, options.process.spec, pid);
+  if (symbol) address = SymbolAddress(ref, options.address);
   if (options.list) {
     List(context, ref);
   } else if (!options.clear.empty()) {
@@ -156,7 +160,8 @@ void AddBreakpointCommands(CLI::App& app, Context& context) {
   CLI::App* command = app.add_subcommand(
       "break", "Set a breakpoint at ADDR and print its id; --list them, --clear one");
   AddProcessArgs(*command, options->process);
-  command->add_option("ADDR", options->address, "Address (decimal or 0x-hex)");
+  command->add_option("ADDR", options->address,
+                      "Address (decimal or 0x-hex) or a symbol of the main program");
   CLI::Option* hardware =
       command->add_flag("--hw", options->hardware, "A hardware breakpoint (default: execute)");
   CLI::Option* write =

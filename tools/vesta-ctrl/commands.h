@@ -14,6 +14,7 @@ struct Context {
   Session session;
   bool json = false;  // --json: one JSON document on standard output instead of text.
   std::ostream& out = std::cout;
+  int exit_code = 0;  // what a command that succeeded has the tool exit with (`run`: the program's)
 };
 
 // server start|stop|status|version, error CODE.
@@ -29,7 +30,7 @@ void AddConsoleCommands(CLI::App& app, Context& context);
 // events.
 void AddEventCommands(CLI::App& app, Context& context);
 // Debugging a target's processes: ps, threads, modules, vm, sync, load, attach, detach, kill,
-// suspend, resume, mem read|write, regs, break.
+// suspend, resume, mem read|write, regs, break, run, core.
 void AddDebugCommands(CLI::App& app, Context& context);
 
 }  // namespace vesta_ctrl

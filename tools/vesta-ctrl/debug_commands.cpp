@@ -212,12 +212,7 @@ void Load(Context& context, const LoadOptions& options) {
   vekx::ComPtr<ITarget> target = ResolveTarget(context.session.Api(), options.spec);
   vekx::ComPtr<ITarget12> loader;
   Check(target.QueryInto(IID_ITarget12, loader));
-  // A file of this machine is loaded from the host; any other path names a file of the kit's
-  // application file system.
-  std::error_code error;
-  const bool on_host = std::filesystem::is_regular_file(options.path, error);
-  const std::string path =
-      on_host ? std::filesystem::absolute(options.path, error).string() : options.path;
+  const auto [on_host, path] = ProgramPathOf(options.path);
   const vekx::Variant args = BstrArray(options.args);
   vekx::ComPtr<IProcess> process;
   Check(loader->LoadProcessArgv(on_host ? DEVICE_HOST : DEVICE_APP,
@@ -357,6 +352,12 @@ void Resume(Context& context, const ResumeOptions& options) {
 
 }  // namespace
 
+ProgramPath ProgramPathOf(const std::string& typed) {
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(typed, error)) return {false, typed};
+  return {true, std::filesystem::absolute(typed, error).string()};
+}
+
 void AddProcessArgs(CLI::App& command, ProcessArgs& args) {
   command.add_option("TARGET", args.spec, "Handle, host name or name")->required();
   command.add_option("PID", args.pid, "Process id (decimal)")->required();
@@ -447,6 +448,7 @@ void AddDebugCommands(CLI::App& app, Context& context) {
 
   AddMemoryCommands(app, context);
   AddBreakpointCommands(app, context);
+  AddRunCommand(app, context);
 }
 
 }  // namespace vesta_ctrl

@@ -18,6 +18,17 @@ namespace vesta_ctrl {
 void AddMemoryCommands(CLI::App& app, Context& context);
 // break.
 void AddBreakpointCommands(CLI::App& app, Context& context);
+// run.
+void AddRunCommand(CLI::App& app, Context& context);
+
+// A program as `load` and `run` send it: a file of this machine is loaded from the host, by its
+// absolute path (the server's working directory is not the tool's); any other path names a file
+// of the kit's application file system, sent as typed.
+struct ProgramPath {
+  bool on_host = false;
+  std::string path;
+};
+ProgramPath ProgramPathOf(const std::string& typed);
 
 // The TARGET and PID positionals every debug command starts with.
 struct ProcessArgs {

@@ -69,7 +69,7 @@ int Main(int argc, char** argv) {
     if (context.json) PrintJsonFailure(context, failure.code(), failure.what());
     return kExitFailed;
   }
-  return 0;
+  return context.exit_code;
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "output.h"
 #include "process_resolution.h"
 #include "register_names.h"
+#include "symbol_address.h"
 
 namespace vesta_ctrl {
 namespace {
@@ -48,9 +49,11 @@ void HexDump(std::ostream& out, std::uint64_t address, const std::vector<std::ui
 }
 
 void ReadMemory(Context& context, const MemoryOptions& options) {
-  const std::uint64_t address = ParseNumber(options.address, "ADDR");
+  const bool symbol = IsSymbolName(options.address);
+  std::uint64_t address = symbol ? 0 : ParseNumber(options.address, "ADDR");
   const auto length = static_cast<ULONG>(ParseNumber(options.length, "LEN", UINT32_MAX));
   const ProcessRef ref = ResolveProcess(context, options.process.spec, Pid(options.process));
+  if (symbol) address = SymbolAddress(ref, options.address);
   ULONG bad = 0;
   vekx::Variant buffer;
   Check(ref.process->GetMemory(address, length, &bad, buffer.Put()));
@@ -85,9 +88,11 @@ void ReadMemory(Context& context, const MemoryOptions& options) {
 }
 
 void WriteMemory(Context& context, const MemoryOptions& options) {
-  const std::uint64_t address = ParseNumber(options.address, "ADDR");
+  const bool symbol = IsSymbolName(options.address);
+  std::uint64_t address = symbol ? 0 : ParseNumber(options.address, "ADDR");
   const std::vector<std::uint8_t> bytes = ParseHexBytes(options.hex, "HEX");
   const ProcessRef ref = ResolveProcess(context, options.process.spec, Pid(options.process));
+  if (symbol) address = SymbolAddress(ref, options.address);
   ULONG written = 0;
   Check(ref.process->SetMemory(address, ByteArray(bytes).Get(), &written));
   if (context.json) {
@@ -179,7 +184,10 @@ void AddMemoryCommands(CLI::App& app, Context& context) {
   CLI::App* read_command =
       mem->add_subcommand("read", "LEN bytes from ADDR, as a hex dump (or into a file)");
   AddProcessArgs(*read_command, read->process);
-  read_command->add_option("ADDR", read->address, "Address (decimal or 0x-hex)")->required();
+  read_command
+      ->add_option("ADDR", read->address,
+                   "Address (decimal or 0x-hex) or a symbol of the main program")
+      ->required();
   read_command->add_option("LEN", read->length, "Number of bytes (decimal or 0x-hex)")->required();
   read_command->add_option("--out", read->out, "Write the raw bytes to FILE instead");
   read_command->callback([&context, read] { ReadMemory(context, *read); });
@@ -187,7 +195,10 @@ void AddMemoryCommands(CLI::App& app, Context& context) {
   auto write = std::make_shared<MemoryOptions>();
   CLI::App* write_command = mem->add_subcommand("write", "Write bytes at ADDR");
   AddProcessArgs(*write_command, write->process);
-  write_command->add_option("ADDR", write->address, "Address (decimal or 0x-hex)")->required();
+  write_command
+      ->add_option("ADDR", write->address,
+                   "Address (decimal or 0x-hex) or a symbol of the main program")
+      ->required();
   write_command
       ->add_option("HEX", write->hex, "The bytes: pairs of hex digits (\"9090\", \"90 90\")")
       ->required();

@@ -4,8 +4,6 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <chrono>
-
 #include "platform/wide_string.h"
 #include "requests/notifications.h"
 
@@ -79,6 +77,14 @@ void ConsolePump::Loop() {
       Post(port, pending[port], false);
     }
   }
+  std::lock_guard lock(mutex_);
+  drained_ = true;
+  drained_changed_.notify_all();
+}
+
+void ConsolePump::WaitDrained(std::chrono::milliseconds timeout) {
+  std::unique_lock lock(mutex_);
+  drained_changed_.wait_for(lock, timeout, [this] { return drained_; });
 }
 
 }  // namespace qv::server

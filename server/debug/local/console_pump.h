@@ -5,7 +5,10 @@
 
 #include <sys/types.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -22,6 +25,11 @@ class ConsolePump {
   ConsolePump(const ConsolePump&) = delete;
   ConsolePump& operator=(const ConsolePump&) = delete;
 
+  // Waits up to `timeout` until both pipes are closed and all they held has been posted: the
+  // process's last words go out before the news of its end. (A child that keeps the pipes open
+  // makes this wait the whole time.)
+  void WaitDrained(std::chrono::milliseconds timeout);
+
  private:
   void Loop();
   void Post(uint32_t port, std::string& pending, bool flush);
@@ -31,6 +39,9 @@ class ConsolePump {
   const int error_;
   const std::shared_ptr<DebugEvents> events_;
   int stop_ = -1;  // eventfd that ends the loop
+  std::mutex mutex_;
+  std::condition_variable drained_changed_;
+  bool drained_ = false;  // guarded by mutex_
   std::thread thread_;
 };
 

@@ -26,6 +26,8 @@ namespace qv::server {
 namespace {
 
 constexpr uint8_t kInt3 = 0xCC;
+// How long the end of a loaded process waits for its last console output to be posted.
+constexpr auto kConsoleDrainWait = std::chrono::milliseconds(500);
 
 std::u16string Number(int64_t value) {
   return Decimal(static_cast<uint64_t>(value));
@@ -378,6 +380,8 @@ void TracedProcess::OnExit(pid_t tid, int status) {
     events_->Post(Event<CProcessKillNotification>());
     return;
   }
+  // What it wrote just before it ended comes first.
+  if (console_) console_->WaitDrained(kConsoleDrainWait);
   auto exited = Event<CProcessExitNotification>();
   if (WIFEXITED(status)) {
     exited.ExitCode = static_cast<uint32_t>(WEXITSTATUS(status));
