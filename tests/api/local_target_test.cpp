@@ -9,7 +9,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -102,6 +105,18 @@ class DebugRecorder : public vekx::EventSink<IEventDebug> {
     ++libraries_;
     return S_OK;
   }
+  HRESULT STDMETHODCALLTYPE OnCoredumpInProgress(ICoredumpInProgressEvent* event) override {
+    std::lock_guard lock(mutex_);
+    ULONG percent = 0;
+    event->get_Percentage(&percent);
+    percentages_.push_back(percent);
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE OnCoredumpCompleted(ICoredumpCompletedEvent* event) override {
+    std::lock_guard lock(mutex_);
+    ++dumps_completed_;
+    return event->get_Result(&dump_result_);
+  }
   HRESULT STDMETHODCALLTYPE OnThreadCreate(IThreadCreateEvent*) override {
     std::lock_guard lock(mutex_);
     ++threads_;
@@ -129,6 +144,9 @@ class DebugRecorder : public vekx::EventSink<IEventDebug> {
   eStopNotificationReason stop_code_{};
   ULONG exit_code_ = 0xFFFFFFFF;
   bool killed_ = false;
+  std::vector<ULONG> percentages_;
+  int dumps_completed_ = 0;
+  eErrorCode dump_result_{};
 };
 
 class LocalTargetTest : public LiveApiTest {
@@ -476,6 +494,112 @@ TEST_F(LocalTargetTest, ThreadsAndThreadSpecificBreakpoint) {
   ULONG stopped = 0;
   EXPECT_EQ(events_->WaitStop(0, &stopped), STOP_REASON_SIGSWBRKPT);
   EXPECT_EQ(stopped, chosen);
+  EXPECT_EQ(process->Kill(), S_OK);
+}
+
+// What gdb answers about `program` and `core`, one command after another.
+std::string Gdb(const std::string& program, const std::string& core,
+                const std::vector<std::string>& commands) {
+  std::string line = "gdb -batch -nx '" + program + "' '" + core + "'";
+  for (const std::string& command : commands)
+    line += " -ex '" + command + "'";
+  line += " 2>&1";
+  std::string output;
+  if (FILE* pipe = popen(line.c_str(), "r")) {
+    std::array<char, 4096> buffer;
+    for (size_t got; (got = fread(buffer.data(), 1, buffer.size(), pipe)) > 0;)
+      output.append(buffer.data(), got);
+    pclose(pipe);
+  }
+  return output;
+}
+
+// A core file of a program stopped at a breakpoint, with three threads and a changed global, as
+// Debian's gdb reads it back: the stopped thread's rip, the global's new value, the code byte
+// under the breakpoint as the program has it (not the int3), and every thread. A mini dump leaves
+// the code to the program's file but keeps the data; a second dump never replaces the first.
+TEST_F(LocalTargetTest, CoreDumpThatGdbReadsBack) {
+  if (!std::filesystem::exists("/usr/bin/gdb")) GTEST_SKIP() << "no gdb here: not tested";
+  const uint64_t tick = Symbol("vekx_tick");
+  auto process = Load("threads 2", true);
+  ASSERT_TRUE(process);
+  ASSERT_EQ(process->get_Id(&pid_), S_OK);
+  ASSERT_EQ(events_->WaitStop(0), STOP_REASON_DL_STOP_INIT);
+  vekx::Variant opcode;
+  ULONG id = 0;
+  ASSERT_EQ(process->SetSoftwareBreakpoint(0, tick, SWBREAKPT_ATTR_MODE, 0, vekx::Variant().Get(),
+                                           opcode.Put(), &id),
+            S_OK)
+      << TakeErrorText();
+  // Until the two workers are up, the main thread's first call stops it.
+  vekx::Variant failed;
+  ULONG tid = 0;
+  for (int stops = 1; events_->Get(events_->threads_) < 3 && stops < 10; ++stops) {
+    ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << TakeErrorText();
+    ASSERT_EQ(events_->WaitStop(stops, &tid), STOP_REASON_SIGSWBRKPT);
+  }
+  ULONG written = 0;
+  ASSERT_EQ(process->SetMemory(Symbol("vekx_marker"),
+                               Array(VT_UI1, {0xcd, 0xab, 0x34, 0x12, 0, 0, 0, 0}).Get(), &written),
+            S_OK);
+  uint64_t rip = 0;
+  {
+    auto thread = Thread(tid);
+    rip = Registers(thread.Get(), {REG_ID_RIP})[0];
+  }
+  ASSERT_EQ(rip, tick);
+
+  const auto directory =
+      std::filesystem::path(::testing::TempDir()) / ("vekx_core_" + std::to_string(getpid()));
+  std::filesystem::create_directories(directory);
+  char original[8];
+  std::snprintf(original, sizeof original, "0x%02x", static_cast<unsigned>(Numbers(opcode)[0]));
+  char rip_text[32];
+  std::snprintf(rip_text, sizeof rip_text, "0x%llx", static_cast<unsigned long long>(rip));
+  const struct {
+    eCoreDumpType type;
+    const char* name;
+  } kDumps[] = {{COREDUMP_TYPE_FULL, "full.core"}, {COREDUMP_TYPE_MINI, "mini.core"}};
+  int completed = 0;
+  for (const auto& dump : kDumps) {
+    SCOPED_TRACE(dump.name);
+    const std::string core = (directory / dump.name).string();
+    std::filesystem::remove(core);
+    events_->percentages_.clear();
+    ASSERT_EQ(process->TriggerCoredump(vekx::Bstr::FromUtf8(core).Get(), dump.type), S_OK)
+        << TakeErrorText();
+    ++completed;
+    ASSERT_TRUE(servertest::WaitUntil(
+        [&] { return events_->Get(events_->dumps_completed_) == completed; }));
+    EXPECT_EQ(events_->Get(events_->dump_result_), 0);
+    const std::vector<ULONG> percentages = events_->Get(events_->percentages_);
+    ASSERT_FALSE(percentages.empty());
+    EXPECT_EQ(percentages.front(), 0u);
+    EXPECT_EQ(percentages.back(), 100u);
+    EXPECT_TRUE(std::is_sorted(percentages.begin(), percentages.end()));
+
+    const std::string answer =
+        Gdb(VEKX_DEBUGGEE, core,
+            {"info registers rip", "print/x vekx_marker", "x/1xb vekx_tick", "info threads"});
+    EXPECT_NE(answer.find(std::string("rip            ") + rip_text), std::string::npos) << answer;
+    EXPECT_NE(answer.find("$1 = 0x1234abcd"), std::string::npos) << answer;
+    EXPECT_NE(answer.find(std::string(":\t") + original), std::string::npos) << answer;
+    EXPECT_NE(answer.find("\n  3 "), std::string::npos) << answer;
+    EXPECT_EQ(answer.find("\n  4 "), std::string::npos) << answer;
+
+    EXPECT_EQ(process->TriggerCoredump(vekx::Bstr::FromUtf8(core).Get(), dump.type),
+              KXAPI_COMMS_ERR_COREDUMP_CREATE);
+    EXPECT_NE(TakeErrorText().find("already exists"), std::string::npos);
+  }
+  // Nothing to cancel, and nothing to dump while it runs.
+  EXPECT_EQ(process->CancelCoredump(), KXAPI_COMMS_ERR_NO_ENTRY);
+  ASSERT_EQ(process->ClearSoftwareBreakpoint(id), S_OK);
+  ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << TakeErrorText();
+  const std::string running = (directory / "running.core").string();
+  EXPECT_EQ(process->TriggerCoredump(vekx::Bstr::FromUtf8(running).Get(), COREDUMP_TYPE_FULL),
+            KXAPI_COMMS_ERR_NOT_STOPPED);
+  EXPECT_FALSE(std::filesystem::exists(running));
+  std::filesystem::remove_all(directory);
   EXPECT_EQ(process->Kill(), S_OK);
 }
 

@@ -1,7 +1,7 @@
-// vesta-ctrl on the local target: `run` as a remote shell, and symbols of the main program where
-// an address goes, against the test program (tests/programs/debuggee.cpp) built as a fixed-address
-// and as a position-independent executable. Skipped where this process may not trace its
-// children.
+// vesta-ctrl on the local target: `run` as a remote shell, symbols of the main program where an
+// address goes, and `core`, against the test program (tests/programs/debuggee.cpp) built as a
+// fixed-address and as a position-independent executable. Skipped where this process may not trace
+// its children.
 #ifdef VEKX_DEBUGGEE_PIE
 
 #include <gtest/gtest.h>
@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <map>
 #include <string>
 #include <utility>
@@ -106,6 +107,9 @@ TEST_F(LocalCommandsTest, RunPassesOutputAndExitCodeThrough) {
 TEST_F(LocalCommandsTest, SymbolsOfTheMainProgramStandForAddresses) {
   for (const std::string program : {VEKX_DEBUGGEE, VEKX_DEBUGGEE_PIE}) {
     SCOPED_TRACE(program);
+    const std::string core =
+        (qv::clitest::TestRoot() / (std::filesystem::path(program).filename().string() + ".core"))
+            .string();
     RunSteps({
         {{"--json", "load", "localhost", program, "--stop-at-entry", "--", "spin"},
          0,
@@ -127,6 +131,9 @@ TEST_F(LocalCommandsTest, SymbolsOfTheMainProgramStandForAddresses) {
          "",
          {{"/data", "ed5e000000000000"}}},
         {{"break", "localhost", "{pid}", "vekx_nothing"}, 1, "", "no symbol 'vekx_nothing'"},
+        // The stopped process's core, with its progress on standard error; never over a file.
+        {{"core", "localhost", "{pid}", core}, 0, "Wrote the core of process", "dumping: 100%"},
+        {{"core", "localhost", "{pid}", core}, 1, "", "already exists"},
         {{"kill", "localhost", "{pid}"}, 0},
     });
   }

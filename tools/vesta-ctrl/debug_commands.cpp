@@ -449,6 +449,7 @@ void AddDebugCommands(CLI::App& app, Context& context) {
   AddMemoryCommands(app, context);
   AddBreakpointCommands(app, context);
   AddRunCommand(app, context);
+  AddCoreCommand(app, context);
 }
 
 }  // namespace vesta_ctrl

@@ -76,6 +76,10 @@ class LocalDebugBackend final : public DebugBackend {
   Status GetSocketInfo(const DebugCall&, CGetSocketInfoRequest&, CGetSocketInfoResponse&) override;
   Status GetFiles(const DebugCall&, CGetFilesRequest&, CGetFilesResponse&) override;
   Status ReadGpuInfo(const DebugCall&, CReadGpuInfoRequest&, CReadGpuInfoResponse&) override;
+  Status TriggerCoredump(const DebugCall&, CTriggerCoredumpRequest&,
+                         CTriggerCoredumpResponse&) override;
+  Status CancelCoredump(const DebugCall&, CCancelCoredumpRequest&,
+                        CCancelCoredumpResponse&) override;
   void ConsoleInput(uint32_t process_id, const std::string& text) override;
 
  private:

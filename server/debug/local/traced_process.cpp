@@ -13,6 +13,7 @@
 
 #include "platform/wide_string.h"
 #include "requests/notifications.h"
+#include "server/debug/local/core_file.h"
 #include "server/debug/local/hardware_slots.h"
 #include "server/debug/local/proc_files.h"
 #include "server/debug/local/process_info.h"
@@ -28,6 +29,23 @@ namespace {
 constexpr uint8_t kInt3 = 0xCC;
 // How long the end of a loaded process waits for its last console output to be posted.
 constexpr auto kConsoleDrainWait = std::chrono::milliseconds(500);
+
+// The Linux signal a core file gives a thread that stopped with `stop_code`: SIGTRAP for the
+// debugger's own stops, SIGSTOP for a suspension, none for the rest.
+int CoreSignal(uint32_t stop_code) {
+  switch (stop_code) {
+    case 5:    // STOP_REASON_SIGTRAP: a step
+    case 131:  // STOP_REASON_SIGSWBRKPT
+    case 132:  // STOP_REASON_DL_STOP_INIT
+    case 134:  // STOP_REASON_SIGHWBRKPT
+      return SIGTRAP;
+    case 129:  // STOP_REASON_SIGSUSPEND_PROCESS
+    case 130:  // STOP_REASON_SIGSUSPEND_THREAD
+      return SIGSTOP;
+    default:
+      return 0;
+  }
+}
 
 std::u16string Number(int64_t value) {
   return Decimal(static_cast<uint64_t>(value));
@@ -474,6 +492,7 @@ void TracedProcess::ReportStop(pid_t tid, uint32_t reason) {
   StopOthers(tid);
   if (ended_) return;
   running_ = false;
+  stop_thread_ = tid;
   for (auto& [other, thread] : threads_) {
     thread.stepping = false;
     PutBackLifted(thread);
@@ -763,6 +782,66 @@ Status TracedProcess::Write(uint64_t address, const Bytes& data) {
     }
     return memory_->Write(address, bytes.data(), bytes.size());
   });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Core dumps.
+
+Status TracedProcess::WriteCore(const std::string& path, bool full,
+                                const std::function<void(uint32_t percent)>& progress) {
+  if (dumping_.exchange(true)) {
+    return Status::Fail(KXAPI_COMMS_ERR_COREDUMP_IN_PROGRESS,
+                        u"a core dump of process " + Number(pid_) + u" is in progress already");
+  }
+  cancel_dump_ = false;
+  CoreImage image;
+  Status status = OnTracer([&] {
+    bool stopped = !threads_.empty();
+    for (const auto& [tid, thread] : threads_)
+      stopped = stopped && thread.stopped;
+    if (!stopped) {
+      return Status::Fail(KXAPI_COMMS_ERR_NOT_STOPPED,
+                          u"process " + Number(pid_) + u" is running; suspend it to dump its core");
+    }
+    ReadCoreProcess(pid_, image);
+    // The thread that stopped first: a debugger reading the file starts there.
+    std::vector<pid_t> order;
+    if (threads_.count(stop_thread_) != 0) order.push_back(stop_thread_);
+    for (const auto& [tid, thread] : threads_) {
+      if (tid != stop_thread_) order.push_back(tid);
+    }
+    for (const pid_t tid : order) {
+      const Thread& thread = threads_.at(tid);
+      if (Status read =
+              ReadCoreThread(tid, CoreSignal(thread.stop_code), image.threads.emplace_back());
+          !read.ok()) {
+        return read;
+      }
+    }
+    for (const auto& [id, breakpoint] : software_)
+      image.originals.emplace_back(breakpoint.record.Address, breakpoint.original);
+    return Status::Ok();
+  });
+  if (status.ok()) {
+    status = WriteCoreFile(
+        path, image, full,
+        [this](uint64_t address, uint32_t size, Bytes& data) {
+          uint32_t bad = 0;
+          Read(address, size, data, bad);
+        },
+        cancel_dump_, progress);
+  }
+  dumping_ = false;
+  return status;
+}
+
+Status TracedProcess::CancelCore() {
+  if (!dumping_) {
+    return Status::Fail(KXAPI_COMMS_ERR_NO_ENTRY,
+                        u"no core dump of process " + Number(pid_) + u" is in progress");
+  }
+  cancel_dump_ = true;
+  return Status::Ok();
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -93,6 +93,15 @@ class TracedProcess {
   // Only an address an allocation of the same kind returned; its breakpoints go with it.
   Status DeallocatePages(bool executable, uint64_t address);
 
+  // An ELF core file of the process at `path` (core_file.h; `full`: every readable mapping, else
+  // the writable ones), `progress` hearing the percentage; refused while a thread runs or while
+  // another dump of the process is under way. The registers are taken on the tracer, the memory
+  // read from the caller's thread.
+  Status WriteCore(const std::string& path, bool full,
+                   const std::function<void(uint32_t percent)>& progress);
+  // Stops the dump under way, which then removes its file.
+  Status CancelCore();
+
   Status SetSoftwareBreakpoint(const CSetSoftwareBreakPointRequest& request, Bytes& original,
                                uint32_t& id);
   Status ClearSoftwareBreakpoint(uint32_t id);
@@ -180,6 +189,11 @@ class TracedProcess {
     bool executable = false;
   };
   std::map<uint64_t, Pages> pages_;  // what AllocatePages mapped, by address
+
+  pid_t stop_thread_ = 0;  // the thread whose stop was reported last
+
+  std::atomic<bool> dumping_{false};
+  std::atomic<bool> cancel_dump_{false};
 
   std::unique_ptr<ConsolePump> console_;
   int input_ = -1;       // the write end of a loaded process's stdin
