@@ -98,6 +98,18 @@ TEST(LocalProcFiles, MappingAndStatLines) {
   EXPECT_EQ(mapping->path, "/usr/lib/libx so.6");
   EXPECT_FALSE(ParseMappingLine("garbage").has_value());
 
+  // A whole maps text: every line, with or without the last line end; a bad line skipped.
+  const std::string line_a = "1000-2000 r--p 00000000 00:00 0    /bin/a\n";
+  const std::string line_b = "3000-4000 rw-p 00000000 00:00 0    [heap]";
+  for (const std::string& text : {line_a + line_b, line_a + line_b + "\n",
+                                  line_a + "garbage\n" + line_b, line_a + "\n" + line_b}) {
+    const std::vector<Mapping> all = ParseMappings(text);
+    ASSERT_EQ(all.size(), 2u) << text;
+    EXPECT_EQ(all[0].path, "/bin/a");
+    EXPECT_EQ(all[1].path, "[heap]");
+    EXPECT_EQ(all[1].end, 0x4000u);
+  }
+
   std::string fields = "42 (a) b) c) t 7";
   for (int field = 5; field <= 39; ++field)
     fields += " " + std::to_string(field == 14 ? 30 : field == 15 ? 12 : field == 39 ? 3 : 0);

@@ -2,10 +2,12 @@
 
 #include <dirent.h>
 #include <elf.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <fstream>
 #include <map>
@@ -85,7 +87,34 @@ std::optional<Mapping> ParseMappingLine(const std::string& line) {
   return mapping;
 }
 
+std::string ReadMapsText(pid_t pid) {
+  std::string text;
+  const int fd = open(Proc(pid, "maps").c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return text;
+  char buffer[16384];
+  for (ssize_t got; (got = read(fd, buffer, sizeof buffer)) != 0;) {
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) break;
+    text.append(buffer, static_cast<size_t>(got));
+  }
+  close(fd);
+  return text;
+}
+
+std::vector<Mapping> ParseMappings(const std::string& text) {
+  std::vector<Mapping> mappings;
+  std::string_view rest = text;
+  while (!rest.empty()) {
+    const size_t end = std::min(rest.find('\n'), rest.size());
+    if (auto mapping = ParseMappingLine(std::string(rest.substr(0, end))))
+      mappings.push_back(std::move(*mapping));
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+  return mappings;
+}
+
 std::vector<Mapping> ReadMappings(pid_t pid, bool with_resident) {
+  if (!with_resident) return ParseMappings(ReadMapsText(pid));
   std::vector<Mapping> mappings;
   std::ifstream file(Proc(pid, with_resident ? "smaps" : "maps"));
   std::string line;

@@ -24,6 +24,10 @@ struct Mapping {
   uint64_t resident = 0;
 };
 std::vector<Mapping> ReadMappings(pid_t pid, bool with_resident = false);
+// The text of /proc/PID/maps as it is now (empty once the process has gone), and the mappings
+// it lists: what a stop compares with the last one before parsing anything.
+std::string ReadMapsText(pid_t pid);
+std::vector<Mapping> ParseMappings(const std::string& text);
 // One mappings line, or nullopt for one that does not parse.
 std::optional<Mapping> ParseMappingLine(const std::string& line);
 

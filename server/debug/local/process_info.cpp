@@ -25,6 +25,16 @@ std::optional<ProcessInfoRecord> ProcessInfoOf(pid_t pid) {
   return record;
 }
 
+std::optional<ProcessInfoRecord> ProcessInfoOf(pid_t pid, const ProcessInfoRecord& known) {
+  const std::optional<TaskStat> stat = ReadTaskStat("/proc/" + std::to_string(pid) + "/stat");
+  if (!stat) return std::nullopt;
+  ProcessInfoRecord record = known;
+  record.ParentPID = static_cast<uint32_t>(stat->parent);
+  const long ticks = sysconf(_SC_CLK_TCK);
+  if (ticks > 0) record.ProcessTime = stat->cpu_ticks * 1000000 / static_cast<uint64_t>(ticks);
+  return record;
+}
+
 ThreadInfoRecord ThreadInfoOf(pid_t pid, pid_t tid) {
   const std::string base = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/";
   ThreadInfoRecord record;

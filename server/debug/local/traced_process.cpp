@@ -427,6 +427,7 @@ void TracedProcess::OnExec(pid_t tid) {
   software_.clear();  // their addresses were the old program's
   hardware_.clear();
   program_ = ReadLink("/proc/" + std::to_string(pid_) + "/exe");
+  known_info_.reset();
   Thread& thread = threads_[pid_];
   if (running_) Continue(pid_, thread);
 }
@@ -651,7 +652,11 @@ Status TracedProcess::ResumeThread(uint32_t tid) {
 // Records.
 
 ProcessInfoRecord TracedProcess::InfoRecord() {
-  ProcessInfoRecord record = ProcessInfoOf(pid_).value_or(ProcessInfoRecord{});
+  // Name, path and entry point change with an exec only: read once each time, the rest at every
+  // stop.
+  if (!known_info_) known_info_ = ProcessInfoOf(pid_);
+  ProcessInfoRecord record =
+      known_info_ ? ProcessInfoOf(pid_, *known_info_).value_or(*known_info_) : ProcessInfoRecord{};
   record.ProcessID = static_cast<uint32_t>(pid_);
   bool all_stopped = !threads_.empty();
   for (const auto& [tid, thread] : threads_)
@@ -680,7 +685,11 @@ ThreadInfoList TracedProcess::ThreadRecords() {
 }
 
 void TracedProcess::PostModuleChanges() {
-  const ModuleInfoList now = ModulesOf(ReadMappings(pid_), program_, &elf_entries_);
+  // Most stops change no mapping: the text compared is cheaper than the modules compared.
+  std::string text = ReadMapsText(pid_);
+  if (text == maps_text_) return;
+  maps_text_ = std::move(text);
+  const ModuleInfoList now = ModulesOf(ParseMappings(maps_text_), program_, &elf_entries_);
   ModuleInfoList loaded;
   U64List unloaded;
   ModuleChanges(modules_, now, loaded, unloaded);

@@ -180,6 +180,8 @@ class TracedProcess {
   bool killed_ = false;
   std::string program_;  // the executable's path
   ModuleInfoList modules_;
+  std::string maps_text_;  // /proc/PID/maps when modules_ was last made from it
+  std::optional<ProcessInfoRecord> known_info_;  // forgotten at an exec
   std::map<std::string, ElfEntry> elf_entries_;  // by path: read once, not at every stop
   std::map<uint32_t, Breakpoint> software_;
   std::map<uint32_t, HardwareBreakpointRecord> hardware_;
