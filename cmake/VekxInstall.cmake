@@ -28,6 +28,9 @@ install(TARGETS vesta-kx RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 if(TARGET vesta-ctrl)
   install(TARGETS vesta-ctrl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
+if(TARGET vesta-gdbserver)
+  install(TARGETS vesta-gdbserver RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
 
 file(GLOB VEKX_PUBLIC_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/vekxapi/*.h
                                                ${PROJECT_SOURCE_DIR}/include/vekxapi/*.def)
