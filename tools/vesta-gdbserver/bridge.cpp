@@ -12,6 +12,8 @@ namespace vesta_gdb {
 namespace {
 
 constexpr size_t kOutputChunk = 2048;
+// How long the output of a process that ended must be quiet before the exit is reported.
+constexpr int kOutputQuietMs = 150;
 
 std::string Hex2(unsigned value) {
   char text[8];
@@ -47,7 +49,20 @@ int Bridge::Run() {
   std::vector<char> buffer(64 * 1024);
   while (!done_) {
     pollfd fds[2] = {{connection_.in_fd(), POLLIN, 0}, {session_.event_fd(), POLLIN, 0}};
-    if (poll(fds, 2, -1) < 0) continue;
+    const int ready = poll(fds, 2, exit_pending_ ? kOutputQuietMs : -1);
+    if (ready == 0 && exit_pending_) {
+      exit_pending_ = false;
+      running_ = false;
+      Send(last_stop_);
+      continue;
+    }
+    if (ready < 0) {
+      if (TerminationRequested()) {
+        EndProcess();
+        break;
+      }
+      continue;
+    }
     if (fds[1].revents & POLLIN) OnTargetEvents();
     if (fds[0].revents & (POLLIN | POLLHUP | POLLERR)) {
       const size_t got = connection_.Read(buffer.data(), buffer.size());
@@ -149,10 +164,7 @@ void Bridge::OnTargetEvents() {
         last_stop_ = event.kind == TargetEvent::Kind::kExit ? "W" + Hex2(event.exit_code)
                                                             : "X" + Hex2(kGdbSigKill);
         exit_status_ = 0;
-        if (running_) {
-          running_ = false;
-          Send(last_stop_);
-        }
+        exit_pending_ = running_;
         break;
     }
   }
@@ -248,9 +260,8 @@ std::optional<std::string> Bridge::Answer(const Request& request) {
   if (!alive) {
     if (request.kind == RequestKind::kKill || request.kind == RequestKind::kDetach) {
       done_ = true;
-      return request.kind == RequestKind::kDetach || request.number == 1
-                 ? std::optional<std::string>("OK")
-                 : std::nullopt;
+      if (request.kind == RequestKind::kKill && request.number == 0) return last_stop_;
+      return std::string("OK");
     }
     if (request.kind == RequestKind::kResume) return last_stop_;
     return std::string("E01");
@@ -325,18 +336,27 @@ std::optional<std::string> Bridge::Answer(const Request& request) {
       session_.Kill();
       process_gone_ = true;
       done_ = true;
-      // "k" has no reply; "vKill" is answered.
-      return request.number == 1 ? std::optional<std::string>("OK") : std::nullopt;
+      // gdb sends vKill and wants OK; lldb sends "k" and wants the exit.
+      return request.number == 1 ? "OK" : "X" + Hex2(kGdbSigKill);
     default:
       return std::string();
   }
+}
+
+std::string Bridge::ReadBytes(std::uint64_t address, std::uint64_t length, std::uint32_t& bad) {
+  std::string bytes = session_.ReadMemory(address, static_cast<std::uint32_t>(length), bad);
+  for (auto it = software_.lower_bound(address);
+       it != software_.end() && it->first - address < bytes.size(); ++it) {
+    bytes[it->first - address] = static_cast<char>(it->second.original);
+  }
+  return bytes;
 }
 
 std::string Bridge::ReadMemory(std::uint64_t address, std::uint64_t length) {
   length = std::min<std::uint64_t>(length, (kPacketSize - 8) / 2);
   if (length == 0) return "";
   std::uint32_t bad = 0;
-  std::string bytes = session_.ReadMemory(address, static_cast<std::uint32_t>(length), bad);
+  std::string bytes = ReadBytes(address, length, bad);
   if (bad == 0) return HexEncode(bytes);
   // Some bytes could not be read, and the library does not say which: find the longest prefix
   // that reads whole, as a debugger expects a short answer to end where memory does.
@@ -348,7 +368,7 @@ std::string Bridge::ReadMemory(std::uint64_t address, std::uint64_t length) {
     (bad == 0 ? good : tried) = middle;
   }
   if (good == 0) return "E01";
-  bytes = session_.ReadMemory(address, static_cast<std::uint32_t>(good), bad);
+  bytes = ReadBytes(address, good, bad);
   return HexEncode(bytes);
 }
 
@@ -357,9 +377,11 @@ std::string Bridge::Point(const Request& request) {
   if (request.number == 0) {
     const auto it = software_.find(request.address);
     if (insert && it == software_.end()) {
-      software_[request.address] = session_.SetSoftwareBreakpoint(request.address);
+      Software point{};
+      point.id = session_.SetSoftwareBreakpoint(request.address, point.original);
+      software_[request.address] = point;
     } else if (!insert && it != software_.end()) {
-      const std::uint32_t id = it->second;
+      const std::uint32_t id = it->second.id;
       software_.erase(it);
       session_.ClearSoftwareBreakpoint(id);
     }

@@ -38,6 +38,7 @@ class Bridge {
   std::string ResumeProcess(const Request& request);
   std::string StopReply(std::uint32_t tid, std::uint32_t reason);
   std::string ReadMemory(std::uint64_t address, std::uint64_t length);
+  std::string ReadBytes(std::uint64_t address, std::uint64_t length, std::uint32_t& bad);
   std::string Point(const Request& request);
   std::string Xfer(const Request& request);
   std::string Monitor(const std::string& command);
@@ -53,6 +54,9 @@ class Bridge {
   bool running_ = false;
   bool interrupt_sent_ = false;
   bool process_gone_ = false;
+  // The process ended while running: its last output may still be on the way, so the exit reply
+  // waits until the output has been quiet a moment.
+  bool exit_pending_ = false;
   std::string last_sent_;
   std::string last_stop_;                             // the reply "?" repeats
   std::string pending_output_;                        // console output while the process stands
@@ -60,7 +64,13 @@ class Bridge {
   std::uint32_t g_tid_ = 0;                           // Hg; 0 means the stop's thread
   std::uint32_t c_tid_ = 0;                           // Hc
   std::map<std::uint32_t, RegisterWords> registers_;  // per thread, until the next resume
-  std::map<std::uint64_t, std::uint32_t> software_;   // address -> breakpoint id
+  struct Software {
+    std::uint32_t id;
+    std::uint8_t original;
+  };
+  // address -> breakpoint; memory reads show the original byte, as the debugger expects of
+  // breakpoints it inserted.
+  std::map<std::uint64_t, Software> software_;
   // (type, address, kind) -> hardware breakpoint id
   std::map<std::tuple<std::uint32_t, std::uint64_t, std::uint64_t>, std::uint32_t> hardware_;
   int exit_status_ = 0;

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,6 +13,29 @@
 #include <cstring>
 
 namespace vesta_gdb {
+namespace {
+
+// Written by the signal handler only: the one state a handler may touch.
+volatile sig_atomic_t g_terminate = 0;
+
+void OnTerminate(int) {
+  g_terminate = 1;
+}
+
+}  // namespace
+
+void CatchTermination() {
+  struct sigaction action {};
+  action.sa_handler = OnTerminate;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = 0;  // no SA_RESTART: poll() returns EINTR
+  sigaction(SIGTERM, &action, nullptr);
+  sigaction(SIGHUP, &action, nullptr);
+}
+
+bool TerminationRequested() {
+  return g_terminate != 0;
+}
 
 Connection::~Connection() {
   if (!owned_) return;

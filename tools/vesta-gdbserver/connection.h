@@ -30,6 +30,11 @@ class Connection {
   bool owned_;
 };
 
+// SIGTERM and SIGHUP (gdb ends a "target remote | ..." bridge with SIGTERM) interrupt the bridge's
+// wait instead of ending the process, so that it can end or leave the debugged process first.
+void CatchTermination();
+bool TerminationRequested();
+
 // "127.0.0.1:PORT" or "localhost:PORT" (never another address): listens there, says "Listening on
 // port N" on standard error (port 0 picks a free one), and accepts one connection. nullopt with
 // `error` set when it cannot.

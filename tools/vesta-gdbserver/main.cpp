@@ -100,6 +100,7 @@ int main(int argc, char** argv) {
   const std::optional<Options> options = Parse(argc, argv);
   if (!options) return 2;
   signal(SIGPIPE, SIG_IGN);
+  vesta_gdb::CatchTermination();
 
   int in_fd = STDIN_FILENO;
   int out_fd = STDOUT_FILENO;

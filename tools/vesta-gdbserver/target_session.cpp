@@ -319,12 +319,14 @@ void TargetSession::WriteMemory(std::uint64_t address, const std::string& bytes)
                                  std::to_string(bytes.size()) + " bytes");
 }
 
-std::uint32_t TargetSession::SetSoftwareBreakpoint(std::uint64_t address) {
+std::uint32_t TargetSession::SetSoftwareBreakpoint(std::uint64_t address, std::uint8_t& original) {
   vekx::Variant no_script;
-  vekx::Variant original;
+  vekx::Variant replaced;
   ULONG id = 0;
   Check(process_->SetSoftwareBreakpoint(0, address, static_cast<eSoftwareBreakPtAttr>(0), 0,
-                                        no_script.Get(), original.Put(), &id));
+                                        no_script.Get(), replaced.Put(), &id));
+  const auto bytes = ValuesOf<std::uint8_t>(replaced.Get());
+  original = bytes.empty() ? 0 : bytes.front();
   return id;
 }
 

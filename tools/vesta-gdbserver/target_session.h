@@ -68,7 +68,8 @@ class TargetSession {
   std::string ReadMemory(std::uint64_t address, std::uint32_t length, std::uint32_t& bad);
   void WriteMemory(std::uint64_t address, const std::string& bytes);
 
-  std::uint32_t SetSoftwareBreakpoint(std::uint64_t address);
+  // The breakpoint's id; `original` gets the byte it covers.
+  std::uint32_t SetSoftwareBreakpoint(std::uint64_t address, std::uint8_t& original);
   void ClearSoftwareBreakpoint(std::uint32_t id);
   // `flags`: eHardwareBreakPtFlags (execute 0, write 1, read 2, access 3).
   std::uint32_t SetHardwareBreakpoint(std::uint64_t address, std::uint32_t flags,
