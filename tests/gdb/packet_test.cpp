@@ -45,8 +45,9 @@ TEST(PacketFramingTest, ReaderCases) {
     for (const auto& event : events)
       kinds.push_back(event.kind);
     EXPECT_EQ(kinds, c.kinds) << c.what;
-    if (!c.first_payload.empty() && !events.empty())
+    if (!c.first_payload.empty() && !events.empty()) {
       EXPECT_EQ(events[0].payload, c.first_payload) << c.what;
+    }
   }
 }
 

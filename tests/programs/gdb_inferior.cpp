@@ -16,7 +16,7 @@ volatile int gdb_value = 7;
 static pthread_barrier_t gdb_started;
 
 __attribute__((noinline)) void gdb_hit(int i) {
-  gdb_counter += i;
+  gdb_counter = gdb_counter + i;
 }
 
 __attribute__((noinline)) void gdb_store(int v) {
