@@ -151,7 +151,7 @@ void Bridge::OnTargetEvents() {
         running_ = false;
         registers_.clear();
         try {
-          last_stop_ = StopReply(event.tid, event.reason);
+          last_stop_ = StopReply(event.tid, event.reason, event.rip);
         } catch (const LibraryError& error) {
           std::fprintf(stderr, "vesta-gdbserver: %s\n", error.what());
           last_stop_ = "T05thread:" + HexNumber(event.tid) + ";";
@@ -185,20 +185,29 @@ void Bridge::OnInterrupt() {
   if (!running_) return;
   running_ = false;
   registers_.clear();
-  last_stop_ = StopReply(stop_tid_, STOP_REASON_SIGSUSPEND_PROCESS);
+  last_stop_ = StopReply(stop_tid_, STOP_REASON_SIGSUSPEND_PROCESS, 0);
   Send(last_stop_);
 }
 
-std::string Bridge::StopReply(std::uint32_t tid, std::uint32_t reason) {
+std::string Bridge::StopReply(std::uint32_t tid, std::uint32_t reason, std::uint64_t rip) {
   if (tid == 0) tid = stop_tid_;
   stop_tid_ = tid;
+  stop_rip_ = rip;
   const StopMeaning meaning = MeaningOf(reason);
   std::string reply =
       "T" + Hex2(static_cast<unsigned>(meaning.gdb_signal)) + "thread:" + HexNumber(tid) + ";";
-  // The registers a debugger needs to place the stop, so that it need not ask.
-  const RegisterWords& words = Registers(tid);
-  for (std::uint32_t number : {kGdbRbp, kGdbRsp, kGdbRip})
-    reply += Hex2(number) + ":" + HexEncode(*RegisterBytes(words, number)) + ";";
+  // The program counter, which the debugger needs first: from the stop itself when it says, so
+  // that a breakpoint the debugger only counts costs no call; the rest when the debugger asks.
+  if (rip != 0) {
+    std::string bytes(8, '\0');
+    for (size_t i = 0; i < 8; ++i)
+      bytes[i] = static_cast<char>(rip >> (8 * i));
+    reply += Hex2(kGdbRip) + ":" + HexEncode(bytes) + ";";
+  } else {
+    const RegisterWords& words = Registers(tid);
+    for (std::uint32_t number : {kGdbRbp, kGdbRsp, kGdbRip})
+      reply += Hex2(number) + ":" + HexEncode(*RegisterBytes(words, number)) + ";";
+  }
   if (meaning.kind == StopKind::kSoftware) reply += "swbreak:;";
   if (meaning.kind == StopKind::kHardware) {
     const std::vector<std::uint32_t> ids(std::begin(kDebugRegisterIds),
@@ -296,6 +305,7 @@ std::optional<std::string> Bridge::Answer(const Request& request) {
         }
       }
       registers_.erase(tid);
+      if (tid == stop_tid_) stop_rip_ = 0;
       session_.SetRegisters(tid, changed);
       return "OK";
     }
@@ -380,10 +390,10 @@ std::string Bridge::Point(const Request& request) {
       Software point{};
       point.id = session_.SetSoftwareBreakpoint(request.address, point.original);
       software_[request.address] = point;
-    } else if (!insert && it != software_.end()) {
-      const std::uint32_t id = it->second.id;
-      software_.erase(it);
-      session_.ClearSoftwareBreakpoint(id);
+    } else if (it != software_.end()) {
+      // Removals wait for the next resume: a debugger takes a breakpoint out to step past it
+      // and puts it back at once.
+      it->second.removed = !insert;
     }
     return "OK";
   }
@@ -417,6 +427,7 @@ std::string Bridge::ResumeProcess(const Request& request) {
     step.push_back(tid);
   }
   if (!go) return "nothing to resume";
+  ApplyRemovals(step);
   // All-stop: stepping one thread leaves the others where they stand, as scheduler-locking does.
   registers_.clear();
   interrupt_sent_ = false;
@@ -432,6 +443,29 @@ std::string Bridge::ResumeProcess(const Request& request) {
     throw;
   }
   return "";
+}
+
+void Bridge::ApplyRemovals(const std::vector<std::uint32_t>& step) {
+  // Where the stepping thread stands, when that is known without asking: the stop said, and no
+  // register has been written since.
+  std::optional<std::uint64_t> stepping_at;
+  if (step.size() == 1 && step.front() == stop_tid_) {
+    const auto cached = registers_.find(stop_tid_);
+    if (cached != registers_.end()) {
+      stepping_at = cached->second[REG_ID_RIP][0];
+    } else if (stop_rip_ != 0) {
+      stepping_at = stop_rip_;
+    }
+  }
+  for (auto it = software_.begin(); it != software_.end();) {
+    if (!it->second.removed || (stepping_at && *stepping_at == it->first)) {
+      ++it;
+      continue;
+    }
+    const std::uint32_t id = it->second.id;
+    it = software_.erase(it);
+    session_.ClearSoftwareBreakpoint(id);
+  }
 }
 
 std::string Bridge::Xfer(const Request& request) {

@@ -36,7 +36,11 @@ class Bridge {
   void OnInterrupt();
 
   std::string ResumeProcess(const Request& request);
-  std::string StopReply(std::uint32_t tid, std::uint32_t reason);
+  // `rip`: where the thread stands, when the stop said (0: ask the target).
+  std::string StopReply(std::uint32_t tid, std::uint32_t reason, std::uint64_t rip);
+  // Clears the breakpoints the debugger removed, but one under a thread about to step: the
+  // target steps past a breakpoint itself, and the debugger puts it back right after the step.
+  void ApplyRemovals(const std::vector<std::uint32_t>& step);
   std::string ReadMemory(std::uint64_t address, std::uint64_t length);
   std::string ReadBytes(std::uint64_t address, std::uint64_t length, std::uint32_t& bad);
   std::string Point(const Request& request);
@@ -61,12 +65,14 @@ class Bridge {
   std::string last_stop_;                             // the reply "?" repeats
   std::string pending_output_;                        // console output while the process stands
   std::uint32_t stop_tid_ = 0;                        // the thread of the last stop
+  std::uint64_t stop_rip_ = 0;                        // where it stood, when the stop said
   std::uint32_t g_tid_ = 0;                           // Hg; 0 means the stop's thread
   std::uint32_t c_tid_ = 0;                           // Hc
   std::map<std::uint32_t, RegisterWords> registers_;  // per thread, until the next resume
   struct Software {
     std::uint32_t id;
     std::uint8_t original;
+    bool removed;  // by the debugger; cleared on the target at the next resume
   };
   // address -> breakpoint; memory reads show the original byte, as the debugger expects of
   // breakpoints it inserted.

@@ -105,8 +105,9 @@ class TargetSession::Sink : public vekx::EventSink<IEventDebug, IEventConsoleOut
         out.reason = Read(*reason.Get(), &IStopReason::get_Code);
       // The thread's own reason, when the stop's list has it, is the more precise one.
       const vekx::Variant threads = Read(*stop.Get(), &IStopNotification::get_Threads);
-      for (const auto& thread : ObjectsOf<IThreadInfo>(threads.Get(), IID_IThreadInfo)) {
+      for (const auto& thread : ObjectsOf<IThreadInfo2>(threads.Get(), IID_IThreadInfo2)) {
         if (Read(*thread.Get(), &IThreadInfo::get_Id) != out.tid) continue;
+        out.rip = Read(*thread.Get(), &IThreadInfo2::get_RIP);
         if (const auto reason = Read(*thread.Get(), &IThreadInfo::get_StopReason)) {
           const std::uint32_t code = Read(*reason.Get(), &IStopReason::get_Code);
           if (code != 0) out.reason = code;

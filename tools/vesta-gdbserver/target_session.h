@@ -23,6 +23,7 @@ struct TargetEvent {
   Kind kind = Kind::kStop;
   std::uint32_t tid = 0;     // kStop: the thread that stopped
   std::uint32_t reason = 0;  // kStop: eStopNotificationReason
+  std::uint64_t rip = 0;     // kStop: where the thread stands, when the stop says (else 0)
   std::uint32_t exit_code = 0;
   std::string text;  // kOutput
 };
