@@ -180,12 +180,17 @@ void Bridge::OnInterrupt() {
     std::fprintf(stderr, "vesta-gdbserver: %s\n", error.what());
     return;
   }
-  // A suspension is not announced; a stop that raced it is, and tells more.
+  // A suspension is not announced; a stop or an end that raced it is, and tells more.
   OnTargetEvents();
-  if (!running_) return;
+  if (!running_ || exit_pending_) return;
   running_ = false;
   registers_.clear();
-  last_stop_ = StopReply(stop_tid_, STOP_REASON_SIGSUSPEND_PROCESS, 0);
+  try {
+    last_stop_ = StopReply(stop_tid_, STOP_REASON_SIGSUSPEND_PROCESS, 0);
+  } catch (const LibraryError& error) {
+    std::fprintf(stderr, "vesta-gdbserver: %s\n", error.what());
+    last_stop_ = "T" + Hex2(kGdbSigInt) + "thread:" + HexNumber(stop_tid_) + ";";
+  }
   Send(last_stop_);
 }
 
