@@ -13,7 +13,7 @@ namespace {
 
 constexpr size_t kOutputChunk = 2048;
 // How long the output of a process that ended must be quiet before the exit is reported.
-constexpr int kOutputQuietMs = 150;
+constexpr int kOutputQuietMs = 300;
 
 std::string Hex2(unsigned value) {
   char text[8];
