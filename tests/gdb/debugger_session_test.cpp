@@ -122,8 +122,9 @@ void ExpectWatched(const std::string& output) {
   for (size_t i = 0; i < 3; ++i)
     EXPECT_NE(registers.find(addresses[i] + " "), std::string::npos)
         << addresses[i] << " is in no debug register: " << registers;
-  // DR7: three slots enabled, one a 4-byte write watch (RW 01, LEN 11), one an 8-byte access
-  // watch (RW 11, LEN 10), one an execute breakpoint (RW 00, LEN 00).
+  // DR7: four slots enabled: a 4-byte write watch (RW 01, LEN 11), an 8-byte access watch (RW 11,
+  // LEN 10), a 4-byte read watch (which the CPU can only do as access, RW 11, LEN 11) and an
+  // execute breakpoint (RW 00, LEN 00).
   std::smatch dr7;
   ASSERT_TRUE(std::regex_search(output, dr7, std::regex(R"(dr7 (0x[0-9a-f]+))"))) << output;
   const unsigned long long value = std::stoull(dr7[1], nullptr, 16);
@@ -131,7 +132,7 @@ void ExpectWatched(const std::string& output) {
   for (unsigned slot = 0; slot < 4; ++slot)
     if (value >> (2 * slot) & 1) kinds.push_back(value >> (16 + 4 * slot) & 0xF);
   std::sort(kinds.begin(), kinds.end());
-  EXPECT_EQ(kinds, (std::vector<unsigned>{0x0, 0xB, 0xD})) << "dr7 " << dr7[1];
+  EXPECT_EQ(kinds, (std::vector<unsigned>{0x0, 0xB, 0xD, 0xF})) << "dr7 " << dr7[1];
 }
 
 const Row kRows[] = {
@@ -171,10 +172,12 @@ const Row kRows[] = {
      "localhost",
      {"{inferior}", "count", "2"},
      {"break gdb_store", "continue", "set breakpoint always-inserted on", "watch gdb_value",
-      "awatch gdb_counter", "hbreak *gdb_hit", "print &gdb_value", "print &gdb_counter",
-      "print gdb_hit", "monitor debug-registers", "delete", "monitor debug-registers"},
+      "awatch gdb_counter", "rwatch gdb_value", "hbreak *gdb_hit", "print &gdb_value",
+      "print &gdb_counter", "print gdb_hit", "monitor debug-registers", "delete",
+      "monitor debug-registers"},
      {R"(Hardware watchpoint 2: gdb_value)", R"(Hardware access \(read/write\) watchpoint 3)",
-      R"(Hardware assisted breakpoint 4 at)", R"(dr7 0x[0-9a-f]+)", R"(dr0 0x0\s)"},
+      R"(Hardware read watchpoint 4: gdb_value)", R"(Hardware assisted breakpoint 5 at)",
+      R"(dr7 0x[0-9a-f]+)", R"(dr0 0x0\s)"},
      After::kNothing,
      ExpectWatched},
     {"ThreadsOfAThreadedProgram",
