@@ -279,10 +279,9 @@ HRESULT CKXVEAPI::AdviseServerEvents(IEventServer* pSink) {
   return AdviseEvents<EventGroup::Server>(client, kNoTarget, pSink, IID_IEventServer);
 }
 
-// Needs no CheckCompatibility: a client may always let go of what it advised.
 HRESULT CKXVEAPI::UnadviseServerEvents(IEventServer* pSink) {
   SharedClient client;
-  if (HRESULT hr = Begin(client, false); FAILED(hr)) return hr;
+  if (HRESULT hr = Begin(client); FAILED(hr)) return hr;
   return UnadviseEvents<EventGroup::Server>(client, kNoTarget, pSink);
 }
 

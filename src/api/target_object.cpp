@@ -396,8 +396,9 @@ HRESULT CKXVETarget::SendConsoleInput(eConsoleOutputPort port, eConsoleOutputCat
 HRESULT CKXVETarget::CachedConsoleOutput(ULONG* puIndex, VARIANT* pOutput) {
   CFetchConsoleCacheRequest request;
   CFetchConsoleCacheResponse response;
-  if (!IsUsable(client_)) return ReportError(E_UNEXPECTED);
+  // The null index is reported before a missing private client, as callers have always seen.
   if (puIndex == nullptr || pOutput == nullptr) return ReportError(E_POINTER);
+  if (!IsUsable(client_)) return ReportError(E_UNEXPECTED);
   request.StartIndex = *puIndex;
   if (HRESULT hr = CallServer(*client_, handle_, request, response); FAILED(hr)) return hr;
   std::vector<vekx::ComPtr<IDispatch>> pieces;

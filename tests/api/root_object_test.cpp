@@ -116,6 +116,7 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
   Variant targets;
   EXPECT_EQ(fresh->get_Targets(targets.Put()), KXAPI_INCOMPATIBLE_CLIENT);
   EXPECT_EQ(TakeErrorText(), TableText(KXAPI_INCOMPATIBLE_CLIENT));
+  EXPECT_EQ(fresh->UnadviseServerEvents(nullptr), KXAPI_INCOMPATIBLE_CLIENT);
   EXPECT_EQ(fresh->CheckCompatibility(20), KXAPI_INCOMPATIBLE_CLIENT_TOO_OLD);
   EXPECT_EQ(fresh->CheckCompatibility(22), KXAPI_INCOMPATIBLE_CLIENT_TOO_NEW);
   EXPECT_EQ(fresh->get_Targets(targets.Put()), KXAPI_INCOMPATIBLE_CLIENT);
