@@ -10,20 +10,21 @@ namespace qv::server {
 
 void RegisterRootHandlers(RequestDispatcher& dispatcher, TargetRegistry& registry,
                           ServerSwitches& switches) {
-  using Context = RequestContext;
   dispatcher.Register<CEnableHostExecRequest, CEnableHostExecResponse>(
-      [&switches](const Context&, CEnableHostExecRequest& request, CEnableHostExecResponse&) {
+      [&switches](const RequestContext&, CEnableHostExecRequest& request,
+                  CEnableHostExecResponse&) {
         switches.host_exec.store(request.Enable);
         return Status::Ok();
       });
   dispatcher.Register<CHostExecEnabledRequest, CHostExecEnabledResponse>(
-      [&switches](const Context&, CHostExecEnabledRequest&, CHostExecEnabledResponse& response) {
+      [&switches](const RequestContext&, CHostExecEnabledRequest&,
+                  CHostExecEnabledResponse& response) {
         response.Enabled = switches.host_exec.load();
         return Status::Ok();
       });
   // The level of the server's own diagnostics, the one --log-level sets at start.
   dispatcher.Register<CSetLoggingLevelRequest, CSetLoggingLevelResponse>(
-      [](const Context&, CSetLoggingLevelRequest& request, CSetLoggingLevelResponse&) {
+      [](const RequestContext&, CSetLoggingLevelRequest& request, CSetLoggingLevelResponse&) {
         if (request.Level > kLogRequests) {
           return Status::Fail(KXAPI_SERVER_INVALID_ARG,
                               u"the logging level " +
@@ -34,12 +35,12 @@ void RegisterRootHandlers(RequestDispatcher& dispatcher, TargetRegistry& registr
         return Status::Ok();
       });
   dispatcher.Register<CGetLoggingLevelRequest, CGetLoggingLevelResponse>(
-      [](const Context&, CGetLoggingLevelRequest&, CGetLoggingLevelResponse& response) {
+      [](const RequestContext&, CGetLoggingLevelRequest&, CGetLoggingLevelResponse& response) {
         response.Level = static_cast<uint32_t>(GetLogLevel());
         return Status::Ok();
       });
   dispatcher.Register<CGetCoreDumpTargetByHostRequest, CGetCoreDumpTargetByHostResponse>(
-      [&registry](const Context&, CGetCoreDumpTargetByHostRequest& request,
+      [&registry](const RequestContext&, CGetCoreDumpTargetByHostRequest& request,
                   CGetCoreDumpTargetByHostResponse& response) {
         if (request.PseudoHost.empty()) {
           return Status::Fail(KXAPI_SERVER_INVALID_ARG, u"the pseudo host is empty");

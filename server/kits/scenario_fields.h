@@ -122,7 +122,6 @@ T Integer(const DocNode& node, const std::string& name) {
 
 template <class T, class Hook>
 void ReadValue(const DocNode& node, const std::string& name, T& value, const Hook& hook) {
-  using Kind = DocNode::Kind;
   if (hook(node, name, value)) return;
   if constexpr (std::is_same_v<T, bool>) {
     value = Flag(node, name);
@@ -132,17 +131,17 @@ void ReadValue(const DocNode& node, const std::string& name, T& value, const Hoo
     value = Integer<T>(node, name);
   } else if constexpr (std::is_same_v<T, std::u16string>) {
     // No value is the empty text.
-    value = node.kind == Kind::kNull ? u"" : platform::Utf8ToUtf16(Single(node, name));
+    value = node.kind == DocNode::Kind::kNull ? u"" : platform::Utf8ToUtf16(Single(node, name));
   } else if constexpr (std::is_same_v<T, std::string>) {
-    value = node.kind == Kind::kNull ? "" : Single(node, name);
+    value = node.kind == DocNode::Kind::kNull ? "" : Single(node, name);
   } else if constexpr (std::is_same_v<T, Bytes>) {
     value = ByteString(node, name);
   } else if constexpr (detail::kIsOptional<T>) {
     // No value leaves it absent.
-    if (node.kind != Kind::kNull) ReadValue(node, name, value.emplace(), hook);
+    if (node.kind != DocNode::Kind::kNull) ReadValue(node, name, value.emplace(), hook);
   } else if constexpr (detail::kIsVector<T>) {
-    if (node.kind == Kind::kNull) return;
-    if (node.kind != Kind::kList) Refuse(node, "'" + name + "' must be a list");
+    if (node.kind == DocNode::Kind::kNull) return;
+    if (node.kind != DocNode::Kind::kList) Refuse(node, "'" + name + "' must be a list");
     for (const DocNode& item : node.items)
       ReadValue(item, name, value.emplace_back(), hook);
   } else if constexpr (std::is_same_v<T, SyncObjectRecord>) {
