@@ -1,4 +1,5 @@
 #include "server/debug/local/core_file.h"
+#include "server/debug/local/process_memory.h"
 
 #include <elf.h>
 #include <fcntl.h>
@@ -20,7 +21,6 @@
 namespace qv::server {
 namespace {
 
-constexpr uint64_t kPage = 4096;
 // Memory goes out in pieces of this size, so that a cancel is seen soon.
 constexpr uint32_t kPiece = 1 << 20;
 // Room for the XSAVE area of any CPU this runs on (AVX-512 takes about 2.7 KiB).
@@ -67,13 +67,13 @@ std::vector<uint8_t> FileNote(const std::vector<Mapping>& mappings) {
     ++count;
     Append(ranges, mapping.start);
     Append(ranges, mapping.end);
-    Append(ranges, mapping.offset / kPage);
+    Append(ranges, mapping.offset / kPageSize);
     paths += mapping.path;
     paths += '\0';
   }
   std::vector<uint8_t> note;
   Append(note, count);
-  Append(note, kPage);
+  Append(note, kPageSize);
   note.insert(note.end(), ranges.begin(), ranges.end());
   note.insert(note.end(), paths.begin(), paths.end());
   return note;
@@ -213,7 +213,7 @@ Status WriteCoreFile(const std::string& path, const CoreImage& image, bool full,
   segments[0].p_offset = headers;
   segments[0].p_filesz = notes.size();
   segments[0].p_align = 4;
-  uint64_t offset = RoundUp(headers + notes.size(), kPage);
+  uint64_t offset = RoundUp(headers + notes.size(), kPageSize);
   uint64_t total = 0;
   for (size_t i = 0; i < saved.size(); ++i) {
     Elf64_Phdr& load = segments[i + 1];
@@ -226,7 +226,7 @@ Status WriteCoreFile(const std::string& path, const CoreImage& image, bool full,
     load.p_vaddr = saved[i]->start;
     load.p_filesz = size;
     load.p_memsz = size;
-    load.p_align = kPage;
+    load.p_align = kPageSize;
     offset += size;
     total += size;
   }

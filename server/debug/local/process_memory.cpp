@@ -15,8 +15,6 @@
 namespace qv::server {
 namespace {
 
-constexpr uint64_t kPage = 4096;
-
 // process_vm_readv of one piece; the bytes read (0 on failure).
 size_t VmRead(pid_t pid, uint64_t address, uint8_t* data, size_t size) {
   iovec local{data, size};
@@ -61,7 +59,7 @@ void ProcessMemory::Read(uint64_t address, uint32_t size, Bytes& data, uint32_t&
       bad += static_cast<uint32_t>(size - done);
       break;
     }
-    const size_t piece = std::min<uint64_t>(size - done, kPage - at % kPage);
+    const size_t piece = std::min<uint64_t>(size - done, kPageSize - at % kPageSize);
     size_t got = VmRead(pid_, at, data.data() + done, piece);
     if (got == 0) got = ReadMem(at, data.data() + done, piece);
     if (got == 0) {

@@ -13,6 +13,9 @@
 
 namespace qv::server {
 
+// The page size of x86-64 Linux, which the local target is.
+inline constexpr uint64_t kPageSize = 4096;
+
 class ProcessMemory {
  public:
   explicit ProcessMemory(pid_t pid);

@@ -882,16 +882,15 @@ Status TracedProcess::SyscallInStoppedThread(long number, const std::array<uint6
 
 Status TracedProcess::AllocatePages(bool executable, uint32_t size, uint64_t start, uint64_t end,
                                     uint64_t& address) {
-  constexpr uint64_t kPage = 4096;
   if (size == 0) {
     return Status::Fail(KXAPI_COMMS_ERR_INVALID_ARG, u"a page allocation needs a size above 0");
   }
-  if (start % kPage != 0 || (start != 0 && end != 0 && start >= end)) {
+  if (start % kPageSize != 0 || (start != 0 && end != 0 && start >= end)) {
     return Status::Fail(KXAPI_COMMS_ERR_INVALID_ARG,
                         u"the start address " + Hex(start) +
                             u" must be page-aligned and below the end " + Hex(end));
   }
-  const uint64_t bytes = (uint64_t{size} + kPage - 1) & ~(kPage - 1);
+  const uint64_t bytes = (uint64_t{size} + kPageSize - 1) & ~(kPageSize - 1);
   return OnTracer([&] {
     const uint64_t protection = PROT_READ | PROT_WRITE | (executable ? PROT_EXEC : 0);
     const uint64_t flags = MAP_PRIVATE | MAP_ANONYMOUS | (start != 0 ? MAP_FIXED_NOREPLACE : 0);
