@@ -21,12 +21,6 @@ std::string Hex2(unsigned value) {
   return text;
 }
 
-std::string HexNumber(std::uint64_t value) {
-  char text[24];
-  std::snprintf(text, sizeof text, "%llx", static_cast<unsigned long long>(value));
-  return text;
-}
-
 // The debug registers a stop on a hardware breakpoint is explained by.
 constexpr std::uint32_t kDebugRegisterIds[] = {REG_ID_DR0, REG_ID_DR1, REG_ID_DR2,
                                                REG_ID_DR3, REG_ID_DR6, REG_ID_DR7};

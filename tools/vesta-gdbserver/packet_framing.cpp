@@ -1,5 +1,7 @@
 #include "packet_framing.h"
 
+#include <cstdio>
+
 namespace vesta_gdb {
 
 int HexDigitValue(char c) {
@@ -104,6 +106,12 @@ bool UnescapeBinary(std::string_view data, std::string& out) {
     out += static_cast<char>(data[i] ^ 0x20);
   }
   return true;
+}
+
+std::string HexNumber(std::uint64_t value) {
+  char text[24];
+  std::snprintf(text, sizeof text, "%llx", static_cast<unsigned long long>(value));
+  return text;
 }
 
 std::string HexEncode(std::string_view bytes) {

@@ -55,5 +55,7 @@ bool UnescapeBinary(std::string_view data, std::string& out);
 std::string HexEncode(std::string_view bytes);
 bool HexDecode(std::string_view hex, std::string& out);
 int HexDigitValue(char c);
+// A number in lower-case hex without leading zeros, as addresses and thread ids are written.
+std::string HexNumber(std::uint64_t value);
 
 }  // namespace vesta_gdb

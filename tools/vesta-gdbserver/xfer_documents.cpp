@@ -31,12 +31,6 @@ std::string XmlText(const std::string& text) {
   return out;
 }
 
-std::string HexNumber(std::uint64_t value) {
-  char text[24];
-  std::snprintf(text, sizeof text, "%llx", static_cast<unsigned long long>(value));
-  return text;
-}
-
 bool SameFile(const std::string& a, const std::string& b) {
   std::error_code error;
   if (a == b) return true;
