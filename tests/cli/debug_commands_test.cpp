@@ -17,14 +17,14 @@
 
 namespace {
 
-using nlohmann::json;
+using JsonValue = nlohmann::json;
 using qv::clitest::Ctrl;
 using qv::clitest::CtrlRun;
 
 struct Step {
   std::vector<std::string> args;
   int exit_code = 0;
-  std::vector<std::pair<std::string, json>> fields;  // pointer, value ("{pid}" for the pid)
+  std::vector<std::pair<std::string, JsonValue>> fields;  // pointer, value ("{pid}" for the pid)
   std::string text;     // in standard output when the step succeeds, else in standard error
   std::string capture;  // a pointer whose value later rows name by its last part
 };
@@ -35,7 +35,7 @@ class DebugCommandsTest : public qv::servertest::ServerTest {
   void SetUp() override { StartServer(/*built_in=*/true); }
 };
 
-std::string Substituted(std::string text, const std::map<std::string, json>& captured) {
+std::string Substituted(std::string text, const std::map<std::string, JsonValue>& captured) {
   for (const auto& [name, value] : captured) {
     const std::string placeholder = "{" + name + "}";
     for (size_t at = text.find(placeholder); at != std::string::npos; at = text.find(placeholder))
@@ -45,7 +45,7 @@ std::string Substituted(std::string text, const std::map<std::string, json>& cap
 }
 
 // A field's expected value: "{pid}" stands for the captured value itself.
-json Expected(const json& value, const std::map<std::string, json>& captured) {
+JsonValue Expected(const JsonValue& value, const std::map<std::string, JsonValue>& captured) {
   if (!value.is_string()) return value;
   const std::string text = value;
   const auto it = captured.find(text.size() > 2 ? text.substr(1, text.size() - 2) : "");
@@ -130,7 +130,7 @@ TEST_F(DebugCommandsTest, SessionOnTheSampleProgram) {
       {{"load", kit, "/app/missing.elf"}, 1, {}, "the kit has no program \"/app/missing.elf\""},
       {{"--json", "break", kit, "100", "--clear", "77"}, 1, {{"/error/code", "0x80040236"}}},
   };
-  std::map<std::string, json> captured;
+  std::map<std::string, JsonValue> captured;
   for (const Step& step : steps) {
     std::vector<std::string> args;
     std::string line;
@@ -140,17 +140,18 @@ TEST_F(DebugCommandsTest, SessionOnTheSampleProgram) {
     }
     const CtrlRun run = Ctrl(args);
     ASSERT_EQ(run.exit_code, step.exit_code) << line << "\n" << run.out << run.err;
-    const json document = qv::clitest::Json(run);
+    const JsonValue document = qv::clitest::Json(run);
     for (const auto& [pointer, value] : step.fields) {
-      const json::json_pointer at(pointer);
-      EXPECT_EQ(document.contains(at) ? document[at] : json("(missing)"), Expected(value, captured))
+      const JsonValue::json_pointer at(pointer);
+      EXPECT_EQ(document.contains(at) ? document[at] : JsonValue("(missing)"),
+                Expected(value, captured))
           << line << pointer << "\n"
           << run.out;
     }
     const std::string& where = step.exit_code == 0 ? run.out : run.err;
     EXPECT_NE(where.find(Substituted(step.text, captured)), std::string::npos) << line << where;
     if (!step.capture.empty()) {
-      const json::json_pointer at(step.capture);
+      const JsonValue::json_pointer at(step.capture);
       ASSERT_TRUE(document.contains(at)) << line << run.out;
       captured[step.capture.substr(step.capture.rfind('/') + 1)] = document[at];
     }

@@ -20,7 +20,7 @@
 
 namespace {
 
-using nlohmann::json;
+using JsonValue = nlohmann::json;
 using qv::clitest::Ctrl;
 
 bool PtraceAllowed() {
@@ -31,7 +31,7 @@ bool PtraceAllowed() {
          WEXITSTATUS(status) == 0;
 }
 
-struct Step {
+struct LocalStep {
   std::vector<std::string> args;
   int exit_code = 0;
   std::string out;                                          // in standard output
@@ -48,7 +48,7 @@ class LocalCommandsTest : public qv::servertest::ServerTest {
     StartServer(/*built_in=*/true);
   }
 
-  void RunSteps(const std::vector<Step>& steps) {
+  void RunSteps(const std::vector<LocalStep>& steps) {
     std::map<std::string, std::string> captured;
     const auto substituted = [&](std::string text) {
       for (const auto& [name, value] : captured) {
@@ -59,7 +59,7 @@ class LocalCommandsTest : public qv::servertest::ServerTest {
       }
       return text;
     };
-    for (const Step& step : steps) {
+    for (const LocalStep& step : steps) {
       std::vector<std::string> args;
       std::string line;
       for (const std::string& arg : step.args) {
@@ -70,18 +70,18 @@ class LocalCommandsTest : public qv::servertest::ServerTest {
       ASSERT_EQ(run.exit_code, step.exit_code) << line << "\n" << run.out << run.err;
       EXPECT_NE(run.out.find(step.out), std::string::npos) << line << run.out;
       EXPECT_NE(run.err.find(substituted(step.err)), std::string::npos) << line << run.err;
-      const json document = qv::clitest::Json(run);
+      const JsonValue document = qv::clitest::Json(run);
       for (const auto& [pointer, value] : step.fields) {
-        const json::json_pointer at(pointer);
-        const json got = document.contains(at) ? document[at] : json("(missing)");
+        const JsonValue::json_pointer at(pointer);
+        const JsonValue got = document.contains(at) ? document[at] : JsonValue("(missing)");
         EXPECT_EQ(got.is_string() ? got.get<std::string>() : got.dump(), substituted(value))
             << line << pointer << "\n"
             << run.out;
       }
       if (!step.capture.empty()) {
-        const json::json_pointer at(step.capture);
+        const JsonValue::json_pointer at(step.capture);
         ASSERT_TRUE(document.contains(at)) << line << run.out;
-        const json& value = document[at];
+        const JsonValue& value = document[at];
         captured[step.capture.substr(step.capture.rfind('/') + 1)] =
             value.is_string() ? value.get<std::string>() : value.dump();
       }
