@@ -64,12 +64,21 @@ extern "C" __attribute__((noinline)) void vekx_bench_tick() {
     vekx_bench_tick();
 }
 
-// Where this executable was loaded: its lowest mapping, the first line of the maps.
+// Where this executable was loaded: the lowest mapping of its own file. Not simply the first line
+// of the maps: a sanitized build has its shadow memory mapped below the program.
 uintptr_t OwnLoadBase() {
+  char self[4096] = {};
+  if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0) return 0;
+  const std::string_view path(self);
   std::ifstream maps("/proc/self/maps");
   std::string line;
-  std::getline(maps, line);
-  return static_cast<uintptr_t>(std::stoull(line, nullptr, 16));
+  while (std::getline(maps, line)) {
+    if (line.size() > path.size() && line.ends_with(path) &&
+        line[line.size() - path.size() - 1] == ' ') {
+      return static_cast<uintptr_t>(std::stoull(line, nullptr, 16));
+    }
+  }
+  return 0;
 }
 
 // --- The local target through the public objects ----------------------------------------------
