@@ -10,7 +10,7 @@
 #include "server/debug/local/hardware_slots.h"
 #include "server/debug/local/proc_files.h"
 #include "server/debug/local/process_modules.h"
-#include "server/debug/local/stop_reasons.h"
+#include "server/debug/stop_reasons.h"
 #include "server/kits/scenario.h"
 
 namespace qv::server {

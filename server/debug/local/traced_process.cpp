@@ -19,8 +19,8 @@
 #include "server/debug/local/process_info.h"
 #include "server/debug/local/process_modules.h"
 #include "server/debug/local/remote_syscall.h"
-#include "server/debug/local/stop_reasons.h"
 #include "server/debug/local/thread_registers.h"
+#include "server/debug/stop_reasons.h"
 #include "server/debug/virtual/reporting.h"
 
 namespace qv::server {

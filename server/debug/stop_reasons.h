@@ -1,7 +1,8 @@
 #pragma once
-// Why a thread of a local process stopped, in the target's own numbering. Linux numbers its
-// signals differently (SIGBUS is 7 on Linux, 10 here; SIGUSR1 10 and 30), so signals are matched
-// by name, in one table, and never passed through as Linux numbers.
+// Why a thread of a Linux process stopped (a local one, or one in a core file), in the target's
+// own numbering. Linux numbers its signals differently (SIGBUS is 7 on Linux, 10 here; SIGUSR1 10
+// and 30), so signals are matched by name, in one table, and never passed through as Linux
+// numbers. The table holds Linux's numbers as such, so that a Windows server reads cores too.
 
 #include <cstdint>
 #include <string>

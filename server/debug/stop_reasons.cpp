@@ -1,13 +1,12 @@
-#include "server/debug/local/stop_reasons.h"
+#include "server/debug/stop_reasons.h"
 
-#include <csignal>
 #include <iterator>
 
 namespace qv::server {
 namespace {
 
 struct SignalRow {
-  int signal;  // Linux
+  int signal;  // Linux x86-64 numbering, on every host: cores come from Linux
   const char* name;
   uint32_t code;  // eStopNotificationReason
   bool stops;
@@ -16,21 +15,16 @@ struct SignalRow {
 // Every Linux signal the target has a name for. SIGEMT, SIGINFO and SIGTHR have no Linux
 // counterpart; SIGPWR, SIGSTKFLT and the real-time signals none here.
 constexpr SignalRow kSignals[] = {
-    {SIGHUP, "SIGHUP", 1, true},         {SIGINT, "SIGINT", 2, true},
-    {SIGQUIT, "SIGQUIT", 3, true},       {SIGILL, "SIGILL", 4, true},
-    {SIGTRAP, "SIGTRAP", 5, true},       {SIGABRT, "SIGABRT", 6, true},
-    {SIGFPE, "SIGFPE", 8, true},         {SIGKILL, "SIGKILL", 9, true},
-    {SIGBUS, "SIGBUS", 10, true},        {SIGSEGV, "SIGSEGV", 11, true},
-    {SIGSYS, "SIGSYS", 12, true},        {SIGPIPE, "SIGPIPE", 13, true},
-    {SIGALRM, "SIGALRM", 14, false},     {SIGTERM, "SIGTERM", 15, true},
-    {SIGURG, "SIGURG", 16, false},       {SIGSTOP, "SIGSTOP", 17, true},
-    {SIGTSTP, "SIGTSTP", 18, true},      {SIGCONT, "SIGCONT", 19, false},
-    {SIGCHLD, "SIGCHLD", 20, false},     {SIGTTIN, "SIGTTIN", 21, true},
-    {SIGTTOU, "SIGTTOU", 22, true},      {SIGIO, "SIGIO", 23, false},
-    {SIGXCPU, "SIGXCPU", 24, true},      {SIGXFSZ, "SIGXFSZ", 25, true},
-    {SIGVTALRM, "SIGVTALRM", 26, false}, {SIGPROF, "SIGPROF", 27, false},
-    {SIGWINCH, "SIGWINCH", 28, false},   {SIGUSR1, "SIGUSR1", 30, true},
-    {SIGUSR2, "SIGUSR2", 31, true},
+    {1, "SIGHUP", 1, true},       {2, "SIGINT", 2, true},     {3, "SIGQUIT", 3, true},
+    {4, "SIGILL", 4, true},       {5, "SIGTRAP", 5, true},    {6, "SIGABRT", 6, true},
+    {8, "SIGFPE", 8, true},       {9, "SIGKILL", 9, true},    {7, "SIGBUS", 10, true},
+    {11, "SIGSEGV", 11, true},    {31, "SIGSYS", 12, true},   {13, "SIGPIPE", 13, true},
+    {14, "SIGALRM", 14, false},   {15, "SIGTERM", 15, true},  {23, "SIGURG", 16, false},
+    {19, "SIGSTOP", 17, true},    {20, "SIGTSTP", 18, true},  {18, "SIGCONT", 19, false},
+    {17, "SIGCHLD", 20, false},   {21, "SIGTTIN", 21, true},  {22, "SIGTTOU", 22, true},
+    {29, "SIGIO", 23, false},     {24, "SIGXCPU", 24, true},  {25, "SIGXFSZ", 25, true},
+    {26, "SIGVTALRM", 26, false}, {27, "SIGPROF", 27, false}, {28, "SIGWINCH", 28, false},
+    {10, "SIGUSR1", 30, true},    {12, "SIGUSR2", 31, true},
 };
 
 const SignalRow* Row(int signal) {
