@@ -47,6 +47,14 @@ void RegisterRootHandlers(RequestDispatcher& dispatcher, TargetRegistry& registr
         }
         return registry.CoreDumpTargetByHost(request.PseudoHost, response.Handle);
       });
+  // Addressed to the core dump target that ADD_TARGET made for the pseudo host. Parsing a large
+  // core's notes takes a while: off the client's reading thread.
+  dispatcher.Register<CLoadCoreDumpRequest, CLoadCoreDumpResponse>(
+      [&registry](const RequestContext& context, CLoadCoreDumpRequest& request,
+                  CLoadCoreDumpResponse&) {
+        return registry.LoadCoreDump(context.target, request.FileName);
+      },
+      RequestDispatcher::Timing::kMayWait);
 }
 
 }  // namespace qv::server

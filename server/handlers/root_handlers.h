@@ -1,6 +1,6 @@
 #pragma once
 // Handlers for the root object's server-wide operations: the host-exec switch, the server's log
-// level, and finding the target of a loaded core dump by its pseudo host.
+// level, and loading a core dump into its target and finding that target by its pseudo host.
 
 #include <atomic>
 

@@ -9,6 +9,8 @@
 
 #include "server/targets/target_registry.h"
 
+#include "server/debug/core/core_dump_backend.h"
+
 namespace qv::server {
 
 // A target's DebugEvents: the registry and the handle it posts under. The registry drops what
@@ -29,6 +31,11 @@ class TargetDebugEvents final : public DebugEvents {
 
 void TargetRegistry::AttachDebugBackend(Target& target) {
   target.debug_events = std::make_shared<TargetDebugEvents>(*this, target.handle);
+  if (target.type == kTargetTypeCoreDump) {
+    target.core = std::make_shared<CoreDumpBackend>(target.kit.host);
+    target.debug = target.core;
+    return;
+  }
   if (debug_backends_) target.debug = debug_backends_(target.kit, target.debug_events);
   if (target.debug == nullptr) target.debug = std::make_shared<DebugBackend>();
 }
@@ -44,6 +51,11 @@ Status TargetRegistry::DebugBackendOf(uint32_t handle, std::shared_ptr<DebugBack
   std::lock_guard lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
+  // A core dump answers from its file, whatever its "kit" would say.
+  if (target->core != nullptr) {
+    backend = target->debug;
+    return Status::Ok();
+  }
   if (Status status = Reachable(*target); !status.ok()) return status;
   if (target->kit.power != PowerStatus::kOn) {
     return Status::Fail(KXAPI_COMMS_ERR_INVALID_POWER_STATE,
@@ -54,6 +66,22 @@ Status TargetRegistry::DebugBackendOf(uint32_t handle, std::shared_ptr<DebugBack
   }
   backend = target->debug;
   return Status::Ok();
+}
+
+Status TargetRegistry::LoadCoreDump(uint32_t handle, const std::u16string& path) {
+  std::shared_ptr<CoreDumpBackend> core;
+  {
+    std::lock_guard lock(mutex_);
+    TargetPtr target;
+    if (Status status = Lookup(handle, target); !status.ok()) return status;
+    if (target->core == nullptr) {
+      return Status::Fail(
+          KXAPI_ERR_NOT_SUPPORTED_BY_THIS_TARGET_TYPE,
+          u"\"" + target->kit.host + u"\" is a kit, not a core dump; load a core at a pseudo host");
+    }
+    core = target->core;
+  }
+  return core->Load(path);
 }
 
 void TargetRegistry::PostDebug(uint32_t handle, const CNotification& notification) {

@@ -52,6 +52,7 @@ struct ClientInfo {
 };
 
 class TargetDebugEvents;
+class CoreDumpBackend;
 
 class TargetRegistry {
  public:
@@ -97,6 +98,9 @@ class TargetRegistry {
   U32List TargetsByName(std::u16string_view name) const;
   // The core dump target added for `pseudo_host` (ADD_TARGET of type CoreDump).
   Status CoreDumpTargetByHost(std::u16string_view pseudo_host, uint32_t& handle) const;
+  // Opens the core file at `path` as the process of core dump target `handle` (the file is read
+  // without the registry's lock).
+  Status LoadCoreDump(uint32_t handle, const std::u16string& path);
   Status GetDefaultTarget(uint32_t& handle) const;
   Status SetDefaultTarget(uint32_t handle);
   Status TargetInfo(uint32_t handle, NameValueList& info) const;
@@ -193,6 +197,7 @@ class TargetRegistry {
     std::map<uint32_t, uint64_t> protocols;  // protocol -> the client holding it
     ConsoleCache console;
     std::shared_ptr<DebugBackend> debug;
+    std::shared_ptr<CoreDumpBackend> core;  // the same backend, for a core dump target
     std::shared_ptr<TargetDebugEvents> debug_events;
   };
   // A client's console output in flight, and what waits behind it.
