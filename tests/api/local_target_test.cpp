@@ -5,6 +5,7 @@
 
 #include <signal.h>
 #include <sys/ptrace.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -601,6 +603,201 @@ TEST_F(LocalTargetTest, CoreDumpThatGdbReadsBack) {
   EXPECT_FALSE(std::filesystem::exists(running));
   std::filesystem::remove_all(directory);
   EXPECT_EQ(process->Kill(), S_OK);
+}
+
+// A stopped program's core, reopened through LoadCoreDump, agrees with the live process: its one
+// process, every thread, the stopped thread's registers (FP and YMM too), a changed global, the
+// code byte under the breakpoint (read from the program's file: a mini dump leaves code out),
+// and its modules. What would change or run it is refused, and the pseudo host finds it.
+TEST_F(LocalTargetTest, CoreDumpReopensAsReadOnlyTarget) {
+  const uint64_t tick = Symbol("vekx_tick");
+  const uint64_t marker = Symbol("vekx_marker");
+  auto process = Load("threads 2", true);
+  ASSERT_TRUE(process);
+  ASSERT_EQ(process->get_Id(&pid_), S_OK);
+  ASSERT_EQ(events_->WaitStop(0), STOP_REASON_DL_STOP_INIT);
+  vekx::Variant opcode;
+  ULONG id = 0;
+  ASSERT_EQ(process->SetSoftwareBreakpoint(0, tick, SWBREAKPT_ATTR_MODE, 0, vekx::Variant().Get(),
+                                           opcode.Put(), &id),
+            S_OK)
+      << TakeErrorText();
+  vekx::Variant failed;
+  ULONG tid = 0;
+  for (int stops = 1; events_->Get(events_->threads_) < 3 && stops < 10; ++stops) {
+    ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << TakeErrorText();
+    ASSERT_EQ(events_->WaitStop(stops, &tid), STOP_REASON_SIGSWBRKPT);
+  }
+  ULONG written = 0;
+  ASSERT_EQ(process->SetMemory(marker, Array(VT_UI1, {0x78, 0x56, 0x34, 0x12}).Get(), &written),
+            S_OK);
+  const std::vector<uint64_t> ids = {REG_ID_RIP,    REG_ID_RSP,    REG_ID_RBX,   REG_ID_R12,
+                                     REG_ID_RFLAGS, REG_ID_FSBASE, REG_ID_EN_CW, REG_ID_EN_MXCSR,
+                                     REG_ID_YMM0,   REG_ID_FP_ACC0};
+  const std::vector<uint64_t> live = Registers(Thread(tid).Get(), ids);
+  ASSERT_EQ(live[0], tick);
+  const std::string core =
+      ::testing::TempDir() + "/vekx_reopen_" + std::to_string(getpid()) + ".core";
+  std::filesystem::remove(core);
+  ASSERT_EQ(process->TriggerCoredump(vekx::Bstr::FromUtf8(core).Get(), COREDUMP_TYPE_MINI), S_OK)
+      << TakeErrorText();
+
+  const std::string host = "core-" + std::to_string(pid_);
+  const auto sink = vekx::MakeSink<vekx::EventSink<IEventTarget>>();
+  vekx::ComPtr<ITarget> dump;
+  ASSERT_EQ(api_->LoadCoreDump(vekx::Bstr::FromUtf8(core).Get(), sink.Get(),
+                               vekx::Bstr::FromUtf8(host).Get(), dump.Put()),
+            S_OK)
+      << TakeErrorText();
+  vekx::ComPtr<ITarget> found;
+  ASSERT_EQ(api_->GetCoreDumpTargetByHost(vekx::Bstr::FromUtf8(host).Get(), found.Put()), S_OK);
+  ULONG handle = 0, found_handle = 1;
+  dump->get_Handle(&handle);
+  found->get_Handle(&found_handle);
+  EXPECT_EQ(handle, found_handle);
+
+  vekx::Variant processes;
+  ASSERT_EQ(dump->get_ProcessInfoSnapshot(processes.Put()), S_OK) << TakeErrorText();
+  std::vector<vekx::Variant> list;
+  ASSERT_EQ(vekx::ArrayElements(processes.Get(), list), S_OK);
+  ASSERT_EQ(list.size(), 1u);
+  vekx::ComPtr<IProcessInfo> info;
+  list[0].Get().pdispVal->QueryInterface(IID_IProcessInfo, reinterpret_cast<void**>(info.Put()));
+  ULONG core_pid = 0;
+  info->get_Id(&core_pid);
+  EXPECT_EQ(core_pid, pid_);
+  vekx::ComPtr<IProcess> opened;
+  ASSERT_EQ(info->get_ProcessInterface(opened.Put()), S_OK);
+  vekx::ComPtr<IProcess10> reopened;
+  opened.QueryInto(IID_IProcess10, reopened);
+  EXPECT_EQ(Memory(reopened.Get(), marker, 4), (std::vector<uint64_t>{0x78, 0x56, 0x34, 0x12}));
+  EXPECT_EQ(Memory(reopened.Get(), tick, 1), Numbers(opcode));
+
+  vekx::Variant threads;
+  ASSERT_EQ(reopened->get_ThreadInfoSnapshot(threads.Put()), S_OK) << TakeErrorText();
+  ASSERT_EQ(vekx::ArrayElements(threads.Get(), list), S_OK);
+  EXPECT_EQ(list.size(), 3u);
+  vekx::ComPtr<IThread> stopped;
+  for (const vekx::Variant& element : list) {
+    vekx::ComPtr<IThreadInfo> thread;
+    element.Get().pdispVal->QueryInterface(IID_IThreadInfo, reinterpret_cast<void**>(thread.Put()));
+    ULONG thread_id = 0;
+    thread->get_Id(&thread_id);
+    if (thread_id == tid) thread->get_ThreadInterface(stopped.Put());
+  }
+  ASSERT_TRUE(stopped);
+  EXPECT_EQ(Registers(stopped.Get(), ids), live);
+
+  vekx::Variant modules;
+  ASSERT_EQ(reopened->get_Modules(modules.Put()), S_OK) << TakeErrorText();
+  ASSERT_EQ(vekx::ArrayElements(modules.Get(), list), S_OK);
+  std::map<std::string, uint64_t> entries;
+  for (const vekx::Variant& element : list) {
+    vekx::ComPtr<IModule> module;
+    element.Get().pdispVal->QueryInterface(IID_IModule, reinterpret_cast<void**>(module.Put()));
+    vekx::Bstr name;
+    module->get_Name(name.Put());
+    module->get_StartEntryAddress(&entries[name.Utf8()]);
+  }
+  EXPECT_EQ(entries["vekx_debuggee"], Symbol("_start"));
+  EXPECT_TRUE(std::any_of(entries.begin(), entries.end(),
+                          [](const auto& entry) { return entry.first.find("libc") == 0; }));
+
+  const std::pair<const char*, std::function<HRESULT()>> kRefused[] = {
+      {"write", [&] { return reopened->SetMemory(marker, Array(VT_UI1, {1}).Get(), &written); }},
+      {"resume", [&] { return reopened->Resume(vekx::Variant().Get(), failed.Put()); }},
+      {"break",
+       [&] {
+         return reopened->SetSoftwareBreakpoint(0, tick, SWBREAKPT_ATTR_MODE, 0,
+                                                vekx::Variant().Get(), opcode.Put(), &id);
+       }},
+      {"kill", [&] { return reopened->Kill(); }},
+      {"registers",
+       [&] {
+         return stopped->SetRegisters(Array(VT_I4, {REG_ID_RAX}).Get(),
+                                      Array(VT_UI8, {1, 0, 0, 0}).Get());
+       }},
+  };
+  for (const auto& [what, call] : kRefused) {
+    EXPECT_EQ(call(), KXAPI_ERR_NOT_SUPPORTED_BY_THIS_TARGET_TYPE) << what;
+    EXPECT_NE(TakeErrorText().find("read-only core dump"), std::string::npos) << what;
+  }
+  EXPECT_EQ(dump->UnadviseTargetEvents(sink.Get()), S_OK);
+  std::filesystem::remove(core);
+  EXPECT_EQ(process->Kill(), S_OK);
+}
+
+// A core the kernel wrote (the program raised SIGABRT with core dumps allowed) opens too: the
+// signal, the global, and the program's entry point read from the one page of its file the
+// kernel saves. Skipped where the kernel sends cores elsewhere (a pipe, another directory).
+TEST_F(LocalTargetTest, CoreDumpTheKernelWroteOpens) {
+  const std::string pattern = servertest::ReadText("/proc/sys/kernel/core_pattern");
+  if (pattern.empty() || pattern[0] == '|' || pattern.find('/') != std::string::npos)
+    GTEST_SKIP() << "the kernel does not write cores beside the program here: not tested";
+  const auto directory = std::filesystem::path(::testing::TempDir()) /
+                         ("vekx_kernel_core_" + std::to_string(getpid()));
+  std::filesystem::create_directories(directory);
+  const pid_t child = fork();
+  if (child == 0) {
+    const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
+    if (chdir(directory.c_str()) != 0 || setrlimit(RLIMIT_CORE, &unlimited) != 0) _exit(1);
+    execl(VEKX_DEBUGGEE, VEKX_DEBUGGEE, "raise", "6", nullptr);
+    _exit(127);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  std::string core;
+  for (const auto& entry : std::filesystem::directory_iterator(directory))
+    core = entry.path().string();
+  if (!WIFSIGNALED(status) || !WCOREDUMP(status) || core.empty()) {
+    std::filesystem::remove_all(directory);
+    GTEST_SKIP() << "the kernel wrote no core here: not tested";
+  }
+  const auto sink = vekx::MakeSink<vekx::EventSink<IEventTarget>>();
+  vekx::ComPtr<ITarget> dump;
+  ASSERT_EQ(api_->LoadCoreDump(vekx::Bstr::FromUtf8(core).Get(), sink.Get(),
+                               vekx::Bstr::FromUtf8("kernel-core").Get(), dump.Put()),
+            S_OK)
+      << TakeErrorText();
+  vekx::ComPtr<IProcess10> process;
+  ASSERT_EQ(CreateProcessObject(
+                client_,
+                [&] {
+                  ULONG handle = 0;
+                  dump->get_Handle(&handle);
+                  return handle;
+                }(),
+                static_cast<ULONG>(child), IID_IProcess10, reinterpret_cast<void**>(process.Put())),
+            S_OK);
+  EXPECT_EQ(Memory(process.Get(), Symbol("vekx_marker"), 2), (std::vector<uint64_t>{0xed, 0x5e}));
+  vekx::Variant modules;
+  ASSERT_EQ(process->get_Modules(modules.Put()), S_OK) << TakeErrorText();
+  std::vector<vekx::Variant> list;
+  ASSERT_EQ(vekx::ArrayElements(modules.Get(), list), S_OK);
+  bool program = false;
+  for (const vekx::Variant& element : list) {
+    vekx::ComPtr<IModule> module;
+    element.Get().pdispVal->QueryInterface(IID_IModule, reinterpret_cast<void**>(module.Put()));
+    vekx::Bstr name;
+    module->get_Name(name.Put());
+    ULONGLONG entry = 0;
+    module->get_StartEntryAddress(&entry);
+    if (name.Utf8() == "vekx_debuggee") program = entry == Symbol("_start");
+  }
+  EXPECT_TRUE(program);
+  vekx::Variant processes;
+  ASSERT_EQ(dump->get_ProcessInfoSnapshot(processes.Put()), S_OK);
+  ASSERT_EQ(vekx::ArrayElements(processes.Get(), list), S_OK);
+  ASSERT_EQ(list.size(), 1u);
+  vekx::ComPtr<IProcessInfo> info;
+  list[0].Get().pdispVal->QueryInterface(IID_IProcessInfo, reinterpret_cast<void**>(info.Put()));
+  vekx::ComPtr<IStopReason> reason;
+  info->get_StopReason(reason.Put());
+  eStopNotificationReason code{};
+  reason->get_Code(&code);
+  EXPECT_EQ(code, STOP_REASON_SIGABRT);
+  EXPECT_EQ(dump->UnadviseTargetEvents(sink.Get()), S_OK);
+  std::filesystem::remove_all(directory);
 }
 
 }  // namespace
