@@ -1,7 +1,7 @@
 // vesta-ctrl on the local target: `run` as a remote shell, symbols of the main program where an
-// address goes, and `core`, against the test program (tests/programs/debuggee.cpp) built as a
-// fixed-address and as a position-independent executable. Skipped where this process may not trace
-// its children.
+// address goes, and `core` and `core-load`, against the test program (tests/programs/debuggee.cpp)
+// built as a fixed-address and as a position-independent executable. Skipped where this process may
+// not trace its children.
 #ifdef VEKX_DEBUGGEE_PIE
 
 #include <gtest/gtest.h>
@@ -110,6 +110,7 @@ TEST_F(LocalCommandsTest, SymbolsOfTheMainProgramStandForAddresses) {
     const std::string core =
         (qv::clitest::TestRoot() / (std::filesystem::path(program).filename().string() + ".core"))
             .string();
+    const std::string dump = "crash-" + std::filesystem::path(program).filename().string();
     RunSteps({
         {{"--json", "load", "localhost", program, "--stop-at-entry", "--", "spin"},
          0,
@@ -134,6 +135,15 @@ TEST_F(LocalCommandsTest, SymbolsOfTheMainProgramStandForAddresses) {
         // The stopped process's core, with its progress on standard error; never over a file.
         {{"core", "localhost", "{pid}", core}, 0, "Wrote the core of process", "dumping: 100%"},
         {{"core", "localhost", "{pid}", core}, 1, "", "already exists"},
+        // Reopened as a target of its own, which reads as the process did and changes nothing.
+        {{"--json", "core-load", core, dump}, 0, "", "", {{"/pid", "{pid}"}}},
+        {{"--json", "regs", dump, "{pid}", "{pid}", "rip"}, 0, "", "", {{"/rip", "{address}"}}},
+        {{"--json", "mem", "read", dump, "{pid}", "vekx_marker", "8"},
+         0,
+         "",
+         "",
+         {{"/data", "ed5e000000000000"}}},
+        {{"mem", "write", dump, "{pid}", "vekx_marker", "00"}, 1, "", "read-only core dump"},
         {{"kill", "localhost", "{pid}"}, 0},
     });
   }

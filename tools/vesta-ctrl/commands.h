@@ -30,7 +30,7 @@ void AddConsoleCommands(CLI::App& app, Context& context);
 // events.
 void AddEventCommands(CLI::App& app, Context& context);
 // Debugging a target's processes: ps, threads, modules, vm, sync, load, attach, detach, kill,
-// suspend, resume, mem read|write, regs, break, run, core.
+// suspend, resume, mem read|write, regs, break, run, core, core-load.
 void AddDebugCommands(CLI::App& app, Context& context);
 
 }  // namespace vesta_ctrl

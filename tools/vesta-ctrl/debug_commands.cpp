@@ -450,6 +450,7 @@ void AddDebugCommands(CLI::App& app, Context& context) {
   AddBreakpointCommands(app, context);
   AddRunCommand(app, context);
   AddCoreCommand(app, context);
+  AddCoreLoadCommand(app, context);
 }
 
 }  // namespace vesta_ctrl

@@ -22,6 +22,8 @@ void AddBreakpointCommands(CLI::App& app, Context& context);
 void AddRunCommand(CLI::App& app, Context& context);
 // core.
 void AddCoreCommand(CLI::App& app, Context& context);
+// core-load.
+void AddCoreLoadCommand(CLI::App& app, Context& context);
 
 // A program as `load` and `run` send it: a file of this machine is loaded from the host, by its
 // absolute path (the server's working directory is not the tool's); any other path names a file
