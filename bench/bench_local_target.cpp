@@ -3,6 +3,8 @@
 //
 //   BM_GetMemory/SIZE          IProcess::GetMemory of SIZE bytes of the program's buffer
 //   BM_ProcessVmReadv/SIZE     the floor: process_vm_readv of the same bytes, from here
+//   BM_RawBulk/SIZE            the transport's floor: a forked child answers a small request
+//                              with SIZE bytes over a Unix socket pair (as bench_get_memory)
 //   BM_BreakpointRoundTrip     Resume until the Debug sink hears the next STOP_NOTIFICATION of a
 //                              breakpoint the program hits at once (stepping over it on the way)
 //   BM_PtraceBreakpointFloor   the floor: a bare ptrace loop in this process doing the same on a
@@ -28,6 +30,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -48,6 +51,9 @@ using qv::bench::Microseconds;
 
 constexpr int64_t kSizes[] = {1 << 20, 16 << 20};
 constexpr size_t kBufferSize = 16 << 20;
+// What a GET_MEMORY request frame and the head of its response take around the bytes.
+constexpr size_t kRequestBytes = 40;
+constexpr size_t kResponseHead = 40;
 
 // The debuggee's: filled before the loop, so that every page is there to read.
 unsigned char g_buffer[kBufferSize];
@@ -149,6 +155,23 @@ void BM_ProcessVmReadv(benchmark::State& state) {
   qv::bench::ReportLatency(state, samples);
 }
 
+std::vector<std::unique_ptr<qv::bench::PingPongFloor>> g_bulk_floors;  // one per size, in order
+
+void BM_RawBulk(benchmark::State& state) {
+  auto samples = qv::bench::SampleStorage(state);
+  auto& floor = *g_bulk_floors[state.range(0) == kSizes[0] ? 0 : 1];
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    if (!floor.RoundTrip(0)) {
+      state.SkipWithError("the bulk socket failed");
+      break;
+    }
+    samples.push_back(Microseconds(Clock::now() - start));
+  }
+  state.SetBytesProcessed(state.iterations() * state.range(0));
+  qv::bench::ReportLatency(state, samples);
+}
+
 void BM_BreakpointRoundTrip(benchmark::State& state) {
   auto samples = qv::bench::SampleStorage(state);
   for (auto _ : state) {
@@ -234,6 +257,7 @@ void BM_PtraceBreakpointFloor(benchmark::State& state) {
 }
 
 BENCHMARK(BM_ProcessVmReadv)->Arg(kSizes[0])->Arg(kSizes[1])->UseRealTime();
+BENCHMARK(BM_RawBulk)->Arg(kSizes[0])->Arg(kSizes[1])->UseRealTime();
 BENCHMARK(BM_GetMemory)->Arg(kSizes[0])->Arg(kSizes[1])->UseRealTime();
 BENCHMARK(BM_PtraceBreakpointFloor)->UseRealTime();
 BENCHMARK(BM_BreakpointRoundTrip)->UseRealTime();
@@ -242,14 +266,19 @@ void PrintRatios(const qv::bench::FigureReporter& reporter) {
   for (int64_t size : kSizes) {
     const std::string suffix = "/" + std::to_string(size) + "/real_time";
     const auto* floor = reporter.Find("BM_ProcessVmReadv" + suffix);
+    const auto* raw = reporter.Find("BM_RawBulk" + suffix);
     const auto* reads = reporter.Find("BM_GetMemory" + suffix);
-    if (floor == nullptr || reads == nullptr || floor->calls_per_second <= 0) continue;
+    if (floor == nullptr || raw == nullptr || reads == nullptr || floor->calls_per_second <= 0 ||
+        raw->calls_per_second <= 0) {
+      continue;
+    }
     const double mib = static_cast<double>(size) / (1 << 20);
     std::fprintf(reporter.out(),
-                 "%4.0f MiB: GetMemory %.0f MiB/s, process_vm_readv %.0f MiB/s, ratio %.2f; "
-                 "p50 %.0f us / %.0f us\n",
+                 "%4.0f MiB: GetMemory %.0f MiB/s, process_vm_readv %.0f MiB/s (ratio %.2f), raw "
+                 "socket %.0f MiB/s (ratio %.2f); p50 %.0f us / %.0f us / %.0f us\n",
                  mib, reads->calls_per_second * mib, floor->calls_per_second * mib,
-                 reads->calls_per_second / floor->calls_per_second, reads->p50, floor->p50);
+                 reads->calls_per_second / floor->calls_per_second, raw->calls_per_second * mib,
+                 reads->calls_per_second / raw->calls_per_second, reads->p50, floor->p50, raw->p50);
   }
   const auto* floor = reporter.Find("BM_PtraceBreakpointFloor/real_time");
   const auto* trip = reporter.Find("BM_BreakpointRoundTrip/real_time");
@@ -324,7 +353,14 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
 
   const uintptr_t own_base = OwnLoadBase();
-  // The floor's child is forked while this process still has one thread.
+  // The floors' children are forked while this process still has one thread.
+  for (int64_t size : kSizes) {
+    g_bulk_floors.push_back(std::make_unique<qv::bench::PingPongFloor>());
+    if (!g_bulk_floors.back()->Start(1, kRequestBytes, static_cast<size_t>(size) + kResponseHead)) {
+      std::fprintf(stderr, "the bulk floor did not start\n");
+      return 1;
+    }
+  }
   if (!StartFloor(reinterpret_cast<uintptr_t>(&vekx_bench_tick))) {
     std::fprintf(stderr, "the ptrace floor did not start (is ptrace permitted here?)\n");
     return 1;
@@ -355,6 +391,10 @@ int main(int argc, char** argv) {
   if (!ok) server.PrintOutput();
   kill(g_floor_child, SIGKILL);
   waitpid(g_floor_child, nullptr, 0);
+  // Each bulk floor's child holds the sockets of the floors made before it (and the ptrace
+  // floor's child held them all): the last goes first.
+  while (!g_bulk_floors.empty())
+    g_bulk_floors.pop_back();
   benchmark::Shutdown();
   return ok ? 0 : 1;
 }
