@@ -48,6 +48,13 @@ qv::server::Scenario QuickKits() {
   image.threads[0].loop = true;
   scenario.kits[0].images = {image};
   scenario.kits[0].is_default = true;
+  // A generic protocol endpoint whose calls never wait, so that the channel operations reach it.
+  qv::server::ProtocolEndpoint source;
+  source.number = 1;
+  source.kind = qv::server::EndpointKind::kSource;
+  source.length = 4096;
+  source.pattern = {0x5a};
+  scenario.kits[0].protocols = {source};
   scenario.kits[2].reachable = false;
   return scenario;
 }

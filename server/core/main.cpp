@@ -48,6 +48,11 @@ int Main(const std::vector<std::string>& args) {
     scenario = std::move(*loaded.scenario);
   }
 
+  if (!qv::server::AddForwards(scenario, options.forwards, error)) {
+    std::fprintf(stderr, "vesta-kx: %s\n", error.c_str());
+    return Server::kExitUsage;
+  }
+
   qv::platform::KeepLargeBlocksOnHeap();
   qv::platform::StopSignal stop;
   if (!qv::platform::StopOnTermination(stop)) {

@@ -39,6 +39,12 @@ bool ParseOptions(const std::vector<std::string>& args, Options& options, std::s
         return false;
       }
       options.log_level = level[0] - '0';
+    } else if (arg == "--forward") {
+      std::string text;
+      if (!value(text)) return false;
+      const auto endpoint = ParseForwardOption(text, error);
+      if (!endpoint) return false;
+      options.forwards.push_back(*endpoint);
     } else {
       error = "unknown argument '" + arg + "'";
       return false;
@@ -48,12 +54,17 @@ bool ParseOptions(const std::vector<std::string>& args, Options& options, std::s
 }
 
 std::string UsageText() {
-  return "usage: vesta-kx [--scenario FILE] [--log-level N] [--user NAME] [--version] [--help]\n"
+  return "usage: vesta-kx [--scenario FILE] [--forward N=ADDRESS]... [--log-level N] [--user "
+         "NAME]\n"
+         "                [--version] [--help]\n"
          "\n"
          "The per-user server that tools reach through the vekxapi library. It serves virtual\n"
          "development kits described by a scenario file, or by its built-in scenario.\n"
          "\n"
          "  --scenario FILE  the kits to simulate (YAML; see docs/scenarios.md)\n"
+         "  --forward N=tcp:127.0.0.1:PORT | N=unix:PATH\n"
+         "                   the local target's protocol N connects there, once per open\n"
+         "                   (see docs/protocols.md); may be given more than once\n"
          "  --log-level N    diagnostics on standard error: 0 none, 1 errors (default),\n"
          "                   2 refused input, 3 clients, 4 every request\n"
          "  --user NAME      serve the pipes of NAME instead of this account's (servers side by\n"

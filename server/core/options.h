@@ -4,12 +4,15 @@
 #include <string>
 #include <vector>
 
+#include "server/kits/protocol_endpoints.h"
+
 namespace qv::server {
 
 struct Options {
   std::string scenario_path;  // empty: the built-in scenario
   std::string user;           // empty: the account this process runs as
   int log_level = 1;
+  std::vector<ProtocolEndpoint> forwards;  // --forward N=ADDRESS, for the local target
   bool show_version = false;
   bool show_help = false;
 };

@@ -8,6 +8,7 @@
 #include "requests/notifications.h"
 #include "server/core/server_log.h"
 #include "server/handlers/debug_handlers.h"
+#include "server/handlers/protocol_handlers.h"
 
 namespace qv::server {
 namespace {
@@ -396,6 +397,7 @@ void RegisterHandlers(RequestDispatcher& dispatcher, TargetRegistry& registry,
   RegisterConsole(dispatcher, registry);
   RegisterServerOperations(dispatcher, registry, packet_log);
   RegisterDebugHandlers(dispatcher, registry);
+  RegisterProtocolHandlers(dispatcher, registry);
   RegisterProcessLocks(dispatcher, registry);
   dispatcher.observer = [&packet_log](const Context& context, const CRequest* request,
                                       const CResponse& response) {

@@ -132,6 +132,19 @@ Scenario DefaultScenario() {
   alpha.is_default = true;
   alpha.address = u"192.168.40.11";
   alpha.images = {SampleImage()};
+  // Endpoints to try channels on: 1 echoes, 2 sends 1 MiB of every byte value, 3 swallows.
+  ProtocolEndpoint echo;
+  echo.number = 1;
+  ProtocolEndpoint source;
+  source.number = 2;
+  source.kind = EndpointKind::kSource;
+  source.length = 1u << 20;
+  for (int value = 0; value < 256; ++value)
+    source.pattern.push_back(static_cast<uint8_t>(value));
+  ProtocolEndpoint sink;
+  sink.number = 3;
+  sink.kind = EndpointKind::kSink;
+  alpha.protocols = {echo, source, sink};
   Kit beta;
   beta.host = u"devkit-beta";
   beta.name = u"Beta";
@@ -303,7 +316,7 @@ Kit ReadKit(const DocNode& node) {
   if (node.kind != Kind::kMap) Refuse(node, "each kit must be a mapping with at least 'host'");
   CheckKeys(node,
             {"host", "name", "mac", "sdk_version", "power", "reachable", "registered", "default",
-             "address", "timings", "scripts", "images"},
+             "address", "timings", "scripts", "images", "protocols"},
             "a kit");
   Kit kit;
   const DocNode* host = Find(node, "host");
@@ -330,6 +343,7 @@ Kit ReadKit(const DocNode& node) {
   if (const DocNode* value = Find(node, "timings")) kit.timings = Timings(*value);
   if (const DocNode* value = Find(node, "scripts")) kit.scripts = ReadScripts(*value);
   if (const DocNode* value = Find(node, "images")) kit.images = ReadImages(*value);
+  if (const DocNode* value = Find(node, "protocols")) kit.protocols = ReadProtocols(*value, false);
   if (kit.is_default && !kit.registered) Refuse(*is_default, "a default kit must be registered");
   return kit;
 }
@@ -341,10 +355,18 @@ Scenario ScenarioFromDocument(const DocNode& root) {
   if (root.kind == Kind::kNull) return scenario;
   if (root.kind != Kind::kMap) Refuse(root, "a scenario must be a mapping with the key 'kits'");
   CheckKeys(root, {"kits", "local"}, "the scenario");
+  // `local: true`, or a mapping that gives the local target's protocols.
   const DocNode* local = Find(root, "local");
-  if (local != nullptr && Flag(*local, "local")) {
+  const bool local_map = local != nullptr && local->kind == Kind::kMap;
+  if (local != nullptr && (local_map || Flag(*local, "local"))) {
 #ifdef __linux__
     scenario.kits.push_back(LocalKit());
+    if (local_map) {
+      CheckKeys(*local, {"protocols"}, "the local target");
+      if (const DocNode* value = Find(*local, "protocols")) {
+        scenario.kits.back().protocols = ReadProtocols(*value, true);
+      }
+    }
 #else
     Refuse(*local, "the local target exists only on Linux");
 #endif

@@ -12,6 +12,7 @@
 
 #include "requests/debug_records.h"
 #include "requests/target_states.h"
+#include "server/kits/protocol_endpoints.h"
 
 namespace qv::server {
 
@@ -132,6 +133,7 @@ struct Kit {
   std::vector<KitScript> scripts;
   std::vector<ProgramImage> images;
   bool local = false;  // the host machine itself, its processes debugged through ptrace (Linux)
+  std::vector<ProtocolEndpoint> protocols;  // numbers unique
 
   friend bool operator==(const Kit&, const Kit&) = default;
 };
@@ -161,6 +163,11 @@ Scenario DefaultScenario();
 
 // The local target: host "localhost", name "local", always on and reachable.
 Kit LocalKit();
+
+// Puts `forwards` on the local target of `scenario`, each replacing an endpoint of the same
+// number; false with `error` set when the scenario has no local target.
+bool AddForwards(Scenario& scenario, const std::vector<ProtocolEndpoint>& forwards,
+                 std::string& error);
 
 // ASCII case-insensitive equality, as host names compare.
 bool SameHost(std::u16string_view a, std::u16string_view b);

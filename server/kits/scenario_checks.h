@@ -27,6 +27,8 @@ void CheckKeys(const DocNode& map, const std::set<std::string>& known, const cha
 
 // The `scripts` list of a kit (docs/scenarios.md).
 std::vector<KitScript> ReadScripts(const DocNode& node);
+// The `protocols` list of a kit, or of the local target when `local` (which alone may forward).
+std::vector<ProtocolEndpoint> ReadProtocols(const DocNode& node, bool local);
 // The `images` list of a kit: the programs it can load.
 std::vector<ProgramImage> ReadImages(const DocNode& node);
 // The modules, synchronisation and application objects, sockets and files of the image `node`

@@ -111,7 +111,17 @@ void TargetRegistry::AddClient(const ClientInfo& client, ClientSink* sink) {
 }
 
 void TargetRegistry::RemoveClient(uint64_t client_id) {
-  std::lock_guard lock(mutex_);
+  std::vector<TargetPtr> targets;
+  {
+    std::lock_guard lock(mutex_);
+    for (const auto& [handle, target] : targets_)
+      targets.push_back(target);
+    ForgetClient(client_id);
+  }
+  CloseChannels(targets, client_id);
+}
+
+void TargetRegistry::ForgetClient(uint64_t client_id) {
   clients_.erase(client_id);
   console_flows_.erase(client_id);
   ++cancel_generation_[client_id];
@@ -152,6 +162,7 @@ void TargetRegistry::Shutdown() {
   // Without the lock: a step being sent takes it, and so does a backend's last notification.
   scripts_.Stop();
   ShutDownDebugBackends(targets);
+  CloseChannels(targets, 0);
 }
 
 TargetRegistry::~TargetRegistry() {
@@ -200,6 +211,7 @@ TargetRegistry::TargetPtr TargetRegistry::Register(std::u16string_view type, con
   target->kit = kit;
   target->cached_name = kit.name;
   AttachDebugBackend(*target);
+  AttachEndpoints(*target);
   targets_[target->handle] = target;
   return target;
 }
@@ -318,6 +330,7 @@ Status TargetRegistry::DeleteTarget(uint32_t handle) {
   }
   // The target is gone from the registry, so whatever its backend posts while it ends is dropped.
   ShutDownDebugBackends({target});
+  CloseChannels({target}, 0);
   return Status::Ok();
 }
 
@@ -400,6 +413,10 @@ Status TargetRegistry::TargetInfo(uint32_t handle, NameValueList& info) const {
           {u"MacAddress", MacText(kit.mac)},
           {u"SdkVersion", VersionText(kit.sdk_version)},
           {u"Default", default_handle_ == handle ? u"Yes" : u"No"}};
+  std::u16string numbers;
+  for (const TargetProtocols::Summary& endpoint : target->endpoints->List())
+    numbers += (numbers.empty() ? u"" : u" ") + Number(endpoint.number);
+  info.push_back({u"Protocols", numbers});
   return Status::Ok();
 }
 
@@ -866,6 +883,13 @@ Status TargetRegistry::ProtocolInfo(uint64_t client_id, uint32_t handle, uint32_
           {u"InUse", holder != 0 ? u"Yes" : u"No"},
           {u"ProcessId", Number(holder != 0 ? ProcessIdOf(holder) : 0)},
           {u"HeldByCaller", holder == client_id ? u"Yes" : u"No"}};
+  // The endpoint behind the number, if the target has one there.
+  for (const TargetProtocols::Summary& endpoint : target->endpoints->List()) {
+    if (endpoint.number != protocol) continue;
+    info.push_back({u"Endpoint", platform::Utf8ToUtf16(EndpointKindName(endpoint.kind))});
+    info.push_back({u"Available", endpoint.available ? u"Yes" : u"No"});
+    info.push_back({u"OpenChannels", Number(static_cast<uint32_t>(endpoint.open_channels))});
+  }
   return Status::Ok();
 }
 

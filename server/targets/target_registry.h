@@ -29,6 +29,7 @@
 #include "server/kits/console_cache.h"
 #include "server/kits/scenario.h"
 #include "server/kits/script_runner.h"
+#include "server/protocols/target_protocols.h"
 #include "server/targets/process_locks.h"
 
 namespace qv::server {
@@ -154,6 +155,10 @@ class TargetRegistry {
   Status ProtocolsHeldBy(uint64_t client_id, uint32_t handle, U32List& protocols) const;
   Status ProtocolInfo(uint64_t client_id, uint32_t handle, uint32_t protocol,
                       NameValueList& info) const;
+  // The generic protocol endpoints of `handle`, for channel calls made without the registry's
+  // lock (target_endpoints.cpp): fails for an unknown handle, a kit that does not answer and one
+  // that is not powered on.
+  Status EndpointsOf(uint32_t handle, std::shared_ptr<TargetProtocols>& endpoints) const;
 
   // Subscriptions: one entry per (client, group, key). The Server group's key is always
   // 0xFFFFFFFF; the other groups' keys are target handles.
@@ -199,6 +204,7 @@ class TargetRegistry {
     std::shared_ptr<DebugBackend> debug;
     std::shared_ptr<CoreDumpBackend> core;  // the same backend, for a core dump target
     std::shared_ptr<TargetDebugEvents> debug_events;
+    std::shared_ptr<TargetProtocols> endpoints;  // generic protocol endpoints and channels
   };
   // A client's console output in flight, and what waits behind it.
   struct ConsoleFlow {
@@ -232,6 +238,15 @@ class TargetRegistry {
   void PostDebug(uint32_t handle, const CNotification& notification);
   // Gives a newly registered target its debug backend (the lock held: the factory only builds).
   void AttachDebugBackend(Target& target);
+  // RemoveClient's work under the lock: everything but the client's channels.
+  void ForgetClient(uint64_t client_id);
+  // Gives a newly registered target its protocol endpoints, which announce their availability
+  // changes through PostProtocolStatus.
+  void AttachEndpoints(Target& target);
+  void PostProtocolStatus(uint32_t handle, uint32_t protocol, bool available);
+  // Closes the channels of `client_id` (0: all) on `targets`; called without the lock, since a
+  // script endpoint's thread announces into the registry while it ends.
+  static void CloseChannels(const std::vector<TargetPtr>& targets, uint64_t client_id);
   // Shuts the backends of `targets` down; called without the lock, since a backend's threads
   // post into the registry while they end.
   static void ShutDownDebugBackends(const std::vector<TargetPtr>& targets);

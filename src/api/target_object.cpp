@@ -15,6 +15,7 @@
 #include "platform/process_identity.h"
 #include "platform/wide_string.h"
 #include "requests/catalogue.h"
+#include "services/generic_protocol.h"
 
 namespace qv {
 
@@ -509,8 +510,9 @@ HRESULT CKXVETarget::get_ControllerInterface(IDispatch**) {
   return NotAvailable(client_, u"ITarget7::get_ControllerInterface");
 }
 
-HRESULT CKXVETarget::OpenGenericProtocol(ULONG, IEventGenericProtocol*, IGenericProtocol**) {
-  return NotAvailable(client_, u"ITarget8::OpenGenericProtocol");
+HRESULT CKXVETarget::OpenGenericProtocol(ULONG uProtocolNumber, IEventGenericProtocol* pEventSink,
+                                         IGenericProtocol** ppConnection) {
+  return qv::OpenGenericProtocol(client_, handle_, uProtocolNumber, pEventSink, ppConnection);
 }
 
 HRESULT CKXVETarget::UnadviseGenericProtocolEvents(IEventGenericProtocol* pSink) {

@@ -1,6 +1,8 @@
 #include "debug/variant_arguments.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -151,6 +153,28 @@ HRESULT BytesArgument(const VARIANT& value, bool empty_allowed, Bytes& bytes) no
       if (numbers[i] > 0xFF) return E_INVALIDARG;
       bytes[i] = static_cast<uint8_t>(numbers[i]);
     }
+    return S_OK;
+  });
+}
+
+HRESULT ByteRangeArgument(const VARIANT& value, int32_t offset, size_t limit,
+                          Bytes& bytes) noexcept {
+  if (offset < 0) return E_INVALIDARG;
+  const auto start = static_cast<size_t>(offset);
+  if (!IsArrayOf(value, VT_UI1) && !IsArrayOf(value, VT_I1)) {
+    if (HRESULT hr = BytesArgument(value, false, bytes); FAILED(hr)) return hr;
+    if (start > bytes.size()) return E_INVALIDARG;
+    bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(start));
+    if (bytes.size() > limit) bytes.resize(limit);
+    return S_OK;
+  }
+  return Converting([&]() -> HRESULT {
+    bytes.clear();
+    ArrayView view(value.parray);
+    if (!view.valid() || start > view.size()) return E_INVALIDARG;
+    const size_t count = std::min(view.size() - start, limit);
+    bytes.resize(count);
+    if (count != 0) std::memcpy(bytes.data(), view.As<uint8_t>() + start, count);
     return S_OK;
   });
 }

@@ -13,6 +13,12 @@ namespace qv {
 // script arrays are). With `empty_allowed`, VT_EMPTY and VT_NULL are no bytes.
 HRESULT BytesArgument(const VARIANT& value, bool empty_allowed, Bytes& bytes) noexcept;
 
+// Bytes from element `offset` of what BytesArgument accepts, at most `limit` of them. A negative
+// offset or one past the end is E_INVALIDARG; an offset at the end is no bytes. A byte array is
+// copied only in the range taken, so a caller walking a large array pays once for each byte.
+HRESULT ByteRangeArgument(const VARIANT& value, int32_t offset, size_t limit,
+                          Bytes& bytes) noexcept;
+
 // Threads to step: VT_EMPTY or VT_NULL for none, otherwise exactly a VT_ARRAY | VT_UI4 with data.
 HRESULT ThreadIdsArgument(const VARIANT& value, U32List& ids) noexcept;
 

@@ -125,6 +125,10 @@ HRESULT CKXVEPrivateAPI::Unadvise(EventGroup group, const IVEEventNotifyClient& 
   return kGroupMessages[index].cancel(link_, key, Delivery::kConnecting);
 }
 
+void CKXVEPrivateAPI::Withdraw(EventGroup group, const IVEEventNotifyClient& client, uint32_t key) {
+  if (IsSinkGroup(group)) registries_[static_cast<size_t>(group)].Unregister(client, key);
+}
+
 size_t CKXVEPrivateAPI::RegistrationCount(EventGroup group, uint32_t key) const {
   return IsSinkGroup(group) ? registries_[static_cast<size_t>(group)].Count(key) : 0;
 }

@@ -48,6 +48,9 @@ class CKXPrivateAPI {
   // Unadvises: removes the registration of the same sink, if any; when none is left under `key`,
   // sends the group's cancel message for it, whose failure is the result.
   virtual HRESULT Unadvise(EventGroup group, const IVEEventNotifyClient& client, uint32_t key) = 0;
+  // Removes the registration of the same sink, if any, and sends nothing: undoes an advise whose
+  // purpose failed afterwards (a generic protocol channel that did not open).
+  virtual void Withdraw(EventGroup group, const IVEEventNotifyClient& client, uint32_t key) = 0;
   virtual size_t RegistrationCount(EventGroup group, uint32_t key) const = 0;
 
   // Whether the link to the server is up; used by the root object's Dispose with the two below.
@@ -87,6 +90,7 @@ class CKXVEPrivateAPI final : public CKXPrivateAPI,
   HRESULT Advise(EventGroup group, std::shared_ptr<IVEEventNotifyClient> client,
                  uint32_t key) override;
   HRESULT Unadvise(EventGroup group, const IVEEventNotifyClient& client, uint32_t key) override;
+  void Withdraw(EventGroup group, const IVEEventNotifyClient& client, uint32_t key) override;
   size_t RegistrationCount(EventGroup group, uint32_t key) const override;
   bool IsLinkUp() const override;
   void ShutdownStep() override;

@@ -59,13 +59,14 @@ inline std::string Quoted(const std::string& text) {
   return quoted + "'";
 }
 
-inline CtrlRun Ctrl(const std::vector<std::string>& args) {
+// `input` is what the tool reads on standard input.
+inline CtrlRun Ctrl(const std::vector<std::string>& args, const std::string& input = "/dev/null") {
   const auto out = TestRoot() / "ctrl.out";
   const auto err = TestRoot() / "ctrl.err";
   std::string command = Quoted(VEKX_CTRL_EXECUTABLE);
   for (const std::string& arg : args)
     command += " " + Quoted(arg);
-  command += " >" + Quoted(out.string()) + " 2>" + Quoted(err.string()) + " </dev/null";
+  command += " >" + Quoted(out.string()) + " 2>" + Quoted(err.string()) + " <" + Quoted(input);
   const int status = std::system(command.c_str());
   CtrlRun run;
   run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;

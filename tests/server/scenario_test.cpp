@@ -78,6 +78,23 @@ TEST(ScenarioTest, RefusesMistakesWithTheirLine) {
       {"kits: {host: a}\n", "s.yaml:1: 'kits' must be a list"},
       {"targets: []\n", "s.yaml:1: unknown key 'targets' in the scenario"},
       {"kits:\n  - host: [a\n", "s.yaml:"},
+      {"kits:\n  - host: a\n    protocols:\n      - {number: 1, endpoint: telnet}\n",
+       "s.yaml:4: 'endpoint' must be echo, source, sink, script or forward, not 'telnet'"},
+      {"kits:\n  - host: a\n    protocols:\n      - {number: 1, endpoint: echo}\n"
+       "      - {number: 1, endpoint: sink}\n",
+       "s.yaml:5: protocol 1 is listed twice"},
+      {"kits:\n  - host: a\n    protocols:\n      - {number: 1, endpoint: source}\n",
+       "s.yaml:4: a source needs a 'length'"},
+      {"kits:\n  - host: a\n    protocols:\n      - {number: 1, endpoint: echo, length: 5}\n",
+       "s.yaml:4: 'length' does not belong to echo"},
+      {"kits:\n  - host: a\n    protocols:\n      - {number: 1, endpoint: forward, to: x}\n",
+       "s.yaml:4: only the local target forwards protocols"},
+      {"kits:\n  - host: a\n    protocols:\n      - number: 1\n        endpoint: script\n"
+       "        steps: [{send: a, expect: b}]\n",
+       "s.yaml:6: a script step takes one of send, expect, status or close"},
+      {"kits:\n  - host: a\n    protocols:\n      - number: 1\n        endpoint: script\n"
+       "        steps: [{status: sideways}]\n",
+       "s.yaml:6: 'status' must be down or up, not 'sideways'"},
   };
   for (const Case& c : cases) {
     const ScenarioResult result = ParseScenario(c.text, "s.yaml");
@@ -210,6 +227,17 @@ TEST(OptionsTest, ParsesWhatItKnowsAndNamesWhatItDoesNot) {
       {{"--scenario", ""}, false, "--scenario needs a value"},
       {{"kits.yaml"}, false, "unknown argument 'kits.yaml'"},
       {{"--user", "vkx-test_1.a"}, true, ""},
+      {{"--forward", "5=tcp:127.0.0.1:8000"}, true, ""},
+      {{"--forward", "5=unix:/tmp/s"}, true, ""},
+      {{"--forward", "5=tcp:10.0.0.1:80"},
+       false,
+       "a forward goes to tcp:127.0.0.1:PORT or unix:PATH, not 'tcp:10.0.0.1:80'"},
+      {{"--forward", "5=tcp:127.0.0.1:0"},
+       false,
+       "a forward goes to tcp:127.0.0.1:PORT or unix:PATH, not 'tcp:127.0.0.1:0'"},
+      {{"--forward", "x=unix:/s"},
+       false,
+       "--forward takes N=tcp:127.0.0.1:PORT or N=unix:PATH, not 'x=unix:/s'"},
       {{"--user", "a/b"},
        false,
        "--user takes up to 64 letters, digits, '.', '_' or '-', not 'a/b'"},

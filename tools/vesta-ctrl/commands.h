@@ -29,6 +29,8 @@ void AddDiscoveryCommands(CLI::App& app, Context& context);
 void AddConsoleCommands(CLI::App& app, Context& context);
 // events.
 void AddEventCommands(CLI::App& app, Context& context);
+// proto: a generic protocol channel between standard input and output, its status, the list.
+void AddProtocolCommand(CLI::App& app, Context& context);
 // Debugging a target's processes: ps, threads, modules, vm, sync, load, attach, detach, kill,
 // suspend, resume, mem read|write, regs, break, run, core, core-load.
 void AddDebugCommands(CLI::App& app, Context& context);

@@ -44,6 +44,7 @@ int Main(int argc, char** argv) {
   vesta_ctrl::AddDiscoveryCommands(app, context);
   vesta_ctrl::AddConsoleCommands(app, context);
   vesta_ctrl::AddEventCommands(app, context);
+  vesta_ctrl::AddProtocolCommand(app, context);
   vesta_ctrl::AddDebugCommands(app, context);
   vesta_ctrl::AddServerCommands(app, context);
   try {

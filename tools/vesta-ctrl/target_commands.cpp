@@ -7,6 +7,7 @@
 
 #include "commands.h"
 #include "failure.h"
+#include "name_value_texts.h"
 #include "output.h"
 #include "target_resolution.h"
 #include "target_view.h"
@@ -101,26 +102,10 @@ void Default(Context& context, const std::optional<std::string>& spec) {
 }
 
 // The target's information from the server, as name and value texts, in the server's order.
-std::vector<std::pair<std::string, std::string>> ReadInfo(ITarget& target) {
+NameValueTexts ReadInfo(ITarget& target) {
   vekx::Variant info;
   Check(target.get_TargetInfo(info.Put()));
-  std::vector<vekx::Variant> elements;
-  Check(vekx::ArrayElements(info.Get(), elements));
-  std::vector<std::pair<std::string, std::string>> pairs;
-  for (const vekx::Variant& element : elements) {
-    if (element.Type() != VT_DISPATCH || element.Get().pdispVal == nullptr) {
-      Check(DISP_E_TYPEMISMATCH);
-    }
-    vekx::ComPtr<INameValuePair> pair;
-    Check(element.Get().pdispVal->QueryInterface(IID_INameValuePair,
-                                                 reinterpret_cast<void**>(pair.Put())));
-    vekx::Bstr name;
-    vekx::Bstr value;
-    Check(pair->get_Name(name.Put()));
-    Check(pair->get_ValueString(value.Put()));
-    pairs.emplace_back(name.Utf8(), value.Utf8());
-  }
-  return pairs;
+  return ReadNameValueTexts(info.Get());
 }
 
 void Info(Context& context, const std::string& spec) {

@@ -1,0 +1,256 @@
+// Generic protocol channels through the public objects against a real vesta-kx: the endpoints of
+// a scenario, and on Linux a protocol of the local target forwarded to a TCP server of the test.
+#include <gtest/gtest.h>
+
+#ifdef __linux__
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#endif
+
+#include <cctype>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "api/event_sink_recorder.h"
+#include "api/live_api.h"
+
+namespace qv::apitest {
+namespace {
+
+using servertest::WaitUntil;
+using Bytes = std::vector<uint8_t>;
+
+constexpr char kProtocolScenario[] = R"(kits:
+  - host: kit-one
+    power: on
+    protocols:
+      - {number: 1, endpoint: echo}
+      - {number: 2, endpoint: source, length: 70000, pattern: "00 ff 01"}
+      - {number: 3, endpoint: sink}
+      - number: 4
+        endpoint: script
+        steps:
+          - {send: "hello\n"}
+          - {expect: ping}
+          - {send: "pong\n"}
+          - {after_ms: 50, status: down}
+          - {after_ms: 50, status: up}
+          - {close: true}
+)";
+
+vekx::Variant ByteArray(const Bytes& bytes) {
+  vekx::Variant result;
+  SAFEARRAY* array = SafeArrayCreateVector(VT_UI1, 0, static_cast<ULONG>(bytes.size()));
+  void* data = nullptr;
+  SafeArrayAccessData(array, &data);
+  if (!bytes.empty()) std::memcpy(data, bytes.data(), bytes.size());
+  SafeArrayUnaccessData(array);
+  VARIANT* slot = result.Put();
+  slot->vt = VT_ARRAY | VT_UI1;
+  slot->parray = array;
+  return result;
+}
+
+// Reads until `size` bytes came or a read fails; the failure, S_OK when they all came.
+HRESULT ReadBytes(IGenericProtocol& channel, size_t size, Bytes& bytes) {
+  bytes.clear();
+  for (int quiet = 0; bytes.size() < size && quiet < 20;) {
+    vekx::Variant data;
+    if (HRESULT hr = channel.Read(static_cast<ULONG>(size - bytes.size()), data.Put()); FAILED(hr))
+      return hr;
+    const SAFEARRAY* array = data.Get().parray;
+    if (data.Type() != (VT_ARRAY | VT_UI1) || array == nullptr) return E_UNEXPECTED;
+    const auto* first = static_cast<const uint8_t*>(array->pvData);
+    bytes.insert(bytes.end(), first, first + array->rgsabound[0].cElements);
+    quiet = array->rgsabound[0].cElements == 0 ? quiet + 1 : 0;
+  }
+  return S_OK;
+}
+
+std::string Text(const Bytes& bytes) {
+  return {bytes.begin(), bytes.end()};
+}
+
+class GenericProtocolTest : public LiveApiTest {
+ protected:
+  std::string Scenario() const override { return kProtocolScenario; }
+
+  vekx::ComPtr<IGenericProtocol> Open(ITarget8& target, uint32_t protocol,
+                                      IEventGenericProtocol* sink) {
+    vekx::ComPtr<IGenericProtocol> channel;
+    EXPECT_EQ(target.OpenGenericProtocol(protocol, sink, channel.Put()), S_OK) << TakeErrorText();
+    return channel;
+  }
+
+  // An advised sink holds the private client: the test's is unadvised before the root goes.
+  void TearDown() override {
+    if (target_) target_->UnadviseGenericProtocolEvents(sink_.Get());
+    LiveApiTest::TearDown();
+  }
+
+  vekx::ComPtr<RecordingSink> sink_ = vekx::MakeSink<RecordingSink>();
+  vekx::ComPtr<ITarget47> target_;
+};
+
+TEST_F(GenericProtocolTest, EchoReturnsBinaryDataWhole) {
+  auto target = target_ = Target("kit-one");
+  auto channel = Open(*target.Get(), 1, sink_.Get());
+  ASSERT_TRUE(channel);
+  Bytes sent(200000);
+  for (size_t i = 0; i < sent.size(); ++i)
+    sent[i] = static_cast<uint8_t>(i * 7 % 251);  // zeros included
+  const vekx::Variant array = ByteArray(sent);
+  // One call takes at most 64 KiB; the count says where the next starts.
+  std::vector<ULONG> counts;
+  for (LONG offset = 0; offset < static_cast<LONG>(sent.size());) {
+    ULONG written = 0;
+    ASSERT_EQ(channel->Write(array.Get(), offset, &written), S_OK) << TakeErrorText();
+    counts.push_back(written);
+    offset += static_cast<LONG>(written);
+  }
+  EXPECT_EQ(counts, (std::vector<ULONG>{65536, 65536, 65536, 3392}));
+  Bytes back;
+  ASSERT_EQ(ReadBytes(*channel.Get(), sent.size(), back), S_OK) << TakeErrorText();
+  EXPECT_EQ(back, sent);
+  VARIANT_BOOL status = VARIANT_FALSE;
+  EXPECT_EQ(channel->get_Status(&status), S_OK);
+  EXPECT_EQ(status, VARIANT_TRUE);
+
+  // An offset outside the array is the caller's mistake and sends nothing; the channel goes on.
+  ULONG written = 7;
+  EXPECT_EQ(channel->Write(array.Get(), -1, &written), E_INVALIDARG);
+  EXPECT_EQ(channel->Write(array.Get(), 200001, &written), E_INVALIDARG);
+  EXPECT_EQ(written, 7u);
+  EXPECT_EQ(channel->Close(), S_OK);
+  EXPECT_EQ(channel->Close(), static_cast<HRESULT>(KXAPI_COMMS_ERR_INVALID_PROTOCOL));
+}
+
+TEST_F(GenericProtocolTest, SourceSendsItsLengthThenCloses) {
+  auto target = target_ = Target("kit-one");
+  auto channel = Open(*target.Get(), 2, sink_.Get());
+  ASSERT_TRUE(channel);
+  Bytes got;
+  EXPECT_EQ(ReadBytes(*channel.Get(), 80000, got),
+            static_cast<HRESULT>(KXAPI_COMMS_ERR_ULP_DISCONNECT));
+  EXPECT_EQ(TakeErrorText(),
+            "Target error - The upper-layer protocol disconnected. protocol 2 was closed by its "
+            "endpoint");
+  ASSERT_EQ(got.size(), 70000u);
+  const uint8_t pattern[] = {0x00, 0xff, 0x01};
+  for (size_t i = 0; i < got.size(); ++i)
+    ASSERT_EQ(got[i], pattern[i % 3]) << "at " << i;
+  VARIANT_BOOL status = VARIANT_TRUE;
+  EXPECT_EQ(channel->get_Status(&status), S_OK);
+  EXPECT_EQ(status, VARIANT_FALSE);
+}
+
+TEST_F(GenericProtocolTest, FailedOpenLeavesNoRegistration) {
+  auto target = target_ = Target("kit-one");
+  vekx::ComPtr<IGenericProtocol> channel;
+  EXPECT_EQ(target->OpenGenericProtocol(9, sink_.Get(), channel.Put()),
+            static_cast<HRESULT>(KXAPI_COMMS_ERR_NOPROTOCOL));
+  EXPECT_EQ(TakeErrorText(),
+            "Target error - The protocol is not available. 'kit-one' has no protocol 9");
+  EXPECT_FALSE(channel);
+  ULONG handle = 0;
+  ASSERT_EQ(target->get_Handle(&handle), S_OK);
+  EXPECT_EQ(client_->RegistrationCount(EventGroup::GenericProtocol, handle), 0u);
+  // The same sink again is not refused as registered, and a second open of one number is.
+  channel = Open(*target.Get(), 3, sink_.Get());
+  auto second = vekx::MakeSink<RecordingSink>();
+  vekx::ComPtr<IGenericProtocol> again;
+  EXPECT_EQ(target->OpenGenericProtocol(3, second.Get(), again.Put()),
+            static_cast<HRESULT>(KXAPI_COMMS_ERR_ALREADY_CONNECTED));
+  EXPECT_EQ(client_->RegistrationCount(EventGroup::GenericProtocol, handle), 1u);
+}
+
+TEST_F(GenericProtocolTest, ScriptTalksAndItsStatusReachesEverySink) {
+  auto target = target_ = Target("kit-one");
+  auto other = vekx::MakeSink<RecordingSink>();
+  auto echo = Open(*target.Get(), 1, other.Get());
+  auto script = Open(*target.Get(), 4, sink_.Get());
+  ASSERT_TRUE(echo && script);
+  Bytes got;
+  ASSERT_EQ(ReadBytes(*script.Get(), 6, got), S_OK);
+  EXPECT_EQ(Text(got), "hello\n");
+  ULONG written = 0;
+  ASSERT_EQ(script->Write(ByteArray({'p', 'i', 'n', 'g', '\n'}).Get(), 0, &written), S_OK);
+  ASSERT_EQ(ReadBytes(*script.Get(), 5, got), S_OK);
+  EXPECT_EQ(Text(got), "pong\n");
+
+  // Both sinks of the target hear protocol 4 go down and come back, whichever they opened.
+  for (RecordingSink* sink : {sink_.Get(), other.Get()}) {
+    ASSERT_TRUE(WaitUntil([&] { return sink->CallCount() >= 2; }));
+    EXPECT_EQ(sink->Values("OnProtocolStatus", "Protocol"), (std::vector<std::string>{"4", "4"}));
+    EXPECT_EQ(sink->Values("OnProtocolStatus", "Availability"),
+              (std::vector<std::string>{"false", "true"}));
+  }
+  // Then the script hangs up.
+  EXPECT_EQ(ReadBytes(*script.Get(), 1, got), static_cast<HRESULT>(KXAPI_COMMS_ERR_ULP_DISCONNECT));
+  EXPECT_EQ(target->UnadviseGenericProtocolEvents(other.Get()), S_OK);
+}
+
+#ifdef __linux__
+// A TCP server of the test on the loopback interface: it answers each connection's first bytes
+// in upper case and hangs up.
+class ForwardTest : public GenericProtocolTest {
+ protected:
+  void SetUp() override {
+    listener_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(listen(listener_, 1), 0);
+    ASSERT_EQ(getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    port_ = ntohs(address.sin_port);
+    server_thread_ = std::thread([this] {
+      const int peer = accept(listener_, nullptr, nullptr);
+      char text[64] = {};
+      const ssize_t got = recv(peer, text, sizeof text, 0);
+      for (ssize_t i = 0; i < got; ++i)
+        text[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(text[i])));
+      if (got > 0) send(peer, text, static_cast<size_t>(got), MSG_NOSIGNAL);
+      close(peer);
+    });
+    GenericProtocolTest::SetUp();
+  }
+  void TearDown() override {
+    GenericProtocolTest::TearDown();
+    shutdown(listener_, SHUT_RDWR);
+    server_thread_.join();
+    close(listener_);
+  }
+  std::string Scenario() const override {
+    return "local:\n  protocols:\n    - {number: 7, endpoint: forward, to: \"tcp:127.0.0.1:" +
+           std::to_string(port_) + "\"}\n";
+  }
+
+  int listener_ = -1;
+  uint16_t port_ = 0;
+  std::thread server_thread_;
+};
+
+TEST_F(ForwardTest, OpenConnectsToTheForwardedPort) {
+  auto target = target_ = Target("localhost");
+  auto channel = Open(*target.Get(), 7, sink_.Get());
+  ASSERT_TRUE(channel);
+  ULONG written = 0;
+  ASSERT_EQ(channel->Write(ByteArray({'a', 'b', 0, 'c'}).Get(), 0, &written), S_OK);
+  EXPECT_EQ(written, 4u);
+  Bytes got;
+  EXPECT_EQ(ReadBytes(*channel.Get(), 8, got),
+            static_cast<HRESULT>(KXAPI_COMMS_ERR_ULP_DISCONNECT));
+  EXPECT_EQ(got, (Bytes{'A', 'B', 0, 'C'}));
+  VARIANT_BOOL status = VARIANT_TRUE;
+  EXPECT_EQ(channel->get_Status(&status), S_OK);
+  EXPECT_EQ(status, VARIANT_FALSE);
+}
+#endif
+
+}  // namespace
+}  // namespace qv::apitest

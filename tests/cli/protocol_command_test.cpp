@@ -1,0 +1,71 @@
+// vesta-ctrl proto against the built-in scenario's endpoints: 1 echoes, 2 is a source, 3 a sink.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+
+#include "cli/ctrl_run.h"
+#include "platform/process_identity.h"
+
+namespace {
+
+using qv::clitest::Ctrl;
+using qv::clitest::CtrlRun;
+using qv::clitest::Json;
+using qv::servertest::TestRoot;
+
+class ProtocolCommandTest : public qv::servertest::ServerTest {
+ protected:
+  ProtocolCommandTest() : ServerTest(qv::platform::CurrentUserName()) {}
+  void SetUp() override { StartServer(true); }
+};
+
+TEST_F(ProtocolCommandTest, ListsStatusesAndRefusesJsonWhileCopying) {
+  const CtrlRun list = Ctrl({"--json", "proto", "devkit-alpha", "--list"});
+  ASSERT_EQ(list.exit_code, 0) << list.err;
+  EXPECT_EQ(Json(list)["protocols"], nlohmann::json::parse(R"([
+      {"protocol": 1, "endpoint": "echo", "available": true, "open_channels": 0},
+      {"protocol": 2, "endpoint": "source", "available": true, "open_channels": 0},
+      {"protocol": 3, "endpoint": "sink", "available": true, "open_channels": 0}])"));
+
+  struct Case {
+    std::vector<std::string> args;
+    int exit_code;
+    const char* out;
+  };
+  const Case cases[] = {
+      {{"proto", "devkit-alpha", "1", "--status"}, 0, "protocol 1: available\n"},
+      {{"proto", "devkit-alpha", "9", "--status"},
+       0,
+       "protocol 9: not available (Target error - The protocol is not available. "
+       "'devkit-alpha' has no protocol 9)\n"},
+      {{"--json", "proto", "devkit-alpha", "1"}, 2, ""},
+      {{"proto", "devkit-alpha"}, 2, ""},
+      {{"proto", "devkit-alpha", "9"}, 1, ""},
+  };
+  for (const Case& c : cases) {
+    const CtrlRun run = Ctrl(c.args);
+    EXPECT_EQ(run.exit_code, c.exit_code) << c.args[2] << c.args.back() << run.err;
+    EXPECT_EQ(qv::clitest::Lines(run.out), c.out);
+  }
+}
+
+#ifndef _WIN32
+TEST_F(ProtocolCommandTest, PipesAFileThroughTheEchoByteForByte) {
+  std::string file(300000, '\0');
+  for (size_t i = 0; i < file.size(); ++i)
+    file[i] = static_cast<char>(i % 253);  // zeros and every piece boundary in between
+  const auto input = TestRoot() / "proto.in";
+  std::ofstream(input, std::ios::binary) << file;
+  const CtrlRun run = Ctrl({"proto", "devkit-alpha", "1", "--linger", "0.5"}, input.string());
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_TRUE(run.out == file) << "got " << run.out.size() << " of " << file.size() << " bytes";
+
+  // A source's bytes end with the endpoint, whatever the linger.
+  const CtrlRun source = Ctrl({"proto", "devkit-alpha", "2", "--linger", "60"});
+  EXPECT_EQ(source.exit_code, 0) << source.err;
+  EXPECT_EQ(source.out.size(), 1u << 20);
+}
+#endif
+
+}  // namespace
