@@ -38,9 +38,12 @@ Server::~Server() {
 
 int Server::Start(const std::u16string& user, std::string& message) {
   user_ = user.empty() ? platform::CurrentUserName() : user;
-  const std::optional<std::string> run_dir = platform::ServerRuntimeDirectory();
+  std::string problem;
+  const std::optional<std::string> run_dir = platform::ServerRuntimeDirectory(&problem);
   if (user_.empty() || !run_dir.has_value()) {
-    message = "cannot use the runtime directory (it must be ours and closed to others)";
+    message = problem.empty() ? "cannot use the runtime directory (it must be ours and closed to "
+                                "others)"
+                              : "cannot use the runtime directory: " + problem;
     return kExitError;
   }
   runtime_dir_ = *run_dir;
