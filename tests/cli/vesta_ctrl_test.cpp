@@ -116,12 +116,20 @@ TEST_F(VestaCtrlTest, UnknownTargetFailsWithOneAndSaysWhy) {
 
 TEST_F(VestaCtrlTest, ServerFailureCarriesTheLibrarysDescription) {
   // kit-gone is registered but never answers.
-  const CtrlRun run = Ctrl({"power", "on", "kit-gone"});
+  CtrlRun run = Ctrl({"power", "on", "kit-gone"});
   EXPECT_EQ(run.exit_code, 1);
   EXPECT_EQ(run.err.rfind("vesta-ctrl: Target error - Could not connect.", 0), 0u) << run.err;
 
   const nlohmann::json json = Json(Ctrl({"--json", "connect", "kit-gone"}));
   EXPECT_EQ(json["error"]["code"], "0x80040246") << json;
+
+  // info says so once, plainly, rather than an error beside "off" and "available".
+  run = Ctrl({"info", "kit-gone"});
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  for (const char* line : {"\npower:        unreachable\n", "\nconnection:   unreachable\n",
+                           "\nreachable:    no\n", "\nmac address:  unknown\n"})
+    EXPECT_NE(run.out.find(line), std::string::npos) << line << run.out;
+  EXPECT_EQ(run.out.find("error"), std::string::npos) << run.out;
 }
 
 TEST_F(VestaCtrlTest, ErrorDescribesResultCodes) {
