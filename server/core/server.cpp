@@ -30,6 +30,7 @@ Server::Server(const Scenario& scenario)
       pipe_names_(std::random_device{}()) {
   RegisterHandlers(dispatcher_, registry_, packet_log_);
   RegisterRootHandlers(dispatcher_, registry_, switches_);
+  RegisterNetworkManagerHandlers(dispatcher_, registry_, network_manager_);
 }
 
 Server::~Server() {

@@ -1,6 +1,7 @@
 #pragma once
 // Handlers for the root object's server-wide operations: the host-exec switch, the server's log
-// level, and finding the target of a loaded core dump by its pseudo host.
+// level, finding the target of a loaded core dump by its pseudo host, and the host drive's
+// refusal.
 
 #include <atomic>
 
