@@ -2,12 +2,20 @@
 // scripted stand-in, started by the library from PATH, for a server that dies in a call.
 #include <gtest/gtest.h>
 
+#ifndef _WIN32
+#include <signal.h>
+#endif
+
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <mutex>
+#include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -442,6 +450,71 @@ TEST_F(RootObjectServerDeathTest, ACallTheServerDiesInFailsAndTheNextStartsAnoth
   EXPECT_EQ(api->ServerVersion(&v[0], &v[1], &v[2], &v[3]), E_UNEXPECTED);
   EXPECT_FALSE(Ready());
 }
+
+#ifndef _WIN32
+// Eight callers loop while the server is killed twenty times. Each call either succeeds or fails
+// with one of the link's errors, none hangs (ctest's time-out would end a hang), and the first
+// call after each kill starts a new server and succeeds.
+TEST(ServerFaultLoopTest, CallsSurviveAServerKilledTwentyTimes) {
+  testing::ScopedVariable path{
+      "PATH", testing::PathStartingWith(
+                  std::filesystem::path(VEKX_SERVER_EXECUTABLE).parent_path().string())};
+  const std::u16string user = platform::CurrentUserName();
+  const auto running = [&] { return platform::RunningServerProcessId(user, servertest::RunDir()); };
+  const auto version = [](IVEKXAPI12& api) {
+    ULONG v[4] = {};
+    return api.ServerVersion(&v[0], &v[1], &v[2], &v[3]);
+  };
+  std::vector<ComPtr<IVEKXAPI12>> roots(8);
+  for (auto& root : roots) {
+    ASSERT_EQ(CreateRootObject(CKXVEPrivateAPI::Create({user, servertest::RunDir()}),
+                               IID_IVEKXAPI12, reinterpret_cast<void**>(root.Put())),
+              S_OK);
+    ASSERT_EQ(root->CheckCompatibility(21), S_OK);
+  }
+  const std::set<HRESULT> link_errors = {KXAPI_SERVER_CONNECTION_ERROR,
+                                         KXAPI_SEND_ERROR,
+                                         KXAPI_WRITE_ERROR,
+                                         KXAPI_WAIT_ERROR,
+                                         KXAPI_NOT_CONNECTED,
+                                         KXAPI_SERVER_INITIALIZATION_FAILURE,
+                                         KXAPI_SERVER_INITIALIZATION_CHECK_FAILED};
+  std::atomic<bool> stop{false};
+  std::atomic<int> succeeded{0};
+  std::mutex mutex;
+  std::set<HRESULT> unexpected;
+  std::vector<std::thread> callers;
+  for (auto& root : roots) {
+    callers.emplace_back([&, api = root.Get()] {
+      while (!stop) {
+        const HRESULT hr = version(*api);
+        if (SUCCEEDED(hr)) {
+          ++succeeded;
+        } else if (link_errors.count(hr) == 0) {
+          std::lock_guard lock(mutex);
+          unexpected.insert(hr);
+        }
+      }
+    });
+  }
+  for (int kill_count = 0; kill_count < 20; ++kill_count) {
+    std::optional<uint32_t> pid;
+    ASSERT_TRUE(testing::WaitUntil([&] { return (pid = running()).has_value(); })) << kill_count;
+    ASSERT_EQ(kill(static_cast<pid_t>(*pid), SIGKILL), 0);
+    ASSERT_TRUE(testing::WaitUntil([&] { return running() != pid; })) << kill_count;
+    const int before = succeeded;
+    ASSERT_TRUE(testing::WaitUntil([&] { return succeeded > before; })) << kill_count;
+  }
+  stop = true;
+  for (auto& caller : callers)
+    caller.join();
+  EXPECT_TRUE(unexpected.empty()) << std::hex << *unexpected.begin();
+  EXPECT_EQ(version(*roots[0].Get()), S_OK);
+  for (auto& root : roots)
+    root->Dispose();
+  if (const auto last = running()) platform::RequestServerStop(*last);
+}
+#endif
 
 }  // namespace
 }  // namespace qv::apitest
