@@ -30,6 +30,7 @@ Server::Server(const Scenario& scenario)
       pipe_names_(std::random_device{}()) {
   RegisterHandlers(dispatcher_, registry_, packet_log_);
   RegisterRootHandlers(dispatcher_, registry_, switches_);
+  RegisterNetworkManagerHandlers(dispatcher_, registry_, network_manager_);
 }
 
 Server::~Server() {
@@ -38,9 +39,12 @@ Server::~Server() {
 
 int Server::Start(const std::u16string& user, std::string& message) {
   user_ = user.empty() ? platform::CurrentUserName() : user;
-  const std::optional<std::string> run_dir = platform::ServerRuntimeDirectory();
+  std::string problem;
+  const std::optional<std::string> run_dir = platform::ServerRuntimeDirectory(&problem);
   if (user_.empty() || !run_dir.has_value()) {
-    message = "cannot use the runtime directory (it must be ours and closed to others)";
+    message = problem.empty() ? "cannot use the runtime directory (it must be ours and closed to "
+                                "others)"
+                              : "cannot use the runtime directory: " + problem;
     return kExitError;
   }
   runtime_dir_ = *run_dir;

@@ -17,6 +17,7 @@
 #include "server/core/client_session.h"
 #include "server/core/packet_log.h"
 #include "server/core/request_dispatcher.h"
+#include "server/handlers/network_manager.h"
 #include "server/handlers/root_handlers.h"
 #include "server/kits/scenario.h"
 #include "server/targets/target_registry.h"
@@ -46,6 +47,7 @@ class Server {
   PacketLog packet_log_;  // before the registry, which records its notifications in it
   TargetRegistry registry_;
   ServerSwitches switches_;
+  NetworkManager network_manager_;
   RequestDispatcher dispatcher_;
   std::u16string user_;
   std::string runtime_dir_;

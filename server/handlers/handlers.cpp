@@ -99,6 +99,15 @@ void RegisterTargetList(RequestDispatcher& dispatcher, TargetRegistry& registry)
       [](const Context&, CCancelFindTargetsRequest&, CCancelFindTargetsResponse&) {
         return Status::Ok();
       });
+  dispatcher.Register<CFindMiradorTargetsRequest, CFindMiradorTargetsResponse>(
+      [&registry](const Context&, CFindMiradorTargetsRequest& request,
+                  CFindMiradorTargetsResponse&) {
+        return registry.FindMiradorTargets(request.Rules);
+      });
+  dispatcher.Register<CCancelFindMiradorTargetsRequest, CCancelFindMiradorTargetsResponse>(
+      [](const Context&, CCancelFindMiradorTargetsRequest&, CCancelFindMiradorTargetsResponse&) {
+        return Status::Ok();
+      });
 }
 
 void RegisterTargetProperties(RequestDispatcher& dispatcher, TargetRegistry& registry) {
@@ -296,6 +305,11 @@ void RegisterServerOperations(RequestDispatcher& dispatcher, TargetRegistry& reg
   dispatcher.Register<CStartPacketLoggingRequest, CStartPacketLoggingResponse>(
       [&packet_log](const Context&, CStartPacketLoggingRequest& request,
                     CStartPacketLoggingResponse&) { return packet_log.Start(request.FileName); });
+  dispatcher.Register<CStartMultiFilePacketLoggingRequest, CStartMultiFilePacketLoggingResponse>(
+      [&packet_log](const Context&, CStartMultiFilePacketLoggingRequest& request,
+                    CStartMultiFilePacketLoggingResponse&) {
+        return packet_log.StartAlternating(request.FileName1, request.FileName2, request.Size);
+      });
   dispatcher.Register<CStopPacketLoggingRequest, CStopPacketLoggingResponse>(
       [&packet_log](const Context&, CStopPacketLoggingRequest&, CStopPacketLoggingResponse&) {
         return packet_log.Stop();

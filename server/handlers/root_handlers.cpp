@@ -55,6 +55,18 @@ void RegisterRootHandlers(RequestDispatcher& dispatcher, TargetRegistry& registr
         return registry.LoadCoreDump(context.target, request.FileName);
       },
       RequestDispatcher::Timing::kMayWait);
+  // The host drive (a file system driver that shows a kit's files on the host) is not built for
+  // any platform vesta-kx runs on; each of its operations says so.
+  const auto no_host_drive = [](const RequestContext&, auto&, auto&) {
+    return Status::Fail(KXAPI_SERVER_DOKAN_INVALID_DRIVE,
+                        u"The host drive is not available on this platform: vesta-kx has no "
+                        u"file system driver.");
+  };
+  dispatcher.Register<CStartFileSystemDriverRequest, CStartFileSystemDriverResponse>(no_host_drive);
+  dispatcher.Register<CStopFileSystemDriverRequest, CStopFileSystemDriverResponse>(no_host_drive);
+  dispatcher.Register<CGetFileSystemDriveRequest, CGetFileSystemDriveResponse>(no_host_drive);
+  dispatcher.Register<CGetFileSystemDriverVersionRequest, CGetFileSystemDriverVersionResponse>(
+      no_host_drive);
 }
 
 }  // namespace qv::server

@@ -1,6 +1,7 @@
 #pragma once
 // Handlers for the root object's server-wide operations: the host-exec switch, the server's log
-// level, and loading a core dump into its target and finding that target by its pseudo host.
+// level, loading a core dump into its target and finding that target by its pseudo host, and
+// the host drive's refusal.
 
 #include <atomic>
 

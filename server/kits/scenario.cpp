@@ -316,7 +316,7 @@ Kit ReadKit(const DocNode& node) {
   if (node.kind != Kind::kMap) Refuse(node, "each kit must be a mapping with at least 'host'");
   CheckKeys(node,
             {"host", "name", "mac", "sdk_version", "power", "reachable", "registered", "default",
-             "address", "timings", "scripts", "images", "protocols"},
+             "address", "timings", "scripts", "images", "protocols", "mirador"},
             "a kit");
   Kit kit;
   const DocNode* host = Find(node, "host");
@@ -334,6 +334,7 @@ Kit ReadKit(const DocNode& node) {
   if (const DocNode* value = Find(node, "registered")) {
     kit.registered = Flag(*value, "registered");
   }
+  if (const DocNode* value = Find(node, "mirador")) kit.mirador = Flag(*value, "mirador");
   const DocNode* is_default = Find(node, "default");
   if (is_default != nullptr) kit.is_default = Flag(*is_default, "default");
   if (const DocNode* value = Find(node, "address")) {

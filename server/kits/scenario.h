@@ -134,6 +134,8 @@ struct Kit {
   std::vector<ProgramImage> images;
   bool local = false;  // the host machine itself, its processes debugged through ptrace (Linux)
   std::vector<ProtocolEndpoint> protocols;  // numbers unique
+  // Kit hardware of the second kind: only the Mirador search (FIND_MIRADOR_TARGETS) finds it.
+  bool mirador = false;
 
   friend bool operator==(const Kit&, const Kit&) = default;
 };

@@ -544,12 +544,15 @@ Status TargetRegistry::ConnectionInfo(uint32_t handle, std::u16string& info) con
 WStringList TargetRegistry::Discover() const {
   WStringList addresses;
   for (const Kit& kit : scenario_.kits) {
-    if (kit.reachable && !kit.address.empty()) addresses.push_back(kit.address);
+    // Mirador kits answer their own search only.
+    if (kit.reachable && !kit.mirador && !kit.address.empty()) addresses.push_back(kit.address);
   }
   return addresses;
 }
 
-Status TargetRegistry::FindTargets(const FindRuleList& rules) {
+namespace {
+
+Status CheckRanges(const FindRuleList& rules) {
   for (const FindRule& rule : rules) {
     if (rule.StartAddress > rule.EndAddress) {
       return Status::Fail(KXAPI_SERVER_INVALID_ARG, u"a search range ends before it starts (" +
@@ -557,6 +560,25 @@ Status TargetRegistry::FindTargets(const FindRuleList& rules) {
                                                         AddressText(rule.EndAddress) + u")");
     }
   }
+  return Status::Ok();
+}
+
+// Calls `found` with each reachable kit of the given kind inside `rule`'s range.
+template <class Found>
+void KitsInRange(const Scenario& scenario, const FindRule& rule, bool mirador, Found found) {
+  for (const Kit& kit : scenario.kits) {
+    const std::optional<uint32_t> address = ParseAddress(kit.address);
+    if (kit.reachable && kit.mirador == mirador && address.has_value() &&
+        *address >= rule.StartAddress && *address <= rule.EndAddress) {
+      found(kit);
+    }
+  }
+}
+
+}  // namespace
+
+Status TargetRegistry::FindTargets(const FindRuleList& rules) {
+  if (Status status = CheckRanges(rules); !status.ok()) return status;
   std::lock_guard lock(mutex_);
   const size_t steps = std::max<size_t>(rules.size(), 1);
   for (size_t i = 0; i < steps; ++i) {
@@ -564,13 +586,33 @@ Status TargetRegistry::FindTargets(const FindRuleList& rules) {
     progress.TargetKey = kNoTarget;
     progress.Percentage = static_cast<uint32_t>((i + 1) * 100 / steps);
     if (i < rules.size()) {
-      for (const Kit& kit : scenario_.kits) {
-        const std::optional<uint32_t> address = ParseAddress(kit.address);
-        if (kit.reachable && address.has_value() && *address >= rules[i].StartAddress &&
-            *address <= rules[i].EndAddress) {
-          progress.Targets.push_back(kit.address);
-        }
-      }
+      KitsInRange(scenario_, rules[i], false,
+                  [&](const Kit& kit) { progress.Targets.push_back(kit.address); });
+    }
+    Notify(EventGroup::Server, kNoTarget, progress);
+  }
+  return Status::Ok();
+}
+
+Status TargetRegistry::FindMiradorTargets(const FindRuleList& rules) {
+  if (Status status = CheckRanges(rules); !status.ok()) return status;
+  std::lock_guard lock(mutex_);
+  const size_t steps = std::max<size_t>(rules.size(), 1);
+  for (size_t i = 0; i < steps; ++i) {
+    CMiradorTargetFindProgressNotification progress;
+    progress.TargetKey = kNoTarget;
+    progress.Phase = 1;
+    progress.NumberOfPhases = 1;
+    progress.Percentage = static_cast<uint32_t>((i + 1) * 100 / steps);
+    progress.Description = u"searching for Mirador kits";
+    if (i < rules.size()) {
+      KitsInRange(scenario_, rules[i], true, [&](const Kit& kit) {
+        MiradorTargetRecord found;
+        found.HostName = kit.host;
+        found.Name = kit.name;
+        found.MacAddress = kit.mac;
+        progress.FoundTargets.push_back(std::move(found));
+      });
     }
     Notify(EventGroup::Server, kNoTarget, progress);
   }

@@ -120,6 +120,9 @@ class TargetRegistry {
   // Searches the address ranges of `rules` for reachable kits, reporting what each rule found
   // to the Server group's subscribers as TARGET_FIND_PROGRESS, the last one at 100 percent.
   Status FindTargets(const FindRuleList& rules);
+  // The same search for Mirador kits (`mirador: true`), reported as MIRADOR_TARGET_FIND_PROGRESS
+  // with each kit's host name, name and MAC address.
+  Status FindMiradorTargets(const FindRuleList& rules);
 
   Status PowerStatusOf(uint32_t handle, PowerStatus& status) const;
   // Power changes, each started on behalf of `client_id` (who may cancel it).

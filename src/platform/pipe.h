@@ -184,8 +184,9 @@ std::u16string CurrentUserName() noexcept;
 /// XDG_RUNTIME_DIR is set and not empty, else "/tmp/vesta-<euid>". Created with mode 0700 when
 /// missing (its parent must exist). nullopt, with errno saying why, when it cannot be created,
 /// is not a directory (a symbolic link is refused too), is not owned by the effective user or
-/// grants any permission to group or others.
-std::optional<std::string> RuntimeDirectory() noexcept;
+/// grants any permission to group or others; `problem`, when given, then says which in a sentence
+/// that names the directory.
+std::optional<std::string> RuntimeDirectory(std::string* problem = nullptr) noexcept;
 
 /// The socket path for the pipe `name` in `run_dir`: "<run_dir>/<name>" (name in UTF-8) when
 /// that fits a socket address. Otherwise the name is replaced by "qv_" and the 16 lower-case

@@ -12,7 +12,8 @@ uint32_t CurrentProcessId() noexcept;
 
 // Where the server's sockets and lock files live: the runtime directory on POSIX; empty on
 // Windows, whose pipes and events have names of their own. nullopt when the POSIX directory
-// cannot be used (created, owned by us, closed to others).
-std::optional<std::string> ServerRuntimeDirectory() noexcept;
+// cannot be used (created, owned by us, closed to others), with `problem` (when given) set to a
+// sentence that says what is wrong with it.
+std::optional<std::string> ServerRuntimeDirectory(std::string* problem = nullptr) noexcept;
 
 }  // namespace qv::platform

@@ -117,7 +117,11 @@ std::optional<std::u16string> FindServerExecutableIn(std::string_view host_dir,
 /// directory is 260 characters or longer. POSIX: the server runs detached (double fork, its own
 /// session, standard streams on /dev/null), so it is never the host's child; true only once
 /// the executable has replaced the child, so a path that cannot be executed fails here.
-bool StartServerProcess(std::u16string_view executable_path) noexcept;
+/// `system_error`, when given, receives why it failed (errno on POSIX, GetLastError on Windows).
+bool StartServerProcess(std::u16string_view executable_path, int* system_error = nullptr) noexcept;
+
+/// The system's words for a `system_error` of StartServerProcess, without a final full stop.
+std::string StartErrorText(int system_error);
 
 }  // namespace qv::platform
 

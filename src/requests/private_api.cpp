@@ -61,8 +61,14 @@ HRESULT CKXPrivateAPI::Call(uint32_t target_handle, const CRequest& request, CRe
 }
 
 std::shared_ptr<CKXVEPrivateAPI> CKXVEPrivateAPI::Create() {
-  return Create(ServerLink::ServerNames{platform::CurrentUserName(),
-                                        platform::ServerRuntimeDirectory().value_or("")});
+  try {
+    std::string problem;
+    std::string run_dir = platform::ServerRuntimeDirectory(&problem).value_or("");
+    return Create(ServerLink::ServerNames{platform::CurrentUserName(), std::move(run_dir),
+                                          std::move(problem)});
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 std::shared_ptr<CKXVEPrivateAPI> CKXVEPrivateAPI::Create(ServerLink::ServerNames names) {

@@ -63,29 +63,47 @@ LinkStatus ServerLink::Connect() {
   return LinkStatus::kSuccess;
 }
 
+LinkStatus ServerLink::StartFailed(LinkStatus status, std::string why) {
+  LogApi(Log::kErrors, why);
+  LogApi(Log::kErrors, "Failed to start server");
+  try {
+    start_failure_ = platform::Utf8ToUtf16(why);
+  } catch (const std::bad_alloc&) {
+    start_failure_.clear();
+  }
+  return status;
+}
+
 LinkStatus ServerLink::EnsureServerRunning() {
+  start_failure_.clear();
+  if (!names_.runtime_dir_problem.empty()) {
+    return StartFailed(LinkStatus::kServerStartFailed, names_.runtime_dir_problem);
+  }
   if (platform::ServerIsReady(names_.user, names_.runtime_dir, kServerReadyWaitMs)) {
     return LinkStatus::kSuccess;
   }
   LogApi(Log::kPackets, "Server not running");
   const auto executable = platform::FindServerExecutable();
   if (!executable) {
-    LogApi(Log::kErrors, std::string("Failed to find service on path : ") + kServerExecutableName);
-    LogApi(Log::kErrors, "Failed to start server");
-    return LinkStatus::kServerStartFailed;
+    return StartFailed(LinkStatus::kServerStartFailed,
+                       std::string(kServerExecutableName) +
+                           " was found neither beside the program nor along PATH.");
   }
-  if (!platform::StartServerProcess(*executable)) {
-    LogApi(Log::kErrors, "Failed to create server process");
-    LogApi(Log::kErrors, "Failed to start server");
-    return LinkStatus::kServerStartFailed;
+  int error = 0;
+  if (!platform::StartServerProcess(*executable, &error)) {
+    return StartFailed(LinkStatus::kServerStartFailed,
+                       "Could not start " + platform::Utf16ToUtf8(*executable) + ": " +
+                           platform::StartErrorText(error) + ".");
   }
   // A first start under Wine or a sanitizer takes a while: keep asking until the deadline.
   const auto deadline =
       std::chrono::steady_clock::now() + std::chrono::milliseconds(kServerReadyWaitMs);
   while (!platform::ServerIsReady(names_.user, names_.runtime_dir, 50)) {
     if (std::chrono::steady_clock::now() >= deadline) {
-      LogApi(Log::kErrors, "Server failed to initialize");
-      return LinkStatus::kServerNotReachable;
+      return StartFailed(LinkStatus::kServerNotReachable,
+                         platform::Utf16ToUtf8(*executable) + " started but was not ready within " +
+                             std::to_string(kServerReadyWaitMs / 1000) +
+                             " s; its log says why (vesta-kx --log-level 2 in a terminal).");
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
@@ -261,6 +279,13 @@ LinkStatus ServerLink::SendAndWait(uint32_t target_handle, const CRequest& reque
   uint64_t epoch = 0;
   if (const LinkStatus status = SendRequest(target_handle, request, sequence, true, epoch);
       status != LinkStatus::kSuccess) {
+    if (status == LinkStatus::kServerStartFailed || status == LinkStatus::kServerNotReachable) {
+      std::lock_guard lock(connect_mutex_);
+      try {
+        response.ResultText = start_failure_;
+      } catch (const std::bad_alloc&) {
+      }
+    }
     return status;
   }
   return WaitResponse(response, sequence, epoch);

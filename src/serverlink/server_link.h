@@ -51,6 +51,9 @@ class ServerLink {
   struct ServerNames {
     std::u16string user;
     std::string runtime_dir;
+    // Why the POSIX runtime directory cannot be used, when it cannot: no server can be started
+    // there, and the user is told this instead of "not found".
+    std::string runtime_dir_problem;
   };
 
   ServerLink(const MessageFactory<CResponse>& responses,
@@ -74,6 +77,7 @@ class ServerLink {
   // Blocks until the response for `sequence` arrives or its connection ends, then fills
   // `response`: the head alone when the server failed the request, else the whole message.
   LinkStatus WaitResponse(CResponse& response, uint32_t sequence, uint64_t epoch);
+  // A failure to start the server leaves why in the response's ResultText.
   LinkStatus SendAndWait(uint32_t target_handle, const CRequest& request, CResponse& response,
                          uint32_t& sequence);
   // SendAndWait on the connection that is up, without connecting: kNotConnected when down.
@@ -87,6 +91,7 @@ class ServerLink {
   // `connected_now` tells whether this call made the connection (rather than finding it up).
   LinkStatus ConnectLocked(bool& connected_now);
   LinkStatus EnsureServerRunning();
+  LinkStatus StartFailed(LinkStatus status, std::string why);
   LinkStatus Handshake(ConnectResponse& answer);
   void DisconnectLocked();
   void ReadLoop();
@@ -106,6 +111,7 @@ class ServerLink {
   bool shutting_down_ = false;  // guarded by connect_mutex_
   PipeChannel channel_;
   std::u16string private_pipe_;         // guarded by connect_mutex_; for log lines
+  std::u16string start_failure_;        // guarded by connect_mutex_; why the last start failed
   std::thread reader_;                  // guarded by connect_mutex_
   std::atomic<bool> connected_{false};  // pipe open and the reader reading
 };

@@ -2,7 +2,14 @@
 // runtime directory: what it prints and how it exits.
 #include <gtest/gtest.h>
 
+#ifndef _WIN32
+#include <signal.h>
+#include <sys/stat.h>
+#endif
+
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <sstream>
@@ -80,6 +87,7 @@ TEST_F(VestaCtrlTest, CommandLineMistakesExitWithTwo) {
            {"find", "10.1.0.300"},
            {"find", "10.1.0.9-10.1.0.1"},
            {"error", "not-a-code"},
+           {"--timeout", "0", "targets"},
        }) {
     std::string joined;
     for (const auto& arg : args)
@@ -108,12 +116,20 @@ TEST_F(VestaCtrlTest, UnknownTargetFailsWithOneAndSaysWhy) {
 
 TEST_F(VestaCtrlTest, ServerFailureCarriesTheLibrarysDescription) {
   // kit-gone is registered but never answers.
-  const CtrlRun run = Ctrl({"power", "on", "kit-gone"});
+  CtrlRun run = Ctrl({"power", "on", "kit-gone"});
   EXPECT_EQ(run.exit_code, 1);
   EXPECT_EQ(run.err.rfind("vesta-ctrl: Target error - Could not connect.", 0), 0u) << run.err;
 
   const nlohmann::json json = Json(Ctrl({"--json", "connect", "kit-gone"}));
   EXPECT_EQ(json["error"]["code"], "0x80040246") << json;
+
+  // info says so once, plainly, rather than an error beside "off" and "available".
+  run = Ctrl({"info", "kit-gone"});
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  for (const char* line : {"\npower:        unreachable\n", "\nconnection:   unreachable\n",
+                           "\nreachable:    no\n", "\nmac address:  unknown\n"})
+    EXPECT_NE(run.out.find(line), std::string::npos) << line << run.out;
+  EXPECT_EQ(run.out.find("error"), std::string::npos) << run.out;
 }
 
 TEST_F(VestaCtrlTest, ErrorDescribesResultCodes) {
@@ -370,5 +386,38 @@ TEST_F(VestaCtrlServerTest, StartStatusAndStop) {
   EXPECT_FALSE(RunningServer().has_value());
   EXPECT_EQ(Ctrl({"server", "stop"}).out, "vesta-kx is not running.\n");
 }
+
+#ifndef _WIN32
+// What keeps the tool from its server is said, not waited on: a server that stopped answering
+// ends the command after --timeout; a runtime directory it cannot use is named with its fault.
+TEST_F(VestaCtrlServerTest, AFrozenOrUnstartableServerEndsTheCommandWithTheReason) {
+  ASSERT_EQ(Ctrl({"server", "start"}).exit_code, 0);
+  const std::optional<std::uint32_t> pid = RunningServer();
+  ASSERT_TRUE(pid.has_value());
+  ASSERT_EQ(kill(static_cast<pid_t>(*pid), SIGSTOP), 0);
+  const CtrlRun frozen = Ctrl({"--timeout", "0.5", "targets"});
+  const CtrlRun frozen_json = Ctrl({"--json", "--timeout", "0.5", "info", "devkit-alpha"});
+  kill(static_cast<pid_t>(*pid), SIGCONT);
+  EXPECT_EQ(frozen.exit_code, 1);
+  EXPECT_EQ(frozen.err, "vesta-ctrl: the server did not answer within 0.5 s\n");
+  EXPECT_EQ(Json(frozen_json)["error"]["message"], "the server did not answer within 0.5 s");
+  EXPECT_EQ(Ctrl({"server", "stop"}).exit_code, 0);
+
+  const std::string saved = std::getenv("XDG_RUNTIME_DIR") ? std::getenv("XDG_RUNTIME_DIR") : "";
+  const std::string parent = (TestRoot() / "open-runtime").string();
+  std::filesystem::create_directories(parent + "/vesta");
+  ASSERT_EQ(chmod((parent + "/vesta").c_str(), 0777), 0);
+  setenv("XDG_RUNTIME_DIR", parent.c_str(), 1);
+  const CtrlRun refused = Ctrl({"targets"});
+  setenv("XDG_RUNTIME_DIR", saved.c_str(), 1);
+  EXPECT_EQ(refused.exit_code, 1);
+  EXPECT_EQ(refused.err,
+            "vesta-ctrl: KX API was unable to run the vesta-kx.exe server process. The runtime "
+            "directory " +
+                parent +
+                "/vesta is open to other users (mode 0777); make it private "
+                "with chmod 700.\n");
+}
+#endif
 
 }  // namespace

@@ -496,11 +496,17 @@ TEST_F(RuntimeDirectoryTest, CreatedPrivateWhenMissingAndAcceptedWhenPrivate) {
 
 TEST_F(RuntimeDirectoryTest, RefusedWhenOthersCouldReachItOrItIsNoDirectory) {
   const std::string dir = Expected();
+  // Refused, with a sentence that names the directory and says what is wrong with it.
+  const auto expect_refused = [&](const std::string& says) {
+    std::string problem;
+    EXPECT_EQ(RuntimeDirectory(&problem), std::nullopt);
+    EXPECT_NE(problem.find(dir + " " + says), std::string::npos) << problem;
+  };
   ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
   for (mode_t mode : {0755, 0710, 0701, 0770}) {
     SCOPED_TRACE(mode);
     ASSERT_EQ(chmod(dir.c_str(), mode), 0);
-    EXPECT_EQ(RuntimeDirectory(), std::nullopt);
+    expect_refused("is open to other users");
   }
   // Neither end of a pipe uses it then.
   std::unique_ptr<PipeListener> listener;
@@ -515,7 +521,7 @@ TEST_F(RuntimeDirectoryTest, RefusedWhenOthersCouldReachItOrItIsNoDirectory) {
   // A directory owned by someone else, even a private one.
   if (geteuid() == 0) {
     ASSERT_EQ(chown(dir.c_str(), 65534, 65534), 0);
-    EXPECT_EQ(RuntimeDirectory(), std::nullopt);
+    expect_refused("belongs to user id 65534");
   }
   ASSERT_EQ(rmdir(dir.c_str()), 0);
 
@@ -523,13 +529,13 @@ TEST_F(RuntimeDirectoryTest, RefusedWhenOthersCouldReachItOrItIsNoDirectory) {
   const std::string target = temp_dir_ + "/elsewhere";
   ASSERT_EQ(mkdir(target.c_str(), 0700), 0);
   ASSERT_EQ(symlink(target.c_str(), dir.c_str()), 0);
-  EXPECT_EQ(RuntimeDirectory(), std::nullopt);
+  expect_refused("is a symbolic link");
   ASSERT_EQ(unlink(dir.c_str()), 0);
 
   std::FILE* file = std::fopen(dir.c_str(), "w");
   ASSERT_NE(file, nullptr);
   std::fclose(file);
-  EXPECT_EQ(RuntimeDirectory(), std::nullopt);
+  expect_refused("is not a directory");
 
   // The parent must exist: only the last level is created.
   setenv("XDG_RUNTIME_DIR", (temp_dir_ + "/missing").c_str(), 1);

@@ -65,6 +65,12 @@ inline constexpr char kQuickScenario[] = R"(kits:
     timings: {boot_ms: 20000}
   - host: kit-spare
     registered: false
+  - host: mirador-one
+    name: Mirador One
+    mac: "02:00:00:00:00:09"
+    address: 10.1.0.9
+    mirador: true
+    registered: false
 )";
 
 inline std::atomic<bool> g_test_root_made{false};

@@ -407,6 +407,83 @@ TEST_F(BuiltInTargetsTest, FindingTargetsReportsTheKitsInEachRange) {
   EXPECT_EQ(a_.Call<CCancelFindTargetsResponse>(kNone, CCancelFindTargetsRequest{}).Result, 0u);
 }
 
+// Each search finds its own kind of kit only: FIND_TARGETS the first, the Mirador search the
+// second, with the kit's host, name and MAC address.
+TEST_F(TargetsTest, TheMiradorSearchFindsMiradorKitsOnly) {
+  Subscribe<CRequestServerEventsRequest>(b_, kNone);
+  CFindMiradorTargetsRequest find;
+  find.Rules = {{0x0A010000, 0x0A0100FF, 0xFFFFFF00}};
+  EXPECT_EQ(a_.Call<CFindMiradorTargetsResponse>(kNone, find).Result, 0u);
+  CFindTargetsRequest plain;
+  plain.Rules = find.Rules;
+  EXPECT_EQ(a_.Call<CFindTargetsResponse>(kNone, plain).Result, 0u);
+  const auto notifications = b_.WaitNotifications(2);
+  ASSERT_EQ(notifications.size(), 2u);
+  const auto* mirador = As<CMiradorTargetFindProgressNotification>(notifications[0]);
+  ASSERT_NE(mirador, nullptr);
+  ASSERT_EQ(mirador->FoundTargets.size(), 1u);
+  EXPECT_EQ(mirador->FoundTargets[0].HostName, u"mirador-one");
+  EXPECT_EQ(mirador->FoundTargets[0].Name, u"Mirador One");
+  EXPECT_EQ(mirador->FoundTargets[0].MacAddress, (std::vector<uint8_t>{2, 0, 0, 0, 0, 9}));
+  EXPECT_EQ(mirador->Percentage, 100u);
+  const auto* first_kind = As<CTargetFindProgressNotification>(notifications[1]);
+  ASSERT_NE(first_kind, nullptr);
+  EXPECT_EQ(first_kind->Targets, (WStringList{u"10.1.0.1", u"10.1.0.2"}));
+  find.Rules = {{0x0A010009, 0x0A010002, 0}};
+  EXPECT_EQ(a_.Call<CFindMiradorTargetsResponse>(kNone, find).Result,
+            Code(KXAPI_SERVER_INVALID_ARG));
+  EXPECT_EQ(
+      a_.Call<CCancelFindMiradorTargetsResponse>(kNone, CCancelFindMiradorTargetsRequest{}).Result,
+      0u);
+}
+
+// The two-file log turns to the other file when one is full, emptying it, and never splits a
+// line; the network manager's log keeps the traffic to kits alone.
+TEST_F(BuiltInTargetsTest, AlternatingAndNetworkManagerPacketLogs) {
+  const auto first = TestRoot() / "packets-1.log";
+  const auto second = TestRoot() / "packets-2.log";
+  const auto kits = TestRoot() / "kits.log";
+  CStartMultiFilePacketLoggingRequest two;
+  two.FileName1 = platform::Utf8ToUtf16(first.string());
+  two.FileName2 = platform::Utf8ToUtf16(second.string());
+  two.Size = 400;
+  EXPECT_EQ(a_.Call<CStartMultiFilePacketLoggingResponse>(kNone, two).Result, 0u);
+  CStartNetMngrPacketLoggingRequest network;
+  network.FileName = platform::Utf8ToUtf16(kits.string());
+  EXPECT_EQ(a_.Call<CStartNetMngrPacketLoggingResponse>(kNone, network).Result, 0u);
+  const uint32_t on = HandleOf(a_, kOnKit);
+  for (int i = 0; i < 6; ++i)
+    EXPECT_EQ(a_.Call<CGetHostNameResponse>(on, CGetHostNameRequest{}).Result, 0u);
+  EXPECT_EQ(a_.Call<CStopPacketLoggingResponse>(kNone, CStopPacketLoggingRequest{}).Result, 0u);
+  const auto info = a_.Call<CGetNetworkManagerInfoResponse>(kNone, CGetNetworkManagerInfoRequest{});
+  EXPECT_EQ(
+      a_.Call<CStopNetMngrPacketLoggingResponse>(kNone, CStopNetMngrPacketLoggingRequest{}).Result,
+      0u);
+  for (const auto& path : {first, second}) {
+    const std::string log = ReadText(path);
+    EXPECT_LE(log.size(), 400u) << path;
+    EXPECT_TRUE(!log.empty() && log.back() == '\n') << log;
+    EXPECT_NE(log.find("GET_HOST_NAME"), std::string::npos) << log;
+  }
+  const std::string kit_log = ReadText(kits);
+  EXPECT_NE(kit_log.find("REQUEST GET_HOST_NAME"), std::string::npos) << kit_log;
+  EXPECT_EQ(kit_log.find("GET_TARGETS_BY_HOST"), std::string::npos) << kit_log;
+  std::map<std::u16string, std::u16string> values;
+  for (const NameValue& pair : info.Info)
+    values[pair.Name] = pair.Value;
+  EXPECT_EQ(values[u"Requests"], u"6");
+  EXPECT_EQ(values[u"PacketLog"], network.FileName);
+
+  // Refusals: one file twice, a size of 0.
+  two.FileName2 = two.FileName1;
+  EXPECT_EQ(a_.Call<CStartMultiFilePacketLoggingResponse>(kNone, two).Result,
+            Code(KXAPI_SERVER_INVALID_ARG));
+  two.FileName2 = platform::Utf8ToUtf16(second.string());
+  two.Size = 0;
+  EXPECT_EQ(a_.Call<CStartMultiFilePacketLoggingResponse>(kNone, two).Result,
+            Code(KXAPI_SERVER_INVALID_ARG));
+}
+
 TEST_F(BuiltInTargetsTest, PacketLoggingWritesEveryRequestAndAnswer) {
   const auto path = TestRoot() / "packets.log";
   CStartPacketLoggingRequest start;

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "answer_deadline.h"
 #include "debug_values.h"
 #include "enum_names.h"
 #include "output.h"
@@ -285,16 +286,6 @@ struct ResumeOptions {
   std::string timeout;
 };
 
-// A positive number of seconds, at most a day: "30", "0.5".
-double Seconds(const std::string& text) {
-  char* end = nullptr;
-  const double seconds = std::strtod(text.c_str(), &end);
-  if (text.empty() || *end != '\0' || !(seconds > 0 && seconds <= 86400))
-    throw UsageError("--timeout must be a number of seconds above 0 and up to 86400, not '" + text +
-                     "'");
-  return seconds;
-}
-
 void PrintOutcome(Context& context, const Json& outcome) {
   if (context.json) {
     PrintOrderedJson(context.out, outcome);
@@ -319,7 +310,8 @@ void Resume(Context& context, const ResumeOptions& options) {
   std::vector<std::uint32_t> step;
   for (const std::string& tid : options.step)
     step.push_back(ParseDecimal(tid, "TID"));
-  const double seconds = options.timeout.empty() ? kDefaultWaitSeconds : Seconds(options.timeout);
+  const double seconds =
+      options.timeout.empty() ? kDefaultWaitSeconds : ParseSeconds("--timeout", options.timeout);
   const ProcessRef ref = ResolveProcess(context, options.process.spec, Pid(options.process));
   // Subscribed before resuming: the stop may follow at once.
   std::unique_ptr<ProcessWatch> watch;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "address_range.h"
+#include "answer_deadline.h"
 #include "commands.h"
 #include "failure.h"
 #include "interruption.h"
@@ -174,6 +175,7 @@ void Find(Context& context, const std::vector<std::string>& texts, double wait_s
   const HRESULT started = api.FindTargets(RulesFor(api, ranges).Get());
   bool finished = false;
   if (SUCCEEDED(started)) {
+    const AnswerDeadlinePause waiting_for_events;
     const auto deadline = std::chrono::steady_clock::now() +
                           std::chrono::milliseconds(static_cast<long long>(wait_seconds * 1000));
     while (!(finished = progress->Finished()) && std::chrono::steady_clock::now() < deadline)

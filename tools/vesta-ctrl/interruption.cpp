@@ -14,6 +14,8 @@
 #include <unistd.h>
 #endif
 
+#include "answer_deadline.h"
+
 namespace vesta_ctrl {
 namespace {
 
@@ -62,6 +64,7 @@ Interruption::~Interruption() {
 }
 
 void Interruption::Wait(const std::function<bool()>& done) const {
+  const AnswerDeadlinePause waiting_for_the_user;
   // Polled: neither a signal handler nor the console's handler may take a lock to wake a waiter.
   while (!g_stop_requested && !(done && done())) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));

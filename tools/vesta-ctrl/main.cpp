@@ -5,9 +5,11 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <string>
 
 #include <CLI/CLI.hpp>
 
+#include "answer_deadline.h"
 #include "commands.h"
 #include "failure.h"
 #include "output.h"
@@ -32,12 +34,22 @@ void PrintJsonFailure(const vesta_ctrl::Context& context, HRESULT code, const st
 }
 
 int Main(int argc, char** argv) {
+  using vesta_ctrl::ParseSeconds;
+  using vesta_ctrl::StartAnswerDeadline;
   vesta_ctrl::Context context;
   CLI::App app(kDescription, "vesta-ctrl");
   // Options are spelled --name everywhere; on Windows a path such as /app/game.elf must stay a
   // path rather than become a /option. Subcommands take this setting from the app.
   app.allow_windows_style_options(false);
   app.add_flag("--json", context.json, "Print one JSON document (see docs/vesta-ctrl.md)");
+  std::string timeout = "60";
+  app.add_option("--timeout", timeout,
+                 "Seconds to wait for the server's answers before giving up with exit status 1 "
+                 "(waiting for events or output does not count)")
+      ->capture_default_str();
+  // Runs after the whole line is parsed and before any command's callback.
+  app.parse_complete_callback(
+      [&] { StartAnswerDeadline(ParseSeconds("--timeout", timeout), timeout, context.json); });
   app.require_subcommand(1);
   vesta_ctrl::AddTargetCommands(app, context);
   vesta_ctrl::AddPowerCommands(app, context);

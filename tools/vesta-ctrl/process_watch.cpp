@@ -4,6 +4,7 @@
 #include <mutex>
 #include <utility>
 
+#include "answer_deadline.h"
 #include "debug_commands.h"
 #include "debug_values.h"
 #include "enum_names.h"
@@ -38,6 +39,7 @@ class ProcessWatch::Sink : public vekx::EventSink<IEventDebug> {
   }
 
   std::optional<Json> Wait(std::chrono::milliseconds timeout) {
+    const AnswerDeadlinePause waiting_for_events;
     std::unique_lock lock(mutex_);
     changed_.wait_for(lock, timeout, [this] { return outcome_.has_value(); });
     return outcome_;

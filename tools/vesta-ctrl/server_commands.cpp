@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "answer_deadline.h"
 #include "commands.h"
 #include "failure.h"
 #include "output.h"
@@ -79,6 +80,7 @@ void Stop(Context& context) {
   if (!qv::platform::RequestServerStop(*pid)) {
     throw Failure(S_OK, "vesta-kx (process " + std::to_string(*pid) + ") refused to be stopped");
   }
+  const AnswerDeadlinePause waiting_for_the_exit;  // kStopWait bounds it
   const auto deadline = std::chrono::steady_clock::now() + kStopWait;
   while (RunningServer() == pid) {
     if (std::chrono::steady_clock::now() > deadline) {

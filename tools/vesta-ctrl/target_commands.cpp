@@ -1,4 +1,8 @@
 // The target list: listing, adding, deleting, the default target and a target's information.
+#include <algorithm>
+#include <cctype>
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -108,6 +112,48 @@ NameValueTexts ReadInfo(ITarget& target) {
   return ReadNameValueTexts(info.Get());
 }
 
+// The server's name of a fact in the tool's words: "SdkVersion" becomes "sdk version", and the
+// facts the target list also shows take the list's names.
+std::string FactName(const std::string& server_name) {
+  static const std::map<std::string, std::string, std::less<>> kListNames = {
+      {"HostName", "host"}, {"TargetType", "type"}, {"PowerStatus", "power"}};
+  if (const auto found = kListNames.find(server_name); found != kListNames.end())
+    return found->second;
+  std::string words;
+  for (size_t at = 0; at < server_name.size(); ++at) {
+    const char c = server_name[at];
+    const bool upper = c >= 'A' && c <= 'Z';
+    if (upper && at > 0) words += ' ';
+    words += upper ? static_cast<char>(c - 'A' + 'a') : c;
+  }
+  return words;
+}
+
+// info's text: each fact once, from the server's information about the target, in the list's
+// lower-case words, with the connection (which only the target object tells) after the power.
+// A kit that does not answer is "unreachable" rather than off, and not "available".
+std::vector<std::pair<std::string, std::string>> InfoFields(
+    const TargetView& view, const std::vector<std::pair<std::string, std::string>>& info) {
+  bool unreachable = false;
+  for (const auto& [name, value] : info)
+    unreachable = unreachable || (name == "Reachable" && value == "No");
+  std::vector<std::pair<std::string, std::string>> fields;
+  for (const auto& [name, value] : info) {
+    std::string text = value;
+    if (value == "Yes" || value == "No" || name == "PowerStatus") {
+      std::transform(text.begin(), text.end(), text.begin(),
+                     [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    }
+    if (name == "PowerStatus" && unreachable) text = "unreachable";
+    if (name == "MacAddress" && unreachable && value == "00:00:00:00:00:00") text = "unknown";
+    fields.emplace_back(FactName(name), text);
+    if (name == "PowerStatus") {
+      fields.emplace_back("connection", unreachable ? "unreachable" : Cell(view.connection));
+    }
+  }
+  return fields;
+}
+
 void Info(Context& context, const std::string& spec) {
   vekx::ComPtr<ITarget> target = ResolveTarget(context.session.Api(), spec);
   const TargetView view = ReadTargetView(*target.Get());
@@ -119,9 +165,7 @@ void Info(Context& context, const std::string& spec) {
     PrintJson(context.out, {{"target", ToJson(view)}, {"info", pairs}});
     return;
   }
-  auto fields = Fields(view);
-  fields.insert(fields.end(), info.begin(), info.end());
-  PrintFields(context.out, fields);
+  PrintFields(context.out, InfoFields(view, info));
 }
 
 }  // namespace

@@ -15,9 +15,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string>
 #include <vector>
 
 #include "platform/wide_string.h"
@@ -480,26 +482,49 @@ std::u16string CurrentUserName() noexcept {
   }
 }
 
-std::optional<std::string> RuntimeDirectory() noexcept {
+std::optional<std::string> RuntimeDirectory(std::string* problem) noexcept {
+  std::string path;
+  // Says what is wrong, for the user to act on; errno keeps its value for the caller.
+  const auto refuse = [&](int error, const std::string& what) -> std::optional<std::string> {
+    if (problem != nullptr) {
+      try {
+        *problem = "The runtime directory " + path + " " + what + ".";
+      } catch (...) {
+      }
+    }
+    errno = error;
+    return std::nullopt;
+  };
   try {
-    std::string path;
     const char* runtime = std::getenv("XDG_RUNTIME_DIR");
     if (runtime != nullptr && runtime[0] != '\0') {
       path = std::string(runtime) + "/vesta";
     } else {
       path = "/tmp/vesta-" + std::to_string(geteuid());
     }
-    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return std::nullopt;
+    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+      const int error = errno;
+      return refuse(error, std::string("cannot be created: ") + std::strerror(error));
+    }
     // lstat: a symbolic link planted in a shared /tmp is not our directory.
     struct stat status;
-    if (lstat(path.c_str(), &status) != 0) return std::nullopt;
-    if (!S_ISDIR(status.st_mode)) {
-      errno = ENOTDIR;
-      return std::nullopt;
+    if (lstat(path.c_str(), &status) != 0) {
+      const int error = errno;
+      return refuse(error, std::string("cannot be examined: ") + std::strerror(error));
     }
-    if (status.st_uid != geteuid() || (status.st_mode & 077) != 0) {
-      errno = EACCES;
-      return std::nullopt;
+    if (S_ISLNK(status.st_mode)) {
+      return refuse(ENOTDIR, "is a symbolic link; it must be a directory of this user's own");
+    }
+    if (!S_ISDIR(status.st_mode)) return refuse(ENOTDIR, "is not a directory");
+    if (status.st_uid != geteuid()) {
+      return refuse(EACCES, "belongs to user id " + std::to_string(status.st_uid) +
+                                ", not to this user (" + std::to_string(geteuid()) + ")");
+    }
+    if ((status.st_mode & 077) != 0) {
+      char mode[8];
+      std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
+      return refuse(EACCES, std::string("is open to other users (mode ") + mode +
+                                "); make it private with chmod 700");
     }
     return path;
   } catch (...) {

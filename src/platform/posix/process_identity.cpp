@@ -10,8 +10,8 @@ uint32_t CurrentProcessId() noexcept {
   return static_cast<uint32_t>(getpid());
 }
 
-std::optional<std::string> ServerRuntimeDirectory() noexcept {
-  return RuntimeDirectory();
+std::optional<std::string> ServerRuntimeDirectory(std::string* problem) noexcept {
+  return RuntimeDirectory(problem);
 }
 
 }  // namespace qv::platform

@@ -334,15 +334,22 @@ std::optional<std::u16string> FindServerExecutable() noexcept {
   }
 }
 
-bool StartServerProcess(std::u16string_view executable_path) noexcept {
+bool StartServerProcess(std::u16string_view executable_path, int* system_error) noexcept {
+  int unused = 0;
+  int& error = system_error != nullptr ? *system_error : unused;
+  error = 0;
   std::string path;
   std::string dir;
   try {
     path = Utf16ToUtf8(executable_path);
-    if (path.empty() || path.front() != '/' || path.find('\0') != std::string::npos) return false;
+    if (path.empty() || path.front() != '/' || path.find('\0') != std::string::npos) {
+      error = EINVAL;
+      return false;
+    }
     const std::size_t slash = path.rfind('/');
     dir = slash == 0 ? std::string("/") : path.substr(0, slash);
   } catch (const std::bad_alloc&) {
+    error = ENOMEM;
     return false;
   }
   char* const argv[] = {path.data(), nullptr};
@@ -350,9 +357,13 @@ bool StartServerProcess(std::u16string_view executable_path) noexcept {
   // The grandchild writes its errno here when it cannot exec; a successful exec closes the
   // write end (close-on-exec), so end of file means the server is running.
   int status_pipe[2];
-  if (pipe2(status_pipe, O_CLOEXEC) != 0) return false;
+  if (pipe2(status_pipe, O_CLOEXEC) != 0) {
+    error = errno;
+    return false;
+  }
   const pid_t child = fork();
   if (child < 0) {
+    error = errno;
     close(status_pipe[0]);
     close(status_pipe[1]);
     return false;
@@ -371,13 +382,19 @@ bool StartServerProcess(std::u16string_view executable_path) noexcept {
   // ECHILD means a SIGCHLD handler or SIG_IGN of the host's reaped it already; either is fine.
   while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
   }
-  int error = 0;
+  int child_error = 0;
   ssize_t got;
   do {
-    got = read(status_pipe[0], &error, sizeof error);
+    got = read(status_pipe[0], &child_error, sizeof child_error);
   } while (got < 0 && errno == EINTR);
   close(status_pipe[0]);
-  return got == 0;
+  if (got == 0) return true;
+  error = got == static_cast<ssize_t>(sizeof child_error) ? child_error : EIO;
+  return false;
+}
+
+std::string StartErrorText(int system_error) {
+  return std::strerror(system_error);
 }
 
 }  // namespace qv::platform

@@ -8,7 +8,7 @@ uint32_t CurrentProcessId() noexcept {
   return GetCurrentProcessId();
 }
 
-std::optional<std::string> ServerRuntimeDirectory() noexcept {
+std::optional<std::string> ServerRuntimeDirectory(std::string*) noexcept {
   return std::string();
 }
 

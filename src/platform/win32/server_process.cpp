@@ -187,7 +187,10 @@ std::optional<std::u16string> FindServerExecutable() noexcept {
   }
 }
 
-bool StartServerProcess(std::u16string_view executable_path) noexcept {
+bool StartServerProcess(std::u16string_view executable_path, int* system_error) noexcept {
+  int unused = 0;
+  int& error = system_error != nullptr ? *system_error : unused;
+  error = ERROR_BAD_PATHNAME;
   try {
     const std::wstring path(reinterpret_cast<const wchar_t*>(executable_path.data()),
                             executable_path.size());
@@ -207,14 +210,31 @@ bool StartServerProcess(std::u16string_view executable_path) noexcept {
     if (!CreateProcessW(path.c_str(), nullptr, nullptr, nullptr, FALSE,
                         CREATE_NO_WINDOW | NORMAL_PRIORITY_CLASS, nullptr, directory.c_str(),
                         &startup, &process)) {
+      error = static_cast<int>(GetLastError());
       return false;
     }
+    error = 0;
     CloseHandle(process.hThread);
     CloseHandle(process.hProcess);
     return true;
   } catch (const std::bad_alloc&) {
+    error = ERROR_NOT_ENOUGH_MEMORY;
     return false;
   }
+}
+
+std::string StartErrorText(int system_error) {
+  char* text = nullptr;
+  const DWORD length = FormatMessageA(
+      FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+      nullptr, static_cast<DWORD>(system_error), 0, reinterpret_cast<char*>(&text), 0, nullptr);
+  std::string message = length > 0 ? std::string(text, length) : std::string();
+  if (text != nullptr) LocalFree(text);
+  while (!message.empty() && (message.back() == '\n' || message.back() == '\r' ||
+                              message.back() == '.' || message.back() == ' '))
+    message.pop_back();
+  if (message.empty()) message = "system error " + std::to_string(system_error);
+  return message;
 }
 
 }  // namespace qv::platform
