@@ -66,6 +66,13 @@ void StartAnswerDeadline(double seconds, const std::string& text, bool json) {
   std::thread(WatchLoop, std::ref(*watch)).detach();
 }
 
+void AnswerArrived() {
+  if (g_watch == nullptr) return;
+  std::lock_guard lock(g_watch->mutex);
+  g_watch->started = Clock::now();
+  g_watch->changed.notify_all();
+}
+
 AnswerDeadlinePause::AnswerDeadlinePause() {
   if (g_watch == nullptr) return;
   std::lock_guard lock(g_watch->mutex);

@@ -16,6 +16,10 @@ namespace vesta_ctrl {
 // message; `json` also prints the failure as a JSON document on standard output.
 void StartAnswerDeadline(double seconds, const std::string& text, bool json);
 
+// A command that makes call after call for as long as it runs (`proto`) says when an answer came:
+// the clock then times the next call alone.
+void AnswerArrived();
+
 // Stops the clock for as long as it lives; nested pauses are allowed.
 class AnswerDeadlinePause {
  public:

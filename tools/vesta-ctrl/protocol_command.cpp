@@ -17,6 +17,7 @@
 #include <io.h>
 #endif
 
+#include "answer_deadline.h"
 #include "commands.h"
 #include "debug_values.h"
 #include "failure.h"
@@ -176,6 +177,7 @@ void Copy(ITarget8& target, uint32_t number, double linger_seconds) {
       if (!ClosedByEndpoint(hr)) failed = hr;
       break;
     }
+    AnswerArrived();
     const std::vector<uint8_t> bytes = BytesOf(data.Get());
     const Clock::time_point now = Clock::now();
     if (!bytes.empty()) {
