@@ -31,11 +31,12 @@ if(WIN32)
 endif()
 add_custom_target(vekx_idl DEPENDS ${VEKX_IDL_OUTPUTS})
 
-# What compiling against the interface header needs: the generated folder and, on POSIX, the
-# stand-ins for the Windows headers that the generated header includes.
+# What compiling against the interface header needs: the generated folder, the public headers
+# and, on POSIX, the stand-ins for the Windows headers that the generated header includes.
 add_library(vekx_interfaces INTERFACE)
 add_dependencies(vekx_interfaces vekx_idl)
 target_include_directories(vekx_interfaces SYSTEM INTERFACE ${VEKX_GENERATED_INCLUDE})
+target_include_directories(vekx_interfaces INTERFACE ${PROJECT_SOURCE_DIR}/include)
 # The generated interfaces have public non-virtual destructors, as COM interfaces do (a virtual
 # one would add a vtable slot); the classes that implement them are released, never deleted
 # through them.
@@ -44,5 +45,5 @@ if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
 endif()
 if(NOT WIN32)
   target_include_directories(vekx_interfaces INTERFACE
-                             ${PROJECT_SOURCE_DIR}/src/platform/posix/compat)
+                             ${PROJECT_SOURCE_DIR}/include/vekxapi/compat)
 endif()

@@ -2,20 +2,17 @@
 # what they include, a CMake package (find_package(vekxapi) gives vekxapi::vekxapi) and a
 # pkg-config file.
 #
-# The public headers include "platform/automation.h" (on POSIX our own automation types, in
-# src/platform/posix), and the generated interface header includes the Windows header names that
-# src/platform/posix/compat stands in for. Those go under include/vekxapi/support and
-# include/vekxapi/compat, so that names like windows.h never land in a shared include folder.
+# The public headers are include/vekxapi as it stands in the tree: the automation types (on POSIX
+# our own, in vekxapi/posix) and, for the generated interface header, the stand-ins for the
+# Windows header names in vekxapi/compat, a folder of its own so that names like windows.h never
+# land in a shared include folder.
 include(CMakePackageConfigHelpers)
 
 set(VEKX_INSTALL_HEADERS ${CMAKE_INSTALL_INCLUDEDIR}/vekxapi)
-set(VEKX_INSTALL_SUPPORT ${VEKX_INSTALL_HEADERS}/support)
 set(VEKX_INSTALL_COMPAT ${VEKX_INSTALL_HEADERS}/compat)
 set(VEKX_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/vekxapi)
 
-target_include_directories(vekxapi INTERFACE
-  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
-  $<INSTALL_INTERFACE:${VEKX_INSTALL_SUPPORT}>)
+target_include_directories(vekxapi INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 if(NOT WIN32)
   target_include_directories(vekxapi INTERFACE $<INSTALL_INTERFACE:${VEKX_INSTALL_COMPAT}>)
 endif()
@@ -36,14 +33,10 @@ file(GLOB VEKX_PUBLIC_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/ve
                                                ${PROJECT_SOURCE_DIR}/include/vekxapi/*.def)
 install(FILES ${VEKX_PUBLIC_HEADERS} ${VEKX_INTERFACE_HEADER}
         DESTINATION ${VEKX_INSTALL_HEADERS})
-install(FILES ${PROJECT_SOURCE_DIR}/src/platform/automation.h
-              ${PROJECT_SOURCE_DIR}/src/platform/wide_string.h
-        DESTINATION ${VEKX_INSTALL_SUPPORT}/platform)
 if(NOT WIN32)
-  file(GLOB VEKX_POSIX_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/platform/posix/*.h)
-  install(FILES ${VEKX_POSIX_HEADERS} DESTINATION ${VEKX_INSTALL_SUPPORT}/platform/posix)
-  file(GLOB VEKX_COMPAT_HEADERS CONFIGURE_DEPENDS
-       ${PROJECT_SOURCE_DIR}/src/platform/posix/compat/*.h)
+  file(GLOB VEKX_POSIX_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/vekxapi/posix/*.h)
+  install(FILES ${VEKX_POSIX_HEADERS} DESTINATION ${VEKX_INSTALL_HEADERS}/posix)
+  file(GLOB VEKX_COMPAT_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/vekxapi/compat/*.h)
   install(FILES ${VEKX_COMPAT_HEADERS} DESTINATION ${VEKX_INSTALL_COMPAT})
 endif()
 
@@ -60,10 +53,9 @@ install(FILES ${PROJECT_BINARY_DIR}/vekxapiConfig.cmake
 # gives a working file.
 file(RELATIVE_PATH VEKX_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 if(WIN32)
-  set(VEKX_PC_CFLAGS "-I\${includedir} -I\${includedir}/vekxapi/support")
+  set(VEKX_PC_CFLAGS "-I\${includedir}")
 else()
-  set(VEKX_PC_CFLAGS
-      "-I\${includedir} -I\${includedir}/vekxapi/support -I\${includedir}/vekxapi/compat")
+  set(VEKX_PC_CFLAGS "-I\${includedir} -I\${includedir}/vekxapi/compat")
 endif()
 configure_file(${PROJECT_SOURCE_DIR}/cmake/vekxapi.pc.in ${PROJECT_BINARY_DIR}/vekxapi.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vekxapi.pc

@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <utility>
 
-#include "platform/automation.h"
+#include "vekxapi/automation.h"
 
 namespace vekx {
 

@@ -5,7 +5,7 @@
 //   vekx::ComPtr<IVEKXAPI> api;
 //   HRESULT hr = VekxCreateRoot(IID_IVEKXAPI, reinterpret_cast<void**>(api.Put()));
 
-#include "platform/automation.h"
+#include "vekxapi/automation.h"
 
 EXTERN_C HRESULT STDAPICALLTYPE VekxCreateRoot(REFIID iid, void** object);
 

@@ -10,8 +10,8 @@
 #include <string>
 #include <utility>
 
-#include "platform/automation.h"
-#include "platform/wide_string.h"
+#include "vekxapi/automation.h"
+#include "vekxapi/wide_string.h"
 
 namespace vekx {
 

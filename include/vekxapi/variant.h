@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/automation.h"
+#include "vekxapi/automation.h"
 
 namespace vekx {
 

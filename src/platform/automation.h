@@ -1,33 +1,5 @@
-// The automation types every other file uses: HRESULT and its codes, GUID, BSTR, VARIANT,
-// SAFEARRAY, IUnknown, IDispatch and the error-info interfaces and functions.
-//
-// On Windows these are the real OLE Automation declarations. On POSIX they are our own
-// implementation of the subset the library uses, with the same names, signatures, memory
-// layouts and semantics as on Windows x64, so that objects, strings and arrays look alike to
-// any code built against either.
-//
-// Code outside src/platform includes this header, never an OS header.
-#ifndef VEKX_PLATFORM_AUTOMATION_H_
-#define VEKX_PLATFORM_AUTOMATION_H_
+// The automation types, for the library's own code: the same header host tools include as
+// "vekxapi/automation.h".
+#pragma once
 
-#ifdef _WIN32
-#include <windows.h>
-// windows.h must come first.
-#include <oaidl.h>
-#include <oleauto.h>
-#if defined(__GNUC__) && !defined(__clang__)
-// COM interfaces have public non-virtual destructors by design (a virtual one would add vtable
-// slots), and GCC flags every class that implements one. The POSIX declarations give the
-// interfaces protected destructors, so the POSIX build still checks our own classes.
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
-#endif
-#else
-#include "platform/posix/base_types.h"
-#include "platform/posix/bstr.h"
-#include "platform/posix/error_info.h"
-#include "platform/posix/interfaces.h"
-#include "platform/posix/safearray.h"
-#include "platform/posix/variant.h"
-#endif
-
-#endif  // VEKX_PLATFORM_AUTOMATION_H_
+#include "vekxapi/automation.h"

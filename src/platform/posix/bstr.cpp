@@ -1,4 +1,4 @@
-#include "platform/posix/bstr.h"
+#include "vekxapi/posix/bstr.h"
 
 #include <cstdlib>
 #include <cstring>

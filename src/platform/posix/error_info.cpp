@@ -1,4 +1,4 @@
-#include "platform/posix/error_info.h"
+#include "vekxapi/posix/error_info.h"
 
 #include <atomic>
 #include <mutex>

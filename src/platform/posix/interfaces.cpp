@@ -1,4 +1,4 @@
-#include "platform/posix/interfaces.h"
+#include "vekxapi/posix/interfaces.h"
 
 // The values are the ones Windows assigns; interfaces are matched by these bytes, so they must
 // never be changed.

@@ -1,4 +1,4 @@
-#include "platform/posix/safearray.h"
+#include "vekxapi/posix/safearray.h"
 
 #include <atomic>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "platform/posix/variant.h"
+#include "vekxapi/posix/variant.h"
 
 #include <charconv>
 #include <cmath>
@@ -6,7 +6,7 @@
 #include <limits>
 #include <string>
 
-#include "platform/posix/safearray.h"
+#include "vekxapi/posix/safearray.h"
 #include "platform/posix/vartype_size.h"
 
 namespace {

@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-#include "platform/posix/variant.h"
+#include "vekxapi/posix/variant.h"
 
 namespace qv::platform::posix {
 

@@ -7,12 +7,12 @@
 // so an interface pointer can only be released, never deleted. Reference counts live in the
 // implementing classes.
 //
-// Include "platform/automation.h" rather than this file.
-#ifndef VEKX_PLATFORM_POSIX_INTERFACES_H_
-#define VEKX_PLATFORM_POSIX_INTERFACES_H_
+// Include "vekxapi/automation.h" rather than this file.
+#ifndef VEKX_POSIX_INTERFACES_H_
+#define VEKX_POSIX_INTERFACES_H_
 
-#include "platform/posix/base_types.h"
-#include "platform/posix/bstr.h"
+#include "vekxapi/posix/base_types.h"
+#include "vekxapi/posix/bstr.h"
 
 // Windows' headers define `interface` as `struct`; doing the same here keeps code that uses it
 // as an ordinary identifier from compiling on one platform only.
@@ -219,4 +219,4 @@ struct IRecordInfo : public IUnknown {
   ~IRecordInfo() = default;
 };
 
-#endif  // VEKX_PLATFORM_POSIX_INTERFACES_H_
+#endif  // VEKX_POSIX_INTERFACES_H_

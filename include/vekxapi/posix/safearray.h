@@ -18,13 +18,13 @@
 // A vector from SafeArrayCreateVector keeps its data in the same block as its descriptor
 // (FADF_CREATEVECTOR).
 //
-// Include "platform/automation.h" rather than this file.
-#ifndef VEKX_PLATFORM_POSIX_SAFEARRAY_H_
-#define VEKX_PLATFORM_POSIX_SAFEARRAY_H_
+// Include "vekxapi/automation.h" rather than this file.
+#ifndef VEKX_POSIX_SAFEARRAY_H_
+#define VEKX_POSIX_SAFEARRAY_H_
 
-#include "platform/posix/base_types.h"
-#include "platform/posix/interfaces.h"
-#include "platform/posix/variant.h"
+#include "vekxapi/posix/base_types.h"
+#include "vekxapi/posix/interfaces.h"
+#include "vekxapi/posix/variant.h"
 
 typedef struct tagSAFEARRAYBOUND {
   ULONG cElements;
@@ -136,4 +136,4 @@ HRESULT SafeArrayCopyData(SAFEARRAY* psaSource, SAFEARRAY* psaTarget);
 /// array.
 HRESULT SafeArrayRedim(SAFEARRAY* psa, SAFEARRAYBOUND* psaboundNew);
 
-#endif  // VEKX_PLATFORM_POSIX_SAFEARRAY_H_
+#endif  // VEKX_POSIX_SAFEARRAY_H_

@@ -11,11 +11,11 @@
 // The length is the prefix, never a scan, so embedded zeros survive every copy. A null BSTR is
 // a valid empty string for every function here.
 //
-// Include "platform/automation.h" rather than this file.
-#ifndef VEKX_PLATFORM_POSIX_BSTR_H_
-#define VEKX_PLATFORM_POSIX_BSTR_H_
+// Include "vekxapi/automation.h" rather than this file.
+#ifndef VEKX_POSIX_BSTR_H_
+#define VEKX_POSIX_BSTR_H_
 
-#include "platform/posix/base_types.h"
+#include "vekxapi/posix/base_types.h"
 
 typedef OLECHAR* BSTR;
 typedef BSTR* LPBSTR;
@@ -50,4 +50,4 @@ UINT SysStringLen(BSTR pbstr);
 /// Length in bytes, as stored in the prefix; 0 for nullptr.
 UINT SysStringByteLen(BSTR bstr);
 
-#endif  // VEKX_PLATFORM_POSIX_BSTR_H_
+#endif  // VEKX_POSIX_BSTR_H_

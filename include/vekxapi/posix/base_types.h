@@ -4,9 +4,9 @@
 // appears: LONG, ULONG, DWORD and HRESULT are 32 bits on both sides of the wire and in every
 // structure we share with Windows code.
 //
-// Include "platform/automation.h" rather than this file.
-#ifndef VEKX_PLATFORM_POSIX_BASE_TYPES_H_
-#define VEKX_PLATFORM_POSIX_BASE_TYPES_H_
+// Include "vekxapi/automation.h" rather than this file.
+#ifndef VEKX_POSIX_BASE_TYPES_H_
+#define VEKX_POSIX_BASE_TYPES_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -83,7 +83,7 @@ typedef LONG* LPLONG;
 #endif
 
 // UTF-16 code units. On POSIX wchar_t is 32 bits wide, so the 16-bit character types are
-// char16_t; portable code converts with the helpers in "platform/wide_string.h".
+// char16_t; portable code converts with the helpers in "vekxapi/wide_string.h".
 typedef char16_t WCHAR;
 typedef WCHAR* LPWSTR;
 typedef const WCHAR* LPCWSTR;
@@ -241,4 +241,4 @@ static_assert(sizeof(void*) == 8, "the shared layouts are the Windows x64 layout
 #define REGDB_E_CLASSNOTREG ((HRESULT)0x80040154)
 #define CO_E_NOTINITIALIZED ((HRESULT)0x800401F0)
 
-#endif  // VEKX_PLATFORM_POSIX_BASE_TYPES_H_
+#endif  // VEKX_POSIX_BASE_TYPES_H_

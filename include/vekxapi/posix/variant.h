@@ -10,13 +10,13 @@
 // A DECIMAL covers all 16 bytes from +0; its first field is where vt lives, so a VT_DECIMAL is
 // written value first, type second.
 //
-// Include "platform/automation.h" rather than this file.
-#ifndef VEKX_PLATFORM_POSIX_VARIANT_H_
-#define VEKX_PLATFORM_POSIX_VARIANT_H_
+// Include "vekxapi/automation.h" rather than this file.
+#ifndef VEKX_POSIX_VARIANT_H_
+#define VEKX_POSIX_VARIANT_H_
 
-#include "platform/posix/base_types.h"
-#include "platform/posix/bstr.h"
-#include "platform/posix/interfaces.h"
+#include "vekxapi/posix/base_types.h"
+#include "vekxapi/posix/bstr.h"
+#include "vekxapi/posix/interfaces.h"
 
 struct tagSAFEARRAY;
 typedef tagSAFEARRAY SAFEARRAY;
@@ -284,4 +284,4 @@ HRESULT VariantChangeType(VARIANTARG* pvargDest, const VARIANTARG* pvarSrc, USHO
 HRESULT VariantChangeTypeEx(VARIANTARG* pvargDest, const VARIANTARG* pvarSrc, LCID lcid,
                             USHORT wFlags, VARTYPE vt);
 
-#endif  // VEKX_PLATFORM_POSIX_VARIANT_H_
+#endif  // VEKX_POSIX_VARIANT_H_

@@ -4,12 +4,12 @@
 // fails sets it just before returning; its caller takes it with GetErrorInfo. A thread that
 // exits releases what its slot still holds.
 //
-// Include "platform/automation.h" rather than this file.
-#ifndef VEKX_PLATFORM_POSIX_ERROR_INFO_H_
-#define VEKX_PLATFORM_POSIX_ERROR_INFO_H_
+// Include "vekxapi/automation.h" rather than this file.
+#ifndef VEKX_POSIX_ERROR_INFO_H_
+#define VEKX_POSIX_ERROR_INFO_H_
 
-#include "platform/posix/base_types.h"
-#include "platform/posix/interfaces.h"
+#include "vekxapi/posix/base_types.h"
+#include "vekxapi/posix/interfaces.h"
 
 /// Creates an empty error object (no GUID, source, description or help) that implements both
 /// ICreateErrorInfo and IErrorInfo. The caller owns the one reference in `*pperrinfo`.
@@ -24,4 +24,4 @@ HRESULT SetErrorInfo(ULONG dwReserved, IErrorInfo* perrinfo);
 /// and clears the slot. S_FALSE with a null `*pperrinfo` when there is none.
 HRESULT GetErrorInfo(ULONG dwReserved, IErrorInfo** pperrinfo);
 
-#endif  // VEKX_PLATFORM_POSIX_ERROR_INFO_H_
+#endif  // VEKX_POSIX_ERROR_INFO_H_

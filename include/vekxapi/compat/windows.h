@@ -1,4 +1,4 @@
 #pragma once
 // The generated interface header includes <windows.h>; on POSIX it gets our automation subset.
-#include "platform/automation.h"
-#include "platform/posix/idl_compat.h"
+#include "vekxapi/automation.h"
+#include "vekxapi/posix/idl_compat.h"
