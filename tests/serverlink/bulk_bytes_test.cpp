@@ -103,7 +103,9 @@ TEST_F(BulkBytesTest, ReadsArriveWholeWhereverTheirBytesLand) {
     auto written = std::async(std::launch::async, [&] { return writer_.WriteFrame(body); });
 
     auto landing = ByteArrayLanding::Make(c.landing == kTooSmall ? c.size - 1 : c.size);
-    if (c.awaited) ASSERT_TRUE(store_.Await(sequence, c.landing == kNone ? nullptr : landing));
+    if (c.awaited) {
+      ASSERT_TRUE(store_.Await(sequence, c.landing == kNone ? nullptr : landing));
+    }
     ASSERT_EQ(reader_.ReadFrame(), PipeChannel::ReadStatus::kFrame);
     EXPECT_EQ(dispatcher_.Dispatch(reader_.Input()),
               c.awaited ? IncomingDispatcher::Outcome::kResponseDelivered
