@@ -62,10 +62,10 @@ void ClientSession::Post(SharedBody body) {
   {
     std::lock_guard lock(queue_mutex_);
     if (closing_) return;
-    if (queued_bytes_ + body->Size() > kMaxQueuedBytes) {
+    if (queued_bytes_ + body->BodySize() > kMaxQueuedBytes) {
       overflow = true;
     } else {
-      queued_bytes_ += body->Size();
+      queued_bytes_ += body->BodySize();
       queue_.push_back(std::move(body));
       queue_cv_.notify_one();
     }
@@ -171,7 +171,7 @@ void ClientSession::Serve() {
 }
 
 bool ClientSession::Answer(const uint8_t* body, size_t size) {
-  auto answer = dispatcher_.Dispatch(id_, process_id_, body, size);
+  auto answer = dispatcher_.Dispatch(id_, process_id_, body, size, /*gather=*/true);
   if (!answer.has_value()) {
     ServerLog(kLogRefusals, ClientTag(id_) + " sent a request without a header; closing");
     return false;
@@ -208,9 +208,9 @@ void ClientSession::WriteLoop() {
       if (closing_) return;
       body = std::move(queue_.front());
       queue_.pop_front();
-      queued_bytes_ -= body->Size();
+      queued_bytes_ -= body->BodySize();
     }
-    if (channel_.WriteFrame({body->Data(), body->Size()}) != PipeChannel::WriteStatus::kWritten) {
+    if (channel_.WriteFrame(*body) != PipeChannel::WriteStatus::kWritten) {
       Stop();
       return;
     }

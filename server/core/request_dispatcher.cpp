@@ -20,8 +20,10 @@ std::u16string Hex(uint32_t value) {
   return text;
 }
 
-std::optional<MessageBuffer> Encode(uint32_t type_number, const CResponse& response) {
+std::optional<MessageBuffer> Encode(uint32_t type_number, const CResponse& response,
+                                    bool gather = false) {
   MessageBuffer out;
+  if (gather) out.GatherLargeRuns();
   if (!WriteField(out, static_cast<uint32_t>(IncomingKind::kResponse)) ||
       !WriteField(out, type_number) || !response.Serialize(out)) {
     return std::nullopt;
@@ -39,8 +41,8 @@ bool RequestDispatcher::MayWait(const uint8_t* body, size_t size) const {
 }
 
 std::optional<MessageBuffer> RequestDispatcher::Dispatch(uint64_t client_id, uint32_t process_id,
-                                                         const uint8_t* body,
-                                                         size_t size) const noexcept {
+                                                         const uint8_t* body, size_t size,
+                                                         bool gather) const noexcept {
   try {
     MessageBuffer in(body, size);
     RequestContext context{client_id, process_id, 0, 0};
@@ -94,7 +96,7 @@ std::optional<MessageBuffer> RequestDispatcher::Dispatch(uint64_t client_id, uin
     }
     response->Sequence = context.sequence;
     if (observer) observer(context, request.get(), *response);
-    if (auto encoded = Encode(type_number, *response)) return encoded;
+    if (auto encoded = Encode(type_number, *response, gather)) return encoded;
     return fail(KXAPI_SERVER_EXCEPTION, name + u": the response could not be encoded");
   } catch (const std::exception&) {
     // Out of memory while building an answer: there is nothing better to send.

@@ -57,9 +57,12 @@ class RequestDispatcher {
   bool MayWait(const uint8_t* body, size_t size) const;
 
   // The response body (kind word, type number, response) for one request body; nullopt when
-  // the body is too short to hold a request header. Never throws.
+  // the body is too short to hold a request header. With `gather`, the answer refers to its
+  // large byte fields where they lie instead of copying them (MessageBuffer::References), for a
+  // caller that writes it with PipeChannel::WriteFrame. Never throws.
   std::optional<MessageBuffer> Dispatch(uint64_t client_id, uint32_t process_id,
-                                        const uint8_t* body, size_t size) const noexcept;
+                                        const uint8_t* body, size_t size,
+                                        bool gather = false) const noexcept;
 
   // Called with every request and response when set (packet logging).
   std::function<void(const RequestContext&, const CRequest*, const CResponse&)> observer;

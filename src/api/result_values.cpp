@@ -82,7 +82,7 @@ HRESULT OutU64Array(const std::vector<uint64_t>& values, VARIANT* out) noexcept 
   });
 }
 
-HRESULT OutByteArray(const std::vector<uint8_t>& bytes, VARIANT* out) noexcept {
+HRESULT OutByteArray(std::span<const uint8_t> bytes, VARIANT* out) noexcept {
   return OutArray(VT_UI1, bytes.size(), out, [&](void* data) {
     if (!bytes.empty()) std::memcpy(data, bytes.data(), bytes.size());
     return S_OK;

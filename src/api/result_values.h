@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,7 +30,7 @@ HRESULT OutU32Array(const std::vector<uint32_t>& values, VARIANT* out) noexcept;
 // VT_ARRAY | VT_UI8.
 HRESULT OutU64Array(const std::vector<uint64_t>& values, VARIANT* out) noexcept;
 // VT_ARRAY | VT_UI1.
-HRESULT OutByteArray(const std::vector<uint8_t>& bytes, VARIANT* out) noexcept;
+HRESULT OutByteArray(std::span<const uint8_t> bytes, VARIANT* out) noexcept;
 // VT_ARRAY | VT_VARIANT of `count` elements that `fill(elements)` sets; a failing fill leaves
 // `*out` untouched and frees what it had set.
 HRESULT OutVariantArray(size_t count, VARIANT* out, HRESULT (*fill)(VARIANT*, const void*),

@@ -22,8 +22,9 @@ inline bool IsUsable(const SharedClient& client) noexcept {
 // Sends `request` for `handle` and waits for `response`. A failed send or a failing Result is
 // reported with the response's text as context and returned; S_OK otherwise.
 inline HRESULT CallServer(CKXPrivateAPI& client, uint32_t handle, const CRequest& request,
-                          CResponse& response) noexcept {
-  const HRESULT hr = client.Call(handle, request, response);
+                          CResponse& response,
+                          std::shared_ptr<BulkLanding> landing = nullptr) noexcept {
+  const HRESULT hr = client.Call(handle, request, response, std::move(landing));
   if (FAILED(hr)) return ReportError(hr, response.ResultText);
   return hr;
 }

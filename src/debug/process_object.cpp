@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 
+#include "api/byte_array_landing.h"
 #include "api/error_reporting.h"
 #include "api/result_values.h"
 #include "debug/value_objects.h"
@@ -49,10 +50,11 @@ HRESULT CreateProcessObject(const SharedClient& client, uint32_t target, uint32_
 }
 
 template <class Request, class Response>
-HRESULT CKXVEProcess::Send(Request& request, Response& response) const noexcept {
+HRESULT CKXVEProcess::Send(Request& request, Response& response,
+                           std::shared_ptr<BulkLanding> landing) const noexcept {
   if (!IsUsable(client_)) return ReportError(E_UNEXPECTED);
   request.ProcessID = pid_;
-  return CallServer(*client_, target_, request, response);
+  return CallServer(*client_, target_, request, response, std::move(landing));
 }
 
 template <class Request, class Response>
@@ -75,8 +77,10 @@ HRESULT CKXVEProcess::GetMemory(ULONGLONG nAddress, ULONG nByteCount, ULONG* pBa
   request.BaseAddress = nAddress;
   request.Size = nByteCount;
   CGetMemoryResponse response;
-  if (HRESULT hr = Send(request, response); FAILED(hr)) return hr;
-  if (HRESULT hr = OutByteArray(response.ReadData, pBuffer); FAILED(hr)) return ReportError(hr);
+  const auto landing = ByteArrayLanding::Make(nByteCount);
+  if (HRESULT hr = Send(request, response, landing); FAILED(hr)) return hr;
+  if (HRESULT hr = ByteArrayLanding::Out(landing, response.ReadData, pBuffer); FAILED(hr))
+    return ReportError(hr);
   if (pBadCount != nullptr) *pBadCount = response.BadBytes;
   return S_OK;
 }
@@ -375,9 +379,10 @@ HRESULT GetCompressedMemoryOf(const SharedClient& client, uint32_t target, uint3
   request.Size = count;
   request.Compression = compression;
   CGetLargeMemoryResponse response;
-  if (HRESULT hr = client->Call(target, request, response); FAILED(hr)) return hr;
+  const auto landing = ByteArrayLanding::Make(count);
+  if (HRESULT hr = client->Call(target, request, response, landing); FAILED(hr)) return hr;
   if (compression != 0 && decompress == VARIANT_TRUE) return ReportError(E_NOTIMPL);
-  return ReportError(OutByteArray(response.ReadData, buffer));
+  return ReportError(ByteArrayLanding::Out(landing, response.ReadData, buffer));
 }
 
 HRESULT CKXVEProcess::GetCompressedMemory(ULONGLONG nAddress, ULONG nByteCount, ULONG nCompression,

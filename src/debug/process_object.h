@@ -97,7 +97,8 @@ class CKXVEProcess final : public AutomationObject<CKXVEProcess, IProcess10> {
   // Fills in the process id, sends `request` and waits for `response`: E_UNEXPECTED without a
   // link, the reported failure of the call otherwise.
   template <class Request, class Response>
-  HRESULT Send(Request& request, Response& response) const noexcept;
+  HRESULT Send(Request& request, Response& response,
+               std::shared_ptr<BulkLanding> landing = nullptr) const noexcept;
   // A request with the process id as its only field and no answer but the result.
   template <class Request, class Response>
   HRESULT Command() const noexcept;

@@ -56,8 +56,9 @@ bool IsSinkGroup(EventGroup group) {
 
 }  // namespace
 
-HRESULT CKXPrivateAPI::Call(uint32_t target_handle, const CRequest& request, CResponse& response) {
-  return ResultOf(SendAndWait(target_handle, request, response), response);
+HRESULT CKXPrivateAPI::Call(uint32_t target_handle, const CRequest& request, CResponse& response,
+                            std::shared_ptr<BulkLanding> landing) {
+  return ResultOf(SendAndWait(target_handle, request, response, std::move(landing)), response);
 }
 
 std::shared_ptr<CKXVEPrivateAPI> CKXVEPrivateAPI::Create() {
@@ -102,9 +103,9 @@ CKXVEPrivateAPI::~CKXVEPrivateAPI() {
 }
 
 LinkStatus CKXVEPrivateAPI::SendAndWait(uint32_t target_handle, const CRequest& request,
-                                        CResponse& response) {
+                                        CResponse& response, std::shared_ptr<BulkLanding> landing) {
   uint32_t sequence = 0;
-  return link_.SendAndWait(target_handle, request, response, sequence);
+  return link_.SendAndWait(target_handle, request, response, sequence, std::move(landing));
 }
 
 LinkStatus CKXVEPrivateAPI::Post(uint32_t target_handle, const CRequest& request) {

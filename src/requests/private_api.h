@@ -36,8 +36,10 @@ class CKXPrivateAPI {
 
   // Sends `request` for `target_handle` (kNoTarget for the server itself) and blocks until its
   // response arrives or the connection ends. Connects, and starts the server, when needed.
+  // `landing`, when given, is where the response's large byte field should go (BulkBytes).
   virtual LinkStatus SendAndWait(uint32_t target_handle, const CRequest& request,
-                                 CResponse& response) = 0;
+                                 CResponse& response,
+                                 std::shared_ptr<BulkLanding> landing = nullptr) = 0;
   // Sends a request that gets no answer; skipped while the link is down.
   virtual LinkStatus Post(uint32_t target_handle, const CRequest& request) = 0;
 
@@ -61,7 +63,8 @@ class CKXPrivateAPI {
 
   // SendAndWait with its outcome as a result code: the link status's code when the link failed,
   // else the response's Result (its ResultText stays in the response for the error text).
-  HRESULT Call(uint32_t target_handle, const CRequest& request, CResponse& response);
+  HRESULT Call(uint32_t target_handle, const CRequest& request, CResponse& response,
+               std::shared_ptr<BulkLanding> landing = nullptr);
 
   // Set by the root object's Dispose. Every public object checks it before anything else, so
   // that nothing sharing this client sends a request, reconnects or starts a server afterwards.
@@ -84,8 +87,8 @@ class CKXVEPrivateAPI final : public CKXPrivateAPI,
   CKXVEPrivateAPI(const CKXVEPrivateAPI&) = delete;
   CKXVEPrivateAPI& operator=(const CKXVEPrivateAPI&) = delete;
 
-  LinkStatus SendAndWait(uint32_t target_handle, const CRequest& request,
-                         CResponse& response) override;
+  LinkStatus SendAndWait(uint32_t target_handle, const CRequest& request, CResponse& response,
+                         std::shared_ptr<BulkLanding> landing = nullptr) override;
   LinkStatus Post(uint32_t target_handle, const CRequest& request) override;
   HRESULT Advise(EventGroup group, std::shared_ptr<IVEEventNotifyClient> client,
                  uint32_t key) override;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "serverlink/bulk_bytes.h"
 #include "serverlink/wire_fields.h"
 #include "serverlink/wire_record.h"
 

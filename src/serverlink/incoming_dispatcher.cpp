@@ -7,6 +7,28 @@
 #include "serverlink/log.h"
 
 namespace qv {
+namespace {
+
+// The rest of a body still in the pipe, and the landing that the caller of the response being
+// decoded registered for its large byte field (found by the response's Sequence, which comes
+// before any field of its own).
+class LandingSource final : public MessageBuffer::Source {
+ public:
+  LandingSource(MessageBuffer::Source& rest, PendingResponseStore& store, const CResponse& response)
+      : rest_(rest), store_(store), response_(response) {}
+  size_t Unread() const override { return rest_.Unread(); }
+  bool ReadInto(uint8_t* dest, size_t size) override { return rest_.ReadInto(dest, size); }
+  std::shared_ptr<BulkLanding> TakeLanding() override {
+    return store_.TakeLanding(response_.Sequence);
+  }
+
+ private:
+  MessageBuffer::Source& rest_;
+  PendingResponseStore& store_;
+  const CResponse& response_;
+};
+
+}  // namespace
 
 IncomingDispatcher::IncomingDispatcher(const MessageFactory<CResponse>& responses,
                                        const MessageFactory<CNotification>& notifications,
@@ -37,7 +59,16 @@ IncomingDispatcher::Outcome IncomingDispatcher::DispatchResponse(MessageBuffer& 
     LogApi(Log::kErrors, "Un-identified response type " + std::to_string(type_number));
     return Outcome::kUnknownResponseType;
   }
-  if (!response->Deserialize(body)) return Outcome::kUndecodableResponse;
+  bool decoded = false;
+  if (MessageBuffer::Source* rest = body.GetSource()) {
+    LandingSource landing(*rest, store_, *response);
+    body.SetSource(&landing);
+    decoded = response->Deserialize(body);
+    body.SetSource(rest);
+  } else {
+    decoded = response->Deserialize(body);
+  }
+  if (!decoded) return Outcome::kUndecodableResponse;
   if (LibraryLog().Enabled(Log::kPackets)) {
     LogApi(Log::kPackets, "RECV: " + platform::Utf16ToUtf8(response->GetName()));
   }

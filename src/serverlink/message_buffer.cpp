@@ -1,5 +1,6 @@
 #include "serverlink/message_buffer.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstring>
 #include <new>
@@ -34,7 +35,10 @@ MessageBuffer::MessageBuffer(MessageBuffer&& other) noexcept
       capacity_(std::exchange(other.capacity_, 0)),
       read_(std::exchange(other.read_, 0)),
       write_(std::exchange(other.write_, 0)),
-      valid_(std::exchange(other.valid_, true)) {}
+      valid_(std::exchange(other.valid_, true)),
+      gather_(std::exchange(other.gather_, false)),
+      references_(std::move(other.references_)),
+      source_(std::exchange(other.source_, nullptr)) {}
 
 MessageBuffer& MessageBuffer::operator=(MessageBuffer&& other) noexcept {
   if (this != &other) {
@@ -44,6 +48,10 @@ MessageBuffer& MessageBuffer::operator=(MessageBuffer&& other) noexcept {
     read_ = std::exchange(other.read_, 0);
     write_ = std::exchange(other.write_, 0);
     valid_ = std::exchange(other.valid_, true);
+    gather_ = std::exchange(other.gather_, false);
+    references_ = std::move(other.references_);
+    other.references_.clear();
+    source_ = std::exchange(other.source_, nullptr);
   }
   return *this;
 }
@@ -67,6 +75,9 @@ bool MessageBuffer::Grow(size_t size) {
   delete[] base_;
   base_ = block;
   capacity_ = capacity;
+  // References stand between written bytes, which moved down by the bytes already read.
+  for (Reference& reference : references_)
+    reference.offset -= std::min(reference.offset, read_);
   read_ = 0;
   write_ = unread;
   return true;
@@ -88,9 +99,49 @@ void MessageBuffer::WriteAt(size_t offset, const void* data, size_t size) {
 }
 
 bool MessageBuffer::Skip(size_t size) {
-  if (size > write_ - read_) return false;
+  if (!Ensure(size)) return false;
   read_ += size;
   return true;
+}
+
+bool MessageBuffer::ReadFromSource(uint8_t* dest, size_t size) {
+  const size_t present = write_ - read_;
+  if (source_ == nullptr || size - present > source_->Unread()) return false;
+  if (present != 0) std::memcpy(dest, base_ + read_, present);
+  if (!source_->ReadInto(dest + present, size - present)) return false;
+  read_ = write_;
+  return true;
+}
+
+bool MessageBuffer::Pull(size_t size) {
+  const size_t present = write_ - read_;
+  if (source_ == nullptr || size - present > source_->Unread()) return false;
+  // At least a step's worth at a time, so that small fields do not cost a read each; no more,
+  // so that a large byte field further on still finds most of its bytes in the pipe.
+  constexpr size_t kPullStep = 64 * 1024;
+  const size_t take = std::min(source_->Unread(), std::max(size - present, kPullStep));
+  if (!Grow(take)) return false;
+  if (!source_->ReadInto(base_ + write_, take)) return false;
+  write_ += take;
+  return true;
+}
+
+bool MessageBuffer::Refer(const uint8_t* data, size_t size,
+                          const std::shared_ptr<const void>& keeper) {
+  if (!gather_ || size < kMinReferencedRun || keeper == nullptr) return Write(data, size);
+  try {
+    references_.push_back({write_, data, size, keeper});
+    return true;
+  } catch (const std::bad_alloc&) {
+    return Write(data, size);
+  }
+}
+
+size_t MessageBuffer::BodySize() const {
+  size_t size = Size();
+  for (const Reference& reference : references_)
+    size += reference.size;
+  return size;
 }
 
 }  // namespace qv

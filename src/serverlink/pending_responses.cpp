@@ -43,14 +43,20 @@ uint64_t PendingResponseStore::Epoch() const {
   return epoch_;
 }
 
-bool PendingResponseStore::Await(uint32_t sequence) {
+bool PendingResponseStore::Await(uint32_t sequence, std::shared_ptr<BulkLanding> landing) {
   std::lock_guard lock(awaited_mutex_);
   try {
-    awaited_.insert(sequence);
+    awaited_[sequence] = std::move(landing);
     return true;
   } catch (const std::bad_alloc&) {
     return false;
   }
+}
+
+std::shared_ptr<BulkLanding> PendingResponseStore::TakeLanding(uint32_t sequence) {
+  std::lock_guard lock(awaited_mutex_);
+  const auto it = awaited_.find(sequence);
+  return it != awaited_.end() ? std::move(it->second) : nullptr;
 }
 
 void PendingResponseStore::Forget(uint32_t sequence) {

@@ -21,8 +21,8 @@
 #include <mutex>
 #include <system_error>
 #include <unordered_map>
-#include <unordered_set>
 
+#include "serverlink/bulk_bytes.h"
 #include "serverlink/messages.h"
 #include "serverlink/wait_error.h"
 
@@ -36,8 +36,11 @@ class PendingResponseStore {
   // The epoch that requests sent now belong to.
   uint64_t Epoch() const;
 
-  // Marks `sequence` as awaited. False only when memory runs out.
-  bool Await(uint32_t sequence);
+  // Marks `sequence` as awaited, with where its response's large byte field should land (may
+  // be null). False only when memory runs out.
+  bool Await(uint32_t sequence, std::shared_ptr<BulkLanding> landing = nullptr);
+  // Read thread: the landing awaited `sequence` came with, handed over once.
+  std::shared_ptr<BulkLanding> TakeLanding(uint32_t sequence);
   // Withdraws an awaited number whose request never went out.
   void Forget(uint32_t sequence);
 
@@ -63,7 +66,8 @@ class PendingResponseStore {
   void WakeAllLocked();
 
   mutable std::mutex awaited_mutex_;
-  std::unordered_set<uint32_t> awaited_;  // guarded by awaited_mutex_
+  // Awaited sequence numbers and their landings; guarded by awaited_mutex_.
+  std::unordered_map<uint32_t, std::shared_ptr<BulkLanding>> awaited_;
 
   mutable std::mutex store_mutex_;
   std::unordered_map<uint32_t, Entry> entries_;  // guarded by store_mutex_

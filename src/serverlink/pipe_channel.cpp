@@ -41,6 +41,8 @@ bool PipeChannel::Open(std::u16string_view name, uint32_t timeout_ms) {
 void PipeChannel::Adopt(std::unique_ptr<platform::Pipe> pipe) {
   pipe_ = std::move(pipe);
   staged_begin_ = staged_end_ = 0;
+  rest_.Start(0);
+  lost_ = platform::IoResult::kOk;
   stop_.Reset();
   write_lock_.Reset();
   read_lock_.Reset();
@@ -53,23 +55,52 @@ bool PipeChannel::BeginWrite() {
 }
 
 PipeChannel::WriteStatus PipeChannel::EndWrite() {
-  const WriteStatus status = WriteBody({output_.Data(), output_.Size()});
+  // The first part is left for the frame header.
+  std::span<const uint8_t> parts[] = {{}, {output_.Data(), output_.Size()}};
+  const WriteStatus status = WriteBody(parts, output_.Size());
   write_lock_.Unlock();
   return status;
 }
 
 PipeChannel::WriteStatus PipeChannel::WriteFrame(std::span<const uint8_t> body) {
   if (!write_lock_.Lock()) return WriteStatus::kStopped;
-  const WriteStatus status = WriteBody(body);
+  std::span<const uint8_t> parts[] = {{}, body};
+  const WriteStatus status = WriteBody(parts, body.size());
   write_lock_.Unlock();
   return status;
 }
 
-PipeChannel::WriteStatus PipeChannel::WriteBody(std::span<const uint8_t> body) {
-  if (body.size() > kMaxFrameBodyBytes) return WriteStatus::kTooLarge;
+PipeChannel::WriteStatus PipeChannel::WriteFrame(const MessageBuffer& body) {
+  const auto& references = body.References();
+  if (references.empty()) return WriteFrame(std::span<const uint8_t>(body.Data(), body.Size()));
+  // The buffer's bytes between the runs it refers to, and the runs from where they lie.
+  std::vector<std::span<const uint8_t>> parts;
+  try {
+    parts.reserve(2 * references.size() + 2);
+  } catch (const std::exception&) {
+    return WriteStatus::kFailed;
+  }
+  parts.emplace_back();
+  const uint8_t* data = body.Data();
+  size_t at = body.ReadOffset();
+  for (const MessageBuffer::Reference& reference : references) {
+    parts.emplace_back(data + (at - body.ReadOffset()), reference.offset - at);
+    parts.emplace_back(reference.data, reference.size);
+    at = reference.offset;
+  }
+  parts.emplace_back(data + (at - body.ReadOffset()), body.WriteOffset() - at);
+  if (!write_lock_.Lock()) return WriteStatus::kStopped;
+  const WriteStatus status = WriteBody(parts, body.BodySize());
+  write_lock_.Unlock();
+  return status;
+}
+
+PipeChannel::WriteStatus PipeChannel::WriteBody(std::span<std::span<const uint8_t>> parts,
+                                                size_t size) {
+  if (size > kMaxFrameBodyBytes) return WriteStatus::kTooLarge;
   if (pipe_ == nullptr) return WriteStatus::kFailed;
-  const auto header = EncodeFrameHeader(static_cast<uint32_t>(body.size()));
-  const std::span<const uint8_t> parts[] = {header, body};
+  const auto header = EncodeFrameHeader(static_cast<uint32_t>(size));
+  parts[0] = header;
   switch (pipe_->Write(parts, stop_)) {
     case platform::IoResult::kOk:
       return WriteStatus::kWritten;
@@ -113,6 +144,33 @@ platform::IoResult PipeChannel::ReadExact(uint8_t* dest, size_t size) {
   return platform::IoResult::kOk;
 }
 
+platform::IoResult PipeChannel::ReadBody(size_t size) {
+  const size_t head = in_part_ && size > kPartBodyFrom ? kPartBodyHead : size;
+  uint8_t* body = input_.Reserve(head);
+  if (body == nullptr) return platform::IoResult::kFailed;
+  const platform::IoResult result = ReadExact(body, head);
+  if (result != platform::IoResult::kOk || head == size) return result;
+  rest_.Start(size - head);
+  input_.SetSource(&rest_);
+  return result;
+}
+
+bool PipeChannel::BodyRest::ReadInto(uint8_t* dest, size_t size) {
+  if (result_ != platform::IoResult::kOk || size > unread_) return false;
+  result_ = channel_.ReadExact(dest, size);
+  if (result_ != platform::IoResult::kOk) return false;
+  unread_ -= size;
+  return true;
+}
+
+bool PipeChannel::BodyRest::Skip() {
+  uint8_t scratch[4096];
+  while (unread_ != 0) {
+    if (!ReadInto(scratch, std::min(unread_, sizeof scratch))) return false;
+  }
+  return result_ == platform::IoResult::kOk;
+}
+
 PipeChannel::ReadStatus PipeChannel::ReadFrame() {
   if (!read_lock_.Lock()) return ReadStatus::kStopped;
   auto fail = [this](ReadStatus status) {
@@ -122,16 +180,18 @@ PipeChannel::ReadStatus PipeChannel::ReadFrame() {
   if (pipe_ == nullptr) return fail(ReadStatus::kFailed);
   input_.Reset();
 
-  uint8_t header[kFrameHeaderBytes];
-  platform::IoResult result = ReadExact(header, sizeof header);
-  uint32_t body_length = 0;
+  // After a body whose rest could not be read, the next frame cannot be found.
+  platform::IoResult result = lost_;
   if (result == platform::IoResult::kOk) {
-    if (ParseFrameHeader(header, body_length) != FrameHeaderCheck::kOk) {
-      return fail(ReadStatus::kBadFrame);
+    uint8_t header[kFrameHeaderBytes];
+    result = ReadExact(header, sizeof header);
+    uint32_t body_length = 0;
+    if (result == platform::IoResult::kOk) {
+      if (ParseFrameHeader(header, body_length) != FrameHeaderCheck::kOk) {
+        return fail(ReadStatus::kBadFrame);
+      }
+      result = ReadBody(body_length);
     }
-    uint8_t* body = input_.Reserve(body_length);
-    if (body == nullptr) return fail(ReadStatus::kFailed);
-    result = ReadExact(body, body_length);
   }
   switch (result) {
     case platform::IoResult::kOk:
@@ -145,6 +205,13 @@ PipeChannel::ReadStatus PipeChannel::ReadFrame() {
       LogApi(Log::kFailures, WithError("Failed to read IPC data ", pipe_->LastSystemError()));
       return fail(ReadStatus::kFailed);
   }
+}
+
+void PipeChannel::ReleaseRead() {
+  if (!rest_.Skip()) lost_ = rest_.result();
+  rest_.Start(0);
+  input_.SetSource(nullptr);
+  read_lock_.Unlock();
 }
 
 void PipeChannel::Stop() {

@@ -45,15 +45,25 @@ class PipeChannel {
   // limit is not sent (kTooLarge).
   WriteStatus EndWrite();
   // Writes `body` as one frame straight from where it lies, under the write lock: for a body
-  // built elsewhere (the server's answers and notifications), which then is not copied.
+  // built elsewhere (the server's answers and notifications), which then is not copied. The
+  // runs the body refers to go out from where they lie too.
   WriteStatus WriteFrame(std::span<const uint8_t> body);
+  WriteStatus WriteFrame(const MessageBuffer& body);
 
-  // Takes the read lock and reads one whole frame into the input buffer; on kFrame the caller
-  // holds the read lock until ReleaseRead. A bad reserved word or a body beyond the limit is
-  // kBadFrame: the connection cannot be trusted any more.
+  // From now on ReadFrame reads a body larger than kPartBodyFrom only up to kPartBodyHead bytes;
+  // the rest stays in the pipe for the decoder to take (the input buffer's Source), so that a
+  // large byte field can go from the pipe straight to where it is wanted.
+  void ReadLargeBodiesInPart() { in_part_ = true; }
+  static constexpr size_t kPartBodyFrom = 16 * 1024;
+  static constexpr size_t kPartBodyHead = 4096;
+
+  // Takes the read lock and reads one frame into the input buffer (whole, or in part, see
+  // above); on kFrame the caller holds the read lock until ReleaseRead. A bad reserved word or a
+  // body beyond the limit is kBadFrame: the connection cannot be trusted any more.
   ReadStatus ReadFrame();
   MessageBuffer& Input() { return input_; }
-  void ReleaseRead() { read_lock_.Unlock(); }
+  // Skips what the decoder left of the frame in the pipe, then releases the read lock.
+  void ReleaseRead();
 
   // Ends every wait of the channel until the next Open.
   void Stop();
@@ -64,10 +74,33 @@ class PipeChannel {
   uint32_t LastSystemError() const { return pipe_ != nullptr ? pipe_->LastSystemError() : 0; }
 
  private:
-  // Writes one frame; the caller holds the write lock.
-  WriteStatus WriteBody(std::span<const uint8_t> body);
+  // The rest of a body read in part; guarded by the read lock like the input buffer.
+  class BodyRest final : public MessageBuffer::Source {
+   public:
+    explicit BodyRest(PipeChannel& channel) : channel_(channel) {}
+    size_t Unread() const override { return unread_; }
+    bool ReadInto(uint8_t* dest, size_t size) override;
+    // Reads and drops what is left; false when the pipe failed, now or before.
+    bool Skip();
+    void Start(size_t unread) {
+      unread_ = unread;
+      result_ = platform::IoResult::kOk;
+    }
+    platform::IoResult result() const { return result_; }
+
+   private:
+    PipeChannel& channel_;
+    size_t unread_ = 0;
+    platform::IoResult result_ = platform::IoResult::kOk;  // the first failure
+  };
+
+  // Writes one frame of `size` body bytes in `parts`, whose first part it fills with the frame
+  // header; the caller holds the write lock.
+  WriteStatus WriteBody(std::span<std::span<const uint8_t>> parts, size_t size);
   // Exactly `size` bytes through the staging buffer (or straight into `dest` when large).
   platform::IoResult ReadExact(uint8_t* dest, size_t size);
+  // Reads the body of `size` bytes into the input buffer, whole or in part.
+  platform::IoResult ReadBody(size_t size);
 
   platform::StopSignal stop_;
   std::unique_ptr<platform::Pipe> pipe_;
@@ -79,6 +112,10 @@ class PipeChannel {
   std::vector<uint8_t> staging_;
   size_t staged_begin_ = 0;
   size_t staged_end_ = 0;
+  bool in_part_ = false;  // set before the reader starts
+  BodyRest rest_{*this};  // guarded by read_lock_
+  // A body's rest could not be read: the frames after it cannot be found; guarded by read_lock_.
+  platform::IoResult lost_ = platform::IoResult::kOk;
 };
 
 }  // namespace qv

@@ -36,7 +36,9 @@ ServerLink::ServerLink(const MessageFactory<CResponse>& responses,
       dispatcher_(responses, notifications, store_,
                   [this](std::shared_ptr<CNotification> notification) {
                     if (hooks_.notification) hooks_.notification(std::move(notification));
-                  }) {}
+                  }) {
+  channel_.ReadLargeBodiesInPart();
+}
 
 ServerLink::~ServerLink() {
   std::lock_guard lock(connect_mutex_);
@@ -211,22 +213,24 @@ void ServerLink::Shutdown() {
 }
 
 LinkStatus ServerLink::SendRequest(uint32_t target_handle, const CRequest& request,
-                                   uint32_t& sequence, bool expect_response, uint64_t& epoch) {
+                                   uint32_t& sequence, bool expect_response, uint64_t& epoch,
+                                   std::shared_ptr<BulkLanding> landing) {
   if (!IsConnected()) {
     if (!expect_response) return LinkStatus::kNotConnected;
     if (const LinkStatus status = Connect(); status != LinkStatus::kSuccess) return status;
     if (!IsConnected()) return LinkStatus::kNotConnected;
   }
-  return Write(target_handle, request, sequence, expect_response, epoch);
+  return Write(target_handle, request, sequence, expect_response, epoch, std::move(landing));
 }
 
 LinkStatus ServerLink::Write(uint32_t target_handle, const CRequest& request, uint32_t& sequence,
-                             bool expect_response, uint64_t& epoch) {
+                             bool expect_response, uint64_t& epoch,
+                             std::shared_ptr<BulkLanding> landing) {
   // The lock is refused only while the connection is being torn down.
   if (!channel_.BeginWrite()) return LinkStatus::kWaitFailed;
   epoch = store_.Epoch();
   sequence = sequence_.Next();
-  if (expect_response && !store_.Await(sequence)) {
+  if (expect_response && !store_.Await(sequence, std::move(landing))) {
     channel_.EndWrite();
     return LinkStatus::kWaitFailed;
   }
@@ -275,9 +279,11 @@ LinkStatus ServerLink::WaitResponse(CResponse& response, uint32_t sequence, uint
 }
 
 LinkStatus ServerLink::SendAndWait(uint32_t target_handle, const CRequest& request,
-                                   CResponse& response, uint32_t& sequence) {
+                                   CResponse& response, uint32_t& sequence,
+                                   std::shared_ptr<BulkLanding> landing) {
   uint64_t epoch = 0;
-  if (const LinkStatus status = SendRequest(target_handle, request, sequence, true, epoch);
+  if (const LinkStatus status =
+          SendRequest(target_handle, request, sequence, true, epoch, std::move(landing));
       status != LinkStatus::kSuccess) {
     if (status == LinkStatus::kServerStartFailed || status == LinkStatus::kServerNotReachable) {
       std::lock_guard lock(connect_mutex_);
@@ -295,7 +301,7 @@ LinkStatus ServerLink::SendAndWaitIfConnected(uint32_t target_handle, const CReq
                                               CResponse& response, uint32_t& sequence) {
   if (!IsConnected()) return LinkStatus::kNotConnected;
   uint64_t epoch = 0;
-  if (const LinkStatus status = Write(target_handle, request, sequence, true, epoch);
+  if (const LinkStatus status = Write(target_handle, request, sequence, true, epoch, nullptr);
       status != LinkStatus::kSuccess) {
     return status;
   }

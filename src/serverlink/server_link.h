@@ -72,14 +72,16 @@ class ServerLink {
   // Writes one request. With `expect_response`, registers the sequence number first and reports
   // the connection epoch that WaitResponse needs. A request that expects no answer is skipped
   // (kNotConnected) rather than connecting.
+  // `landing`, when not null, is where the response's large byte field should go (BulkBytes).
   LinkStatus SendRequest(uint32_t target_handle, const CRequest& request, uint32_t& sequence,
-                         bool expect_response, uint64_t& epoch);
+                         bool expect_response, uint64_t& epoch,
+                         std::shared_ptr<BulkLanding> landing = nullptr);
   // Blocks until the response for `sequence` arrives or its connection ends, then fills
   // `response`: the head alone when the server failed the request, else the whole message.
   LinkStatus WaitResponse(CResponse& response, uint32_t sequence, uint64_t epoch);
   // A failure to start the server leaves why in the response's ResultText.
   LinkStatus SendAndWait(uint32_t target_handle, const CRequest& request, CResponse& response,
-                         uint32_t& sequence);
+                         uint32_t& sequence, std::shared_ptr<BulkLanding> landing = nullptr);
   // SendAndWait on the connection that is up, without connecting: kNotConnected when down.
   LinkStatus SendAndWaitIfConnected(uint32_t target_handle, const CRequest& request,
                                     CResponse& response, uint32_t& sequence);
@@ -97,7 +99,7 @@ class ServerLink {
   void ReadLoop();
   // Writes one request on the open connection.
   LinkStatus Write(uint32_t target_handle, const CRequest& request, uint32_t& sequence,
-                   bool expect_response, uint64_t& epoch);
+                   bool expect_response, uint64_t& epoch, std::shared_ptr<BulkLanding> landing);
 
   ServerNames names_;
   Hooks hooks_;

@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <cstring>
 #include <optional>
+#include <span>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -157,7 +158,7 @@ struct TerminatedStringCodec {
   static bool Read(MessageBuffer& buffer, String& value) {
     uint32_t count = 0;
     if (!ReadField(buffer, count)) return false;
-    if (count == 0 || uint64_t{count} * sizeof(Char) > buffer.Size()) return false;
+    if (count == 0 || uint64_t{count} * sizeof(Char) > buffer.Available()) return false;
     value.resize(count - 1);
     return buffer.Read(value.data(), (count - 1) * sizeof(Char)) && buffer.Skip(sizeof(Char));
   }
@@ -176,7 +177,7 @@ struct WireCodec<std::string> : TerminatedStringCodec<char> {
 // A list renders as its count, "{ ", at most its first eight elements each followed by a blank,
 // " ..." when there are more, and "}".
 template <class T>
-void RenderList(std::string& out, const std::vector<T>& values) {
+void RenderList(std::string& out, std::span<const T> values) {
   constexpr size_t kShown = 8;
   RenderUnsigned(out, values.size());
   out += "{ ";
@@ -212,9 +213,10 @@ struct WireCodec<std::vector<T>> {
     if (!ReadField(buffer, count)) return false;
     // The count is checked against the bytes left before anything is allocated, so a count of
     // four billion in a short body fails at once.
-    if (uint64_t{count} * MinWireSize<T>() > buffer.Size()) return false;
+    if (uint64_t{count} * MinWireSize<T>() > buffer.Available()) return false;
     if constexpr (kIsPlainWireType<T> && sizeof(T) == 1) {
       // Bytes (memory, files) are copied once, without first zeroing what they will fill.
+      if (!buffer.Ensure(count)) return false;
       const auto* first = reinterpret_cast<const T*>(buffer.Data());
       values.assign(first, first + count);
       return buffer.Skip(count);
@@ -230,7 +232,7 @@ struct WireCodec<std::vector<T>> {
     }
   }
 
-  static void Render(std::string& out, const std::vector<T>& values) { RenderList(out, values); }
+  static void Render(std::string& out, const std::vector<T>& values) { RenderList<T>(out, values); }
 };
 
 // Records: the fields that their declaration lists, in order.

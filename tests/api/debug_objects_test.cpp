@@ -3,10 +3,12 @@
 // reaching a sink as a stop whose objects read back the process and thread.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "api/live_api.h"
@@ -31,6 +33,11 @@ constexpr char kDebugScenario[] = R"(kits:
           - name: main
             path: [0x401000, 0x401004, 0x401005]
             loop: true
+      - path: /app/big.elf
+        entry: 0x10000000
+        regions:
+          - {base: 0x10000000, fill: "11 22 33", size: 2097152}
+          - {base: 0x10200000, fill: "44 55 66 77 88", size: 2097152}
 )";
 
 vekx::Variant ArrayOf(VARTYPE type, std::vector<uint64_t> values) {
@@ -309,6 +316,65 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   EXPECT_EQ(process->get_SyncPrimitives(nullptr), E_POINTER);
   EXPECT_EQ(process->Kill(), S_OK);
   EXPECT_EQ(target->UnadviseDebugEvents(sink.Get()), S_OK);
+}
+
+// Large reads on several threads at once, each landing in its own safe array: every caller gets
+// its own bytes, whole, from where it asked (the fills' periods of 3 and 5 show any shift).
+TEST_F(DebugLiveTest, LargeReadsOnManyThreadsEachGetTheirOwnBytes) {
+  auto target = Target("kit-debug");
+  ASSERT_TRUE(target);
+  ASSERT_EQ(target->Connect(), S_OK);
+  vekx::ComPtr<IProcess> process;
+  ASSERT_EQ(target->LoadProcess(DEVICE_APP, vekx::Bstr::FromUtf8("/app/big.elf").Get(), 1, 0,
+                                nullptr, nullptr, process.Put()),
+            S_OK)
+      << TakeErrorText();
+  const struct Read {
+    uint64_t address;
+    ULONG size;
+    ULONG bad;
+  } reads[] = {
+      {0x10000001, 1 << 20, 0},           // inside the first region
+      {0x10200003, 1 << 20, 0},           // inside the second
+      {0x101FFFF0, 64 << 10, 0},          // across both
+      {0x103F0000, 128 << 10, 64 << 10},  // off the end of the second
+      {0x10000000, 2000, 0},              // small
+  };
+  auto expected = [](uint64_t address) -> uint8_t {
+    static const uint8_t kFirst[] = {0x11, 0x22, 0x33};
+    static const uint8_t kSecond[] = {0x44, 0x55, 0x66, 0x77, 0x88};
+    if (address < 0x10200000) return kFirst[(address - 0x10000000) % 3];
+    if (address < 0x10400000) return kSecond[(address - 0x10200000) % 5];
+    return 0;
+  };
+  std::vector<std::thread> threads;
+  std::atomic<int> wrong{0};
+  for (int round = 0; round < 3; ++round) {
+    for (const Read& read : reads) {
+      threads.emplace_back([&, read] {
+        vekx::Variant bytes;
+        ULONG bad = 0;
+        void* data = nullptr;
+        if (process->GetMemory(read.address, read.size, &bad, bytes.Put()) != S_OK ||
+            bad != read.bad || bytes.Type() != (VT_ARRAY | VT_UI1) ||
+            bytes.Get().parray->rgsabound[0].cElements != read.size ||
+            SafeArrayAccessData(bytes.Get().parray, &data) != S_OK) {
+          ++wrong;
+          return;
+        }
+        SafeArrayUnaccessData(bytes.Get().parray);
+        for (size_t i = 0; i < read.size; ++i) {
+          if (static_cast<const uint8_t*>(data)[i] != expected(read.address + i)) {
+            ++wrong;
+            return;
+          }
+        }
+      });
+    }
+  }
+  for (auto& thread : threads)
+    thread.join();
+  EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace

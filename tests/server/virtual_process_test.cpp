@@ -755,5 +755,23 @@ TEST(ProgramImageScenarioTest, MistakesAreRefusedWithTheirLineByBothReaders) {
   }
 }
 
+// An answer shares the bytes of the region it read from; a write to the region afterwards leaves
+// the answer as it was read and shows in the next read.
+TEST(VirtualProcessMemoryTest, AnAnswerKeepsWhatItReadWhileTheRegionChanges) {
+  ProgramImage image;
+  image.threads.emplace_back();
+  image.regions.push_back({0x1000, Bytes(64 << 10, 0x90)});
+  VirtualProcess process(1, 1, image, true);
+  BulkBytes answer;
+  uint32_t bad = 1;
+  process.Read(0x1000, 64 << 10, answer, bad);
+  ASSERT_EQ(answer.size(), size_t{64 << 10});
+  ASSERT_TRUE(process.Write(0x1010, {0x11}).ok());
+  EXPECT_EQ(answer.data()[0x10], 0x90);
+  BulkBytes after;
+  process.Read(0x1010, 1, after, bad);
+  EXPECT_EQ(after, Bytes{0x11});
+}
+
 }  // namespace
 }  // namespace qv::server

@@ -7,6 +7,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "serverlink/bulk_bytes.h"
 #include "serverlink/wire_record.h"
 
 namespace qv::testing {
@@ -47,6 +48,7 @@ class FieldFiller {
   void FillContainer(std::optional<T>& field) {
     Fill(field.emplace());
   }
+  void FillContainer(BulkBytes& field) { field = BulkBytes(std::vector<uint8_t>{0x5a, 0xa5}); }
   template <class T>
   void FillContainer(std::vector<T>& field) {
     field.resize(2);

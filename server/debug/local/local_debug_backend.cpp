@@ -225,7 +225,9 @@ Status LocalDebugBackend::GetMemory(const DebugCall&, CGetMemoryRequest& request
   Ptr process;
   if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
   if (Status status = CheckReadSize(request.Size); !status.ok()) return status;
-  process->Read(request.BaseAddress, request.Size, response.ReadData, response.BadBytes);
+  Bytes data;
+  process->Read(request.BaseAddress, request.Size, data, response.BadBytes);
+  response.ReadData = BulkBytes(std::move(data));
   return Status::Ok();
 }
 
@@ -240,7 +242,9 @@ Status LocalDebugBackend::GetLargeMemory(const DebugCall&, CGetLargeMemoryReques
                             u" is not supported; ask for 0 (uncompressed)");
   }
   uint32_t bad = 0;
-  process->Read(request.BaseAddress, request.Size, response.ReadData, bad);
+  Bytes data;
+  process->Read(request.BaseAddress, request.Size, data, bad);
+  response.ReadData = BulkBytes(std::move(data));
   return Status::Ok();
 }
 

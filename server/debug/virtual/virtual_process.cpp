@@ -41,8 +41,9 @@ VirtualProcess::VirtualProcess(uint32_t pid, uint32_t first_tid, const ProgramIm
                                bool stopped)
     : pid_(pid), image_{image.path, image.name, image.entry}, objects_(image, pid, first_tid) {
   for (const ImageRegion& region : image.regions) {
-    regions_[region.base] = {region.bytes, region.name.empty() ? image.path : region.name,
-                             region.protection, PageKind::kImage};
+    regions_[region.base] = {RegionBytes(region.bytes),
+                             region.name.empty() ? image.path : region.name, region.protection,
+                             PageKind::kImage};
     image_top_ = std::max(image_top_, region.base + (region.bytes.size() - 1));
   }
   uint32_t tid = first_tid;
@@ -69,12 +70,37 @@ const VirtualProcess::Thread* VirtualProcess::FindThread(uint32_t tid) const {
   return it != threads_.end() ? &it->second : nullptr;
 }
 
+VirtualProcess::RegionBytes::RegionBytes(Bytes bytes)
+    : bytes_(std::make_shared<Bytes>(std::move(bytes))) {}
+
+uint8_t* VirtualProcess::RegionBytes::MutableData() {
+  if (bytes_ == nullptr) return nullptr;
+  // Nobody gains a share without the process's lock, so a count of one stays one; the fence
+  // orders this write after the last reads of the answers that let go.
+  if (bytes_.use_count() > 1) {
+    bytes_ = std::make_shared<Bytes>(*bytes_);
+  } else {
+    std::atomic_thread_fence(std::memory_order_acquire);
+  }
+  return bytes_->data();
+}
+
 uint8_t* VirtualProcess::Byte(uint64_t address) {
   auto it = regions_.upper_bound(address);
   if (it == regions_.begin()) return nullptr;
   --it;
   const uint64_t offset = address - it->first;
-  return offset < it->second.bytes.size() ? it->second.bytes.data() + offset : nullptr;
+  return offset < it->second.bytes.size() ? it->second.bytes.MutableData() + offset : nullptr;
+}
+
+std::map<uint64_t, VirtualProcess::Region>::const_iterator VirtualProcess::Holding(
+    uint64_t address, uint32_t size) const {
+  auto it = regions_.upper_bound(address);
+  if (it == regions_.begin()) return regions_.end();
+  --it;
+  const uint64_t offset = address - it->first;
+  const uint64_t length = it->second.bytes.size();
+  return offset < length && size <= length - offset ? it : regions_.end();
 }
 
 ThreadInfoRecord VirtualProcess::ThreadRecord(uint32_t tid, const Thread& thread) const {
@@ -198,7 +224,7 @@ Status VirtualProcess::Allocate(PageKind kind, uint32_t size, const std::u16stri
   }
   const bool executable = kind == PageKind::kExecutable;
   Region region;
-  region.bytes.assign(bytes, 0);
+  region.bytes = RegionBytes(Bytes(bytes, 0));
   region.name = !name.empty() ? name : executable ? u"executable page" : u"data page";
   // Executable pages are writable too: a debugger puts code into them.
   region.protection = kProtectRead | kProtectWrite;
@@ -301,7 +327,8 @@ CoreDump VirtualProcess::Snapshot(uint32_t type) const {
   }
   for (const auto& [base, region] : regions_) {
     dump.header.Regions.push_back({region.name, base, region.bytes.size(), region.protection, 1});
-    Bytes& contents = dump.contents.emplace_back(region.bytes);
+    Bytes& contents =
+        dump.contents.emplace_back(region.bytes.data(), region.bytes.data() + region.bytes.size());
     // The program's own bytes, without the debugger's int3s.
     for (const auto& [id, breakpoint] : software_) {
       if (breakpoint.record.Address - base < contents.size()) {
@@ -335,16 +362,15 @@ void VirtualProcess::Read(uint64_t address, uint32_t size, Bytes& data, uint32_t
   std::lock_guard lock(mutex_);
   // Addresses past the top of memory are unmapped.
   const uint64_t end = size <= UINT64_MAX - address ? address + size : UINT64_MAX;
-  auto it = regions_.upper_bound(address);
-  if (it != regions_.begin()) --it;
   // A read inside one region, the common case, is one copy.
-  if (it != regions_.end() && it->first <= address && end - address == size &&
-      end <= it->first + it->second.bytes.size()) {
-    const auto first = it->second.bytes.begin() + static_cast<ptrdiff_t>(address - it->first);
+  if (const auto holding = Holding(address, size); holding != regions_.end()) {
+    const uint8_t* first = holding->second.bytes.data() + (address - holding->first);
     data.assign(first, first + size);
     bad = 0;
     return;
   }
+  auto it = regions_.upper_bound(address);
+  if (it != regions_.begin()) --it;
   data.assign(size, 0);
   uint64_t covered = 0;
   for (; it != regions_.end() && it->first < end; ++it) {
@@ -356,6 +382,22 @@ void VirtualProcess::Read(uint64_t address, uint32_t size, Bytes& data, uint32_t
     covered += to - from;
   }
   bad = static_cast<uint32_t>(size - covered);
+}
+
+void VirtualProcess::Read(uint64_t address, uint32_t size, BulkBytes& data, uint32_t& bad) const {
+  {
+    std::lock_guard lock(mutex_);
+    if (const auto holding = Holding(address, size); holding != regions_.end()) {
+      std::shared_ptr<const Bytes> bytes = holding->second.bytes.Share();
+      const uint8_t* first = bytes->data() + (address - holding->first);
+      data = BulkBytes({first, size}, std::move(bytes));
+      bad = 0;
+      return;
+    }
+  }
+  Bytes copy;
+  Read(address, size, copy, bad);
+  data = BulkBytes(std::move(copy));
 }
 
 Status VirtualProcess::Write(uint64_t address, const Bytes& data) {

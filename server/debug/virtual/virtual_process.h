@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -74,6 +75,9 @@ class VirtualProcess {
 
   // The bytes at [address, address + size): unmapped ones read as zero and are counted in `bad`.
   void Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad) const;
+  // The same for an answer: bytes inside one region are not copied but shared with the region
+  // (a later write to it copies the region instead).
+  void Read(uint64_t address, uint32_t size, BulkBytes& data, uint32_t& bad) const;
   // Refused unless every byte is mapped. Over a software breakpoint the write changes the byte
   // the breakpoint restores, and the breakpoint stays.
   Status Write(uint64_t address, const Bytes& data);
@@ -122,8 +126,24 @@ class VirtualProcess {
     std::optional<size_t> wait;  // the synchronisation object it waits on (Objects())
     std::optional<SanitizerReport> asan;
   };
+  // A region's bytes, shared with the answers of reads that are still being sent; a write to
+  // shared bytes copies them first, so that an answer sends the bytes as they were read. Used
+  // under the process's lock.
+  class RegionBytes {
+   public:
+    RegionBytes() = default;
+    explicit RegionBytes(Bytes bytes);
+    size_t size() const { return bytes_ != nullptr ? bytes_->size() : 0; }
+    const uint8_t* data() const { return bytes_ != nullptr ? bytes_->data() : nullptr; }
+    // The bytes to write to, shared with nobody.
+    uint8_t* MutableData();
+    std::shared_ptr<const Bytes> Share() const { return bytes_; }
+
+   private:
+    std::shared_ptr<Bytes> bytes_;
+  };
   struct Region {
-    Bytes bytes;
+    RegionBytes bytes;
     std::u16string name;
     uint32_t protection = 0;
     PageKind kind = PageKind::kImage;
@@ -140,8 +160,10 @@ class VirtualProcess {
 
   Thread* FindThread(uint32_t tid);
   const Thread* FindThread(uint32_t tid) const;
-  // The byte at `address` if it is mapped.
+  // The byte at `address` if it is mapped, ready to be written.
   uint8_t* Byte(uint64_t address);
+  // The region that holds all of [address, address + size), or regions_.end().
+  std::map<uint64_t, Region>::const_iterator Holding(uint64_t address, uint32_t size) const;
   // The lowest page-aligned address from `low` where `size` bytes fit below `high` between the
   // regions.
   std::optional<uint64_t> FreeSpace(uint64_t low, uint64_t high, uint64_t size) const;

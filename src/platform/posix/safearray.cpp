@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/byte_array.h"
 #include "platform/posix/vartype_size.h"
 
 namespace {
@@ -72,12 +73,14 @@ void SetElementType(SAFEARRAY* psa, VARTYPE vt) {
   }
 }
 
-// Allocates a zeroed descriptor for `dims` dimensions followed by `data_bytes` of data.
-SAFEARRAY* AllocateDescriptor(UINT dims, std::size_t data_bytes) {
+// Allocates a zeroed descriptor for `dims` dimensions followed by `data_bytes` of data, zeroed
+// too unless `zero_data` is false.
+SAFEARRAY* AllocateDescriptor(UINT dims, std::size_t data_bytes, bool zero_data = true) {
   const std::size_t descriptor_bytes = sizeof(SAFEARRAY) + sizeof(SAFEARRAYBOUND) * (dims - 1);
-  auto* block =
-      static_cast<std::byte*>(std::calloc(1, kHiddenBytes + descriptor_bytes + data_bytes));
+  const std::size_t bytes = kHiddenBytes + descriptor_bytes + data_bytes;
+  auto* block = static_cast<std::byte*>(zero_data ? std::calloc(1, bytes) : std::malloc(bytes));
   if (block == nullptr) return nullptr;
+  if (!zero_data) std::memset(block, 0, kHiddenBytes + descriptor_bytes);
   auto* psa = reinterpret_cast<SAFEARRAY*>(block + kHiddenBytes);
   psa->cDims = static_cast<USHORT>(dims);
   return psa;
@@ -221,12 +224,14 @@ SAFEARRAY* SafeArrayCreate(VARTYPE vt, UINT cDims, SAFEARRAYBOUND* rgsabound) {
   return psa;
 }
 
-SAFEARRAY* SafeArrayCreateVector(VARTYPE vt, LONG lLbound, ULONG cElements) {
+namespace {
+
+SAFEARRAY* CreateVector(VARTYPE vt, LONG lLbound, ULONG cElements, bool zero_data) {
   const ULONG element_size = ElementSize(vt);
   if (vt == VT_RECORD || element_size == 0) return nullptr;
   const std::uint64_t bytes = std::uint64_t{cElements} * element_size;
   if (bytes > kMaxDataBytes) return nullptr;
-  SAFEARRAY* psa = AllocateDescriptor(1, bytes);
+  SAFEARRAY* psa = AllocateDescriptor(1, bytes, zero_data);
   if (psa == nullptr) return nullptr;
   SetElementType(psa, vt);
   psa->fFeatures |= FADF_CREATEVECTOR;
@@ -236,6 +241,20 @@ SAFEARRAY* SafeArrayCreateVector(VARTYPE vt, LONG lLbound, ULONG cElements) {
   psa->rgsabound[0].lLbound = lLbound;
   return psa;
 }
+
+}  // namespace
+
+SAFEARRAY* SafeArrayCreateVector(VARTYPE vt, LONG lLbound, ULONG cElements) {
+  return CreateVector(vt, lLbound, cElements, true);
+}
+
+namespace qv::platform {
+
+SAFEARRAY* CreateByteArrayForOverwrite(ULONG count) noexcept {
+  return CreateVector(VT_UI1, 0, count, false);
+}
+
+}  // namespace qv::platform
 
 HRESULT SafeArrayDestroyData(SAFEARRAY* psa) {
   if (psa == nullptr) return E_INVALIDARG;
