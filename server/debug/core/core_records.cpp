@@ -30,14 +30,6 @@ constexpr size_t kGeneralSlots[] = {10, 11, 12, 5, 19, 4, 13, 14, 9, 8, 7, 6, 3,
 constexpr size_t kEflagsSlot = 18;
 constexpr size_t kFsBaseSlot = 21;
 
-template <class T>
-T Le(const uint8_t* at) {
-  T value = 0;
-  for (size_t i = 0; i < sizeof(T); ++i)
-    value |= static_cast<T>(static_cast<T>(at[i]) << (8 * i));
-  return value;
-}
-
 // The FXSAVE image of a thread: its NT_FPREGSET, else the start of its XSAVE area.
 const uint8_t* Fxsave(const ElfCoreThread& thread) {
   if (thread.fxsave.size() >= 512) return thread.fxsave.data();

@@ -40,14 +40,6 @@ constexpr size_t kPrpsinfoArgs = 56;
 constexpr size_t kPrpsinfoSize = 136;
 constexpr size_t kFxsaveSize = 512;
 
-template <class T>
-T Le(const uint8_t* at) {
-  T value = 0;
-  for (size_t i = 0; i < sizeof(T); ++i)
-    value |= static_cast<T>(static_cast<T>(at[i]) << (8 * i));
-  return value;
-}
-
 // `size` bytes at `offset` lie within `limit`, without overflow.
 bool Within(uint64_t offset, uint64_t size, uint64_t limit) {
   return offset <= limit && size <= limit - offset;

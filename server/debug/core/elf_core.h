@@ -23,6 +23,15 @@
 
 namespace qv::server {
 
+// A little-endian value of type T at `at` (cores are read on hosts of either byte order).
+template <class T>
+T Le(const uint8_t* at) {
+  T value = 0;
+  for (size_t i = 0; i < sizeof(T); ++i)
+    value |= static_cast<T>(static_cast<T>(at[i]) << (8 * i));
+  return value;
+}
+
 // The core's bytes: a file on disk, or bytes in memory (the fuzzer). Reads may come from several
 // threads at once.
 class CoreBytes {
