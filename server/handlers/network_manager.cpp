@@ -58,35 +58,34 @@ NameValueList NetworkManager::Info(const TargetRegistry& registry) const {
 
 void RegisterNetworkManagerHandlers(RequestDispatcher& dispatcher, TargetRegistry& registry,
                                     NetworkManager& manager) {
-  using Context = RequestContext;
   dispatcher.Register<CSetNetworkManagerLoggingRequest, CSetNetworkManagerLoggingResponse>(
-      [&manager](const Context&, CSetNetworkManagerLoggingRequest& request,
+      [&manager](const RequestContext&, CSetNetworkManagerLoggingRequest& request,
                  CSetNetworkManagerLoggingResponse&) {
         manager.SetLogging(request.Enable);
         return Status::Ok();
       });
   dispatcher.Register<CGetNetworkManagerLoggingRequest, CGetNetworkManagerLoggingResponse>(
-      [&manager](const Context&, CGetNetworkManagerLoggingRequest&,
+      [&manager](const RequestContext&, CGetNetworkManagerLoggingRequest&,
                  CGetNetworkManagerLoggingResponse& response) {
         response.Enabled = manager.Logging();
         return Status::Ok();
       });
   dispatcher.Register<CStartNetMngrPacketLoggingRequest, CStartNetMngrPacketLoggingResponse>(
-      [&manager](const Context&, CStartNetMngrPacketLoggingRequest& request,
+      [&manager](const RequestContext&, CStartNetMngrPacketLoggingRequest& request,
                  CStartNetMngrPacketLoggingResponse&) {
         return manager.StartPacketLog(request.FileName);
       });
   dispatcher.Register<CStopNetMngrPacketLoggingRequest, CStopNetMngrPacketLoggingResponse>(
-      [&manager](const Context&, CStopNetMngrPacketLoggingRequest&,
+      [&manager](const RequestContext&, CStopNetMngrPacketLoggingRequest&,
                  CStopNetMngrPacketLoggingResponse&) { return manager.StopPacketLog(); });
   dispatcher.Register<CGetNetworkManagerInfoRequest, CGetNetworkManagerInfoResponse>(
-      [&manager, &registry](const Context&, CGetNetworkManagerInfoRequest&,
+      [&manager, &registry](const RequestContext&, CGetNetworkManagerInfoRequest&,
                             CGetNetworkManagerInfoResponse& response) {
         response.Info = manager.Info(registry);
         return Status::Ok();
       });
   auto earlier = std::move(dispatcher.observer);
-  dispatcher.observer = [earlier = std::move(earlier), &manager](const Context& context,
+  dispatcher.observer = [earlier = std::move(earlier), &manager](const RequestContext& context,
                                                                  const CRequest* request,
                                                                  const CResponse& response) {
     if (earlier) earlier(context, request, response);

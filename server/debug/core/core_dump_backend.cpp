@@ -123,7 +123,9 @@ Status CoreDumpBackend::GetMemory(const DebugCall&, CGetMemoryRequest& request,
   std::shared_ptr<const LoadedCore> loaded;
   if (Status status = Process(request.ProcessID, loaded); !status.ok()) return status;
   if (Status status = CheckReadSize(request.Size); !status.ok()) return status;
-  loaded->Read(request.BaseAddress, request.Size, response.ReadData, response.BadBytes);
+  Bytes data;
+  loaded->Read(request.BaseAddress, request.Size, data, response.BadBytes);
+  response.ReadData = BulkBytes(std::move(data));
   return Status::Ok();
 }
 
@@ -138,7 +140,9 @@ Status CoreDumpBackend::GetLargeMemory(const DebugCall&, CGetLargeMemoryRequest&
                             u" is not supported; ask for 0 (uncompressed)");
   }
   uint32_t bad = 0;
-  loaded->Read(request.BaseAddress, request.Size, response.ReadData, bad);
+  Bytes data;
+  loaded->Read(request.BaseAddress, request.Size, data, bad);
+  response.ReadData = BulkBytes(std::move(data));
   return Status::Ok();
 }
 
