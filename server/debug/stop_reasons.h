@@ -9,7 +9,7 @@
 
 namespace qv::server {
 
-// eStopNotificationReason codes the local target reports besides the signals.
+// eStopNotificationReason codes that every backend reports besides the signals.
 enum : uint32_t {
   kStopTrap = 5,  // STOP_REASON_SIGTRAP: a single step done, or a trap of the program's own
   kStopNoSignal = 128,

@@ -7,6 +7,7 @@
 #include "platform/wide_string.h"
 #include "requests/notifications.h"
 #include "server/debug/register_names.h"
+#include "server/debug/stop_reasons.h"
 #include "server/debug/virtual/reporting.h"
 
 namespace qv::server {
@@ -16,12 +17,6 @@ namespace {
 constexpr uint32_t kThreadInhibited = 1;
 constexpr uint32_t kThreadRunning = 4;
 constexpr uint32_t kWaitSuspended = 0x10000;
-// eStopNotificationReason values.
-constexpr uint32_t kStopSuspendProcess = 129;
-constexpr uint32_t kStopSuspendThread = 130;
-constexpr uint32_t kStopSoftwareBreakpoint = 131;
-constexpr uint32_t kStopHardwareBreakpoint = 134;
-constexpr uint32_t kStopTrap = 5;  // a single step done
 
 constexpr uint32_t kDr0 = 0x50000;
 constexpr uint32_t kDr7 = 0x50007;
