@@ -19,6 +19,13 @@
 
 namespace qv::server {
 
+// LOAD_PROCESS flag bit 0x1: the process is created stopped at its entry point.
+inline constexpr uint32_t kLoadStopAtEntry = 0x1;
+
+// Whether a read of `size` bytes fits in one answer (a frame, with room for its head); the failure
+// says how much may be read at a time.
+Status CheckReadSize(uint64_t size);
+
 // Who asks, and for which target.
 struct DebugCall {
   uint64_t client_id = 0;

@@ -7,19 +7,6 @@
 #include "serverlink/frame.h"
 
 namespace qv::server {
-namespace {
-
-// The answer to a read must fit in one frame, with room for its head.
-Status CheckReadSize(uint64_t size) {
-  constexpr uint32_t kMaxRead = kMaxFrameBodyBytes - 4096;
-  if (size <= kMaxRead) return Status::Ok();
-  return Status::Fail(KXAPI_COMMS_ERR_EXCEED_MAX_PACKET_SIZE,
-                      u"a read of " + Decimal(size) +
-                          u" bytes does not fit in one answer; read at most " + Decimal(kMaxRead) +
-                          u" bytes at a time");
-}
-
-}  // namespace
 
 Status CoreDumpBackend::Load(const std::u16string& path) {
   const std::filesystem::path file(path);

@@ -16,18 +16,6 @@
 namespace qv::server {
 namespace {
 
-constexpr uint32_t kStopAtEntry = 0x1;  // LOAD_PROCESS flag
-
-// The answer to a read must fit in one frame, with room for its head.
-Status CheckReadSize(uint64_t size) {
-  constexpr uint32_t kMaxRead = kMaxFrameBodyBytes - 4096;
-  if (size <= kMaxRead) return Status::Ok();
-  return Status::Fail(KXAPI_COMMS_ERR_EXCEED_MAX_PACKET_SIZE,
-                      u"a read of " + Decimal(size) +
-                          u" bytes does not fit in one answer; read at most " + Decimal(kMaxRead) +
-                          u" bytes at a time");
-}
-
 std::string Utf8(const std::u16string& text) {
   return platform::Utf16ToUtf8(text);
 }
@@ -120,7 +108,7 @@ Status LocalDebugBackend::LoadProcess(const DebugCall&, CLoadProcessRequest& req
   Processes();  // those that ended leave the table, with their threads
   Ptr process;
   if (Status status =
-          TracedProcess::Load(plan, (request.Flags & kStopAtEntry) != 0, events_, process);
+          TracedProcess::Load(plan, (request.Flags & kLoadStopAtEntry) != 0, events_, process);
       !status.ok()) {
     return status;
   }

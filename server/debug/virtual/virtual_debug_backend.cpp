@@ -7,17 +7,12 @@
 #include "platform/wide_string.h"
 #include "requests/notifications.h"
 #include "server/core/server_log.h"
+#include "server/debug/stop_reasons.h"
 #include "server/debug/virtual/core_dump.h"
 #include "server/debug/virtual/reporting.h"
 #include "serverlink/frame.h"
 
 namespace qv::server {
-namespace {
-
-constexpr uint32_t kStopAtEntry = 0x1;      // LOAD_PROCESS flag
-constexpr uint32_t kStopReasonEntry = 132;  // STOP_REASON_DL_STOP_INIT
-
-}  // namespace
 
 VirtualDebugBackend::VirtualDebugBackend(std::vector<ProgramImage> images, uint32_t step_ms,
                                          std::shared_ptr<DebugEvents> events)
@@ -93,7 +88,7 @@ Status VirtualDebugBackend::LoadProcess(const DebugCall& call, CLoadProcessReque
     return Status::Fail(KXAPI_COMMS_ERR_FILE_DOES_NOT_EXIST,
                         u"the kit has no program \"" + request.Path + u"\"");
   }
-  const bool stopped = (request.Flags & kStopAtEntry) != 0;
+  const bool stopped = (request.Flags & kLoadStopAtEntry) != 0;
   // Created stopped, so that the clock moves none of its threads before it is announced.
   const ProcessPtr process = Start(*image, true);
   response.Pid = process->pid();
@@ -124,7 +119,7 @@ Status VirtualDebugBackend::LoadProcess(const DebugCall& call, CLoadProcessReque
     events_->Post(library);
   }
   if (stopped) {
-    process->Stop(kStopReasonEntry, *events_);
+    process->Stop(kStopEntry, *events_);
   } else {
     U32List failed;
     process->Resume({}, failed);
@@ -210,16 +205,6 @@ Status VirtualDebugBackend::GetMemoryRanges(const DebugCall&, CGetMemoryRangesRe
     response.MemoryRanges.insert(response.MemoryRanges.end(), ranges.begin(), ranges.end());
   }
   return Status::Ok();
-}
-
-// The answer to a read must fit in one frame, with room for its head.
-static Status CheckReadSize(uint32_t size) {
-  constexpr uint32_t kMaxRead = kMaxFrameBodyBytes - 4096;
-  if (size <= kMaxRead) return Status::Ok();
-  return Status::Fail(KXAPI_COMMS_ERR_EXCEED_MAX_PACKET_SIZE,
-                      u"a read of " + Decimal(size) +
-                          u" bytes does not fit in one answer; read at most " + Decimal(kMaxRead) +
-                          u" bytes at a time");
 }
 
 Status VirtualDebugBackend::GetMemory(const DebugCall&, CGetMemoryRequest& request,
