@@ -10,6 +10,7 @@
 // long read on one process does not hold up calls on another. What a backend reports happening
 // (a process created, a thread stopped) goes out through the DebugEvents it was given.
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -21,6 +22,12 @@ namespace qv::server {
 
 // LOAD_PROCESS flag bit 0x1: the process is created stopped at its entry point.
 inline constexpr uint32_t kLoadStopAtEntry = 0x1;
+
+// The targets' page size, and their debug address registers (DR0..DR3): at most four hardware
+// breakpoints at once.
+inline constexpr uint64_t kPageSize = 4096;
+inline constexpr uint64_t kPageMask = ~(kPageSize - 1);
+inline constexpr size_t kHardwareSlots = 4;
 
 // Whether a read of `size` bytes fits in one answer (a frame, with room for its head); the failure
 // says how much may be read at a time.

@@ -6,6 +6,8 @@
 #include <map>
 
 #include "platform/wide_string.h"
+#include "server/debug/debug_backend.h"
+#include "server/debug/record_codes.h"
 #include "server/debug/register_names.h"
 #include "server/debug/stop_reasons.h"
 #include "server/debug/virtual/reporting.h"
@@ -13,16 +15,7 @@
 namespace qv::server {
 namespace {
 
-constexpr uint32_t kThreadInhibited = 1;      // TDS_INHIBITED
-constexpr uint32_t kWaitSuspended = 0x10000;  // TDS_WAIT_SUSPENDED
-constexpr uint32_t kModuleExecutable = 0;     // MODULE_TYPE_EXECUTABLE
-constexpr uint32_t kModuleSharedLibrary = 1;  // MODULE_TYPE_SHARED_LIBRARY
 constexpr uint64_t kAtEntry = 9;
-constexpr uint64_t kPageMask = ~uint64_t{0xFFF};
-// The XSAVE area: XSTATE_BV at 512 says which components hold values; the upper halves of YMM0
-// to YMM15 are at 576.
-constexpr size_t kXstateBvOffset = 512;
-constexpr size_t kYmmUpperOffset = 576;
 
 // Where each general register of the id order (rax, rcx, rdx, rbx, rsp, rbp, rsi, rdi, r8..r15)
 // is in pr_reg.

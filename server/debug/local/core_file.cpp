@@ -22,7 +22,7 @@ namespace qv::server {
 namespace {
 
 // Memory goes out in pieces of this size, so that a cancel is seen soon.
-constexpr uint32_t kPiece = 1 << 20;
+constexpr uint32_t kCoreWritePiece = 1 << 20;
 // Room for the XSAVE area of any CPU this runs on (AVX-512 takes about 2.7 KiB).
 constexpr size_t kXstateRoom = 16384;
 
@@ -249,7 +249,8 @@ Status WriteCoreFile(const std::string& path, const CoreImage& image, bool full,
   for (size_t i = 0; ok && !cancel && i < saved.size(); ++i) {
     ok = lseek(fd, static_cast<off_t>(segments[i + 1].p_offset), SEEK_SET) >= 0;
     for (uint64_t at = saved[i]->start; ok && !cancel && at < saved[i]->end; at += piece.size()) {
-      const auto size = static_cast<uint32_t>(std::min<uint64_t>(kPiece, saved[i]->end - at));
+      const auto size =
+          static_cast<uint32_t>(std::min<uint64_t>(kCoreWritePiece, saved[i]->end - at));
       read_memory(at, size, piece);
       piece.resize(size);
       for (const auto& [address, original] : image.originals) {

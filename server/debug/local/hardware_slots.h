@@ -9,10 +9,9 @@
 
 #include "requests/debug_records.h"
 #include "server/core/status.h"
+#include "server/debug/debug_backend.h"
 
 namespace qv::server {
-
-inline constexpr size_t kHardwareSlots = 4;
 
 struct DebugRegisterValues {
   std::array<uint64_t, kHardwareSlots> address{};

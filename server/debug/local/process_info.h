@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "requests/debug_records.h"
+#include "server/debug/record_codes.h"
 
 namespace qv::server {
 
@@ -20,13 +21,5 @@ std::optional<ProcessInfoRecord> ProcessInfoOf(pid_t pid, const ProcessInfoRecor
 // A thread's record from /proc: id, name, CPU, and its state as the kernel has it (running, or
 // inhibited and sleeping). The tracer overwrites the state of a thread it holds stopped.
 ThreadInfoRecord ThreadInfoOf(pid_t pid, pid_t tid);
-
-// eThreadState and eThreadWaitState values.
-enum : uint32_t {
-  kThreadInhibited = 1,
-  kThreadRunning = 4,
-  kWaitSuspended = 0x10000,
-  kWaitSleeping = 0x20000,
-};
 
 }  // namespace qv::server

@@ -10,11 +10,9 @@
 
 #include "requests/wire_types.h"
 #include "server/core/status.h"
+#include "server/debug/debug_backend.h"
 
 namespace qv::server {
-
-// The page size of x86-64 Linux, which the local target is.
-inline constexpr uint64_t kPageSize = 4096;
 
 class ProcessMemory {
  public:

@@ -6,13 +6,11 @@
 #include <map>
 
 #include "platform/wide_string.h"
+#include "server/debug/debug_backend.h"
+#include "server/debug/record_codes.h"
 
 namespace qv::server {
 namespace {
-
-constexpr uint64_t kPageMask = ~uint64_t{0xFFF};
-constexpr uint32_t kModuleExecutable = 0;     // MODULE_TYPE_EXECUTABLE
-constexpr uint32_t kModuleSharedLibrary = 1;  // MODULE_TYPE_SHARED_LIBRARY
 
 uint64_t ModuleId(const ModuleInfoRecord& module) {
   return module.SegmentInfoList.empty() ? 0 : module.SegmentInfoList.front().BaseAddress;

@@ -18,10 +18,7 @@
 namespace qv::server {
 namespace {
 
-// The XSAVE area: the legacy region is the FXSAVE image (user_fpregs_struct), the header's
-// XSTATE_BV says which components hold values, the upper halves of YMM0..15 follow at 576.
-constexpr size_t kXstateBvOffset = 512;
-constexpr size_t kYmmUpperOffset = 576;
+// The XSAVE components a thread's area is read and written with.
 constexpr uint64_t kX87SseAvx = 0x7;
 constexpr size_t kXsaveMax = 16384;
 

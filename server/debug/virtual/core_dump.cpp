@@ -15,7 +15,7 @@ namespace qv::server {
 namespace {
 
 // Region contents go out in pieces of this size, so that a cancel is seen soon.
-constexpr size_t kPiece = 1 << 20;
+constexpr size_t kDumpPiece = 1 << 20;
 
 std::u16string Reason() {
   return platform::Utf8ToUtf16(std::generic_category().message(errno));
@@ -65,8 +65,8 @@ Status WriteCoreDump(const std::string& path, const CoreDump& dump, const std::a
     total += contents.size();
   uint64_t written = 0;
   for (const Bytes& contents : dump.contents) {
-    for (size_t at = 0; file && at < contents.size() && !cancel; at += kPiece) {
-      const size_t size = std::min(kPiece, contents.size() - at);
+    for (size_t at = 0; file && at < contents.size() && !cancel; at += kDumpPiece) {
+      const size_t size = std::min(kDumpPiece, contents.size() - at);
       file.write(reinterpret_cast<const char*>(contents.data() + at),
                  static_cast<std::streamsize>(size));
       written += size;

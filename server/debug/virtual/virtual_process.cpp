@@ -6,6 +6,8 @@
 
 #include "platform/wide_string.h"
 #include "requests/notifications.h"
+#include "server/debug/debug_backend.h"
+#include "server/debug/record_codes.h"
 #include "server/debug/register_names.h"
 #include "server/debug/stop_reasons.h"
 #include "server/debug/virtual/reporting.h"
@@ -13,16 +15,9 @@
 namespace qv::server {
 namespace {
 
-// eThreadState and eThreadWaitState values the records carry.
-constexpr uint32_t kThreadInhibited = 1;
-constexpr uint32_t kThreadRunning = 4;
-constexpr uint32_t kWaitSuspended = 0x10000;
-
 constexpr uint32_t kDr0 = 0x50000;
 constexpr uint32_t kDr7 = 0x50007;
-constexpr size_t kHardwareSlots = 4;
 
-constexpr uint64_t kPageSize = 4096;
 constexpr uint64_t kMaxAllocatedBytes = 256ull << 20;
 
 Status NoThread(uint32_t tid, uint32_t pid) {
