@@ -6,8 +6,8 @@
 #include <limits>
 #include <string>
 
-#include "vekxapi/posix/safearray.h"
 #include "platform/posix/vartype_size.h"
+#include "vekxapi/posix/safearray.h"
 
 namespace {
 
