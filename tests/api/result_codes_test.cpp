@@ -142,7 +142,7 @@ TEST(ResultCodesTest, CodesWithoutARowHaveNoTextAndNoName) {
       0xFFFFFFFF,
   };
   for (uint32_t value : kUnknown) {
-    SCOPED_TRACE(testing::Message() << std::hex << value);
+    SCOPED_TRACE(::testing::Message() << std::hex << value);
     EXPECT_EQ(LookupErrorDescription(Code(value)), std::nullopt);
     EXPECT_EQ(ErrorCodeName(Code(value)), std::nullopt);
     EXPECT_EQ(ExpandedErrorDescription(Code(value)), std::nullopt);
