@@ -10,15 +10,14 @@
 namespace qv::server {
 
 // eStopNotificationReason codes that every backend reports besides the signals.
-enum : uint32_t {
-  kStopTrap = 5,  // STOP_REASON_SIGTRAP: a single step done, or a trap of the program's own
-  kStopNoSignal = 128,
-  kStopSuspendProcess = 129,
-  kStopSuspendThread = 130,
-  kStopSoftwareBreakpoint = 131,
-  kStopEntry = 132,  // STOP_REASON_DL_STOP_INIT
-  kStopHardwareBreakpoint = 134,
-};
+// STOP_REASON_SIGTRAP: a single step done, or a trap of the program's own.
+inline constexpr uint32_t kStopTrap = 5;
+inline constexpr uint32_t kStopNoSignal = 128;
+inline constexpr uint32_t kStopSuspendProcess = 129;
+inline constexpr uint32_t kStopSuspendThread = 130;
+inline constexpr uint32_t kStopSoftwareBreakpoint = 131;
+inline constexpr uint32_t kStopEntry = 132;  // STOP_REASON_DL_STOP_INIT
+inline constexpr uint32_t kStopHardwareBreakpoint = 134;
 
 // The stop code of the Linux signal `signal`; STOP_REASON_SIGNONE (128) for one the target has no
 // name for (SIGPWR, SIGSTKFLT, the real-time signals).
