@@ -70,7 +70,7 @@ HRESULT ReadBytes(IGenericProtocol& channel, size_t size, Bytes& bytes) {
   return S_OK;
 }
 
-std::string Text(const Bytes& bytes) {
+std::string AsText(const Bytes& bytes) {
   return {bytes.begin(), bytes.end()};
 }
 
@@ -175,11 +175,11 @@ TEST_F(GenericProtocolTest, ScriptTalksAndItsStatusReachesEverySink) {
   ASSERT_TRUE(echo && script);
   Bytes got;
   ASSERT_EQ(ReadBytes(*script.Get(), 6, got), S_OK);
-  EXPECT_EQ(Text(got), "hello\n");
+  EXPECT_EQ(AsText(got), "hello\n");
   ULONG written = 0;
   ASSERT_EQ(script->Write(ByteArray({'p', 'i', 'n', 'g', '\n'}).Get(), 0, &written), S_OK);
   ASSERT_EQ(ReadBytes(*script.Get(), 5, got), S_OK);
-  EXPECT_EQ(Text(got), "pong\n");
+  EXPECT_EQ(AsText(got), "pong\n");
 
   // Both sinks of the target hear protocol 4 go down and come back, whichever they opened.
   for (RecordingSink* sink : {sink_.Get(), other.Get()}) {
