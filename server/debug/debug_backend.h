@@ -32,6 +32,8 @@ inline constexpr size_t kHardwareSlots = 4;
 // Whether a read of `size` bytes fits in one answer (a frame, with room for its head); the failure
 // says how much may be read at a time.
 Status CheckReadSize(uint64_t size);
+// CheckReadSize for GET_LARGE_MEMORY, which also names a compression: only 0 (none) is served.
+Status CheckLargeRead(uint64_t size, uint32_t compression);
 
 // Who asks, and for which target.
 struct DebugCall {

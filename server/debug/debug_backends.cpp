@@ -18,6 +18,16 @@ Status CheckReadSize(uint64_t size) {
                           u" bytes at a time");
 }
 
+Status CheckLargeRead(uint64_t size, uint32_t compression) {
+  if (Status status = CheckReadSize(size); !status.ok()) return status;
+  if (compression != 0) {
+    return Status::Fail(
+        KXAPI_COMMS_ERR_INVALID_PARAMETER_VALUE,
+        u"compression " + Decimal(compression) + u" is not supported; ask for 0 (uncompressed)");
+  }
+  return CheckReadSize(size);
+}
+
 std::shared_ptr<DebugBackend> MakeDebugBackend(const Kit& kit,
                                                std::shared_ptr<DebugEvents> events) {
 #ifdef __linux__

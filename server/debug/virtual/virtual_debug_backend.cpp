@@ -220,11 +220,8 @@ Status VirtualDebugBackend::GetLargeMemory(const DebugCall&, CGetLargeMemoryRequ
                                            CGetLargeMemoryResponse& response) {
   ProcessPtr process;
   if (Status status = Find(request.ProcessID, process); !status.ok()) return status;
-  if (Status status = CheckReadSize(request.Size); !status.ok()) return status;
-  if (request.Compression != 0) {
-    return Status::Fail(KXAPI_COMMS_ERR_INVALID_PARAMETER_VALUE,
-                        u"compression " + Decimal(request.Compression) +
-                            u" is not supported; ask for 0 (uncompressed)");
+  if (Status status = CheckLargeRead(request.Size, request.Compression); !status.ok()) {
+    return status;
   }
   uint32_t bad = 0;
   process->Read(request.BaseAddress, request.Size, response.ReadData, bad);
