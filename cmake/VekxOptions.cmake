@@ -18,9 +18,12 @@ if(VEKX_SANITIZE)
   target_link_options(vekx_options INTERFACE -fsanitize=${VEKX_SANITIZE})
 endif()
 
+# Coverage for libFuzzer in the code the fuzzers drive (the library's core, the server's, the GDB
+# protocol's), linked privately by those three; the fuzz targets add the driver. The tests, tools
+# and benchmarks that link the same objects compile without it, which halves their build time.
+add_library(vekx_fuzz_coverage INTERFACE)
 if(VEKX_BUILD_FUZZ)
-  # Coverage for libFuzzer in everything the fuzzers link; the fuzz targets add the driver.
-  target_compile_options(vekx_options INTERFACE -fsanitize=fuzzer-no-link)
+  target_compile_options(vekx_fuzz_coverage INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
 if(WIN32)

@@ -7,6 +7,12 @@
 
 namespace qv {
 
+// Each notification's members, compiled here alone (the catalogue's header declares them extern).
+#define VEKX_NOTIFICATION(Camel, WIRE, number, Base, Group, Slot, SinkInterface, SinkMethod, \
+                          DispId, fields)                                                    \
+  template class NotificationOf<C##Camel##Notification, Base>;
+#include "requests/notifications.def"
+
 namespace {
 
 // Sorted at compile time; a type number used twice stops the build.

@@ -6,6 +6,14 @@
 
 namespace qv {
 
+// Each request's members, compiled here alone (the catalogue's header declares them extern).
+#define VEKX_OPERATION(Camel, WIRE, number, request_fields, response_fields) \
+  template class RequestOf<C##Camel##Request>;
+#include "requests/operations.def"
+#define VEKX_OPERATION(Camel, WIRE, number, request_fields, response_fields) \
+  template class RequestOf<C##Camel##Request>;
+#include "requests/debug_operations.def"
+
 namespace {
 
 // Sorted at compile time; a type number used twice stops the build.

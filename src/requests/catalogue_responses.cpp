@@ -5,6 +5,14 @@
 
 namespace qv {
 
+// Each response's members, compiled here alone (the catalogue's header declares them extern).
+#define VEKX_OPERATION(Camel, WIRE, number, request_fields, response_fields) \
+  template class ResponseOf<C##Camel##Response>;
+#include "requests/operations.def"
+#define VEKX_OPERATION(Camel, WIRE, number, request_fields, response_fields) \
+  template class ResponseOf<C##Camel##Response>;
+#include "requests/debug_operations.def"
+
 namespace {
 
 constexpr auto kResponseEntries = SortByTypeNumber(std::to_array<MessageFactoryEntry<CResponse>>({

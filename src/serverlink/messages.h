@@ -225,6 +225,10 @@ class NotificationOf : public Base {
 
 }  // namespace qv
 
+// The classes' members are compiled once, where the catalogue instantiates them
+// (catalogue_requests.cpp and its siblings): every other file that uses a message refers to them.
+// Compiled in every file that builds or reads a message, they were a third of the build's time.
+
 // One operation: a request and a response class sharing a wire name and a type number.
 //   VEKX_OPERATION_CLASSES(GetMemory, GET_MEMORY, 0x12faf61e, (request fields), (response fields))
 #define VEKX_OPERATION_CLASSES(Camel, WIRE, number, request_fields, response_fields) \
@@ -239,7 +243,9 @@ class NotificationOf : public Base {
     static constexpr uint32_t kTypeNumber = number;                                  \
     static constexpr std::u16string_view kName = u"" #WIRE;                          \
     VEKX_FIELDS(response_fields)                                                     \
-  };
+  };                                                                                 \
+  extern template class ::qv::RequestOf<C##Camel##Request>;                          \
+  extern template class ::qv::ResponseOf<C##Camel##Response>;
 
 // One notification class over `Base` (CNotification or an intermediate base).
 #define VEKX_NOTIFICATION_CLASS(Camel, WIRE, number, Base, fields)                                 \
@@ -248,4 +254,5 @@ class NotificationOf : public Base {
     static constexpr uint32_t kTypeNumber = number;                                                \
     static constexpr std::u16string_view kName = u"" #WIRE;                                        \
     VEKX_FIELDS(fields)                                                                            \
-  };
+  };                                                                                               \
+  extern template class ::qv::NotificationOf<C##Camel##Notification, Base>;
