@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <string>
 
+#include "debug/register_names.h"
 #include "platform/wide_string.h"
-#include "server/debug/register_names.h"
 #include "server/kits/scenario_checks.h"
 
 namespace qv::server {

@@ -329,6 +329,33 @@ TEST_F(LocalTargetTest, ExitCodesAndSignals) {
   }
 }
 
+// A child made while a breakpoint is set (by fork, or by vfork and so in the same memory) passes
+// the breakpoint untraced and lives; the parent still stops there and ends with the child's code.
+TEST_F(LocalTargetTest, ChildrenLiveThroughTheParentsBreakpoints) {
+  const uint64_t tick = Symbol("vekx_tick");
+  int stops = 0;
+  for (const char* mode : {"fork", "vfork"}) {
+    events_->exit_code_ = 0xFFFFFFFF;
+    auto process = Load(mode, true);
+    ASSERT_TRUE(process) << mode;
+    ASSERT_EQ(process->get_Id(&pid_), S_OK);
+    ASSERT_EQ(events_->WaitStop(stops++), STOP_REASON_DL_STOP_INIT) << mode;
+    vekx::Variant opcode, failed;
+    ULONG id = 0;
+    ASSERT_EQ(process->SetSoftwareBreakpoint(0, tick, SWBREAKPT_ATTR_MODE, 0, vekx::Variant().Get(),
+                                             opcode.Put(), &id),
+              S_OK)
+        << TakeErrorText();
+    ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << mode;
+    ULONG tid = 0;
+    EXPECT_EQ(events_->WaitStop(stops++, &tid), STOP_REASON_SIGSWBRKPT) << mode;
+    EXPECT_EQ(tid, pid_) << mode << ": the child stopped";
+    ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << mode;
+    EXPECT_TRUE(servertest::WaitUntil([&] { return events_->Get(events_->exit_code_) == 3; }))
+        << mode << " ended with " << events_->Get(events_->exit_code_);
+  }
+}
+
 // The program's console: what it is sent reaches its stdin, what it prints comes back.
 TEST_F(LocalTargetTest, ConsoleInputAndOutput) {
   const auto console = vekx::MakeSink<RecordingSink>();

@@ -6,11 +6,15 @@
 //   raise SIGNAL    raises SIGNAL (a number) at itself
 //   threads COUNT   starts COUNT threads that each call vekx_tick for ever
 //   echo            prints "got " and the line it reads from stdin
+//   fork, vfork     a child made so calls vekx_tick and exits with 3; the parent waits for it,
+//                   calls vekx_tick and exits with the child's exit code (99 when a signal ended
+//                   it)
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 extern "C" {
@@ -43,6 +47,17 @@ int main(int argc, char** argv) {
     char line[256] = {};
     if (fgets(line, sizeof line, stdin) != nullptr) printf("got %s", line);
     return 0;
+  }
+  if (strcmp(mode, "fork") == 0 || strcmp(mode, "vfork") == 0) {
+    const pid_t child = strcmp(mode, "fork") == 0 ? fork() : vfork();
+    if (child == 0) {
+      vekx_tick();
+      _exit(3);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    vekx_tick();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 99;
   }
   if (strcmp(mode, "threads") == 0) {
     for (int i = 0; i < value; ++i) {

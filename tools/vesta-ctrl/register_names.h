@@ -1,8 +1,6 @@
 #pragma once
-// The x86-64 registers by the names `regs` takes and prints, the same names a scenario's thread
-// registers use (docs/scenarios.md): rax ... r15, rip, trapno, err, rflags, the FP environment
-// fcw fsw ftw fzero fop fip fdp mxcsr mxcsr_mask, st0 ... st7, ymm0 ... ymm15, dr0 ... dr15 and
-// fsbase.
+// The x86-64 registers by the names `regs` takes and prints: the server's table
+// (src/debug/register_names.h), the names a scenario's thread registers use (docs/scenarios.md).
 
 #include <cstdint>
 #include <optional>

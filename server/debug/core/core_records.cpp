@@ -5,12 +5,13 @@
 #include <iterator>
 #include <map>
 
+#include "debug/register_names.h"
 #include "platform/wide_string.h"
 #include "server/debug/debug_backend.h"
 #include "server/debug/record_codes.h"
-#include "server/debug/register_names.h"
 #include "server/debug/stop_reasons.h"
 #include "server/debug/virtual/reporting.h"
+#include "server/debug/xsave_layout.h"
 
 namespace qv::server {
 namespace {

@@ -62,7 +62,8 @@ void CloseAll(std::initializer_list<int> fds) {
 }  // namespace
 
 long TraceOptions(bool kill_with_tracer) {
-  long options = PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC | PTRACE_O_TRACEEXIT;
+  long options = PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC | PTRACE_O_TRACEEXIT |
+                 PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK | PTRACE_O_TRACEVFORKDONE;
   if (kill_with_tracer) options |= PTRACE_O_EXITKILL;
   return options;
 }

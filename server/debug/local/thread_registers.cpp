@@ -11,9 +11,10 @@
 #include <cstring>
 #include <vector>
 
+#include "debug/register_names.h"
 #include "platform/wide_string.h"
-#include "server/debug/register_names.h"
 #include "server/debug/virtual/reporting.h"
+#include "server/debug/xsave_layout.h"
 
 namespace qv::server {
 namespace {

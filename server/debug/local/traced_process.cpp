@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -216,6 +217,8 @@ Status TracedProcess::DetachNow() {
     PutBackLifted(thread);
   for (const auto& [id, breakpoint] : software_)
     memory_->Write(breakpoint.record.Address, &breakpoint.original, 1);
+  ReleaseEarlyChildren();
+  vfork_lifts_ = 0;
   software_.clear();
   hardware_.clear();
   bool stop_pending = false;
@@ -251,6 +254,7 @@ void TracedProcess::KillNow(bool announce) {
     if (tid <= 0) break;
     OnWaitStatus(tid, status);
   }
+  ReleaseEarlyChildren();
   ended_ = true;
 }
 
@@ -291,10 +295,20 @@ void TracedProcess::OnWaitStatus(pid_t tid, int status) {
     return;
   }
   if (!WIFSTOPPED(status) || !traced_) return;
+  if (threads_.count(tid) == 0 && !IsThreadOfProcess(tid)) {
+    // A forked child's first stop, come before its parent's fork event: held until that.
+    early_children_.insert(tid);
+    return;
+  }
   Thread& thread = AddThread(tid);
   thread.stopped = true;
   const int event = status >> 16;
   const int signal = WSTOPSIG(status);
+  if (event == PTRACE_EVENT_FORK || event == PTRACE_EVENT_VFORK) {
+    ReleaseChild(tid, event == PTRACE_EVENT_VFORK);  // even while killed: it lives on
+    GoOnAfterEvent(tid, thread);
+    return;
+  }
   if (killed_) {
     Continue(tid, thread);
     return;
@@ -303,12 +317,12 @@ void TracedProcess::OnWaitStatus(pid_t tid, int status) {
     unsigned long child = 0;
     ptrace(PTRACE_GETEVENTMSG, tid, nullptr, &child);
     AddThread(static_cast<pid_t>(child));
-    if (thread.stepping) {
-      // A step over the clone call: on with the step.
-      if (ptrace(PTRACE_SINGLESTEP, tid, nullptr, nullptr) == 0) thread.stopped = false;
-    } else if (running_ && !thread.held) {
-      Continue(tid, thread);
-    }
+    GoOnAfterEvent(tid, thread);
+    return;
+  }
+  if (event == PTRACE_EVENT_VFORK_DONE) {
+    EndVforkLift();
+    GoOnAfterEvent(tid, thread);
     return;
   }
   if (event == PTRACE_EVENT_EXEC) {
@@ -337,6 +351,66 @@ void TracedProcess::OnWaitStatus(pid_t tid, int status) {
   }
   thread.pending_signal = signal == SIGSTOP ? 0 : signal;
   ReportStop(tid, StopReasonOfSignal(signal));
+}
+
+void TracedProcess::GoOnAfterEvent(pid_t tid, Thread& thread) {
+  if (thread.stepping) {
+    // A step over the call that made the event: on with the step.
+    if (ptrace(PTRACE_SINGLESTEP, tid, nullptr, nullptr) == 0) thread.stopped = false;
+  } else if (running_ && !thread.held) {
+    Continue(tid, thread);
+  }
+}
+
+bool TracedProcess::IsThreadOfProcess(pid_t tid) const {
+  const std::string task = "/proc/" + std::to_string(pid_) + "/task/" + std::to_string(tid);
+  return access(task.c_str(), F_OK) == 0;
+}
+
+void TracedProcess::ReleaseChild(pid_t parent, bool shares_memory) {
+  unsigned long message = 0;
+  if (ptrace(PTRACE_GETEVENTMSG, parent, nullptr, &message) != 0) return;
+  const auto child = static_cast<pid_t>(message);
+  if (early_children_.erase(child) == 0) {
+    int status = 0;
+    // Its first stop comes before it runs an instruction of its own.
+    if (TracerThread::Wait(child, status, __WALL) != child || !WIFSTOPPED(status)) return;
+  }
+  if (shares_memory) {
+    if (vfork_lifts_++ == 0) {
+      for (const auto& [id, breakpoint] : software_)
+        memory_->Write(breakpoint.record.Address, &breakpoint.original, 1);
+    }
+  } else {
+    RestoreOriginals(child);
+  }
+  ptrace(PTRACE_DETACH, child, nullptr, nullptr);
+}
+
+void TracedProcess::RestoreOriginals(pid_t child) {
+  if (software_.empty()) return;
+  ProcessMemory memory(child);
+  for (const auto& [id, breakpoint] : software_)
+    memory.Write(breakpoint.record.Address, &breakpoint.original, 1);
+}
+
+void TracedProcess::EndVforkLift() {
+  if (vfork_lifts_ == 0 || --vfork_lifts_ != 0) return;
+  for (const auto& [id, breakpoint] : software_) {
+    const uint64_t address = breakpoint.record.Address;
+    const bool stepped_over = std::any_of(threads_.begin(), threads_.end(), [&](const auto& t) {
+      return t.second.lifted == address;
+    });
+    if (!stepped_over) memory_->Write(address, &kInt3, 1);
+  }
+}
+
+void TracedProcess::ReleaseEarlyChildren() {
+  for (pid_t child : early_children_) {
+    RestoreOriginals(child);
+    ptrace(PTRACE_DETACH, child, nullptr, nullptr);
+  }
+  early_children_.clear();
 }
 
 void TracedProcess::OnTrap(pid_t tid, Thread& thread) {
@@ -440,6 +514,10 @@ void TracedProcess::NoteStop(pid_t tid, Thread& thread, int status) {
     unsigned long child = 0;
     ptrace(PTRACE_GETEVENTMSG, tid, nullptr, &child);
     AddThread(static_cast<pid_t>(child));
+  } else if (event == PTRACE_EVENT_FORK || event == PTRACE_EVENT_VFORK) {
+    ReleaseChild(tid, event == PTRACE_EVENT_VFORK);
+  } else if (event == PTRACE_EVENT_VFORK_DONE) {
+    EndVforkLift();
   } else if (event == PTRACE_EVENT_EXIT) {
     thread.exiting = true;
   } else if (event == PTRACE_EVENT_STOP || (signal == SIGSTOP && thread.expect_sigstop)) {

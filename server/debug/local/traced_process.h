@@ -17,6 +17,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "requests/catalogue.h"
@@ -144,6 +145,21 @@ class TracedProcess {
   // A stop status of a thread met while stopping the others: noted, to be dealt with on resume.
   void NoteStop(pid_t tid, Thread& thread, int status);
   Thread& AddThread(pid_t tid);
+  // After an event stop of `thread` (a clone, a fork): on with its step, or running again.
+  void GoOnAfterEvent(pid_t tid, Thread& thread);
+  // Whether `tid` is a thread of this process rather than a child it forked.
+  bool IsThreadOfProcess(pid_t tid) const;
+
+  // Children are traced from birth, because the parent is, so that a breakpoint's int3 copied
+  // into them cannot kill them; then they are let go. A forked child gets the original bytes
+  // written into its own copy of the memory. A vforked one shares the parent's memory: the int3s
+  // come out of it until the parent's vfork is done (VFORK_DONE), and the parent, waiting in its
+  // vfork meanwhile, misses nothing.
+  void ReleaseChild(pid_t parent, bool shares_memory);
+  void RestoreOriginals(pid_t child);
+  void EndVforkLift();
+  // Children whose first stop came but whose parent's fork event did not (detach, kill).
+  void ReleaseEarlyChildren();
 
   // Stops every thread but `except` (0: all) and waits until they are.
   void StopOthers(pid_t except);
@@ -186,6 +202,8 @@ class TracedProcess {
   std::map<uint32_t, Breakpoint> software_;
   std::map<uint32_t, HardwareBreakpointRecord> hardware_;
   uint32_t next_breakpoint_id_ = 1;
+  std::set<pid_t> early_children_;  // forked children stopped before their parent's fork event
+  int vfork_lifts_ = 0;             // vforked children running in our memory, int3s out
   struct Pages {
     uint64_t size = 0;
     bool executable = false;

@@ -4,11 +4,11 @@
 #include <cstring>
 #include <string>
 
+#include "debug/register_names.h"
 #include "platform/wide_string.h"
 #include "requests/notifications.h"
 #include "server/debug/debug_backend.h"
 #include "server/debug/record_codes.h"
-#include "server/debug/register_names.h"
 #include "server/debug/stop_reasons.h"
 #include "server/debug/virtual/reporting.h"
 

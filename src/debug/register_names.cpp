@@ -1,8 +1,8 @@
-#include "server/debug/register_names.h"
+#include "debug/register_names.h"
 
 #include <array>
 
-namespace qv::server {
+namespace qv {
 namespace {
 
 // Named one by one where a group's indices are not a plain count: the general registers in the
@@ -66,6 +66,7 @@ std::optional<uint32_t> RegisterIdByName(std::string_view name) {
   for (const Counted& counted : kCounted) {
     if (name.substr(0, counted.prefix.size()) != counted.prefix) continue;
     const std::string_view digits = name.substr(counted.prefix.size());
+    // "ymm01" is not a name: one way to write each index.
     if (digits.empty() || digits.size() > 2 || (digits.size() == 2 && digits[0] == '0')) break;
     uint32_t index = 0;
     for (char c : digits) {
@@ -90,4 +91,20 @@ std::string RegisterNameOf(uint32_t id) {
   return {};
 }
 
-}  // namespace qv::server
+unsigned RegisterWidthBits(uint32_t id) {
+  const uint32_t group = id & 0xFFFF0000u;
+  if (group == kFpAccumulatorRegisters) return 80;
+  if (group == kYmmRegisters) return 256;
+  return 64;
+}
+
+std::vector<uint32_t> GeneralRegisterIds() {
+  std::vector<uint32_t> ids;
+  for (uint32_t index = 0; index < 16; ++index)
+    ids.push_back(kGeneralRegisters + index);
+  ids.push_back(kGeneralRegisters + 0x12);  // rip
+  ids.push_back(kGeneralRegisters + 0x15);  // rflags
+  return ids;
+}
+
+}  // namespace qv
