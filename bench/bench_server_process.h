@@ -29,6 +29,8 @@ class BenchServer {
   bool Stop();
   // Copies its output to stderr (after a failure).
   void PrintOutput() const;
+  // Its process id while it runs, else 0.
+  int Pid() const { return process_ != nullptr ? process_->Id() : 0; }
 
  private:
   std::filesystem::path root_;

@@ -1,9 +1,11 @@
 #include "server/core/client_session.h"
 
 #include <exception>
+#include <utility>
 
 #include "platform/wide_string.h"
 #include "server/core/server_log.h"
+#include "serverlink/frame.h"
 #include "serverlink/handshake.h"
 
 namespace qv::server {
@@ -17,11 +19,12 @@ std::string ClientTag(uint64_t id) {
 
 ClientSession::ClientSession(uint64_t id, std::u16string private_pipe_name,
                              std::unique_ptr<platform::Pipe> well_known, TargetRegistry& registry,
-                             const RequestDispatcher& dispatcher)
+                             const RequestDispatcher& dispatcher, FrameBudget& budget)
     : id_(id),
       private_pipe_name_(std::move(private_pipe_name)),
       registry_(registry),
-      dispatcher_(dispatcher) {
+      dispatcher_(dispatcher),
+      budget_(budget) {
   well_known_.Adopt(std::move(well_known));
 }
 
@@ -62,7 +65,9 @@ void ClientSession::Post(SharedBody body) {
   {
     std::lock_guard lock(queue_mutex_);
     if (closing_) return;
-    if (queued_bytes_ + body->BodySize() > kMaxQueuedBytes) {
+    // Beside its other traffic, a client's queue holds one answer of the largest size a frame
+    // may have (a large memory read).
+    if (queued_bytes_ + body->BodySize() > kMaxQueuedBytes + kMaxFrameBodyBytes) {
       overflow = true;
     } else {
       queued_bytes_ += body->BodySize();
@@ -134,31 +139,32 @@ void ClientSession::Serve() {
   } catch (const std::exception&) {
     writer_started = false;
   }
-  std::vector<uint8_t> body;
+  // A large body is taken apart as it arrives, its large byte field going from the pipe straight
+  // into the request; the budget bounds how many such bodies all clients have in at once.
+  channel_.ReadLargeBodiesInPart();
+  size_t admitted = 0;
+  channel_.AdmitLargeBodiesThrough([this, &admitted](size_t bytes) {
+    if (!budget_.Acquire(bytes, [this] { return channel_.Stopped(); })) return false;
+    admitted = bytes;
+    return true;
+  });
   while (writer_started) {
     const PipeChannel::ReadStatus status = channel_.ReadFrame();
+    std::shared_ptr<void> held = budget_.HoldUntilDropped(std::exchange(admitted, 0));
     if (status == PipeChannel::ReadStatus::kBadFrame) {
       ServerLog(kLogRefusals, ClientTag(id_) + " sent a frame that cannot be delimited; closing");
       break;
     }
     if (status != PipeChannel::ReadStatus::kFrame) break;
-    const MessageBuffer& input = channel_.Input();
-    bool keep_going = true;
-    if (dispatcher_.MayWait(input.Data(), input.Size())) {
-      std::vector<uint8_t> copy;
-      try {
-        copy.assign(input.Data(), input.Data() + input.Size());
-      } catch (const std::exception&) {
-        copy.clear();
-      }
-      channel_.ReleaseRead();
-      // A copy that could not be made ends the session: there is no memory to answer with.
-      keep_going = !copy.empty() && AnswerOnWorker(std::move(copy));
-    } else {
-      keep_going = Answer(input.Data(), input.Size());
-      channel_.ReleaseRead();
+    std::optional<RequestDispatcher::Call> call =
+        dispatcher_.Decode(id_, process_id_, channel_.Input());
+    channel_.ReleaseRead();
+    if (!call.has_value()) {
+      ServerLog(kLogRefusals, ClientTag(id_) + " sent a request without a header; closing");
+      break;
     }
-    if (!keep_going) break;
+    call->held = std::move(held);
+    if (!(call->may_wait ? AnswerOnWorker(std::move(*call)) : Answer(*call))) break;
   }
   // Nothing is posted to this session once the registry has let it go; the changes this client
   // started end with it, so its workers finish promptly.
@@ -170,10 +176,11 @@ void ClientSession::Serve() {
   ServerLog(kLogClients, ClientTag(id_) + " disconnected");
 }
 
-bool ClientSession::Answer(const uint8_t* body, size_t size) {
-  auto answer = dispatcher_.Dispatch(id_, process_id_, body, size, /*gather=*/true);
+bool ClientSession::Answer(RequestDispatcher::Call& call) {
+  auto answer = dispatcher_.Run(call, /*gather=*/true);
+  call = {};  // the request's bytes and its budget go before the answer waits in the queue
   if (!answer.has_value()) {
-    ServerLog(kLogRefusals, ClientTag(id_) + " sent a request without a header; closing");
+    ServerLog(kLogErrors, ClientTag(id_) + ": no memory to answer with; closing");
     return false;
   }
   try {
@@ -184,19 +191,24 @@ bool ClientSession::Answer(const uint8_t* body, size_t size) {
   }
 }
 
-bool ClientSession::AnswerOnWorker(std::vector<uint8_t> body) {
+bool ClientSession::AnswerOnWorker(RequestDispatcher::Call call) {
   try {
-    auto request = std::make_shared<const std::vector<uint8_t>>(std::move(body));
-    if (workers_.Run([this, request] {
-          if (!Answer(request->data(), request->size())) Stop();
+    auto shared = std::make_shared<RequestDispatcher::Call>(std::move(call));
+    if (workers_.Run([this, shared] {
+          if (!Answer(*shared)) Stop();
         })) {
       return true;
     }
     // Without a thread the request is still answered, only in line.
-    return Answer(request->data(), request->size());
+    return Answer(*shared);
   } catch (const std::exception&) {
     return false;
   }
+}
+
+bool ClientSession::FrameOverdue(std::chrono::steady_clock::time_point now,
+                                 std::chrono::steady_clock::duration limit) const {
+  return channel_.FrameArrivingFor(now) > limit;
 }
 
 void ClientSession::WriteLoop() {

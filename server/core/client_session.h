@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "platform/pipe.h"
+#include "server/core/frame_budget.h"
 #include "server/core/request_dispatcher.h"
 #include "server/core/worker_pool.h"
 #include "server/targets/target_registry.h"
@@ -35,14 +36,15 @@ namespace qv::server {
 
 // How long a client has from its connect request to opening its private pipe.
 inline constexpr std::chrono::milliseconds kHandshakeTimeLimit{10000};
-// The most bytes queued for one client before it counts as not reading.
+// The most bytes queued for one client, beside one answer of the largest frame size, before it
+// counts as not reading.
 inline constexpr size_t kMaxQueuedBytes = 64u << 20;
 
 class ClientSession final : public ClientSink {
  public:
   ClientSession(uint64_t id, std::u16string private_pipe_name,
                 std::unique_ptr<platform::Pipe> well_known, TargetRegistry& registry,
-                const RequestDispatcher& dispatcher);
+                const RequestDispatcher& dispatcher, FrameBudget& budget);
   ~ClientSession() override;
   ClientSession(const ClientSession&) = delete;
   ClientSession& operator=(const ClientSession&) = delete;
@@ -54,8 +56,13 @@ class ClientSession final : public ClientSink {
   // Joins the session's threads; the session is finished afterwards.
   void Join();
   bool Finished() const { return finished_.load(); }
+  uint64_t Id() const { return id_; }
   // True while the handshake has taken longer than it may.
   bool HandshakeOverdue(std::chrono::steady_clock::time_point now) const;
+  // True while a frame has been arriving for longer than `limit` since its header came: a client
+  // that stalls mid-frame holds its reader and its share of the frame budget.
+  bool FrameOverdue(std::chrono::steady_clock::time_point now,
+                    std::chrono::steady_clock::duration limit) const;
 
   void Post(SharedBody body) override;
 
@@ -65,14 +72,15 @@ class ClientSession final : public ClientSink {
   void Serve();
   void WriteLoop();
   // Answers one request and queues the answer; false when the session must end.
-  bool Answer(const uint8_t* body, size_t size);
+  bool Answer(RequestDispatcher::Call& call);
   // Answers the request on a worker thread; false when none can be had.
-  bool AnswerOnWorker(std::vector<uint8_t> body);
+  bool AnswerOnWorker(RequestDispatcher::Call call);
 
   const uint64_t id_;
   const std::u16string private_pipe_name_;
   TargetRegistry& registry_;
   const RequestDispatcher& dispatcher_;
+  FrameBudget& budget_;
   const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
   uint32_t process_id_ = 0;
 

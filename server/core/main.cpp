@@ -59,7 +59,7 @@ int Main(const std::vector<std::string>& args) {
     std::fprintf(stderr, "vesta-kx: cannot handle termination signals\n");
     return Server::kExitError;
   }
-  Server server(scenario);
+  Server server(scenario, options.frame_timeout);
   if (const int code = server.Start(qv::platform::Utf8ToUtf16(options.user), error);
       code != Server::kExitOk) {
     std::fprintf(stderr, "vesta-kx: %s\n", error.c_str());

@@ -1,5 +1,8 @@
 #include "server/core/options.h"
 
+#include <cstdint>
+#include <cstdlib>
+
 namespace qv::server {
 
 bool ParseOptions(const std::vector<std::string>& args, Options& options, std::string& error) {
@@ -39,6 +42,17 @@ bool ParseOptions(const std::vector<std::string>& args, Options& options, std::s
         return false;
       }
       options.log_level = level[0] - '0';
+    } else if (arg == "--frame-timeout") {
+      std::string text;
+      if (!value(text)) return false;
+      char* end = nullptr;
+      const double seconds = std::strtod(text.c_str(), &end);
+      if (text.empty() || *end != '\0' || !(seconds > 0) || seconds > 86400) {
+        error = "--frame-timeout takes a number of seconds above 0, not '" + text + "'";
+        return false;
+      }
+      options.frame_timeout = std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000 + 0.5));
+      if (options.frame_timeout.count() == 0) options.frame_timeout = std::chrono::milliseconds(1);
     } else if (arg == "--forward") {
       std::string text;
       if (!value(text)) return false;
@@ -56,7 +70,7 @@ bool ParseOptions(const std::vector<std::string>& args, Options& options, std::s
 std::string UsageText() {
   return "usage: vesta-kx [--scenario FILE] [--forward N=ADDRESS]... [--log-level N] [--user "
          "NAME]\n"
-         "                [--version] [--help]\n"
+         "                [--frame-timeout S] [--version] [--help]\n"
          "\n"
          "The per-user server that tools reach through the vekxapi library. It serves virtual\n"
          "development kits described by a scenario file, or by its built-in scenario.\n"
@@ -69,6 +83,9 @@ std::string UsageText() {
          "                   2 refused input, 3 clients, 4 every request\n"
          "  --user NAME      serve the pipes of NAME instead of this account's (servers side by\n"
          "                   side, as tests run them; clients must ask for NAME too)\n"
+         "  --frame-timeout S\n"
+         "                   a client whose request frame has not arrived S seconds after its\n"
+         "                   header is disconnected (default 30; fractions allowed)\n"
          "  --version        print the server's version and exit\n"
          "  --help           print this text and exit\n"
          "\n"

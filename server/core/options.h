@@ -1,6 +1,7 @@
 #pragma once
 // The command line of vesta-kx.
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,8 @@ struct Options {
   std::string user;           // empty: the account this process runs as
   int log_level = 1;
   std::vector<ProtocolEndpoint> forwards;  // --forward N=ADDRESS, for the local target
+  // --frame-timeout S: how long a frame may take to arrive once its header has.
+  std::chrono::milliseconds frame_timeout{30000};
   bool show_version = false;
   bool show_help = false;
 };

@@ -33,11 +33,68 @@ std::optional<MessageBuffer> Encode(uint32_t type_number, const CResponse& respo
 
 }  // namespace
 
-bool RequestDispatcher::MayWait(const uint8_t* body, size_t size) const {
-  uint32_t type_number = 0;
-  if (size < sizeof type_number) return false;
-  std::memcpy(&type_number, body, sizeof type_number);
-  return waiting_.count(type_number) != 0;
+std::optional<RequestDispatcher::Call> RequestDispatcher::Decode(uint64_t client_id,
+                                                                 uint32_t process_id,
+                                                                 MessageBuffer& in) const noexcept {
+  try {
+    Call call;
+    call.context = {client_id, process_id, 0, 0};
+    if (!in.Valid() || !ReadField(in, call.type_number) || !ReadField(in, call.context.target) ||
+        !ReadField(in, call.context.sequence)) {
+      return std::nullopt;
+    }
+    call.request = RequestFactory().Create(call.type_number);
+    call.response = ResponseFactory().Create(call.type_number);
+    auto refuse = [&](eErrorCode code, std::u16string text) {
+      call.answer = Refusal(call, static_cast<uint32_t>(code), std::move(text));
+      return std::move(call);
+    };
+    if (call.request == nullptr || call.response == nullptr) {
+      return refuse(KXAPI_SERVER_INVALID_REQUEST,
+                    u"unknown operation type number " + Hex(call.type_number));
+    }
+    const std::u16string name(call.request->GetName());
+    if (!call.request->Deserialize(in)) {
+      return refuse(KXAPI_SERVER_INVALID_REQUEST,
+                    name + u": the request's fields are truncated or malformed");
+    }
+    if (in.Available() != 0) {
+      return refuse(KXAPI_SERVER_INVALID_REQUEST,
+                    name + u": " + platform::Utf8ToUtf16(std::to_string(in.Available())) +
+                        u" bytes follow the request's fields");
+    }
+    const auto handler = handlers_.find(call.type_number);
+    if (handler == handlers_.end()) {
+      return refuse(KXAPI_SERVER_NOT_IMPLEMENTED, name + u" is not implemented by this server");
+    }
+    call.handler = &handler->second;
+    call.may_wait = waiting_.count(call.type_number) != 0;
+    return call;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+std::optional<MessageBuffer> RequestDispatcher::Run(Call& call, bool gather) const noexcept {
+  try {
+    if (call.answer.has_value() || call.handler == nullptr) return std::move(call.answer);
+    const std::u16string name(call.request->GetName());
+    Status status;
+    try {
+      status = (*call.handler)(call.context, *call.request, *call.response);
+    } catch (const std::exception& error) {
+      return Refusal(call, KXAPI_SERVER_EXCEPTION,
+                     name + u" failed inside the server: " + platform::Utf8ToUtf16(error.what()));
+    }
+    if (!status.ok()) return Refusal(call, status.code, std::move(status.text));
+    call.response->Sequence = call.context.sequence;
+    if (observer) observer(call.context, call.request.get(), *call.response);
+    if (auto encoded = Encode(call.type_number, *call.response, gather)) return encoded;
+    return Refusal(call, KXAPI_SERVER_EXCEPTION, name + u": the response could not be encoded");
+  } catch (const std::exception&) {
+    // Out of memory while building an answer: there is nothing better to send.
+    return std::nullopt;
+  }
 }
 
 std::optional<MessageBuffer> RequestDispatcher::Dispatch(uint64_t client_id, uint32_t process_id,
@@ -45,63 +102,23 @@ std::optional<MessageBuffer> RequestDispatcher::Dispatch(uint64_t client_id, uin
                                                          bool gather) const noexcept {
   try {
     MessageBuffer in(body, size);
-    RequestContext context{client_id, process_id, 0, 0};
-    uint32_t type_number = 0;
-    if (!in.Valid() || !ReadField(in, type_number) || !ReadField(in, context.target) ||
-        !ReadField(in, context.sequence)) {
-      return std::nullopt;
-    }
-    std::shared_ptr<CRequest> request = RequestFactory().Create(type_number);
-    std::shared_ptr<CResponse> response = ResponseFactory().Create(type_number);
-    // The head alone for every failure before a handler ran.
-    CResponse failure;
-    failure.Sequence = context.sequence;
-    auto fail = [&](eErrorCode code, std::u16string text) {
-      failure.Result = static_cast<uint32_t>(code);
-      failure.ResultText = std::move(text);
-      if (observer) observer(context, request.get(), failure);
-      return Encode(type_number, failure);
-    };
-
-    if (request == nullptr || response == nullptr) {
-      return fail(KXAPI_SERVER_INVALID_REQUEST,
-                  u"unknown operation type number " + Hex(type_number));
-    }
-    const std::u16string name(request->GetName());
-    if (!request->Deserialize(in)) {
-      return fail(KXAPI_SERVER_INVALID_REQUEST,
-                  name + u": the request's fields are truncated or malformed");
-    }
-    if (in.Size() != 0) {
-      return fail(KXAPI_SERVER_INVALID_REQUEST,
-                  name + u": " + platform::Utf8ToUtf16(std::to_string(in.Size())) +
-                      u" bytes follow the request's fields");
-    }
-    const auto handler = handlers_.find(type_number);
-    if (handler == handlers_.end()) {
-      return fail(KXAPI_SERVER_NOT_IMPLEMENTED, name + u" is not implemented by this server");
-    }
-    Status status;
-    try {
-      status = handler->second(context, *request, *response);
-    } catch (const std::exception& error) {
-      return fail(KXAPI_SERVER_EXCEPTION,
-                  name + u" failed inside the server: " + platform::Utf8ToUtf16(error.what()));
-    }
-    if (!status.ok()) {
-      failure.Result = status.code;
-      failure.ResultText = std::move(status.text);
-      if (observer) observer(context, request.get(), failure);
-      return Encode(type_number, failure);
-    }
-    response->Sequence = context.sequence;
-    if (observer) observer(context, request.get(), *response);
-    if (auto encoded = Encode(type_number, *response, gather)) return encoded;
-    return fail(KXAPI_SERVER_EXCEPTION, name + u": the response could not be encoded");
+    std::optional<Call> call = Decode(client_id, process_id, in);
+    if (!call) return std::nullopt;
+    return Run(*call, gather);
   } catch (const std::exception&) {
-    // Out of memory while building an answer: there is nothing better to send.
     return std::nullopt;
   }
+}
+
+std::optional<MessageBuffer> RequestDispatcher::Refusal(const Call& call, uint32_t code,
+                                                        std::u16string text) const {
+  // The head alone: every response class shares it, so it can be written for any type number.
+  CResponse failure;
+  failure.Sequence = call.context.sequence;
+  failure.Result = code;
+  failure.ResultText = std::move(text);
+  if (observer) observer(call.context, call.request.get(), failure);
+  return Encode(call.type_number, failure);
 }
 
 }  // namespace qv::server

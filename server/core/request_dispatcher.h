@@ -53,13 +53,31 @@ class RequestDispatcher {
     };
   }
   bool IsRegistered(uint32_t type_number) const { return handlers_.count(type_number) != 0; }
-  // Whether the request in `body` goes to a kMayWait handler.
-  bool MayWait(const uint8_t* body, size_t size) const;
 
-  // The response body (kind word, type number, response) for one request body; nullopt when
-  // the body is too short to hold a request header. With `gather`, the answer refers to its
-  // large byte fields where they lie instead of copying them (MessageBuffer::References), for a
-  // caller that writes it with PipeChannel::WriteFrame. Never throws.
+  // One request taken apart and ready for its handler; or, refused before any handler ran,
+  // already answered.
+  struct Call {
+    RequestContext context;
+    uint32_t type_number = 0;
+    std::shared_ptr<CRequest> request;
+    std::shared_ptr<CResponse> response;
+    const Handler* handler = nullptr;
+    bool may_wait = false;                // its handler is kMayWait
+    std::optional<MessageBuffer> answer;  // the refusal, when it has one
+    std::shared_ptr<void> held;           // kept until the call ends (its owner's use)
+  };
+
+  // Takes the request in `body` apart where it lies: a large byte field comes straight from the
+  // body's Source into the request. nullopt when the body is too short to hold a request header
+  // (or memory ran out). Never throws.
+  std::optional<Call> Decode(uint64_t client_id, uint32_t process_id,
+                             MessageBuffer& body) const noexcept;
+  // The response body (kind word, type number, response) for a decoded call: its handler's
+  // answer, or its refusal. With `gather`, the answer refers to its large byte fields where they
+  // lie instead of copying them (MessageBuffer::References), for a caller that writes it with
+  // PipeChannel::WriteFrame. nullopt only when memory ran out. Never throws.
+  std::optional<MessageBuffer> Run(Call& call, bool gather = false) const noexcept;
+  // Decode, then Run.
   std::optional<MessageBuffer> Dispatch(uint64_t client_id, uint32_t process_id,
                                         const uint8_t* body, size_t size,
                                         bool gather = false) const noexcept;
@@ -68,6 +86,9 @@ class RequestDispatcher {
   std::function<void(const RequestContext&, const CRequest*, const CResponse&)> observer;
 
  private:
+  // The answer that carries only the response head with `code` and `text`.
+  std::optional<MessageBuffer> Refusal(const Call& call, uint32_t code, std::u16string text) const;
+
   std::unordered_map<uint32_t, Handler> handlers_;
   std::unordered_set<uint32_t> waiting_;
 };

@@ -22,11 +22,12 @@ std::u16string Hex(uint64_t value) {
 
 }  // namespace
 
-Server::Server(const Scenario& scenario)
+Server::Server(const Scenario& scenario, std::chrono::milliseconds frame_timeout)
     : registry_(scenario,
                 [this](uint64_t client_id, const CNotification& notification) {
                   packet_log_.RecordNotification(client_id, notification);
                 }),
+      frame_timeout_(frame_timeout),
       pipe_names_(std::random_device{}()) {
   RegisterHandlers(dispatcher_, registry_, packet_log_);
   RegisterRootHandlers(dispatcher_, registry_, switches_);
@@ -102,8 +103,8 @@ void Server::Run(const platform::StopSignal& stop) {
     const std::u16string pipe_name =
         prefix + platform::Utf8ToUtf16(std::to_string(id)) + u"_" + Hex(pipe_names_());
     try {
-      auto session =
-          std::make_unique<ClientSession>(id, pipe_name, std::move(pipe), registry_, dispatcher_);
+      auto session = std::make_unique<ClientSession>(id, pipe_name, std::move(pipe), registry_,
+                                                     dispatcher_, frame_budget_);
       if (session->Start()) sessions_.push_back(std::move(session));
     } catch (const std::exception&) {
       ServerLog(kLogErrors, "no memory for a new client");
@@ -127,6 +128,11 @@ void Server::Janitor() {
     for (auto it = sessions_.begin(); it != sessions_.end();) {
       ClientSession& session = **it;
       if (session.HandshakeOverdue(now)) session.Stop();
+      if (session.FrameOverdue(now, frame_timeout_)) {
+        ServerLog(kLogRefusals, "client " + std::to_string(session.Id()) +
+                                    " stalled in the middle of a frame; closing");
+        session.Stop();
+      }
       if (session.Finished()) {
         session.Join();
         it = sessions_.erase(it);

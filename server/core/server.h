@@ -3,6 +3,7 @@
 // readiness sign, so that "ready" always means "accepting". Run accepts clients until the stop
 // signal is set, then ends every session and takes everything back in reverse order.
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <list>
@@ -15,12 +16,14 @@
 #include "platform/pipe.h"
 #include "platform/server_process.h"
 #include "server/core/client_session.h"
+#include "server/core/frame_budget.h"
 #include "server/core/packet_log.h"
 #include "server/core/request_dispatcher.h"
 #include "server/handlers/network_manager.h"
 #include "server/handlers/root_handlers.h"
 #include "server/kits/scenario.h"
 #include "server/targets/target_registry.h"
+#include "serverlink/frame.h"
 
 namespace qv::server {
 
@@ -29,7 +32,9 @@ class Server {
   // Process exit codes.
   enum ExitCode : int { kExitOk = 0, kExitError = 1, kExitUsage = 2, kExitAlreadyRunning = 3 };
 
-  explicit Server(const Scenario& scenario);
+  // `frame_timeout`: how long a client's frame may take to arrive once its header has.
+  explicit Server(const Scenario& scenario,
+                  std::chrono::milliseconds frame_timeout = std::chrono::seconds(30));
   ~Server();
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
@@ -49,6 +54,9 @@ class Server {
   ServerSwitches switches_;
   NetworkManager network_manager_;
   RequestDispatcher dispatcher_;
+  const std::chrono::milliseconds frame_timeout_;
+  // Large request bodies in at once, across clients: two of the largest frames.
+  FrameBudget frame_budget_{2 * size_t{kMaxFrameBodyBytes}};
   std::u16string user_;
   std::string runtime_dir_;
   std::unique_ptr<platform::InstanceLock> instance_lock_;

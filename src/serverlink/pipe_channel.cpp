@@ -16,6 +16,9 @@ namespace qv {
 namespace {
 
 constexpr size_t kStagingBytes = 64 * 1024;
+// An input buffer grown past this by a large frame is let go once the frame has been read, so
+// that an idle connection does not keep the memory of its largest frame.
+constexpr size_t kKeptInputBytes = 1 << 20;
 
 std::string WithError(const char* text, uint32_t error) {
   return std::string(text) + std::to_string(error);
@@ -174,6 +177,7 @@ bool PipeChannel::BodyRest::Skip() {
 PipeChannel::ReadStatus PipeChannel::ReadFrame() {
   if (!read_lock_.Lock()) return ReadStatus::kStopped;
   auto fail = [this](ReadStatus status) {
+    frame_since_ = 0;
     read_lock_.Unlock();
     return status;
   };
@@ -190,6 +194,10 @@ PipeChannel::ReadStatus PipeChannel::ReadFrame() {
       if (ParseFrameHeader(header, body_length) != FrameHeaderCheck::kOk) {
         return fail(ReadStatus::kBadFrame);
       }
+      if (gate_ && body_length >= kPartBodyFrom && !gate_(body_length)) {
+        return fail(ReadStatus::kStopped);
+      }
+      frame_since_ = std::chrono::steady_clock::now().time_since_epoch().count();
       result = ReadBody(body_length);
     }
   }
@@ -211,7 +219,16 @@ void PipeChannel::ReleaseRead() {
   if (!rest_.Skip()) lost_ = rest_.result();
   rest_.Start(0);
   input_.SetSource(nullptr);
+  if (input_.Capacity() > kKeptInputBytes) input_ = MessageBuffer();
+  frame_since_ = 0;
   read_lock_.Unlock();
+}
+
+std::chrono::steady_clock::duration PipeChannel::FrameArrivingFor(
+    std::chrono::steady_clock::time_point now) const {
+  const std::chrono::steady_clock::rep since = frame_since_;
+  if (since == 0) return {};
+  return now.time_since_epoch() - std::chrono::steady_clock::duration(since);
 }
 
 void PipeChannel::Stop() {

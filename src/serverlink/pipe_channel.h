@@ -9,7 +9,10 @@
 // owner closes the pipe, once, after the reader has finished (a descriptor number is reused at
 // once on POSIX).
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -56,6 +59,13 @@ class PipeChannel {
   void ReadLargeBodiesInPart() { in_part_ = true; }
   static constexpr size_t kPartBodyFrom = 16 * 1024;
   static constexpr size_t kPartBodyHead = 4096;
+  // Asked, with the body's length, before a body of kPartBodyFrom bytes or more is read; the
+  // read waits for its answer, and false ends it (kStopped). Set before the reader starts.
+  void AdmitLargeBodiesThrough(std::function<bool(size_t)> gate) { gate_ = std::move(gate); }
+  // How long the frame being read has been arriving since its header came (and was admitted),
+  // up to its ReleaseRead; zero between frames. Any thread may ask.
+  std::chrono::steady_clock::duration FrameArrivingFor(
+      std::chrono::steady_clock::time_point now) const;
 
   // Takes the read lock and reads one frame into the input buffer (whole, or in part, see
   // above); on kFrame the caller holds the read lock until ReleaseRead. A bad reserved word or a
@@ -112,7 +122,10 @@ class PipeChannel {
   std::vector<uint8_t> staging_;
   size_t staged_begin_ = 0;
   size_t staged_end_ = 0;
-  bool in_part_ = false;  // set before the reader starts
+  bool in_part_ = false;              // set before the reader starts
+  std::function<bool(size_t)> gate_;  // set before the reader starts
+  // When the frame being read had its header (steady clock ticks); 0 between frames.
+  std::atomic<std::chrono::steady_clock::rep> frame_since_{0};
   BodyRest rest_{*this};  // guarded by read_lock_
   // A body's rest could not be read: the frames after it cannot be found; guarded by read_lock_.
   platform::IoResult lost_ = platform::IoResult::kOk;

@@ -215,8 +215,12 @@ struct WireCodec<std::vector<T>> {
     // four billion in a short body fails at once.
     if (uint64_t{count} * MinWireSize<T>() > buffer.Available()) return false;
     if constexpr (kIsPlainWireType<T> && sizeof(T) == 1) {
-      // Bytes (memory, files) are copied once, without first zeroing what they will fill.
-      if (!buffer.Ensure(count)) return false;
+      // Bytes (memory, files) are copied once: from the buffer without first zeroing what they
+      // will fill, or, when the body's rest is still in the pipe, from there straight into place.
+      if (count > buffer.Size()) {
+        values.resize(count);
+        return buffer.Read(values.data(), count);
+      }
       const auto* first = reinterpret_cast<const T*>(buffer.Data());
       values.assign(first, first + count);
       return buffer.Skip(count);

@@ -344,6 +344,7 @@ class ServerTest : public ::testing::Test {
       args.push_back("--scenario");
       args.push_back(WriteScenario(kQuickScenario));
     }
+    args.insert(args.end(), extra_args_.begin(), extra_args_.end());
     server_ = std::make_unique<ServerProcess>(user_, args);
     ASSERT_TRUE(server_->Started());
     ASSERT_TRUE(server_->WaitReady()) << server_->Output();
@@ -359,6 +360,7 @@ class ServerTest : public ::testing::Test {
   }
 
   const std::u16string user_;
+  std::vector<std::string> extra_args_;  // more of vesta-kx's options, set before SetUp
   std::unique_ptr<ServerProcess> server_;
 };
 

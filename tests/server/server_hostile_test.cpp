@@ -14,6 +14,8 @@ namespace {
 // On the quick scenario.
 class HostileTest : public ServerTest {
  protected:
+  HostileTest() { extra_args_ = {"--frame-timeout", "0.3"}; }
+
   // The well-behaved client still gets its answers.
   void ExpectServerServes() {
     const auto version = good_.Call<CGetServerVersionResponse>(kNone, CGetServerVersionRequest{});
@@ -81,6 +83,18 @@ TEST_F(HostileTest, RequestsThatCannotBeDecodedAreAnsweredAndTheConnectionStays)
   EXPECT_EQ(head.Sequence, 999u);
 }
 
+// A SET_MEMORY of 1 MiB whose data stops after 8 KiB: it stalls while being taken apart.
+std::vector<uint8_t> StalledLargeBody() {
+  const uint32_t body = 1 << 20;
+  std::vector<uint8_t> bytes = testing::HandBytes()
+                                   .U32(0, body, CSetMemoryRequest::kTypeNumber, 1, 1, 1)
+                                   .U64(0x1000)
+                                   .U32(body - 28)
+                                   .bytes();
+  bytes.resize(bytes.size() + 8192);
+  return bytes;
+}
+
 TEST_F(HostileTest, FramesThatCannotBeDelimitedCloseThatConnectionOnly) {
   struct Case {
     const char* what;
@@ -90,6 +104,9 @@ TEST_F(HostileTest, FramesThatCannotBeDelimitedCloseThatConnectionOnly) {
       {"bad reserved word", Words(1, 12, 0, 0)},
       {"body beyond the limit", Words(0, kMaxFrameBodyBytes + 1, 0, 0)},
       {"frame without a request header", Words(0, 4, 0, 0, 7)},
+      // Bodies that stop arriving: a small one, and a large one taken apart as it comes.
+      {"body that stalls", Words(0, 100, 0, 0, 0)},
+      {"large body that stalls", StalledLargeBody()},
   };
   for (const Case& c : cases) {
     RawClient raw{user_};
