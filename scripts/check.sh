@@ -45,8 +45,8 @@ step "the Python package (sanitized module and library, unsanitized interpreter)
 # library (the tests keep it from the server, which carries its own). Leaks are not checked: the
 # interpreter leaves its own allocations to the end of the process.
 asan_runtime=$(clang++ -print-file-name=libclang_rt.asan-x86_64.so)
-PYTHONPATH="$out/asan/python" LD_PRELOAD="$asan_runtime" ASAN_OPTIONS=detect_leaks=0 \
-  /usr/bin/python3 -m pytest -q -p no:cacheprovider "$root/tests/python"
+PYTHONPATH="$out/asan/python" PYTHONDONTWRITEBYTECODE=1 LD_PRELOAD="$asan_runtime" \
+  ASAN_OPTIONS=detect_leaks=0 /usr/bin/python3 -m pytest -q -p no:cacheprovider "$root/tests/python"
 
 step "the benchmarks, once briefly (sanitized: this shows they run, not how fast)"
 # bench_gdb_bridge is left out: its fixed gdb sessions take minutes, and the gdb tests drive the
