@@ -193,7 +193,9 @@ PYBIND11_MODULE(_native, m) {
       .def("load", &Target::Load, py::arg("path"), py::arg("args") = std::vector<std::string>(),
            py::arg("stop_at_entry") = false, py::arg("cwd") = "")
       .def_property_readonly("processes", &Target::Processes)
-      .def("__eq__", [](const Target& a, const Target& b) { return a.handle() == b.handle(); })
+      .def(
+          "__eq__", [](const Target& a, const Target& b) { return a.handle() == b.handle(); },
+          py::is_operator())
       .def("__hash__", [](const Target& t) { return t.handle(); })
       .def("__repr__", [](const Target& t) {
         return "<Target " + std::to_string(t.handle()) + " " + t.host() + ">";
