@@ -42,9 +42,8 @@ Api::Api() {
 
 Api::~Api() {
   if (!api_) return;
-  py::gil_scoped_release released;
   // A failure no longer matters: the object is going.
-  api_->Dispose();
+  WithoutGil([this] { return api_->Dispose(); });
 }
 
 IVEKXAPI12& Api::Root() {

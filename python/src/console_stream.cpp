@@ -210,11 +210,8 @@ ConsolePiece ConsoleStream::Next() {
   for (;;) {
     const double slice = Now() + 0.2;
     const bool last = deadline_ && *deadline_ <= slice;
-    std::optional<ConsolePiece> piece;
-    {
-      py::gil_scoped_release released;
-      piece = live_->Take(last ? *deadline_ : slice);
-    }
+    std::optional<ConsolePiece> piece =
+        WithoutGil([&] { return live_->Take(last ? *deadline_ : slice); });
     if (piece) return std::move(*piece);
     if (last || live_->Stopped()) throw py::stop_iteration();
     if (PyErr_CheckSignals() != 0) throw py::error_already_set();
@@ -227,9 +224,8 @@ void ConsoleStream::Close() {
   cached_.clear();
   if (!live_) return;
   live_->Stop();
-  py::gil_scoped_release released;
   // A failure no longer matters: the stream has ended.
-  target_->UnadviseConsoleOutputEvents(live_.Get());
+  WithoutGil([this] { return target_->UnadviseConsoleOutputEvents(live_.Get()); });
 }
 
 }  // namespace vekx_python

@@ -224,31 +224,28 @@ std::optional<Stop> Process::Resume(bool wait, double timeout) {
     sink = static_cast<IEventDebug*>(watch.Get());
     Unlocked([&] { return target_->AdviseDebugEvents(sink); });
   }
-  std::optional<Stop> outcome;
-  HRESULT resumed;
-  {
-    py::gil_scoped_release released;
+  const HRESULT resumed = WithoutGil([&] {
     vekx::Variant failed;
-    resumed = process_->Resume(vekx::Variant().Get(), failed.Put());
-    if (SUCCEEDED(resumed) && watch) {
-      // In slices, so that Ctrl+C is seen.
-      const auto deadline =
-          std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout);
-      while (!outcome && std::chrono::steady_clock::now() < deadline) {
-        outcome = watch->Wait(std::min(
-            0.2,
-            std::chrono::duration<double>(deadline - std::chrono::steady_clock::now()).count()));
-        if (outcome) break;
-        py::gil_scoped_acquire gil;
-        if (PyErr_CheckSignals() != 0) break;
+    return process_->Resume(vekx::Variant().Get(), failed.Put());
+  });
+  std::optional<Stop> outcome;
+  bool interrupted = false;
+  if (SUCCEEDED(resumed) && watch) {
+    // In slices, so that Ctrl+C is seen.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout);
+    while (!outcome && std::chrono::steady_clock::now() < deadline) {
+      const double left =
+          std::chrono::duration<double>(deadline - std::chrono::steady_clock::now()).count();
+      outcome = WithoutGil([&] { return watch->Wait(std::min(0.2, left)); });
+      if (!outcome && PyErr_CheckSignals() != 0) {
+        interrupted = true;
+        break;
       }
     }
   }
-  if (watch) {
-    py::gil_scoped_release released;
-    target_->UnadviseDebugEvents(sink);
-  }
-  if (PyErr_Occurred() != nullptr) throw py::error_already_set();
+  // A failure no longer matters: the wait has ended.
+  if (watch) WithoutGil([&] { return target_->UnadviseDebugEvents(sink); });
+  if (interrupted) throw py::error_already_set();
   Check(resumed);
   if (wait && !outcome) {
     char seconds[32];

@@ -5,6 +5,7 @@
 #include <pybind11/pybind11.h>
 
 #include <string>
+#include <type_traits>
 
 #include "vekxapi/automation.h"
 
@@ -28,16 +29,38 @@ inline void Check(HRESULT code) {
   if (FAILED(code)) Raise(code, std::string());
 }
 
+// Runs `call` with the GIL released and takes the GIL back. Not a scoped object on purpose: a
+// daemon thread that takes the GIL back while the interpreter ends is ended by Python with a
+// forced unwind, which aborts the process when it starts in a destructor.
+template <class Call>
+auto WithoutGil(Call&& call) -> decltype(call()) {
+  PyThreadState* state = PyEval_SaveThread();
+  if constexpr (std::is_void_v<decltype(call())>) {
+    try {
+      call();
+    } catch (...) {
+      PyEval_RestoreThread(state);
+      throw;
+    }
+    PyEval_RestoreThread(state);
+  } else {
+    decltype(call()) result{};
+    try {
+      result = call();
+    } catch (...) {
+      PyEval_RestoreThread(state);
+      throw;
+    }
+    PyEval_RestoreThread(state);
+    return result;
+  }
+}
+
 // Runs `call` (one call into the library) with the GIL released, so that other Python threads
 // run while it waits on the server, and checks its result.
 template <class Call>
 void Unlocked(Call&& call) {
-  HRESULT code;
-  {
-    pybind11::gil_scoped_release released;
-    code = call();
-  }
-  Check(code);
+  Check(WithoutGil(call));
 }
 
 }  // namespace vekx_python

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -76,7 +78,20 @@ class CallbackSink
 
   // No callback starts after this.
   void Stop() {
+    std::lock_guard lock(mutex_);
     stopped_ = true;
+  }
+  // Waits up to `limit` until no callback of this sink runs but one on this very thread (a
+  // callback that closes its own subscription). Call it without the GIL: a callback may be
+  // waiting for it.
+  void WaitIdle(std::chrono::milliseconds limit) {
+    std::unique_lock lock(mutex_);
+    const auto idle = [this] { return running_ == (t_delivering == this ? 1 : 0); };
+    if (limit == std::chrono::milliseconds::max()) {
+      idle_.wait(lock, idle);
+    } else {
+      idle_.wait_for(lock, limit, idle);
+    }
   }
   // Drops the Python objects once no callback can be running. Needs the GIL.
   void Forget() {
@@ -85,17 +100,35 @@ class CallbackSink
   }
 
  private:
+  // The sink whose callback this thread runs, if any.
+  static thread_local const CallbackSink* t_delivering;
+
   template <class Event>
   HRESULT Deliver(const char* group, const char* name, Event* event) noexcept {
     if (event == nullptr) return E_POINTER;
-    if (stopped_ || g_exiting || !Py_IsInitialized()) return S_OK;
+    {
+      std::lock_guard lock(mutex_);
+      if (stopped_) return S_OK;
+      ++running_;
+    }
+    const CallbackSink* outer = std::exchange(t_delivering, this);
+    const HRESULT result = g_exiting || !Py_IsInitialized() ? S_OK : Call(group, name, *event);
+    t_delivering = outer;
+    std::lock_guard lock(mutex_);
+    --running_;
+    idle_.notify_all();
+    return result;
+  }
+
+  template <class Event>
+  HRESULT Call(const char* group, const char* name, Event& event) noexcept {
     py::gil_scoped_acquire gil;
-    if (callback_ == nullptr || stopped_) return S_OK;
+    if (callback_ == nullptr) return S_OK;
     try {
       py::object target = target_ ? py::object(py::int_(*target_)) : py::object(py::none());
       const py::handle make{event_class_};
       const py::handle call{callback_};
-      call(make(PythonGroup(group), name, target, PropertiesOf(*event)));
+      call(make(PythonGroup(group), name, target, PropertiesOf(event)));
     } catch (py::error_already_set& failure) {
       // Told, never lost and never fatal: sys.unraisablehook reports it.
       failure.discard_as_unraisable(py::reinterpret_borrow<py::object>(callback_));
@@ -108,8 +141,13 @@ class CallbackSink
   PyObject* callback_;     // owned; read and cleared under the GIL only
   PyObject* event_class_;  // owned; likewise
   const std::optional<ULONG> target_;
-  std::atomic<bool> stopped_{false};
+  std::mutex mutex_;  // guards stopped_ and running_
+  std::condition_variable idle_;
+  bool stopped_ = false;
+  int running_ = 0;  // callbacks under way
 };
+
+thread_local const CallbackSink* CallbackSink::t_delivering = nullptr;
 
 namespace {
 
@@ -212,6 +250,10 @@ void Subscription::Add(vekx::ComPtr<CallbackSink> sink, std::function<HRESULT()>
 }
 
 void Subscription::Close() {
+  CloseWaiting(std::chrono::milliseconds::max());
+}
+
+void Subscription::CloseWaiting(std::chrono::milliseconds wait) {
   {
     std::lock_guard lock(g_open_mutex);
     g_open.erase(this);
@@ -220,12 +262,14 @@ void Subscription::Close() {
     sink->Stop();
   std::vector<std::function<HRESULT()>> undo;
   undo.swap(undo_);
-  {
-    py::gil_scoped_release released;
+  WithoutGil([&] {
     // A failure no longer matters: no callback starts after Stop.
     for (const auto& step : undo)
       step();
-  }
+    // A callback under way holds the callable, and must end before Python does.
+    for (const auto& sink : sinks_)
+      sink->WaitIdle(wait);
+  });
   for (const auto& sink : sinks_)
     sink->Forget();
   sinks_.clear();
@@ -238,8 +282,9 @@ void Subscription::CloseAll() {
     std::lock_guard lock(g_open_mutex);
     open.swap(g_open);
   }
+  // A callback that does not end within this is left to Python's own ending.
   for (Subscription* each : open)
-    each->Close();
+    each->CloseWaiting(std::chrono::seconds(10));
 }
 
 }  // namespace vekx_python

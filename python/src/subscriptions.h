@@ -4,12 +4,13 @@
 // taken. A callback that raises is reported through sys.unraisablehook and the next event is
 // delivered as usual.
 //
-// Closing unsubscribes with the GIL released: an unsubscribe waits for a callback in progress,
-// which may be waiting for the GIL. At interpreter exit every open subscription is closed before
-// Python goes away, and from then on no sink touches Python.
+// Closing unsubscribes and waits for the callbacks under way with the GIL released, since they
+// may be waiting for it. At interpreter exit every open subscription is closed before Python
+// goes away, and from then on no sink touches Python.
 
 #include <pybind11/pybind11.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -31,7 +32,8 @@ class Subscription {
   Subscription(const Subscription&) = delete;
   Subscription& operator=(const Subscription&) = delete;
 
-  // Unsubscribes; once closed no further callback starts. Needs the GIL; closing twice is fine.
+  // Unsubscribes and waits for the callbacks under way (but one on this thread); once closed no
+  // callback runs. Needs the GIL; closing twice is fine.
   void Close();
   bool closed() const { return undo_.empty(); }
 
@@ -39,6 +41,7 @@ class Subscription {
   static void CloseAll();
 
  private:
+  void CloseWaiting(std::chrono::milliseconds wait);
   void Add(vekx::ComPtr<CallbackSink> sink, std::function<HRESULT()> undo);
 
   std::vector<vekx::ComPtr<CallbackSink>> sinks_;

@@ -157,12 +157,17 @@ EXIT_SCRIPTS = {
     "console follow": "s = api.target('localhost').console(follow=True)",
     "callback running": "s = api.subscribe(lambda event: time.sleep(0.2), groups=['target'])\n"
                         "api.target('devkit-alpha').reboot()",
+    "call waiting in a daemon thread": "threading.Thread(target=api.target('devkit-alpha').reboot,"
+                                       " daemon=True).start()\ntime.sleep(0.1)",
+    "console read in a daemon thread": "c = api.target('localhost').console(follow=True)\n"
+                                       "threading.Thread(target=list, args=(c,), daemon=True)"
+                                       ".start()\ntime.sleep(0.3)",
 }
 
 
 @pytest.mark.parametrize("script", EXIT_SCRIPTS.values(), ids=EXIT_SCRIPTS.keys())
 def test_the_interpreter_exits_with_a_subscription_open(script):
-    program = ("import os, time\nos.environ.pop('LD_PRELOAD', None)\nimport vekxapi\n"
+    program = ("import os, threading, time\nos.environ.pop('LD_PRELOAD', None)\nimport vekxapi\n"
                f"api = vekxapi.connect()\n{script}\nprint('end')\n")
     env = dict(os.environ, **({"LD_PRELOAD": PRELOAD} if PRELOAD else {}))
     ended = subprocess.run([sys.executable, "-c", program], env=env, capture_output=True,
