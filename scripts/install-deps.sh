@@ -10,6 +10,7 @@ packages=(
   libcli11-dev nlohmann-json3-dev pkg-config
   mingw-w64 wine wine64 wine64-tools
   gdb gdbserver lldb python3-lldb-14  # the real debuggers the GDB bridge is tested with
+  python3-dev pybind11-dev python3-pytest python3-setuptools python3-wheel  # the Python package
 )
 
 missing=()

@@ -1,0 +1,290 @@
+#include "subscriptions.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string_view>
+
+#include "errors.h"
+#include "event_objects.h"
+#include "values.h"
+#include "vekxapi/event_sink.h"
+
+namespace vekx_python {
+
+namespace py = pybind11;
+
+namespace {
+
+// Set once at interpreter exit: from then on sinks return at once rather than wait for a GIL
+// that a finalizing interpreter no longer hands out.
+std::atomic<bool> g_exiting{false};
+
+// The open subscriptions, for CloseAll. Guarded by g_open_mutex.
+std::mutex g_open_mutex;
+std::set<Subscription*> g_open;
+
+// The groups by the names Python uses, with the library's own.
+struct GroupName {
+  const char* name;
+  const char* library_name;
+};
+constexpr GroupName kGroupNames[] = {
+    {"server", "Server"},
+    {"target", "Target"},
+    {"console", "ConsoleOutput"},
+    {"debug", "Debug"},
+    {"cache-update", "CacheUpdate"},
+    {"controller", "Controller"},
+    {"low-freq-file-copy", "LowFreqFileCopy"},
+    {"high-freq-file-copy", "HighFreqFileCopy"},
+    {"trickle", "Trickle"},
+    {"process-lock", "ProcessLock"},
+    {"viewer", "Viewer"},
+};
+
+const char* PythonGroup(std::string_view library_name) {
+  for (const GroupName& group : kGroupNames) {
+    if (library_name == group.library_name) return group.name;
+  }
+  return "other";
+}
+
+}  // namespace
+
+// Hands every event of every group to one Python callable.
+class CallbackSink
+    : public vekx::EventSink<IEventServer7, IEventTarget9, IEventConsoleOutput, IEventDebug4,
+                             IEventCacheUpdate, IEventController2, IEventLowFreqFileCopy,
+                             IEventHighFreqFileCopy, IEventTrickle2, IEventProcessLock,
+                             IEventViewer, IEventGenericProtocol> {
+ public:
+  // Needs the GIL.
+  CallbackSink(py::object callback, std::optional<ULONG> target)
+      : callback_(callback.release().ptr()),
+        event_class_(
+            py::object(py::module_::import("vekxapi._events").attr("Event")).release().ptr()),
+        target_(target) {}
+
+#define VEKX_SINK_METHOD(Interface, Method, EventName)                    \
+  HRESULT STDMETHODCALLTYPE Method(I##EventName##Event* event) override { \
+    return Deliver(vekx::kSinkGroup<Interface>, #EventName, event);       \
+  }
+#include "vekxapi/event_sinks.def"
+
+  // No callback starts after this.
+  void Stop() {
+    std::lock_guard lock(mutex_);
+    stopped_ = true;
+  }
+  // Waits up to `limit` until no callback of this sink runs but one on this very thread (a
+  // callback that closes its own subscription). Call it without the GIL: a callback may be
+  // waiting for it.
+  void WaitIdle(std::chrono::milliseconds limit) {
+    std::unique_lock lock(mutex_);
+    const auto idle = [this] { return running_ == (t_delivering == this ? 1 : 0); };
+    if (limit == std::chrono::milliseconds::max()) {
+      idle_.wait(lock, idle);
+    } else {
+      idle_.wait_for(lock, limit, idle);
+    }
+  }
+  // Drops the Python objects once no callback can be running. Needs the GIL.
+  void Forget() {
+    Py_CLEAR(callback_);
+    Py_CLEAR(event_class_);
+  }
+
+ private:
+  // The sink whose callback this thread runs, if any.
+  static thread_local const CallbackSink* t_delivering;
+
+  template <class Event>
+  HRESULT Deliver(const char* group, const char* name, Event* event) noexcept {
+    if (event == nullptr) return E_POINTER;
+    {
+      std::lock_guard lock(mutex_);
+      if (stopped_) return S_OK;
+      ++running_;
+    }
+    const CallbackSink* outer = std::exchange(t_delivering, this);
+    const HRESULT result = g_exiting || !Py_IsInitialized() ? S_OK : Call(group, name, *event);
+    t_delivering = outer;
+    std::lock_guard lock(mutex_);
+    --running_;
+    idle_.notify_all();
+    return result;
+  }
+
+  template <class Event>
+  HRESULT Call(const char* group, const char* name, Event& event) noexcept {
+    py::gil_scoped_acquire gil;
+    if (callback_ == nullptr) return S_OK;
+    try {
+      py::object target = target_ ? py::object(py::int_(*target_)) : py::object(py::none());
+      const py::handle make{event_class_};
+      const py::handle call{callback_};
+      call(make(PythonGroup(group), name, target, PropertiesOf(event)));
+    } catch (py::error_already_set& failure) {
+      // Told, never lost and never fatal: sys.unraisablehook reports it.
+      failure.discard_as_unraisable(py::reinterpret_borrow<py::object>(callback_));
+    } catch (...) {
+      return E_FAIL;
+    }
+    return S_OK;
+  }
+
+  PyObject* callback_;     // owned; read and cleared under the GIL only
+  PyObject* event_class_;  // owned; likewise
+  const std::optional<ULONG> target_;
+  std::mutex mutex_;  // guards stopped_ and running_
+  std::condition_variable idle_;
+  bool stopped_ = false;
+  int running_ = 0;  // callbacks under way
+};
+
+thread_local const CallbackSink* CallbackSink::t_delivering = nullptr;
+
+namespace {
+
+// Asks the target generation that has it to (un)subscribe the sink to one group.
+template <class Generation, class SinkInterface>
+HRESULT Subscribe(ITarget& target, REFIID generation,
+                  HRESULT (STDMETHODCALLTYPE Generation::*method)(SinkInterface*),
+                  CallbackSink& sink) {
+  vekx::ComPtr<Generation> later;
+  if (HRESULT hr = target.QueryInterface(generation, reinterpret_cast<void**>(later.Put()));
+      FAILED(hr)) {
+    return hr;
+  }
+  return (later.Get()->*method)(static_cast<SinkInterface*>(&sink));
+}
+
+struct TargetGroup {
+  const char* name;
+  HRESULT (*subscribe)(ITarget& target, CallbackSink& sink, bool advise);
+};
+
+#define VEKX_TARGET_GROUP(name, Generation, Sink, Stem)                                            \
+  TargetGroup {                                                                                    \
+    name, [](ITarget& target, CallbackSink& sink, bool advise) {                                   \
+      return Subscribe<Generation, Sink>(                                                          \
+          target, IID_##Generation,                                                                \
+          advise ? &Generation::Advise##Stem##Events : &Generation::Unadvise##Stem##Events, sink); \
+    }                                                                                              \
+  }
+const TargetGroup kTargetGroups[] = {
+    VEKX_TARGET_GROUP("target", ITarget, IEventTarget, Target),
+    VEKX_TARGET_GROUP("console", ITarget, IEventConsoleOutput, ConsoleOutput),
+    VEKX_TARGET_GROUP("debug", ITarget, IEventDebug, Debug),
+    VEKX_TARGET_GROUP("cache-update", ITarget, IEventCacheUpdate, CacheUpdate),
+    VEKX_TARGET_GROUP("controller", ITarget, IEventController, Controller),
+    VEKX_TARGET_GROUP("low-freq-file-copy", ITarget29, IEventLowFreqFileCopy, LowFreqFileCopy),
+    VEKX_TARGET_GROUP("high-freq-file-copy", ITarget29, IEventHighFreqFileCopy, HighFreqFileCopy),
+    VEKX_TARGET_GROUP("trickle", ITarget9, IEventTrickle, Trickle),
+    VEKX_TARGET_GROUP("process-lock", ITarget11, IEventProcessLock, ProcessLock),
+    VEKX_TARGET_GROUP("viewer", ITarget6, IEventViewer, EventViewer),
+};
+#undef VEKX_TARGET_GROUP
+
+}  // namespace
+
+std::vector<std::string> GroupNames() {
+  std::vector<std::string> names;
+  for (const GroupName& group : kGroupNames)
+    names.emplace_back(group.name);
+  return names;
+}
+
+Subscription::Subscription(IVEKXAPI12& api, const std::vector<vekx::ComPtr<ITarget>>& targets,
+                           const std::vector<std::string>& groups, py::object callback)
+    : api_(&api) {
+  if (!PyCallable_Check(callback.ptr()))
+    Raise(Kind::kInvalidArgument, E_INVALIDARG, "the callback must be callable");
+  const std::vector<std::string> known = GroupNames();
+  for (const std::string& group : groups) {
+    if (std::find(known.begin(), known.end(), group) == known.end())
+      Raise(Kind::kInvalidArgument, E_INVALIDARG, "no event group '" + group + "'");
+  }
+  auto want = [&groups](std::string_view group) {
+    return groups.empty() || std::find(groups.begin(), groups.end(), group) != groups.end();
+  };
+  {
+    std::lock_guard lock(g_open_mutex);
+    g_open.insert(this);
+  }
+  try {
+    if (want("server")) {
+      auto sink = vekx::MakeSink<CallbackSink>(callback, std::nullopt);
+      IEventServer* server_sink = static_cast<IEventServer*>(sink.Get());
+      Unlocked([&] { return api.AdviseServerEvents(server_sink); });
+      Add(sink, [api = api_, server_sink] { return api->UnadviseServerEvents(server_sink); });
+    }
+    for (const vekx::ComPtr<ITarget>& target : targets) {
+      const ULONG handle = Get(*target.Get(), &ITarget::get_Handle);
+      auto sink = vekx::MakeSink<CallbackSink>(callback, handle);
+      for (const TargetGroup& group : kTargetGroups) {
+        if (!want(group.name)) continue;
+        Unlocked([&] { return group.subscribe(*target.Get(), *sink.Get(), true); });
+        Add(sink,
+            [target, sink, &group] { return group.subscribe(*target.Get(), *sink.Get(), false); });
+      }
+    }
+  } catch (...) {
+    Close();
+    throw;
+  }
+}
+
+Subscription::~Subscription() {
+  Close();
+}
+
+void Subscription::Add(vekx::ComPtr<CallbackSink> sink, std::function<HRESULT()> undo) {
+  if (sinks_.empty() || sinks_.back().Get() != sink.Get()) sinks_.push_back(sink);
+  undo_.push_back(std::move(undo));
+}
+
+void Subscription::Close() {
+  CloseWaiting(std::chrono::milliseconds::max());
+}
+
+void Subscription::CloseWaiting(std::chrono::milliseconds wait) {
+  {
+    std::lock_guard lock(g_open_mutex);
+    g_open.erase(this);
+  }
+  for (const auto& sink : sinks_)
+    sink->Stop();
+  std::vector<std::function<HRESULT()>> undo;
+  undo.swap(undo_);
+  WithoutGil([&] {
+    // A failure no longer matters: no callback starts after Stop.
+    for (const auto& step : undo)
+      step();
+    // A callback under way holds the callable, and must end before Python does.
+    for (const auto& sink : sinks_)
+      sink->WaitIdle(wait);
+  });
+  for (const auto& sink : sinks_)
+    sink->Forget();
+  sinks_.clear();
+}
+
+void Subscription::CloseAll() {
+  g_exiting = true;
+  std::set<Subscription*> open;
+  {
+    std::lock_guard lock(g_open_mutex);
+    open.swap(g_open);
+  }
+  // A callback that does not end within this is left to Python's own ending.
+  for (Subscription* each : open)
+    each->CloseWaiting(std::chrono::seconds(10));
+}
+
+}  // namespace vekx_python
