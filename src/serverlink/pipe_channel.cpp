@@ -238,7 +238,12 @@ void PipeChannel::Stop() {
 }
 
 void PipeChannel::Close() {
+  // A writer on another thread may be in the middle of a frame: stopped, it lets go of the pipe
+  // soon, and the pipe goes once it has.
+  Stop();
+  write_lock_.LockEvenIfStopped();
   pipe_.reset();
+  write_lock_.Unlock();
 }
 
 }  // namespace qv

@@ -78,7 +78,8 @@ class PipeChannel {
   // Ends every wait of the channel until the next Open.
   void Stop();
   bool Stopped() const { return stop_.IsSet(); }
-  // Closes the pipe. Only the owner calls it, once nothing reads or writes any more.
+  // Stops the channel and closes the pipe, once a writer still under way has let go of it. Only
+  // the owner calls it, once nothing reads any more.
   void Close();
   // The system error of the pipe's last failed operation (0 without a pipe), for log lines.
   uint32_t LastSystemError() const { return pipe_ != nullptr ? pipe_->LastSystemError() : 0; }
