@@ -1,12 +1,15 @@
 #include "debug_objects.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <string_view>
 
+#include "debug/register_names.h"
 #include "errors.h"
 #include "values.h"
 #include "vekxapi/event_sink.h"
@@ -18,23 +21,9 @@ namespace py = pybind11;
 
 namespace {
 
-// The registers a thread gives by name: the general ones, rflags and fsbase.
-struct NamedRegister {
-  std::string_view name;
-  eRegisters id;
-};
-constexpr NamedRegister kRegisters[] = {
-    {"rax", REG_ID_RAX}, {"rcx", REG_ID_RCX},       {"rdx", REG_ID_RDX},       {"rbx", REG_ID_RBX},
-    {"rsp", REG_ID_RSP}, {"rbp", REG_ID_RBP},       {"rsi", REG_ID_RSI},       {"rdi", REG_ID_RDI},
-    {"r8", REG_ID_R8},   {"r9", REG_ID_R9},         {"r10", REG_ID_R10},       {"r11", REG_ID_R11},
-    {"r12", REG_ID_R12}, {"r13", REG_ID_R13},       {"r14", REG_ID_R14},       {"r15", REG_ID_R15},
-    {"rip", REG_ID_RIP}, {"rflags", REG_ID_RFLAGS}, {"fsbase", REG_ID_FSBASE},
-};
-
+// The id of a register name of the server's table (debug/register_names.h).
 std::uint32_t RegisterId(const std::string& name) {
-  for (const NamedRegister& each : kRegisters) {
-    if (each.name == name) return static_cast<std::uint32_t>(each.id);
-  }
+  if (std::optional<std::uint32_t> id = qv::RegisterIdByName(name)) return *id;
   Raise(Kind::kInvalidArgument, E_INVALIDARG, "no register '" + name + "'");
 }
 
@@ -90,27 +79,39 @@ Stop ReadStop(IStopNotification& notification) {
   return stop;
 }
 
-std::uint64_t Thread::Register(const std::string& name) {
+py::int_ Thread::Register(const std::string& name) {
   const vekx::Variant ids = I32Array({RegisterId(name)});
   vekx::Variant values;
   Unlocked([&] { return thread_->GetRegisters(ids.Get(), values.Put()); });
   const std::vector<std::uint64_t> words = WordsOf(values.Get());
-  // Four words per register, lowest first; the general registers use the first.
   if (words.empty()) Raise(Kind::kError, E_UNEXPECTED, "the target answered no value for " + name);
-  return words.front();
+  // Four words per register, lowest first: st and ymm registers use more than the first, and
+  // come back as one integer.
+  const size_t used = (qv::RegisterWidthBits(RegisterId(name)) + 63) / 64;
+  py::int_ value(0);
+  for (size_t i = std::min(used, words.size()); i-- > 0;)
+    value = py::int_((value << py::int_(64)) | py::int_(words[i]));
+  return value;
 }
 
-void Thread::SetRegister(const std::string& name, std::uint64_t value) {
-  const vekx::Variant ids = I32Array({RegisterId(name)});
-  const vekx::Variant words = U64Array({value, 0, 0, 0});
-  Unlocked([&] { return thread_->SetRegisters(ids.Get(), words.Get()); });
+void Thread::SetRegister(const std::string& name, const py::int_& value) {
+  const std::uint32_t id = RegisterId(name);
+  const unsigned width = qv::RegisterWidthBits(id);
+  if (value < py::int_(0) || value >= (py::int_(1) << py::int_(width))) {
+    Raise(Kind::kInvalidArgument, E_INVALIDARG,
+          name + " takes a value from 0 below 2**" + std::to_string(width));
+  }
+  std::vector<std::uint64_t> words;
+  const py::int_ mask((py::int_(1) << py::int_(64)) - py::int_(1));
+  for (unsigned i = 0; i < 4; ++i)
+    words.push_back(py::int_((value >> py::int_(64 * i)) & mask).cast<std::uint64_t>());
+  const vekx::Variant ids = I32Array({id});
+  const vekx::Variant array = U64Array(words);
+  Unlocked([&] { return thread_->SetRegisters(ids.Get(), array.Get()); });
 }
 
 std::vector<std::string> Thread::RegisterNames() {
-  std::vector<std::string> names;
-  for (const NamedRegister& each : kRegisters)
-    names.emplace_back(each.name);
-  return names;
+  return qv::AllRegisterNames();
 }
 
 py::bytes Process::Read(std::uint64_t address, std::uint32_t count) {

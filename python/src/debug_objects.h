@@ -34,8 +34,9 @@ class Thread {
   std::uint32_t tid() const { return tid_; }
   // A register by name ("rip", "rax", "ymm0" is not among them: the general registers, rflags
   // and fsbase); InvalidArgument for another name.
-  std::uint64_t Register(const std::string& name);
-  void SetRegister(const std::string& name, std::uint64_t value);
+  // Any register of the server's table (st and ymm ones as one integer of 80 or 256 bits).
+  pybind11::int_ Register(const std::string& name);
+  void SetRegister(const std::string& name, const pybind11::int_& value);
   static std::vector<std::string> RegisterNames();
 
  private:

@@ -80,8 +80,8 @@ class Memory {
 class Registers {
  public:
   explicit Registers(Thread thread) : thread_(std::move(thread)) {}
-  std::uint64_t Read(const std::string& name) { return thread_.Register(name); }
-  void Write(const std::string& name, std::uint64_t value) { thread_.SetRegister(name, value); }
+  py::int_ Read(const std::string& name) { return thread_.Register(name); }
+  void Write(const std::string& name, const py::int_& value) { thread_.SetRegister(name, value); }
 
  private:
   Thread thread_;
@@ -143,7 +143,9 @@ PYBIND11_MODULE(_native, m) {
       .def("__enter__", [](Subscription& s) -> Subscription& { return s; })
       .def("__exit__", [](Subscription& s, const py::args&) { s.Close(); });
 
-  py::class_<Registers>(m, "Registers", "A thread's registers by name: rax ... r15, rip, rflags.")
+  py::class_<Registers>(m, "Registers",
+                        "A thread's registers by name: rax ... r15, rip, rflags, fsbase, the FP "
+                        "environment, st0 ... st7, ymm0 ... ymm15, dr0 ... dr15.")
       .def("__getitem__", &Registers::Read)
       .def("__setitem__", &Registers::Write)
       .def("keys", [](const Registers&) { return Thread::RegisterNames(); });

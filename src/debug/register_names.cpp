@@ -98,6 +98,18 @@ unsigned RegisterWidthBits(uint32_t id) {
   return 64;
 }
 
+std::vector<std::string> AllRegisterNames() {
+  std::vector<std::string> names;
+  for (const Named& named : kNamed) {
+    if (named.name != "fs_base") names.emplace_back(named.name);
+  }
+  for (const Counted& counted : kCounted) {
+    for (uint32_t index = 0; index < counted.count; ++index)
+      names.push_back(std::string(counted.prefix) + std::to_string(index));
+  }
+  return names;
+}
+
 std::vector<uint32_t> GeneralRegisterIds() {
   std::vector<uint32_t> ids;
   for (uint32_t index = 0; index < 16; ++index)

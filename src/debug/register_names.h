@@ -30,5 +30,7 @@ std::string RegisterNameOf(uint32_t id);
 unsigned RegisterWidthBits(uint32_t id);
 // What a debugger shows when asked for no register by name: rax ... r15, rip and rflags.
 std::vector<uint32_t> GeneralRegisterIds();
+// Every register's name, one spelling each, in the order of their ids.
+std::vector<std::string> AllRegisterNames();
 
 }  // namespace qv

@@ -192,6 +192,12 @@ def test_a_process_stops_at_a_breakpoint_with_its_memory_and_registers(process, 
     assert (stop.kind, stop.pid, stop.rip) == ("stop", process.pid, tick)
     (thread,) = [t for t in process.threads if t.tid == stop.tid]
     assert thread.registers["rip"] == tick
+    # A wide register is one integer: the upper half of a YMM register survives the round trip
+    # (zero without AVX, which keeps only the lower half).
+    wide = (3 << 192) | (2 << 128) | (1 << 64) | 0x1122334455667788
+    thread.registers["ymm3"] = wide
+    assert thread.registers["ymm3"] in (wide, wide & ((1 << 128) - 1))
+    assert {"ymm15", "st7", "dr7", "mxcsr"} <= set(thread.registers.keys())
 
 
 DEBUG_ERRORS = {
@@ -201,6 +207,8 @@ DEBUG_ERRORS = {
                               vekxapi.InvalidArgument, 0x80070057),
     "unknown register": (lambda p: p.threads[0].registers["xmm99"], vekxapi.InvalidArgument,
                          0x80070057),
+    "value wider than the register": (lambda p: p.threads[0].registers.__setitem__("rax", 1 << 64),
+                                      vekxapi.InvalidArgument, 0x80070057),
 }
 
 
