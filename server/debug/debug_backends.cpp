@@ -1,6 +1,6 @@
 #include "server/debug/debug_backends.h"
 
-#include "server/debug/virtual/reporting.h"
+#include "server/debug/reporting.h"
 #include "server/debug/virtual/virtual_debug_backend.h"
 #include "serverlink/frame.h"
 #ifdef __linux__

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <utility>
 
-#include "server/debug/virtual/reporting.h"
+#include "server/debug/reporting.h"
 #include "serverlink/frame.h"
 
 namespace qv::server {

@@ -9,8 +9,8 @@
 #include "platform/wide_string.h"
 #include "server/debug/debug_backend.h"
 #include "server/debug/record_codes.h"
+#include "server/debug/reporting.h"
 #include "server/debug/stop_reasons.h"
-#include "server/debug/virtual/reporting.h"
 #include "server/debug/xsave_layout.h"
 
 namespace qv::server {

@@ -6,7 +6,7 @@
 #include <limits>
 
 #include "platform/wide_string.h"
-#include "server/debug/virtual/reporting.h"
+#include "server/debug/reporting.h"
 
 namespace qv::server {
 namespace {

@@ -16,7 +16,7 @@
 #include <system_error>
 
 #include "platform/wide_string.h"
-#include "server/debug/virtual/reporting.h"
+#include "server/debug/reporting.h"
 
 namespace qv::server {
 namespace {

@@ -1,6 +1,6 @@
 #include "server/debug/local/hardware_slots.h"
 
-#include "server/debug/virtual/reporting.h"
+#include "server/debug/reporting.h"
 
 namespace qv::server {
 namespace {

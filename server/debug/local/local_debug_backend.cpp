@@ -9,8 +9,8 @@
 #include "server/debug/local/proc_files.h"
 #include "server/debug/local/process_info.h"
 #include "server/debug/local/process_modules.h"
+#include "server/debug/reporting.h"
 #include "server/debug/virtual/core_dump.h"
-#include "server/debug/virtual/reporting.h"
 #include "serverlink/frame.h"
 
 namespace qv::server {

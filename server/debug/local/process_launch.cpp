@@ -13,7 +13,7 @@
 
 #include "platform/wide_string.h"
 #include "server/debug/local/tracer_thread.h"
-#include "server/debug/virtual/reporting.h"
+#include "server/debug/reporting.h"
 
 extern char** environ;
 

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "platform/wide_string.h"
-#include "server/debug/virtual/reporting.h"
+#include "server/debug/reporting.h"
 
 namespace qv::server {
 namespace {

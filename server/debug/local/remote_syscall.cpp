@@ -10,7 +10,7 @@
 
 #include "platform/wide_string.h"
 #include "server/debug/local/tracer_thread.h"
-#include "server/debug/virtual/reporting.h"
+#include "server/debug/reporting.h"
 
 namespace qv::server {
 namespace {

@@ -13,7 +13,7 @@
 
 #include "debug/register_names.h"
 #include "platform/wide_string.h"
-#include "server/debug/virtual/reporting.h"
+#include "server/debug/reporting.h"
 #include "server/debug/xsave_layout.h"
 
 namespace qv::server {

@@ -21,8 +21,8 @@
 #include "server/debug/local/process_modules.h"
 #include "server/debug/local/remote_syscall.h"
 #include "server/debug/local/thread_registers.h"
+#include "server/debug/reporting.h"
 #include "server/debug/stop_reasons.h"
-#include "server/debug/virtual/reporting.h"
 
 namespace qv::server {
 namespace {
@@ -35,13 +35,13 @@ constexpr auto kConsoleDrainWait = std::chrono::milliseconds(500);
 // debugger's own stops, SIGSTOP for a suspension, none for the rest.
 int CoreSignal(uint32_t stop_code) {
   switch (stop_code) {
-    case 5:    // STOP_REASON_SIGTRAP: a step
-    case 131:  // STOP_REASON_SIGSWBRKPT
-    case 132:  // STOP_REASON_DL_STOP_INIT
-    case 134:  // STOP_REASON_SIGHWBRKPT
+    case kStopTrap:  // a step
+    case kStopSoftwareBreakpoint:
+    case kStopEntry:
+    case kStopHardwareBreakpoint:
       return SIGTRAP;
-    case 129:  // STOP_REASON_SIGSUSPEND_PROCESS
-    case 130:  // STOP_REASON_SIGSUSPEND_THREAD
+    case kStopSuspendProcess:
+    case kStopSuspendThread:
       return SIGSTOP;
     default:
       return 0;

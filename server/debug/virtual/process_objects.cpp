@@ -5,7 +5,7 @@
 #include <variant>
 
 #include "platform/wide_string.h"
-#include "server/debug/virtual/reporting.h"
+#include "server/debug/reporting.h"
 #include "server/kits/thread_fields.h"
 
 namespace qv::server {

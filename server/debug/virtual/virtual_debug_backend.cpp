@@ -7,9 +7,9 @@
 #include "platform/wide_string.h"
 #include "requests/notifications.h"
 #include "server/core/server_log.h"
+#include "server/debug/reporting.h"
 #include "server/debug/stop_reasons.h"
 #include "server/debug/virtual/core_dump.h"
-#include "server/debug/virtual/reporting.h"
 #include "serverlink/frame.h"
 
 namespace qv::server {

@@ -9,8 +9,8 @@
 #include "requests/notifications.h"
 #include "server/debug/debug_backend.h"
 #include "server/debug/record_codes.h"
+#include "server/debug/reporting.h"
 #include "server/debug/stop_reasons.h"
-#include "server/debug/virtual/reporting.h"
 
 namespace qv::server {
 namespace {

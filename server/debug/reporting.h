@@ -1,5 +1,5 @@
 #pragma once
-// What virtual processes put into their answers and notifications: numbers in error texts, and
+// What every debug backend puts into its answers and notifications: numbers in error texts, and
 // the timestamps of notifications (the server's steady clock, in nanoseconds).
 
 #include <chrono>
