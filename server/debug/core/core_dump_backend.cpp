@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "server/debug/memory_reads.h"
 #include "server/debug/reporting.h"
 #include "serverlink/frame.h"
 
@@ -109,42 +110,21 @@ Status CoreDumpBackend::GetMemory(const DebugCall&, CGetMemoryRequest& request,
                                   CGetMemoryResponse& response) {
   std::shared_ptr<const LoadedCore> loaded;
   if (Status status = Process(request.ProcessID, loaded); !status.ok()) return status;
-  if (Status status = CheckReadSize(request.Size); !status.ok()) return status;
-  Bytes data;
-  loaded->Read(request.BaseAddress, request.Size, data, response.BadBytes);
-  response.ReadData = BulkBytes(std::move(data));
-  return Status::Ok();
+  return ReadMemory(*loaded, request, response);
 }
 
 Status CoreDumpBackend::GetLargeMemory(const DebugCall&, CGetLargeMemoryRequest& request,
                                        CGetLargeMemoryResponse& response) {
   std::shared_ptr<const LoadedCore> loaded;
   if (Status status = Process(request.ProcessID, loaded); !status.ok()) return status;
-  if (Status status = CheckLargeRead(request.Size, request.Compression); !status.ok()) {
-    return status;
-  }
-  uint32_t bad = 0;
-  Bytes data;
-  loaded->Read(request.BaseAddress, request.Size, data, bad);
-  response.ReadData = BulkBytes(std::move(data));
-  return Status::Ok();
+  return ReadLargeMemory(*loaded, request, response);
 }
 
 Status CoreDumpBackend::GetScatteredMemory(const DebugCall&, CGetScatteredMemoryRequest& request,
                                            CGetScatteredMemoryResponse& response) {
   std::shared_ptr<const LoadedCore> loaded;
   if (Status status = Process(request.ProcessID, loaded); !status.ok()) return status;
-  uint64_t total = 0;
-  for (const ScatteredReadRegion& region : request.Regions)
-    total += region.Length;
-  if (Status status = CheckReadSize(total); !status.ok()) return status;
-  for (const ScatteredReadRegion& region : request.Regions) {
-    ScatteredDataElement& element = response.Data.emplace_back();
-    element.BaseAddress = region.Address;
-    uint32_t bad = 0;
-    loaded->Read(region.Address, region.Length, element.Data, bad);
-  }
-  return Status::Ok();
+  return ReadScatteredMemory(*loaded, request, response);
 }
 
 Status CoreDumpBackend::GetRegisters(const DebugCall&, CGetRegistersRequest& request,

@@ -4,6 +4,7 @@
 // ELF header in the process's memory), the memory map and the registers.
 
 #include <cstdint>
+#include <utility>
 
 #include "requests/debug_records.h"
 #include "requests/wire_types.h"
@@ -21,6 +22,12 @@ struct LoadedCore {
 
   void Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad) const {
     ReadCoreMemory(core, *bytes, *files, address, size, data, bad);
+  }
+  // The same for an answer.
+  void Read(uint64_t address, uint32_t size, BulkBytes& data, uint32_t& bad) const {
+    Bytes read;
+    Read(address, size, read, bad);
+    data = BulkBytes(std::move(read));
   }
 };
 

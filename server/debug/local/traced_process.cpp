@@ -858,6 +858,12 @@ void TracedProcess::Read(uint64_t address, uint32_t size, Bytes& data, uint32_t&
   memory_->Read(address, size, data, bad);
 }
 
+void TracedProcess::Read(uint64_t address, uint32_t size, BulkBytes& data, uint32_t& bad) {
+  Bytes bytes;
+  Read(address, size, bytes, bad);
+  data = BulkBytes(std::move(bytes));
+}
+
 Status TracedProcess::Write(uint64_t address, const Bytes& data) {
   return OnTracer([&] {
     Bytes bytes = data;
@@ -922,7 +928,7 @@ Status TracedProcess::WriteCore(const std::string& path, bool full,
   return status;
 }
 
-Status TracedProcess::CancelCore() {
+Status TracedProcess::CancelDump() {
   if (!dumping_) {
     return Status::Fail(KXAPI_COMMS_ERR_NO_ENTRY,
                         u"no core dump of process " + Number(pid_) + u" is in progress");

@@ -83,6 +83,8 @@ class TracedProcess {
 
   // Reads need no tracer: from any thread. Memory reads show the int3 of a software breakpoint.
   void Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad);
+  // The same for an answer.
+  void Read(uint64_t address, uint32_t size, BulkBytes& data, uint32_t& bad);
   // A write over a software breakpoint changes the byte the breakpoint gives back.
   Status Write(uint64_t address, const Bytes& data);
 
@@ -101,7 +103,7 @@ class TracedProcess {
   Status WriteCore(const std::string& path, bool full,
                    const std::function<void(uint32_t percent)>& progress);
   // Stops the dump under way, which then removes its file.
-  Status CancelCore();
+  Status CancelDump();
 
   Status SetSoftwareBreakpoint(const CSetSoftwareBreakPointRequest& request, Bytes& original,
                                uint32_t& id);

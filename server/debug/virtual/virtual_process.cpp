@@ -334,6 +334,18 @@ CoreDump VirtualProcess::Snapshot(uint32_t type) const {
   return dump;
 }
 
+Status VirtualProcess::WriteCore(const std::string& path, bool full,
+                                 const std::function<void(uint32_t percent)>& progress) {
+  if (!BeginDump()) {
+    return Status::Fail(KXAPI_COMMS_ERR_COREDUMP_IN_PROGRESS,
+                        u"a core dump of process " + Decimal(pid_) + u" is in progress already");
+  }
+  const Status status =
+      WriteCoreDump(path, Snapshot(full ? kCoreDumpFull : kCoreDumpMini), cancel_dump_, progress);
+  EndDump();
+  return status;
+}
+
 bool VirtualProcess::BeginDump() {
   if (dumping_.exchange(true)) return false;
   cancel_dump_ = false;

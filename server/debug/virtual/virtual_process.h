@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -66,6 +67,10 @@ class VirtualProcess {
 
   // The process as a dump of `type` holds it, taken at one moment.
   CoreDump Snapshot(uint32_t type) const;
+  // Its dump (full, or mini) written to the host file `path` as WriteCoreDump writes it, between
+  // BeginDump and EndDump; refused while another dump of it runs.
+  Status WriteCore(const std::string& path, bool full,
+                   const std::function<void(uint32_t percent)>& progress);
   // One dump at a time: false while one runs. A dump in progress sees DumpCancelled() once
   // CancelDump has been called; CancelDump fails when none runs.
   bool BeginDump();
