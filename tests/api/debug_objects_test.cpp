@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -39,21 +38,6 @@ constexpr char kDebugScenario[] = R"(kits:
           - {base: 0x10000000, fill: "11 22 33", size: 2097152}
           - {base: 0x10200000, fill: "44 55 66 77 88", size: 2097152}
 )";
-
-vekx::Variant ArrayOf(VARTYPE type, std::vector<uint64_t> values) {
-  SAFEARRAY* array = SafeArrayCreateVector(type, 0, static_cast<ULONG>(values.size()));
-  void* data = nullptr;
-  SafeArrayAccessData(array, &data);
-  const size_t width = SafeArrayGetElemsize(array);
-  for (size_t i = 0; i < values.size(); ++i)
-    std::memcpy(static_cast<char*>(data) + i * width, &values[i], width);
-  SafeArrayUnaccessData(array);
-  VARIANT value;
-  VariantInit(&value);
-  value.vt = static_cast<VARTYPE>(VT_ARRAY | type);
-  value.parray = array;
-  return vekx::Variant::Adopt(value);
-}
 
 template <class Interface>
 vekx::ComPtr<Interface> Element(const vekx::Variant& array, size_t index, REFIID iid) {

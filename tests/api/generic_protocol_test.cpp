@@ -9,7 +9,6 @@
 #endif
 
 #include <cctype>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -40,19 +39,6 @@ constexpr char kProtocolScenario[] = R"(kits:
           - {after_ms: 50, status: up}
           - {close: true}
 )";
-
-vekx::Variant ByteArray(const Bytes& bytes) {
-  vekx::Variant result;
-  SAFEARRAY* array = SafeArrayCreateVector(VT_UI1, 0, static_cast<ULONG>(bytes.size()));
-  void* data = nullptr;
-  SafeArrayAccessData(array, &data);
-  if (!bytes.empty()) std::memcpy(data, bytes.data(), bytes.size());
-  SafeArrayUnaccessData(array);
-  VARIANT* slot = result.Put();
-  slot->vt = VT_ARRAY | VT_UI1;
-  slot->parray = array;
-  return result;
-}
 
 // Reads until `size` bytes came or a read fails; the failure, S_OK when they all came.
 HRESULT ReadBytes(IGenericProtocol& channel, size_t size, Bytes& bytes) {
@@ -102,7 +88,7 @@ TEST_F(GenericProtocolTest, EchoReturnsBinaryDataWhole) {
   Bytes sent(200000);
   for (size_t i = 0; i < sent.size(); ++i)
     sent[i] = static_cast<uint8_t>(i * 7 % 251);  // zeros included
-  const vekx::Variant array = ByteArray(sent);
+  const vekx::Variant array = ArrayOf(VT_UI1, std::vector<uint64_t>(sent.begin(), sent.end()));
   // One call takes at most 64 KiB; the count says where the next starts.
   std::vector<ULONG> counts;
   for (LONG offset = 0; offset < static_cast<LONG>(sent.size());) {
@@ -177,7 +163,7 @@ TEST_F(GenericProtocolTest, ScriptTalksAndItsStatusReachesEverySink) {
   ASSERT_EQ(ReadBytes(*script.Get(), 6, got), S_OK);
   EXPECT_EQ(AsText(got), "hello\n");
   ULONG written = 0;
-  ASSERT_EQ(script->Write(ByteArray({'p', 'i', 'n', 'g', '\n'}).Get(), 0, &written), S_OK);
+  ASSERT_EQ(script->Write(ArrayOf(VT_UI1, {'p', 'i', 'n', 'g', '\n'}).Get(), 0, &written), S_OK);
   ASSERT_EQ(ReadBytes(*script.Get(), 5, got), S_OK);
   EXPECT_EQ(AsText(got), "pong\n");
 
@@ -240,7 +226,7 @@ TEST_F(ForwardTest, OpenConnectsToTheForwardedPort) {
   auto channel = Open(*target.Get(), 7, sink_.Get());
   ASSERT_TRUE(channel);
   ULONG written = 0;
-  ASSERT_EQ(channel->Write(ByteArray({'a', 'b', 0, 'c'}).Get(), 0, &written), S_OK);
+  ASSERT_EQ(channel->Write(ArrayOf(VT_UI1, {'a', 'b', 0, 'c'}).Get(), 0, &written), S_OK);
   EXPECT_EQ(written, 4u);
   Bytes got;
   EXPECT_EQ(ReadBytes(*channel.Get(), 8, got),

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,6 +30,23 @@ inline std::string TakeErrorText() {
   info->GetDescription(&text);
   info->Release();
   return vekx::Bstr::Adopt(text).Utf8();
+}
+
+// A VARIANT holding a one-dimensional array of unsigned integers of `type` (VT_UI1 to VT_UI8):
+// `values`, each cut to the element's width.
+inline vekx::Variant ArrayOf(VARTYPE type, const std::vector<uint64_t>& values) {
+  SAFEARRAY* array = SafeArrayCreateVector(type, 0, static_cast<ULONG>(values.size()));
+  void* data = nullptr;
+  SafeArrayAccessData(array, &data);
+  const size_t width = SafeArrayGetElemsize(array);
+  for (size_t i = 0; i < values.size(); ++i)
+    std::memcpy(static_cast<char*>(data) + i * width, &values[i], width);
+  SafeArrayUnaccessData(array);
+  VARIANT value;
+  VariantInit(&value);
+  value.vt = static_cast<VARTYPE>(VT_ARRAY | type);
+  value.parray = array;
+  return vekx::Variant::Adopt(value);
 }
 
 class LiveApiTest : public ::testing::Test {

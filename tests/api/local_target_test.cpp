@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -47,21 +46,6 @@ uint64_t Symbol(const std::string& name) {
       return std::stoull(address, nullptr, 16);
   }
   return 0;
-}
-
-vekx::Variant Array(VARTYPE type, const std::vector<uint64_t>& values) {
-  SAFEARRAY* array = SafeArrayCreateVector(type, 0, static_cast<ULONG>(values.size()));
-  void* data = nullptr;
-  SafeArrayAccessData(array, &data);
-  const size_t width = SafeArrayGetElemsize(array);
-  for (size_t i = 0; i < values.size(); ++i)
-    std::memcpy(static_cast<char*>(data) + i * width, &values[i], width);
-  SafeArrayUnaccessData(array);
-  VARIANT value;
-  VariantInit(&value);
-  value.vt = static_cast<VARTYPE>(VT_ARRAY | type);
-  value.parray = array;
-  return vekx::Variant::Adopt(value);
 }
 
 std::vector<uint64_t> Numbers(const vekx::Variant& array) {
@@ -196,8 +180,51 @@ class LocalTargetTest : public LiveApiTest {
   }
   std::vector<uint64_t> Registers(IThread* thread, const std::vector<uint64_t>& ids) {
     vekx::Variant values;
-    EXPECT_EQ(thread->GetRegisters(Array(VT_I4, ids).Get(), values.Put()), S_OK) << TakeErrorText();
+    EXPECT_EQ(thread->GetRegisters(ArrayOf(VT_I4, ids).Get(), values.Put()), S_OK)
+        << TakeErrorText();
     return Numbers(values);
+  }
+  // The program run with `args`, stopped at its entry (after `stops` earlier stops), its pid in
+  // pid_; then a breakpoint for every thread at `address`, its original code in `opcode`.
+  void LoadAndBreak(const std::string& args, uint64_t address, vekx::ComPtr<IProcess10>& process,
+                    vekx::Variant& opcode, ULONG& id, int stops = 0) {
+    process = Load(args, true);
+    ASSERT_TRUE(process) << args;
+    ASSERT_EQ(process->get_Id(&pid_), S_OK);
+    ASSERT_EQ(events_->WaitStop(stops), STOP_REASON_DL_STOP_INIT) << args;
+    ASSERT_EQ(process->SetSoftwareBreakpoint(0, address, SWBREAKPT_ATTR_MODE, 0,
+                                             vekx::Variant().Get(), opcode.Put(), &id),
+              S_OK)
+        << TakeErrorText();
+  }
+  // Resumes the process into its breakpoint until `threads` threads have started (its main
+  // thread's first call stops it meanwhile); the thread that stopped last in `tid`.
+  void BreakUntilThreads(IProcess10* process, int threads, ULONG& tid) {
+    vekx::Variant failed;
+    for (int stops = 1; events_->Get(events_->threads_) < threads && stops < 10; ++stops) {
+      ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << TakeErrorText();
+      ASSERT_EQ(events_->WaitStop(stops, &tid), STOP_REASON_SIGSWBRKPT);
+    }
+  }
+  // The program and the C library are among the process's modules, the program's entry its
+  // _start; how many modules there are.
+  size_t ExpectProgramAndLibc(IProcess10* process) {
+    vekx::Variant modules;
+    EXPECT_EQ(process->get_Modules(modules.Put()), S_OK) << TakeErrorText();
+    std::vector<vekx::Variant> list;
+    EXPECT_EQ(vekx::ArrayElements(modules.Get(), list), S_OK);
+    std::map<std::string, uint64_t> entries;
+    for (const vekx::Variant& element : list) {
+      vekx::ComPtr<IModule> module;
+      element.Get().pdispVal->QueryInterface(IID_IModule, reinterpret_cast<void**>(module.Put()));
+      vekx::Bstr name;
+      module->get_Name(name.Put());
+      module->get_StartEntryAddress(&entries[name.Utf8()]);
+    }
+    EXPECT_EQ(entries["vekx_debuggee"], Symbol("_start"));
+    EXPECT_TRUE(std::any_of(entries.begin(), entries.end(),
+                            [](const auto& entry) { return entry.first.find("libc") == 0; }));
+    return list.size();
   }
 
   vekx::ComPtr<ITarget47> target_;
@@ -212,17 +239,10 @@ TEST_F(LocalTargetTest, BreakReadWriteStepRegistersKill) {
   const uint64_t tick = Symbol("vekx_tick");
   const uint64_t counter = Symbol("vekx_counter");
   ASSERT_NE(tick, 0u);
-  auto process = Load("spin", true);
-  ASSERT_TRUE(process);
-  ASSERT_EQ(process->get_Id(&pid_), S_OK);
-  EXPECT_EQ(events_->WaitStop(0), STOP_REASON_DL_STOP_INIT);
-
+  vekx::ComPtr<IProcess10> process;
   vekx::Variant opcode;
   ULONG id = 0;
-  ASSERT_EQ(process->SetSoftwareBreakpoint(0, tick, SWBREAKPT_ATTR_MODE, 0, vekx::Variant().Get(),
-                                           opcode.Put(), &id),
-            S_OK)
-      << TakeErrorText();
+  ASSERT_NO_FATAL_FAILURE(LoadAndBreak("spin", tick, process, opcode, id));
   EXPECT_NE(Numbers(opcode), std::vector<uint64_t>{0xCC});
   EXPECT_EQ(Memory(process.Get(), tick, 1), std::vector<uint64_t>{0xCC});
   vekx::Variant failed;
@@ -233,35 +253,21 @@ TEST_F(LocalTargetTest, BreakReadWriteStepRegistersKill) {
   EXPECT_EQ(Registers(thread.Get(), {REG_ID_RIP})[0], tick);
   EXPECT_EQ(Memory(process.Get(), Symbol("vekx_marker"), 2), (std::vector<uint64_t>{0xed, 0x5e}));
 
-  // Its modules: the program, whose entry is its _start, and the C library, announced by the
-  // time of the stop.
-  vekx::Variant modules;
-  ASSERT_EQ(process->get_Modules(modules.Put()), S_OK) << TakeErrorText();
-  std::vector<vekx::Variant> list;
-  ASSERT_EQ(vekx::ArrayElements(modules.Get(), list), S_OK);
-  std::map<std::string, uint64_t> entries;
-  for (const vekx::Variant& element : list) {
-    vekx::ComPtr<IModule> module;
-    element.Get().pdispVal->QueryInterface(IID_IModule, reinterpret_cast<void**>(module.Put()));
-    vekx::Bstr name;
-    module->get_Name(name.Put());
-    module->get_StartEntryAddress(&entries[name.Utf8()]);
-  }
-  EXPECT_EQ(entries["vekx_debuggee"], Symbol("_start"));
-  EXPECT_TRUE(std::any_of(entries.begin(), entries.end(),
-                          [](const auto& entry) { return entry.first.find("libc") == 0; }));
-  EXPECT_EQ(events_->Get(events_->libraries_), static_cast<int>(list.size()));
+  // Its modules, announced by the time of the stop.
+  const size_t modules = ExpectProgramAndLibc(process.Get());
+  EXPECT_EQ(events_->Get(events_->libraries_), static_cast<int>(modules));
 
   // A new counter, then one more pass through the breakpoint adds one to it.
   ULONG written = 0;
-  ASSERT_EQ(process->SetMemory(counter, Array(VT_UI1, {0xe8, 3, 0, 0, 0, 0, 0, 0}).Get(), &written),
-            S_OK);
+  ASSERT_EQ(
+      process->SetMemory(counter, ArrayOf(VT_UI1, {0xe8, 3, 0, 0, 0, 0, 0, 0}).Get(), &written),
+      S_OK);
   ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << TakeErrorText();
   ASSERT_EQ(events_->WaitStop(2), STOP_REASON_SIGSWBRKPT);
   EXPECT_EQ(Memory(process.Get(), counter, 2), (std::vector<uint64_t>{0xe9, 3}));
 
   // One step from the breakpoint leaves it, with the breakpoint still in place.
-  ASSERT_EQ(process->Resume(Array(VT_UI4, {tid}).Get(), failed.Put()), S_OK) << TakeErrorText();
+  ASSERT_EQ(process->Resume(ArrayOf(VT_UI4, {tid}).Get(), failed.Put()), S_OK) << TakeErrorText();
   ASSERT_EQ(events_->WaitStop(3), STOP_REASON_SIGTRAP);
   const uint64_t stepped = Registers(thread.Get(), {REG_ID_RIP})[0];
   EXPECT_GT(stepped, tick);
@@ -275,7 +281,7 @@ TEST_F(LocalTargetTest, BreakReadWriteStepRegistersKill) {
   const std::vector<uint64_t> values = {
       0x1122334455667788, 0,      0, 0, 42, 0, 0, 0, 1, 2, upper, upper, 0x1f80 | 0x40, 0, 0, 0,
       0x8000000000000000, 0x3fff, 0, 0};
-  ASSERT_EQ(thread->SetRegisters(Array(VT_I4, ids).Get(), Array(VT_UI8, values).Get()), S_OK)
+  ASSERT_EQ(thread->SetRegisters(ArrayOf(VT_I4, ids).Get(), ArrayOf(VT_UI8, values).Get()), S_OK)
       << TakeErrorText();
   EXPECT_EQ(Registers(thread.Get(), ids), values);
 
@@ -283,7 +289,7 @@ TEST_F(LocalTargetTest, BreakReadWriteStepRegistersKill) {
   ULONGLONG page = 0;
   ASSERT_EQ(process->AllocateExecutablePage(100, &page), S_OK) << TakeErrorText();
   EXPECT_EQ(page % 4096, 0u);
-  ASSERT_EQ(process->SetMemory(page, Array(VT_UI1, {0xc3}).Get(), &written), S_OK);
+  ASSERT_EQ(process->SetMemory(page, ArrayOf(VT_UI1, {0xc3}).Get(), &written), S_OK);
   EXPECT_EQ(Memory(process.Get(), page, 2), (std::vector<uint64_t>{0xc3, 0}));
   EXPECT_EQ(process->DeallocateDataPage(page),
             static_cast<HRESULT>(KXAPI_COMMS_ERR_INVALID_ADDRESS));
@@ -336,16 +342,10 @@ TEST_F(LocalTargetTest, ChildrenLiveThroughTheParentsBreakpoints) {
   int stops = 0;
   for (const char* mode : {"fork", "vfork"}) {
     events_->exit_code_ = 0xFFFFFFFF;
-    auto process = Load(mode, true);
-    ASSERT_TRUE(process) << mode;
-    ASSERT_EQ(process->get_Id(&pid_), S_OK);
-    ASSERT_EQ(events_->WaitStop(stops++), STOP_REASON_DL_STOP_INIT) << mode;
+    vekx::ComPtr<IProcess10> process;
     vekx::Variant opcode, failed;
     ULONG id = 0;
-    ASSERT_EQ(process->SetSoftwareBreakpoint(0, tick, SWBREAKPT_ATTR_MODE, 0, vekx::Variant().Get(),
-                                             opcode.Put(), &id),
-              S_OK)
-        << TakeErrorText();
+    ASSERT_NO_FATAL_FAILURE(LoadAndBreak(mode, tick, process, opcode, id, stops++));
     ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << mode;
     ULONG tid = 0;
     EXPECT_EQ(events_->WaitStop(stops++, &tid), STOP_REASON_SIGSWBRKPT) << mode;
@@ -550,27 +550,16 @@ std::string Gdb(const std::string& program, const std::string& core,
 TEST_F(LocalTargetTest, CoreDumpThatGdbReadsBack) {
   if (!std::filesystem::exists("/usr/bin/gdb")) GTEST_SKIP() << "no gdb here: not tested";
   const uint64_t tick = Symbol("vekx_tick");
-  auto process = Load("threads 2", true);
-  ASSERT_TRUE(process);
-  ASSERT_EQ(process->get_Id(&pid_), S_OK);
-  ASSERT_EQ(events_->WaitStop(0), STOP_REASON_DL_STOP_INIT);
+  vekx::ComPtr<IProcess10> process;
   vekx::Variant opcode;
-  ULONG id = 0;
-  ASSERT_EQ(process->SetSoftwareBreakpoint(0, tick, SWBREAKPT_ATTR_MODE, 0, vekx::Variant().Get(),
-                                           opcode.Put(), &id),
-            S_OK)
-      << TakeErrorText();
-  // Until the two workers are up, the main thread's first call stops it.
-  vekx::Variant failed;
-  ULONG tid = 0;
-  for (int stops = 1; events_->Get(events_->threads_) < 3 && stops < 10; ++stops) {
-    ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << TakeErrorText();
-    ASSERT_EQ(events_->WaitStop(stops, &tid), STOP_REASON_SIGSWBRKPT);
-  }
+  ULONG id = 0, tid = 0;
+  ASSERT_NO_FATAL_FAILURE(LoadAndBreak("threads 2", tick, process, opcode, id));
+  ASSERT_NO_FATAL_FAILURE(BreakUntilThreads(process.Get(), 3, tid));
   ULONG written = 0;
-  ASSERT_EQ(process->SetMemory(Symbol("vekx_marker"),
-                               Array(VT_UI1, {0xcd, 0xab, 0x34, 0x12, 0, 0, 0, 0}).Get(), &written),
-            S_OK);
+  ASSERT_EQ(
+      process->SetMemory(Symbol("vekx_marker"),
+                         ArrayOf(VT_UI1, {0xcd, 0xab, 0x34, 0x12, 0, 0, 0, 0}).Get(), &written),
+      S_OK);
   uint64_t rip = 0;
   {
     auto thread = Thread(tid);
@@ -623,6 +612,7 @@ TEST_F(LocalTargetTest, CoreDumpThatGdbReadsBack) {
   // Nothing to cancel, and nothing to dump while it runs.
   EXPECT_EQ(process->CancelCoredump(), KXAPI_COMMS_ERR_NO_ENTRY);
   ASSERT_EQ(process->ClearSoftwareBreakpoint(id), S_OK);
+  vekx::Variant failed;
   ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << TakeErrorText();
   const std::string running = (directory / "running.core").string();
   EXPECT_EQ(process->TriggerCoredump(vekx::Bstr::FromUtf8(running).Get(), COREDUMP_TYPE_FULL),
@@ -639,24 +629,13 @@ TEST_F(LocalTargetTest, CoreDumpThatGdbReadsBack) {
 TEST_F(LocalTargetTest, CoreDumpReopensAsReadOnlyTarget) {
   const uint64_t tick = Symbol("vekx_tick");
   const uint64_t marker = Symbol("vekx_marker");
-  auto process = Load("threads 2", true);
-  ASSERT_TRUE(process);
-  ASSERT_EQ(process->get_Id(&pid_), S_OK);
-  ASSERT_EQ(events_->WaitStop(0), STOP_REASON_DL_STOP_INIT);
+  vekx::ComPtr<IProcess10> process;
   vekx::Variant opcode;
-  ULONG id = 0;
-  ASSERT_EQ(process->SetSoftwareBreakpoint(0, tick, SWBREAKPT_ATTR_MODE, 0, vekx::Variant().Get(),
-                                           opcode.Put(), &id),
-            S_OK)
-      << TakeErrorText();
-  vekx::Variant failed;
-  ULONG tid = 0;
-  for (int stops = 1; events_->Get(events_->threads_) < 3 && stops < 10; ++stops) {
-    ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << TakeErrorText();
-    ASSERT_EQ(events_->WaitStop(stops, &tid), STOP_REASON_SIGSWBRKPT);
-  }
+  ULONG id = 0, tid = 0;
+  ASSERT_NO_FATAL_FAILURE(LoadAndBreak("threads 2", tick, process, opcode, id));
+  ASSERT_NO_FATAL_FAILURE(BreakUntilThreads(process.Get(), 3, tid));
   ULONG written = 0;
-  ASSERT_EQ(process->SetMemory(marker, Array(VT_UI1, {0x78, 0x56, 0x34, 0x12}).Get(), &written),
+  ASSERT_EQ(process->SetMemory(marker, ArrayOf(VT_UI1, {0x78, 0x56, 0x34, 0x12}).Get(), &written),
             S_OK);
   const std::vector<uint64_t> ids = {REG_ID_RIP,    REG_ID_RSP,    REG_ID_RBX,   REG_ID_R12,
                                      REG_ID_RFLAGS, REG_ID_FSBASE, REG_ID_EN_CW, REG_ID_EN_MXCSR,
@@ -715,23 +694,11 @@ TEST_F(LocalTargetTest, CoreDumpReopensAsReadOnlyTarget) {
   ASSERT_TRUE(stopped);
   EXPECT_EQ(Registers(stopped.Get(), ids), live);
 
-  vekx::Variant modules;
-  ASSERT_EQ(reopened->get_Modules(modules.Put()), S_OK) << TakeErrorText();
-  ASSERT_EQ(vekx::ArrayElements(modules.Get(), list), S_OK);
-  std::map<std::string, uint64_t> entries;
-  for (const vekx::Variant& element : list) {
-    vekx::ComPtr<IModule> module;
-    element.Get().pdispVal->QueryInterface(IID_IModule, reinterpret_cast<void**>(module.Put()));
-    vekx::Bstr name;
-    module->get_Name(name.Put());
-    module->get_StartEntryAddress(&entries[name.Utf8()]);
-  }
-  EXPECT_EQ(entries["vekx_debuggee"], Symbol("_start"));
-  EXPECT_TRUE(std::any_of(entries.begin(), entries.end(),
-                          [](const auto& entry) { return entry.first.find("libc") == 0; }));
+  ExpectProgramAndLibc(reopened.Get());
 
+  vekx::Variant failed;
   const std::pair<const char*, std::function<HRESULT()>> kRefused[] = {
-      {"write", [&] { return reopened->SetMemory(marker, Array(VT_UI1, {1}).Get(), &written); }},
+      {"write", [&] { return reopened->SetMemory(marker, ArrayOf(VT_UI1, {1}).Get(), &written); }},
       {"resume", [&] { return reopened->Resume(vekx::Variant().Get(), failed.Put()); }},
       {"break",
        [&] {
@@ -741,8 +708,8 @@ TEST_F(LocalTargetTest, CoreDumpReopensAsReadOnlyTarget) {
       {"kill", [&] { return reopened->Kill(); }},
       {"registers",
        [&] {
-         return stopped->SetRegisters(Array(VT_I4, {REG_ID_RAX}).Get(),
-                                      Array(VT_UI8, {1, 0, 0, 0}).Get());
+         return stopped->SetRegisters(ArrayOf(VT_I4, {REG_ID_RAX}).Get(),
+                                      ArrayOf(VT_UI8, {1, 0, 0, 0}).Get());
        }},
   };
   for (const auto& [what, call] : kRefused) {

@@ -45,12 +45,7 @@ struct Client {
   vekx::ComPtr<IProcess> process;
 
   HRESULT Write() const {
-    SAFEARRAY* array = SafeArrayCreateVector(VT_UI1, 0, 1);
-    VARIANT value;
-    VariantInit(&value);
-    value.vt = VT_ARRAY | VT_UI1;
-    value.parray = array;
-    const vekx::Variant bytes = vekx::Variant::Adopt(value);
+    const vekx::Variant bytes = ArrayOf(VT_UI1, {0});
     ULONG written = 0;
     return process->SetMemory(0x401000, bytes.Get(), &written);
   }
