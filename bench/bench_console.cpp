@@ -29,13 +29,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <fstream>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "api/root_object.h"
 #include "bench_floor.h"
 #include "bench_server_process.h"
 #include "server/targets/target_registry.h"
@@ -187,15 +185,11 @@ class ConsoleRun {
  public:
   ConsoleRun(benchmark::State& state, int targets, const std::string& scenario, CountingSink& sink)
       : state_(state) {
-    const std::string file = (g_server.root() / "console.yaml").string();
-    std::ofstream(file, std::ios::binary | std::ios::trunc) << scenario;
-    if (!g_server.Start({"--scenario", file, "--log-level", "1"})) {
+    if (!g_server.StartOnScenario(scenario)) {
       Fail("vesta-kx did not start");
       return;
     }
-    if (qv::CreateRootObject(qv::CKXVEPrivateAPI::Create({g_server.user(), g_server.run_dir()}),
-                             IID_IVEKXAPI, reinterpret_cast<void**>(api_.Put())) != S_OK ||
-        api_->CheckCompatibility(21) != S_OK) {
+    if (!g_server.OpenRoot(api_)) {
       Fail("cannot make a root object");
       return;
     }
@@ -216,10 +210,7 @@ class ConsoleRun {
     targets_.clear();
     if (api_.Get() != nullptr) api_->Dispose();
     api_.Reset();
-    if (!g_server.Stop()) {
-      g_failed = true;
-      g_server.PrintOutput();
-    }
+    if (!g_server.Finish(true)) g_failed = true;
   }
   bool ok() const { return ok_; }
 
@@ -366,9 +357,7 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   if (!g_server.Prepare("bench-console")) return 1;
-  qv::bench::FigureReporter reporter(format);
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  PrintRatios(reporter);
+  qv::bench::RunBenchmarks(format, PrintRatios);
   benchmark::Shutdown();
   return g_failed ? 1 : 0;
 }

@@ -290,4 +290,11 @@ std::string_view OutputFormat(int argc, char** argv) {
   return "console";
 }
 
+void RunBenchmarks(std::string_view format,
+                   const std::function<void(const FigureReporter&)>& ratios) {
+  FigureReporter reporter(format);
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  ratios(reporter);
+}
+
 }  // namespace qv::bench

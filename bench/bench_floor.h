@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -180,5 +181,10 @@ class FigureReporter : public benchmark::BenchmarkReporter {
 // The output format the command line asks for; benchmark::Initialize removes the flag, so call
 // this first.
 std::string_view OutputFormat(int argc, char** argv);
+
+// Runs the benchmarks the command line chose, reported in `format` by a FigureReporter whose
+// figures then go to `ratios`.
+void RunBenchmarks(std::string_view format,
+                   const std::function<void(const FigureReporter&)>& ratios);
 
 }  // namespace qv::bench

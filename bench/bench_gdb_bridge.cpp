@@ -142,11 +142,7 @@ int main(int argc, char** argv) {
   std::filesystem::permissions(g_root, std::filesystem::perms::owner_all,
                                std::filesystem::perm_options::replace);
   setenv("XDG_RUNTIME_DIR", g_root.c_str(), 1);
-  {
-    qv::bench::FigureReporter reporter(format);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    PrintRatios(reporter);
-  }
+  qv::bench::RunBenchmarks(format, PrintRatios);
   std::system((Quoted(VEKX_CTRL) + " server stop >/dev/null 2>&1").c_str());
   std::error_code ignored;
   std::filesystem::remove_all(g_root, ignored);

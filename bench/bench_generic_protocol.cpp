@@ -15,12 +15,10 @@
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "api/root_object.h"
 #include "bench_floor.h"
 #include "bench_server_process.h"
 #include "vekxapi/bstr.h"
@@ -155,13 +153,8 @@ void PrintRatios(const qv::bench::FigureReporter& reporter) {
 // A sink may be advised once per target: each channel opens with one of its own.
 std::vector<vekx::ComPtr<QuietSink>> g_sinks;
 
-bool OpenChannels(const std::u16string& user, const std::string& run_dir,
-                  vekx::ComPtr<IVEKXAPI>& api) {
-  if (qv::CreateRootObject(qv::CKXVEPrivateAPI::Create({user, run_dir}), IID_IVEKXAPI,
-                           reinterpret_cast<void**>(api.Put())) != S_OK ||
-      api->CheckCompatibility(21) != S_OK) {
-    return false;
-  }
+bool OpenChannels(const qv::bench::BenchServer& server, vekx::ComPtr<IVEKXAPI>& api) {
+  if (!server.OpenRoot(api)) return false;
   vekx::ComPtr<ITarget> target;
   if (api->AddTarget(vekx::Bstr::FromUtf8("bench-kit").Get(), target.Put()) != S_OK ||
       target.QueryInto(IID_ITarget8, g_target) != S_OK) {
@@ -206,20 +199,13 @@ int main(int argc, char** argv) {
   }
 
   qv::bench::BenchServer server;
-  bool ok = server.Prepare("bench-protocol");
-  const std::string scenario = (server.root() / "scenario.yaml").string();
-  std::ofstream(scenario) << Scenario();
-  ok = ok && server.Start({"--log-level", "1", "--scenario", scenario});
+  bool ok = server.Prepare("bench-protocol") && server.StartOnScenario(Scenario());
   vekx::ComPtr<IVEKXAPI> api;
-  if (ok && !OpenChannels(server.user(), server.run_dir(), api)) {
+  if (ok && !OpenChannels(server, api)) {
     std::fprintf(stderr, "cannot open the channels\n");
     ok = false;
   }
-  if (ok) {
-    qv::bench::FigureReporter reporter(format);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    PrintRatios(reporter);
-  }
+  if (ok) qv::bench::RunBenchmarks(format, PrintRatios);
   g_echo.clear();
   g_sink.clear();
   // An advised sink holds the private client: unadvised before the root goes.
@@ -229,8 +215,7 @@ int main(int argc, char** argv) {
   g_sinks.clear();
   g_target.Reset();
   if (api) api->Dispose();
-  ok = server.Stop() && ok;
-  if (!ok) server.PrintOutput();
+  ok = server.Finish(ok);
   // The sink floor's child holds the echo floor's sockets: it goes first.
   g_sink_floor.reset();
   g_echo_floor.reset();

@@ -12,12 +12,10 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "api/root_object.h"
 #include "bench_floor.h"
 #include "bench_server_process.h"
 #include "vekxapi/bstr.h"
@@ -106,13 +104,8 @@ void PrintRatios(const qv::bench::FigureReporter& reporter) {
   }
 }
 
-bool LoadProcess(const std::u16string& user, const std::string& run_dir,
-                 vekx::ComPtr<IVEKXAPI>& api) {
-  if (qv::CreateRootObject(qv::CKXVEPrivateAPI::Create({user, run_dir}), IID_IVEKXAPI,
-                           reinterpret_cast<void**>(api.Put())) != S_OK ||
-      api->CheckCompatibility(21) != S_OK) {
-    return false;
-  }
+bool LoadProcess(const qv::bench::BenchServer& server, vekx::ComPtr<IVEKXAPI>& api) {
+  if (!server.OpenRoot(api)) return false;
   vekx::ComPtr<ITarget> target;
   return api->AddTarget(vekx::Bstr::FromUtf8("bench-kit").Get(), target.Put()) == S_OK &&
          target->Connect() == S_OK &&
@@ -137,24 +130,16 @@ int main(int argc, char** argv) {
   }
 
   qv::bench::BenchServer server;
-  bool ok = server.Prepare("bench-memory");
-  const std::string scenario = (server.root() / "scenario.yaml").string();
-  std::ofstream(scenario) << kScenario;
-  ok = ok && server.Start({"--log-level", "1", "--scenario", scenario});
+  bool ok = server.Prepare("bench-memory") && server.StartOnScenario(kScenario);
   vekx::ComPtr<IVEKXAPI> api;
-  if (ok && !LoadProcess(server.user(), server.run_dir(), api)) {
+  if (ok && !LoadProcess(server, api)) {
     std::fprintf(stderr, "cannot load the process to read\n");
     ok = false;
   }
-  if (ok) {
-    qv::bench::FigureReporter reporter(format);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    PrintRatios(reporter);
-  }
+  if (ok) qv::bench::RunBenchmarks(format, PrintRatios);
   g_process.Reset();
   if (api) api->Dispose();
-  ok = server.Stop() && ok;
-  if (!ok) server.PrintOutput();
+  ok = server.Finish(ok);
   // Each floor's child holds the sockets of the floors made before it: the last goes first.
   while (!g_floors.empty())
     g_floors.pop_back();

@@ -98,7 +98,7 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   qv::bench::BenchServer server;
   g_server = &server;
-  bool ok = server.Prepare("frames") && server.Start({"--log-level", "1"});
+  bool ok = server.Prepare("frames") && server.StartOnScenario({});
   for (int i = 0; ok && i < 4; ++i) {
     auto link = std::make_unique<qv::ServerLink>(
         qv::ResponseFactory(), qv::NotificationFactory(),
@@ -108,16 +108,15 @@ int main(int argc, char** argv) {
   }
   if (ok) {
     g_rss_before = StatusBytes(server.Pid(), "VmRSS");
-    qv::bench::FigureReporter reporter(format);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::fprintf(format == "json" ? stderr : stdout,
-                 "ratio: peak growth / one copy of each frame let in = %.2f\n", g_ratio);
+    qv::bench::RunBenchmarks(format, [](const qv::bench::FigureReporter& reporter) {
+      std::fprintf(reporter.out(), "ratio: peak growth / one copy of each frame let in = %.2f\n",
+                   g_ratio);
+    });
   }
   for (auto& link : g_links)
     link->Shutdown();
   g_links.clear();
-  ok = server.Stop() && ok;
-  if (!ok) server.PrintOutput();
+  ok = server.Finish(ok);
   benchmark::Shutdown();
   return ok ? 0 : 1;
 }

@@ -35,7 +35,6 @@
 #include <string>
 #include <vector>
 
-#include "api/root_object.h"
 #include "bench_floor.h"
 #include "bench_server_process.h"
 #include "vekxapi/bstr.h"
@@ -291,11 +290,9 @@ void PrintRatios(const qv::bench::FigureReporter& reporter) {
   }
 }
 
-bool Prepare(const std::u16string& user, const std::string& run_dir, vekx::ComPtr<IVEKXAPI>& api,
+bool Prepare(const qv::bench::BenchServer& server, vekx::ComPtr<IVEKXAPI>& api,
              uintptr_t own_base) {
-  if (qv::CreateRootObject(qv::CKXVEPrivateAPI::Create({user, run_dir}), IID_IVEKXAPI,
-                           reinterpret_cast<void**>(api.Put())) != S_OK ||
-      api->CheckCompatibility(21) != S_OK ||
+  if (!server.OpenRoot(api) ||
       api->AddTarget(vekx::Bstr::FromUtf8("localhost").Get(), g_target.Put()) != S_OK ||
       g_target->Connect() != S_OK ||
       g_target->AdviseDebugEvents(static_cast<IEventDebug*>(g_stops.Get())) != S_OK) {
@@ -366,29 +363,19 @@ int main(int argc, char** argv) {
     return 1;
   }
   qv::bench::BenchServer server;
-  bool ok = server.Prepare("bench-local") &&
-            server.Start({"--log-level", "1", "--scenario", [&] {
-                            const std::string path = (server.root() / "scenario.yaml").string();
-                            std::ofstream(path) << "local: true\n";
-                            return path;
-                          }()});
+  bool ok = server.Prepare("bench-local") && server.StartOnScenario("local: true\n");
   vekx::ComPtr<IVEKXAPI> api;
-  if (ok && !Prepare(server.user(), server.run_dir(), api, own_base)) {
+  if (ok && !Prepare(server, api, own_base)) {
     std::fprintf(stderr, "cannot load and stop the program to measure\n");
     ok = false;
   }
-  if (ok) {
-    qv::bench::FigureReporter reporter(format);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    PrintRatios(reporter);
-  }
+  if (ok) qv::bench::RunBenchmarks(format, PrintRatios);
   if (g_process) g_process->Kill();
   g_process.Reset();
   if (g_target) g_target->UnadviseDebugEvents(static_cast<IEventDebug*>(g_stops.Get()));
   g_target.Reset();
   if (api) api->Dispose();
-  ok = server.Stop() && ok;
-  if (!ok) server.PrintOutput();
+  ok = server.Finish(ok);
   kill(g_floor_child, SIGKILL);
   waitpid(g_floor_child, nullptr, 0);
   // Each bulk floor's child holds the sockets of the floors made before it (and the ptrace

@@ -18,7 +18,6 @@
 #include <string>
 #include <vector>
 
-#include "api/root_object.h"
 #include "bench_floor.h"
 #include "bench_server_process.h"
 #include "requests/catalogue.h"
@@ -105,11 +104,8 @@ void PrintRatios(const qv::bench::FigureReporter& reporter) {
 
 // Makes the root object and one target object per thread for the server of `user`, runs the
 // benchmarks and lets the objects go; false when the server cannot be used.
-bool RunAgainstServer(const std::u16string& user, const std::string& run_dir,
-                      std::string_view format) {
-  if (qv::CreateRootObject(qv::CKXVEPrivateAPI::Create({user, run_dir}), IID_IVEKXAPI,
-                           reinterpret_cast<void**>(g_api.Put())) != S_OK ||
-      g_api->CheckCompatibility(21) != S_OK) {
+bool RunAgainstServer(const qv::bench::BenchServer& server, std::string_view format) {
+  if (!server.OpenRoot(g_api)) {
     std::fprintf(stderr, "cannot make a root object\n");
     return false;
   }
@@ -125,9 +121,7 @@ bool RunAgainstServer(const std::u16string& user, const std::string& run_dir,
     if (g_api->AddTarget(host.Get(), target.Put()) != S_OK) return false;
     g_targets.push_back(std::move(target));
   }
-  qv::bench::FigureReporter reporter(format);
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  PrintRatios(reporter);
+  qv::bench::RunBenchmarks(format, PrintRatios);
   g_targets.clear();
   g_api->Dispose();
   g_api.Reset();
@@ -149,10 +143,9 @@ int main(int argc, char** argv) {
   }
 
   qv::bench::BenchServer server;
-  bool ok = server.Prepare("bench-api") && server.Start({"--log-level", "1"}) &&
-            RunAgainstServer(server.user(), server.run_dir(), format);
-  ok = server.Stop() && ok;
-  if (!ok) server.PrintOutput();
+  bool ok =
+      server.Prepare("bench-api") && server.StartOnScenario({}) && RunAgainstServer(server, format);
+  ok = server.Finish(ok);
   benchmark::Shutdown();
   return ok ? 0 : 1;
 }

@@ -21,7 +21,6 @@
 
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -208,9 +207,7 @@ bool RunAgainstServer(const std::u16string& user, const std::string& run_dir,
     return false;
   }
   g_handles = list.Targets;
-  qv::bench::FigureReporter reporter(format);
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  PrintRatios(reporter);
+  qv::bench::RunBenchmarks(format, PrintRatios);
   for (auto& link : g_links)
     link->Shutdown();
   g_links.clear();
@@ -232,15 +229,9 @@ int main(int argc, char** argv) {
   }
 
   qv::bench::BenchServer server;
-  bool ok = server.Prepare("bench");
-  if (ok) {
-    const std::string scenario = (server.root() / "kits.yaml").string();
-    std::ofstream(scenario, std::ios::binary) << ThousandKits();
-    ok = server.Start({"--scenario", scenario, "--log-level", "1"}) &&
-         RunAgainstServer(server.user(), server.run_dir(), format);
-  }
-  ok = server.Stop() && ok;
-  if (!ok) server.PrintOutput();
+  bool ok = server.Prepare("bench") && server.StartOnScenario(ThousandKits()) &&
+            RunAgainstServer(server.user(), server.run_dir(), format);
+  ok = server.Finish(ok);
   benchmark::Shutdown();
   return ok ? 0 : 1;
 }

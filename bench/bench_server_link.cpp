@@ -332,9 +332,7 @@ int main(int argc, char** argv) {
                    static_cast<int>(status));
       result = 1;
     } else {
-      qv::bench::FigureReporter reporter(format);
-      benchmark::RunSpecifiedBenchmarks(&reporter);
-      PrintRatios(reporter);
+      qv::bench::RunBenchmarks(format, PrintRatios);
     }
     g_link = nullptr;
   }

@@ -7,6 +7,7 @@
 #include <optional>
 #include <thread>
 
+#include "api/root_object.h"
 #include "platform/process_identity.h"
 #include "platform/server_process.h"
 #include "platform/wide_string.h"
@@ -52,6 +53,13 @@ bool BenchServer::Start(std::vector<std::string> args) {
   return false;
 }
 
+bool BenchServer::StartOnScenario(std::string_view scenario) {
+  if (scenario.empty()) return Start({"--log-level", "1"});
+  const std::string file = (root_ / "scenario.yaml").string();
+  std::ofstream(file, std::ios::binary | std::ios::trunc) << scenario;
+  return Start({"--log-level", "1", "--scenario", file});
+}
+
 bool BenchServer::Stop() {
   if (process_ == nullptr) return true;
   process_->RequestStop();
@@ -59,6 +67,18 @@ bool BenchServer::Stop() {
   process_.reset();
   if (!clean) std::fprintf(stderr, "vesta-kx did not end cleanly\n");
   return clean;
+}
+
+bool BenchServer::OpenRoot(vekx::ComPtr<IVEKXAPI>& api) const {
+  return CreateRootObject(CKXVEPrivateAPI::Create({user_, run_dir_}), IID_IVEKXAPI,
+                          reinterpret_cast<void**>(api.Put())) == S_OK &&
+         api->CheckCompatibility(21) == S_OK;
+}
+
+bool BenchServer::Finish(bool ok) {
+  ok = Stop() && ok;
+  if (!ok) PrintOutput();
+  return ok;
 }
 
 void BenchServer::PrintOutput() const {

@@ -6,10 +6,13 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "platform/child_process.h"
+#include "vekxapi/com_ptr.h"
+#include "vekxapi/vekxapi.h"
 
 namespace qv::bench {
 
@@ -25,8 +28,16 @@ class BenchServer {
 
   // Starts vesta-kx with `args` for this user and waits until it is ready.
   bool Start(std::vector<std::string> args);
+  // Start, logging warnings only, on `scenario` (YAML, written into the directory) or, when it is
+  // empty, on the built-in scenario.
+  bool StartOnScenario(std::string_view scenario);
   // Asks it to end; false when it did not end cleanly.
   bool Stop();
+  // A root object bound to the server that has passed CheckCompatibility.
+  bool OpenRoot(vekx::ComPtr<IVEKXAPI>& api) const;
+  // Stop, and its output on stderr when it did not end cleanly or the run failed (`ok` false).
+  // Whether both went well.
+  bool Finish(bool ok);
   // Copies its output to stderr (after a failure).
   void PrintOutput() const;
   // Its process id while it runs, else 0.
