@@ -18,7 +18,7 @@ constexpr ULONG kInterfaceGeneration = 21;
 
 std::vector<Target> TargetsIn(const vekx::Variant& list) {
   std::vector<Target> targets;
-  for (auto& target : ObjectsOf<ITarget>(list.Get(), IID_ITarget))
+  for (auto& target : Library::Objects<ITarget>(list.Get(), IID_ITarget))
     targets.emplace_back(std::move(target));
   return targets;
 }

@@ -13,6 +13,7 @@
 #include "errors.h"
 #include "event_objects.h"
 #include "values.h"
+#include "vekxapi/event_groups.h"
 #include "vekxapi/event_sink.h"
 
 namespace vekx_python {
@@ -28,32 +29,6 @@ std::atomic<bool> g_exiting{false};
 // The open subscriptions, for CloseAll. Guarded by g_open_mutex.
 std::mutex g_open_mutex;
 std::set<Subscription*> g_open;
-
-// The groups by the names Python uses, with the library's own.
-struct GroupName {
-  const char* name;
-  const char* library_name;
-};
-constexpr GroupName kGroupNames[] = {
-    {"server", "Server"},
-    {"target", "Target"},
-    {"console", "ConsoleOutput"},
-    {"debug", "Debug"},
-    {"cache-update", "CacheUpdate"},
-    {"controller", "Controller"},
-    {"low-freq-file-copy", "LowFreqFileCopy"},
-    {"high-freq-file-copy", "HighFreqFileCopy"},
-    {"trickle", "Trickle"},
-    {"process-lock", "ProcessLock"},
-    {"viewer", "Viewer"},
-};
-
-const char* PythonGroup(std::string_view library_name) {
-  for (const GroupName& group : kGroupNames) {
-    if (library_name == group.library_name) return group.name;
-  }
-  return "other";
-}
 
 }  // namespace
 
@@ -139,7 +114,7 @@ class CallbackSink
       py::object target = target_ ? py::object(py::int_(*target_)) : py::object(py::none());
       const py::handle make{event_class_};
       const py::handle call{callback_};
-      call(make(PythonGroup(group), name, target, PropertiesOf(event)));
+      call(make(std::string(vekx::EventGroupToolName(group)), name, target, PropertiesOf(event)));
     } catch (py::error_already_set& failure) {
       // Told, never lost and never fatal: sys.unraisablehook reports it.
       failure.discard_as_unraisable(py::reinterpret_borrow<py::object>(callback_));
@@ -164,45 +139,8 @@ thread_local const CallbackSink* CallbackSink::t_delivering = nullptr;
 
 namespace {
 
-// Asks the target generation that has it to (un)subscribe the sink to one group.
-template <class Generation, class SinkInterface>
-HRESULT Subscribe(ITarget& target, REFIID generation,
-                  HRESULT (STDMETHODCALLTYPE Generation::*method)(SinkInterface*),
-                  CallbackSink& sink) {
-  vekx::ComPtr<Generation> later;
-  if (HRESULT hr = target.QueryInterface(generation, reinterpret_cast<void**>(later.Put()));
-      FAILED(hr)) {
-    return hr;
-  }
-  return (later.Get()->*method)(static_cast<SinkInterface*>(&sink));
-}
-
-struct TargetGroup {
-  const char* name;
-  HRESULT (*subscribe)(ITarget& target, CallbackSink& sink, bool advise);
-};
-
-#define VEKX_TARGET_GROUP(name, Generation, Sink, Stem)                                            \
-  TargetGroup {                                                                                    \
-    name, [](ITarget& target, CallbackSink& sink, bool advise) {                                   \
-      return Subscribe<Generation, Sink>(                                                          \
-          target, IID_##Generation,                                                                \
-          advise ? &Generation::Advise##Stem##Events : &Generation::Unadvise##Stem##Events, sink); \
-    }                                                                                              \
-  }
-const TargetGroup kTargetGroups[] = {
-    VEKX_TARGET_GROUP("target", ITarget, IEventTarget, Target),
-    VEKX_TARGET_GROUP("console", ITarget, IEventConsoleOutput, ConsoleOutput),
-    VEKX_TARGET_GROUP("debug", ITarget, IEventDebug, Debug),
-    VEKX_TARGET_GROUP("cache-update", ITarget, IEventCacheUpdate, CacheUpdate),
-    VEKX_TARGET_GROUP("controller", ITarget, IEventController, Controller),
-    VEKX_TARGET_GROUP("low-freq-file-copy", ITarget29, IEventLowFreqFileCopy, LowFreqFileCopy),
-    VEKX_TARGET_GROUP("high-freq-file-copy", ITarget29, IEventHighFreqFileCopy, HighFreqFileCopy),
-    VEKX_TARGET_GROUP("trickle", ITarget9, IEventTrickle, Trickle),
-    VEKX_TARGET_GROUP("process-lock", ITarget11, IEventProcessLock, ProcessLock),
-    VEKX_TARGET_GROUP("viewer", ITarget6, IEventViewer, EventViewer),
-};
-#undef VEKX_TARGET_GROUP
+const auto& kTargetGroups = vekx::kTargetEventGroups<CallbackSink>;
+using TargetGroup = vekx::TargetEventGroup<CallbackSink>;
 
 // The target with `handle` among the server's, or null. No Python: runs on the notification
 // thread too.
@@ -228,8 +166,9 @@ vekx::ComPtr<ITarget> TargetWithHandle(IVEKXAPI12& api, ULONG handle) {
 
 std::vector<std::string> GroupNames() {
   std::vector<std::string> names;
-  for (const GroupName& group : kGroupNames)
-    names.emplace_back(group.name);
+  // A channel's events come to the channel's own sink, not to subscriptions.
+  for (const vekx::EventGroupName& group : vekx::kEventGroupNames)
+    if (std::string_view(group.name) != "generic-protocol") names.emplace_back(group.name);
   return names;
 }
 
@@ -271,7 +210,7 @@ Subscription::Subscription(IVEKXAPI12& api, const std::vector<vekx::ComPtr<ITarg
     if (every_target && !target_groups_.empty()) {
       vekx::Variant list;
       Unlocked([&] { return api.get_Targets(list.Put()); });
-      covering = ObjectsOf<ITarget>(list.Get(), IID_ITarget);
+      covering = Library::Objects<ITarget>(list.Get(), IID_ITarget);
     }
     for (const vekx::ComPtr<ITarget>& target : covering) {
       const ULONG handle = Get(*target.Get(), &ITarget::get_Handle);
