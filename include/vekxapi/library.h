@@ -12,3 +12,10 @@ EXTERN_C HRESULT STDAPICALLTYPE VekxCreateRoot(REFIID iid, void** object);
 // The component system's entry points, which a POSIX host that loads the library calls itself.
 STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* object);
 STDAPI DllCanUnloadNow(void);
+
+// How long the calls made on the calling thread wait for the server's answer, in milliseconds;
+// 0 (the default) waits as long as the server takes. A call that reaches the limit returns
+// KXAPI_TIMEOUT, its description saying so; the answer, should it come later, is dropped and the
+// connection stays usable. Returns the thread's previous limit. Events and other threads' calls
+// are not affected.
+EXTERN_C ULONG STDAPICALLTYPE VekxSetAnswerTimeout(ULONG milliseconds);

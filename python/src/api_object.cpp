@@ -18,7 +18,7 @@ constexpr ULONG kInterfaceGeneration = 21;
 
 std::vector<Target> TargetsIn(const vekx::Variant& list) {
   std::vector<Target> targets;
-  for (auto& target : ObjectsOf<ITarget>(list.Get(), IID_ITarget))
+  for (auto& target : Library::Objects<ITarget>(list.Get(), IID_ITarget))
     targets.emplace_back(std::move(target));
   return targets;
 }
@@ -106,13 +106,9 @@ std::unique_ptr<Subscription> Api::Subscribe(py::object callback,
                                              const std::optional<std::vector<std::string>>& groups,
                                              const Target* target) {
   IVEKXAPI12& root = Root();
+  // No target: every target, listed by the subscription once it hears of new ones.
   std::vector<vekx::ComPtr<ITarget>> targets;
-  if (target != nullptr) {
-    targets.push_back(target->Pointer());
-  } else {
-    for (const Target& each : Targets())
-      targets.push_back(each.Pointer());
-  }
+  if (target != nullptr) targets.push_back(target->Pointer());
   std::vector<std::string> wanted = groups.value_or(std::vector<std::string>());
   if (groups && groups->empty())
     Raise(Kind::kInvalidArgument, E_INVALIDARG, "name at least one group, or None for all");

@@ -20,34 +20,6 @@ double Now() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-template <class Enum>
-std::uint32_t Bits(Enum value) {
-  static_assert(sizeof(Enum) == sizeof(std::uint32_t));
-  std::uint32_t bits = 0;
-  std::memcpy(&bits, &value, sizeof bits);
-  return bits;
-}
-
-// A cached piece (IConsoleOutput) or a live one (IConsoleOutputEvent): the same getters.
-template <class Source>
-HRESULT ReadPiece(Source& source, ConsolePiece& piece) {
-  eConsoleOutputPort port{};
-  eConsoleOutputCategory category{};
-  ULONG process_id = 0;
-  ULONG thread_id = 0;
-  ULONGLONG timestamp = 0;
-  vekx::Bstr text;
-  HRESULT hr = source.get_Port(&port);
-  if (SUCCEEDED(hr)) hr = source.get_Category(&category);
-  if (SUCCEEDED(hr)) hr = source.get_ProcessId(&process_id);
-  if (SUCCEEDED(hr)) hr = source.get_ThreadId(&thread_id);
-  if (SUCCEEDED(hr)) hr = source.get_Timestamp(&timestamp);
-  if (SUCCEEDED(hr)) hr = source.get_Text(text.Put());
-  if (FAILED(hr)) return hr;
-  piece = {0, Bits(port), Bits(category), process_id, thread_id, timestamp, text.Utf8()};
-  return S_OK;
-}
-
 // The cache from `start` (or its oldest piece, if that one has gone) to its end. Returns the
 // index the next piece will get.
 std::uint32_t ReadCache(ITarget& target, std::uint32_t start, std::vector<ConsolePiece>& pieces) {
@@ -55,13 +27,13 @@ std::uint32_t ReadCache(ITarget& target, std::uint32_t start, std::vector<Consol
   for (;;) {
     vekx::Variant records;
     Unlocked([&] { return target.CachedConsoleOutput(&next, records.Put()); });
-    const auto objects = ObjectsOf<IConsoleOutput>(records.Get(), IID_IConsoleOutput);
+    const auto objects = Library::Objects<IConsoleOutput>(records.Get(), IID_IConsoleOutput);
     if (objects.empty()) return next;
     // The pieces of one fetch are consecutive and end just before `next`.
     std::uint32_t index = next - static_cast<std::uint32_t>(objects.size());
     for (const auto& record : objects) {
       ConsolePiece piece;
-      Check(ReadPiece(*record.Get(), piece));
+      Check(vekx::ReadConsolePiece(*record.Get(), piece));
       piece.index = index++;
       pieces.push_back(std::move(piece));
     }
@@ -69,11 +41,6 @@ std::uint32_t ReadCache(ITarget& target, std::uint32_t start, std::vector<Consol
 }
 
 }  // namespace
-
-bool ConsolePiece::SameAs(const ConsolePiece& other) const {
-  return port == other.port && category == other.category && process_id == other.process_id &&
-         thread_id == other.thread_id && timestamp == other.timestamp && text == other.text;
-}
 
 // The live pieces, numbered once the cache has been read. Called on the library's thread; never
 // touches Python.
@@ -83,7 +50,7 @@ class LiveConsole : public vekx::EventSink<IEventConsoleOutput> {
     if (event == nullptr) return E_POINTER;
     try {
       ConsolePiece piece;
-      if (HRESULT hr = ReadPiece(*event, piece); FAILED(hr)) return hr;
+      if (HRESULT hr = vekx::ReadConsolePiece(*event, piece); FAILED(hr)) return hr;
       std::lock_guard lock(mutex_);
       if (numbered_) {
         Number(std::move(piece));
@@ -148,7 +115,8 @@ class LiveConsole : public vekx::EventSink<IEventConsoleOutput> {
   }
   std::uint32_t FirstIndex(const ConsolePiece& first) const {
     for (const ConsolePiece& cached : recent_) {
-      if (cached.index >= earliest_ && cached.index <= latest_ && cached.SameAs(first))
+      if (cached.index >= earliest_ && cached.index <= latest_ &&
+          static_cast<const vekx::ConsolePiece&>(cached) == first)
         return cached.index;
     }
     // Not among the cached pieces: it came after them.

@@ -15,20 +15,15 @@
 #include <vector>
 
 #include "vekxapi/com_ptr.h"
+#include "vekxapi/console_piece.h"
 #include "vekxapi/vekxapi.h"
 
 namespace vekx_python {
 
-struct ConsolePiece {
+// A piece with its place in the target's console cache. Equal content (the index aside) is how
+// the first live piece is found among the cached ones.
+struct ConsolePiece : vekx::ConsolePiece {
   std::uint32_t index = 0;
-  std::uint32_t port = 0;
-  std::uint32_t category = 0;
-  std::uint32_t process_id = 0;
-  std::uint32_t thread_id = 0;
-  std::uint64_t timestamp = 0;
-  std::string text;
-  // Equal content: how the first live piece is found among the cached ones (the index aside).
-  bool SameAs(const ConsolePiece& other) const;
 };
 
 class LiveConsole;

@@ -80,10 +80,11 @@ Stop ReadStop(IStopNotification& notification) {
 }
 
 py::int_ Thread::Register(const std::string& name) {
-  const vekx::Variant ids = I32Array({RegisterId(name)});
+  const std::uint32_t id = RegisterId(name);
+  const vekx::Variant ids = Library::Array(VT_I4, &id, 1);
   vekx::Variant values;
   Unlocked([&] { return thread_->GetRegisters(ids.Get(), values.Put()); });
-  const std::vector<std::uint64_t> words = WordsOf(values.Get());
+  const std::vector<std::uint64_t> words = Library::Values<std::uint64_t>(values.Get());
   if (words.empty()) Raise(Kind::kError, E_UNEXPECTED, "the target answered no value for " + name);
   // Four words per register, lowest first: st and ymm registers use more than the first, and
   // come back as one integer.
@@ -105,8 +106,8 @@ void Thread::SetRegister(const std::string& name, const py::int_& value) {
   const py::int_ mask((py::int_(1) << py::int_(64)) - py::int_(1));
   for (unsigned i = 0; i < 4; ++i)
     words.push_back(py::int_((value >> py::int_(64 * i)) & mask).cast<std::uint64_t>());
-  const vekx::Variant ids = I32Array({id});
-  const vekx::Variant array = U64Array(words);
+  const vekx::Variant ids = Library::Array(VT_I4, &id, 1);
+  const vekx::Variant array = Library::Array(VT_UI8, words.data(), words.size());
   Unlocked([&] { return thread_->SetRegisters(ids.Get(), array.Get()); });
 }
 
@@ -123,13 +124,13 @@ py::bytes Process::Read(std::uint64_t address, std::uint32_t count) {
           std::to_string(bad) + " of the " + std::to_string(count) + " bytes at " + Hex(address) +
               " of process " + std::to_string(pid_) + " could not be read");
   }
-  const std::vector<std::uint8_t> bytes = BytesOf(buffer.Get());
+  const std::vector<std::uint8_t> bytes = Library::Values<std::uint8_t>(buffer.Get());
   return py::bytes(reinterpret_cast<const char*>(bytes.data()), bytes.size());
 }
 
 std::uint32_t Process::Write(std::uint64_t address, const std::string& data) {
   const vekx::Variant bytes =
-      ByteArray(reinterpret_cast<const std::uint8_t*>(data.data()), data.size());
+      Library::Array(VT_UI1, reinterpret_cast<const std::uint8_t*>(data.data()), data.size());
   ULONG written = 0;
   Unlocked([&] { return process_->SetMemory(address, bytes.Get(), &written); });
   return written;
@@ -274,7 +275,7 @@ void Process::Kill() {
 std::vector<Thread> Process::Threads() {
   const vekx::Variant list = Get(*process_.Get(), &IProcess::get_ThreadInfoSnapshot);
   std::vector<Thread> threads;
-  for (const auto& info : ObjectsOf<IThreadInfo>(list.Get(), IID_IThreadInfo)) {
+  for (const auto& info : Library::Objects<IThreadInfo>(list.Get(), IID_IThreadInfo)) {
     const ULONG tid = Get(*info.Get(), &IThreadInfo::get_Id);
     threads.emplace_back(Get(*info.Get(), &IThreadInfo::get_ThreadInterface), tid);
   }

@@ -7,6 +7,7 @@
 #include <string>
 #include <type_traits>
 
+#include "answer_limit.h"
 #include "vekxapi/automation.h"
 
 namespace vekx_python {
@@ -34,6 +35,7 @@ inline void Check(HRESULT code) {
 // forced unwind, which aborts the process when it starts in a destructor.
 template <class Call>
 auto WithoutGil(Call&& call) -> decltype(call()) {
+  ApplyAnswerLimit();
   PyThreadState* state = PyEval_SaveThread();
   if constexpr (std::is_void_v<decltype(call())>) {
     try {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "answer_limit.h"
 #include "api_object.h"
 #include "console_stream.h"
 #include "debug_objects.h"
@@ -217,6 +218,22 @@ PYBIND11_MODULE(_native, m) {
       .def_property_readonly("disposed", &Api::disposed)
       .def("__enter__", [](Api& a) -> Api& { return a; })
       .def("__exit__", [](Api& a, const py::args&) { a.Dispose(); });
+
+  py::class_<TimeoutScope>(m, "timeout",
+                           "with vekxapi.timeout(seconds): the calls this thread makes in the "
+                           "block wait at most `seconds` for the server's answer (None: no limit), "
+                           "then raise TargetTimeout.")
+      .def(py::init<std::optional<double>>(), py::arg("seconds"))
+      .def("__enter__",
+           [](TimeoutScope& scope) -> TimeoutScope& {
+             scope.Enter();
+             return scope;
+           })
+      .def("__exit__", [](TimeoutScope& scope, const py::args&) { scope.Exit(); });
+  m.def("set_timeout", &SetDefaultTimeout, py::arg("seconds"),
+        "How long every call waits for the server's answer unless a `with timeout()` block says "
+        "otherwise; None (the default) waits as long as the server takes.");
+  m.def("get_timeout", &DefaultTimeout, "The default set by set_timeout, or None.");
 
   m.attr("GROUPS") = GroupNames();
   m.def("_close_all", &Subscription::CloseAll);

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -12,6 +13,7 @@
 #include "errors.h"
 #include "event_objects.h"
 #include "values.h"
+#include "vekxapi/event_groups.h"
 #include "vekxapi/event_sink.h"
 
 namespace vekx_python {
@@ -28,32 +30,6 @@ std::atomic<bool> g_exiting{false};
 std::mutex g_open_mutex;
 std::set<Subscription*> g_open;
 
-// The groups by the names Python uses, with the library's own.
-struct GroupName {
-  const char* name;
-  const char* library_name;
-};
-constexpr GroupName kGroupNames[] = {
-    {"server", "Server"},
-    {"target", "Target"},
-    {"console", "ConsoleOutput"},
-    {"debug", "Debug"},
-    {"cache-update", "CacheUpdate"},
-    {"controller", "Controller"},
-    {"low-freq-file-copy", "LowFreqFileCopy"},
-    {"high-freq-file-copy", "HighFreqFileCopy"},
-    {"trickle", "Trickle"},
-    {"process-lock", "ProcessLock"},
-    {"viewer", "Viewer"},
-};
-
-const char* PythonGroup(std::string_view library_name) {
-  for (const GroupName& group : kGroupNames) {
-    if (library_name == group.library_name) return group.name;
-  }
-  return "other";
-}
-
 }  // namespace
 
 // Hands every event of every group to one Python callable.
@@ -63,12 +39,16 @@ class CallbackSink
                              IEventHighFreqFileCopy, IEventTrickle2, IEventProcessLock,
                              IEventViewer, IEventGenericProtocol> {
  public:
-  // Needs the GIL.
-  CallbackSink(py::object callback, std::optional<ULONG> target)
+  // Needs the GIL. `forward` false: the events are heard (for `on_target_added`) but the
+  // callback does not get them.
+  CallbackSink(py::object callback, std::optional<ULONG> target, bool forward = true,
+               std::function<void(ULONG)> on_target_added = nullptr)
       : callback_(callback.release().ptr()),
         event_class_(
             py::object(py::module_::import("vekxapi._events").attr("Event")).release().ptr()),
-        target_(target) {}
+        target_(target),
+        forward_(forward),
+        on_target_added_(std::move(on_target_added)) {}
 
 #define VEKX_SINK_METHOD(Interface, Method, EventName)                    \
   HRESULT STDMETHODCALLTYPE Method(I##EventName##Event* event) override { \
@@ -112,7 +92,13 @@ class CallbackSink
       ++running_;
     }
     const CallbackSink* outer = std::exchange(t_delivering, this);
-    const HRESULT result = g_exiting || !Py_IsInitialized() ? S_OK : Call(group, name, *event);
+    if constexpr (std::is_same_v<Event, ITargetAddedEvent>) {
+      // Before the callback hears of the target, so that it hears of its events too.
+      ULONG handle = 0;
+      if (on_target_added_ && SUCCEEDED(event->get_Handle(&handle))) on_target_added_(handle);
+    }
+    const HRESULT result =
+        !forward_ || g_exiting || !Py_IsInitialized() ? S_OK : Call(group, name, *event);
     t_delivering = outer;
     std::lock_guard lock(mutex_);
     --running_;
@@ -128,7 +114,7 @@ class CallbackSink
       py::object target = target_ ? py::object(py::int_(*target_)) : py::object(py::none());
       const py::handle make{event_class_};
       const py::handle call{callback_};
-      call(make(PythonGroup(group), name, target, PropertiesOf(event)));
+      call(make(std::string(vekx::EventGroupToolName(group)), name, target, PropertiesOf(event)));
     } catch (py::error_already_set& failure) {
       // Told, never lost and never fatal: sys.unraisablehook reports it.
       failure.discard_as_unraisable(py::reinterpret_borrow<py::object>(callback_));
@@ -141,7 +127,9 @@ class CallbackSink
   PyObject* callback_;     // owned; read and cleared under the GIL only
   PyObject* event_class_;  // owned; likewise
   const std::optional<ULONG> target_;
-  std::mutex mutex_;  // guards stopped_ and running_
+  const bool forward_;
+  const std::function<void(ULONG)> on_target_added_;  // runs on the notification thread
+  std::mutex mutex_;                                  // guards stopped_ and running_
   std::condition_variable idle_;
   bool stopped_ = false;
   int running_ = 0;  // callbacks under way
@@ -151,58 +139,42 @@ thread_local const CallbackSink* CallbackSink::t_delivering = nullptr;
 
 namespace {
 
-// Asks the target generation that has it to (un)subscribe the sink to one group.
-template <class Generation, class SinkInterface>
-HRESULT Subscribe(ITarget& target, REFIID generation,
-                  HRESULT (STDMETHODCALLTYPE Generation::*method)(SinkInterface*),
-                  CallbackSink& sink) {
-  vekx::ComPtr<Generation> later;
-  if (HRESULT hr = target.QueryInterface(generation, reinterpret_cast<void**>(later.Put()));
-      FAILED(hr)) {
-    return hr;
+const auto& kTargetGroups = vekx::kTargetEventGroups<CallbackSink>;
+using TargetGroup = vekx::TargetEventGroup<CallbackSink>;
+
+// The target with `handle` among the server's, or null. No Python: runs on the notification
+// thread too.
+vekx::ComPtr<ITarget> TargetWithHandle(IVEKXAPI12& api, ULONG handle) {
+  vekx::Variant list;
+  std::vector<vekx::Variant> elements;
+  if (FAILED(api.get_Targets(list.Put())) || FAILED(vekx::ArrayElements(list.Get(), elements)))
+    return nullptr;
+  for (const vekx::Variant& element : elements) {
+    vekx::ComPtr<ITarget> target;
+    ULONG each = 0;
+    if (element.Type() == VT_DISPATCH && element.Get().pdispVal != nullptr &&
+        SUCCEEDED(element.Get().pdispVal->QueryInterface(IID_ITarget,
+                                                         reinterpret_cast<void**>(target.Put()))) &&
+        SUCCEEDED(target->get_Handle(&each)) && each == handle) {
+      return target;
+    }
   }
-  return (later.Get()->*method)(static_cast<SinkInterface*>(&sink));
+  return nullptr;
 }
-
-struct TargetGroup {
-  const char* name;
-  HRESULT (*subscribe)(ITarget& target, CallbackSink& sink, bool advise);
-};
-
-#define VEKX_TARGET_GROUP(name, Generation, Sink, Stem)                                            \
-  TargetGroup {                                                                                    \
-    name, [](ITarget& target, CallbackSink& sink, bool advise) {                                   \
-      return Subscribe<Generation, Sink>(                                                          \
-          target, IID_##Generation,                                                                \
-          advise ? &Generation::Advise##Stem##Events : &Generation::Unadvise##Stem##Events, sink); \
-    }                                                                                              \
-  }
-const TargetGroup kTargetGroups[] = {
-    VEKX_TARGET_GROUP("target", ITarget, IEventTarget, Target),
-    VEKX_TARGET_GROUP("console", ITarget, IEventConsoleOutput, ConsoleOutput),
-    VEKX_TARGET_GROUP("debug", ITarget, IEventDebug, Debug),
-    VEKX_TARGET_GROUP("cache-update", ITarget, IEventCacheUpdate, CacheUpdate),
-    VEKX_TARGET_GROUP("controller", ITarget, IEventController, Controller),
-    VEKX_TARGET_GROUP("low-freq-file-copy", ITarget29, IEventLowFreqFileCopy, LowFreqFileCopy),
-    VEKX_TARGET_GROUP("high-freq-file-copy", ITarget29, IEventHighFreqFileCopy, HighFreqFileCopy),
-    VEKX_TARGET_GROUP("trickle", ITarget9, IEventTrickle, Trickle),
-    VEKX_TARGET_GROUP("process-lock", ITarget11, IEventProcessLock, ProcessLock),
-    VEKX_TARGET_GROUP("viewer", ITarget6, IEventViewer, EventViewer),
-};
-#undef VEKX_TARGET_GROUP
 
 }  // namespace
 
 std::vector<std::string> GroupNames() {
   std::vector<std::string> names;
-  for (const GroupName& group : kGroupNames)
-    names.emplace_back(group.name);
+  // A channel's events come to the channel's own sink, not to subscriptions.
+  for (const vekx::EventGroupName& group : vekx::kEventGroupNames)
+    if (std::string_view(group.name) != "generic-protocol") names.emplace_back(group.name);
   return names;
 }
 
 Subscription::Subscription(IVEKXAPI12& api, const std::vector<vekx::ComPtr<ITarget>>& targets,
                            const std::vector<std::string>& groups, py::object callback)
-    : api_(&api) {
+    : api_(&api), callback_(callback) {
   if (!PyCallable_Check(callback.ptr()))
     Raise(Kind::kInvalidArgument, E_INVALIDARG, "the callback must be callable");
   const std::vector<std::string> known = GroupNames();
@@ -210,29 +182,58 @@ Subscription::Subscription(IVEKXAPI12& api, const std::vector<vekx::ComPtr<ITarg
     if (std::find(known.begin(), known.end(), group) == known.end())
       Raise(Kind::kInvalidArgument, E_INVALIDARG, "no event group '" + group + "'");
   }
-  auto want = [&groups](std::string_view group) {
-    return groups.empty() || std::find(groups.begin(), groups.end(), group) != groups.end();
-  };
+  for (size_t i = 0; i < std::size(kTargetGroups); ++i) {
+    const char* name = kTargetGroups[i].name;
+    if (groups.empty() || std::find(groups.begin(), groups.end(), name) != groups.end())
+      target_groups_.push_back(i);
+  }
+  const bool every_target = targets.empty();
+  const bool server =
+      groups.empty() || std::find(groups.begin(), groups.end(), "server") != groups.end();
   {
     std::lock_guard lock(g_open_mutex);
     g_open.insert(this);
   }
   try {
-    if (want("server")) {
-      auto sink = vekx::MakeSink<CallbackSink>(callback, std::nullopt);
+    // The server's group first: a target added from now on is covered when its event comes.
+    if (server || (every_target && !target_groups_.empty())) {
+      std::function<void(ULONG)> cover;
+      if (every_target && !target_groups_.empty()) cover = [this](ULONG handle) { Cover(handle); };
+      auto sink = vekx::MakeSink<CallbackSink>(callback, std::nullopt, server, std::move(cover));
       IEventServer* server_sink = static_cast<IEventServer*>(sink.Get());
       Unlocked([&] { return api.AdviseServerEvents(server_sink); });
-      Add(sink, [api = api_, server_sink] { return api->UnadviseServerEvents(server_sink); });
+      std::lock_guard lock(mutex_);
+      AddLocked(sink,
+                {[api = api_, server_sink] { return api->UnadviseServerEvents(server_sink); }});
     }
-    for (const vekx::ComPtr<ITarget>& target : targets) {
+    std::vector<vekx::ComPtr<ITarget>> covering = targets;
+    if (every_target && !target_groups_.empty()) {
+      vekx::Variant list;
+      Unlocked([&] { return api.get_Targets(list.Put()); });
+      covering = Library::Objects<ITarget>(list.Get(), IID_ITarget);
+    }
+    for (const vekx::ComPtr<ITarget>& target : covering) {
       const ULONG handle = Get(*target.Get(), &ITarget::get_Handle);
-      auto sink = vekx::MakeSink<CallbackSink>(callback, handle);
-      for (const TargetGroup& group : kTargetGroups) {
-        if (!want(group.name)) continue;
-        Unlocked([&] { return group.subscribe(*target.Get(), *sink.Get(), true); });
-        Add(sink,
-            [target, sink, &group] { return group.subscribe(*target.Get(), *sink.Get(), false); });
+      {
+        std::lock_guard lock(mutex_);
+        if (!covered_.insert(handle).second) continue;  // covered already, as it was added
       }
+      auto sink = vekx::MakeSink<CallbackSink>(callback, handle);
+      std::vector<std::function<HRESULT()>> undo;
+      for (const size_t index : target_groups_) {
+        const TargetGroup* group = &kTargetGroups[index];
+        const HRESULT hr =
+            WithoutGil([&] { return group->subscribe(*target.Get(), *sink.Get(), true); });
+        if (FAILED(hr)) {
+          std::lock_guard lock(mutex_);
+          AddLocked(sink, std::move(undo));
+          Check(hr);
+        }
+        undo.push_back(
+            [target, sink, group] { return group->subscribe(*target.Get(), *sink.Get(), false); });
+      }
+      std::lock_guard lock(mutex_);
+      AddLocked(sink, std::move(undo));
     }
   } catch (...) {
     Close();
@@ -240,13 +241,57 @@ Subscription::Subscription(IVEKXAPI12& api, const std::vector<vekx::ComPtr<ITarg
   }
 }
 
+void Subscription::Cover(ULONG handle) noexcept {
+  // On the notification thread, inside the server sink's delivery: Close waits for it to end.
+  try {
+    {
+      std::lock_guard lock(mutex_);
+      if (closed_ || !covered_.insert(handle).second) return;
+    }
+    vekx::ComPtr<ITarget> target = TargetWithHandle(*api_.Get(), handle);
+    if (!target || g_exiting) return;
+    vekx::ComPtr<CallbackSink> sink;
+    {
+      py::gil_scoped_acquire gil;
+      if (callback_.is_none()) return;  // closed meanwhile
+      sink = vekx::MakeSink<CallbackSink>(callback_, handle);
+    }
+    std::vector<std::function<HRESULT()>> undo;
+    for (const size_t index : target_groups_) {
+      const TargetGroup* group = &kTargetGroups[index];
+      if (SUCCEEDED(group->subscribe(*target.Get(), *sink.Get(), true))) {
+        undo.push_back(
+            [target, sink, group] { return group->subscribe(*target.Get(), *sink.Get(), false); });
+      }
+    }
+    {
+      std::lock_guard lock(mutex_);
+      if (!closed_) {
+        AddLocked(sink, std::move(undo));
+        return;
+      }
+    }
+    // Closed while the target was being subscribed: undone here, as Close would have.
+    sink->Stop();
+    for (const auto& step : undo)
+      step();
+    sink->WaitIdle(std::chrono::milliseconds::max());
+    py::gil_scoped_acquire gil;
+    sink->Forget();
+  } catch (...) {
+    // A target that cannot be covered is left out; the subscription goes on.
+  }
+}
+
 Subscription::~Subscription() {
   Close();
 }
 
-void Subscription::Add(vekx::ComPtr<CallbackSink> sink, std::function<HRESULT()> undo) {
-  if (sinks_.empty() || sinks_.back().Get() != sink.Get()) sinks_.push_back(sink);
-  undo_.push_back(std::move(undo));
+void Subscription::AddLocked(vekx::ComPtr<CallbackSink> sink,
+                             std::vector<std::function<HRESULT()>> undo) {
+  sinks_.push_back(std::move(sink));
+  for (auto& step : undo)
+    undo_.push_back(std::move(step));
 }
 
 void Subscription::Close() {
@@ -258,21 +303,28 @@ void Subscription::CloseWaiting(std::chrono::milliseconds wait) {
     std::lock_guard lock(g_open_mutex);
     g_open.erase(this);
   }
-  for (const auto& sink : sinks_)
-    sink->Stop();
+  std::vector<vekx::ComPtr<CallbackSink>> sinks;
   std::vector<std::function<HRESULT()>> undo;
-  undo.swap(undo_);
+  {
+    // From here on a target being covered undoes itself.
+    std::lock_guard lock(mutex_);
+    closed_ = true;
+    sinks.swap(sinks_);
+    undo.swap(undo_);
+  }
+  for (const auto& sink : sinks)
+    sink->Stop();
   WithoutGil([&] {
     // A failure no longer matters: no callback starts after Stop.
     for (const auto& step : undo)
       step();
     // A callback under way holds the callable, and must end before Python does.
-    for (const auto& sink : sinks_)
+    for (const auto& sink : sinks)
       sink->WaitIdle(wait);
   });
-  for (const auto& sink : sinks_)
+  for (const auto& sink : sinks)
     sink->Forget();
-  sinks_.clear();
+  callback_ = py::none();
 }
 
 void Subscription::CloseAll() {

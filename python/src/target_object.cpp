@@ -5,6 +5,7 @@
 
 #include "errors.h"
 #include "values.h"
+#include "vekxapi/state_names.h"
 
 namespace vekx_python {
 
@@ -16,33 +17,13 @@ namespace {
 constexpr ULONG kStopAtEntry = 0x1;
 
 std::string PowerName(std::uint32_t status) {
-  switch (status) {
-    case POWER_STATUS_ON:
-      return "on";
-    case POWER_STATUS_STANDBY:
-      return "standby";
-    case POWER_STATUS_SUSPEND:
-      return "suspended";
-    case POWER_STATUS_MAIN_ON_STANDBY:
-      return "main-on-standby";
-    case POWER_STATUS_OFF:
-      return "off";
-    default:
-      return "unknown";
-  }
+  const char* name = vekx::PowerStatusName(status);
+  return name != nullptr ? name : "unknown";
 }
 
 std::string ConnectionName(std::uint32_t state) {
-  switch (state) {
-    case CONNECTION_AVAILABLE:
-      return "available";
-    case CONNECTION_CONNECTED:
-      return "connected";
-    case CONNECTION_IN_USE:
-      return "in-use";
-    default:
-      return std::to_string(state);
-  }
+  const char* name = vekx::ConnectionStateName(state);
+  return name != nullptr ? name : std::to_string(state);
 }
 
 }  // namespace
@@ -74,7 +55,7 @@ std::uint32_t Target::console_index() const {
 py::dict Target::info() const {
   const vekx::Variant list = vekx_python::Get(*target_.Get(), &ITarget::get_TargetInfo);
   py::dict facts;
-  for (const auto& pair : ObjectsOf<INameValuePair>(list.Get(), IID_INameValuePair)) {
+  for (const auto& pair : Library::Objects<INameValuePair>(list.Get(), IID_INameValuePair)) {
     const std::string name = vekx_python::Get(*pair.Get(), &INameValuePair::get_Name);
     const vekx::Variant value = vekx_python::Get(*pair.Get(), &INameValuePair::get_Value);
     facts[py::str(name)] = ValueOf(value.Get());
@@ -110,7 +91,7 @@ Process Target::Load(const std::string& path, const std::vector<std::string>& ar
   std::error_code error;
   const bool on_host = std::filesystem::is_regular_file(path, error);
   const std::string program = on_host ? std::filesystem::absolute(path, error).string() : path;
-  const vekx::Variant argv = BstrArray(args);
+  const vekx::Variant argv = Library::TextArray(args);
   const vekx::Bstr bpath = vekx::Bstr::FromUtf8(program);
   const vekx::Bstr bcwd = vekx::Bstr::FromUtf8(cwd);
   vekx::ComPtr<IProcess> process;
@@ -126,7 +107,7 @@ Process Target::Load(const std::string& path, const std::vector<std::string>& ar
 std::vector<Process> Target::Processes() const {
   const vekx::Variant list = vekx_python::Get(*target_.Get(), &ITarget::get_ProcessInfoSnapshot);
   std::vector<Process> processes;
-  for (const auto& info : ObjectsOf<IProcessInfo>(list.Get(), IID_IProcessInfo)) {
+  for (const auto& info : Library::Objects<IProcessInfo>(list.Get(), IID_IProcessInfo)) {
     const ULONG pid = vekx_python::Get(*info.Get(), &IProcessInfo::get_Id);
     processes.emplace_back(target_,
                            vekx_python::Get(*info.Get(), &IProcessInfo::get_ProcessInterface), pid);

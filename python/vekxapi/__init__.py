@@ -16,13 +16,14 @@ from ._errors import (Error, InvalidArgument, NotFound, NotSupported, ServerErro
 from ._events import Event, EventStream
 from . import _native
 from ._native import (Api, ConsolePiece, ConsoleStream, Memory, Process, Registers, Stop,
-                      Subscription, Target, Thread)
+                      Subscription, Target, Thread, get_timeout, set_timeout, timeout)
 
 GROUPS = tuple(_native.GROUPS)
 
 __all__ = ["connect", "Api", "Target", "Process", "Thread", "Stop", "Event", "EventStream",
            "ConsolePiece", "Subscription", "Error", "TargetError", "TargetTimeout", "ServerError",
-           "InvalidArgument", "NotFound", "NotSupported", "GROUPS"]
+           "InvalidArgument", "NotFound", "NotSupported", "GROUPS", "timeout", "set_timeout",
+           "get_timeout"]
 
 # A package installed by pip carries its own server; the library looks for it along PATH, after
 # any vesta-kx installed on the system.
@@ -31,14 +32,18 @@ if os.path.isfile(os.path.join(_BUNDLED, "vesta-kx")):
     os.environ["PATH"] = os.environ.get("PATH", "") + os.pathsep + _BUNDLED
 
 
-def connect():
-    """The root object. The first one in a process starts the server when none runs."""
+def connect(timeout=None):
+    """The root object. The first one in a process starts the server when none runs. A
+    `timeout` in seconds bounds every call's wait for the server from now on (set_timeout)."""
+    if timeout is not None:
+        set_timeout(timeout)
     return Api()
 
 
 def _events(self, groups=None, target=None, timeout=None):
-    """The events of `groups` (None: all) of the server and of `target` (None: every target
-    known now), as an iterator that ends after `timeout` seconds (None: never)."""
+    """The events of `groups` (None: all) of the server and of `target` (None: every target,
+    those added later included), as an iterator that ends after `timeout` seconds (None:
+    never)."""
     return EventStream(self, groups, target, timeout)
 
 

@@ -6,6 +6,7 @@
 #include "api/class_factory.h"
 #include "api/object_count.h"
 #include "api/root_object.h"
+#include "serverlink/answer_limit.h"
 #include "vekxapi/library.h"
 #include "vekxapi/vekxapi.h"
 
@@ -21,4 +22,9 @@ STDAPI DllCanUnloadNow(void) {
 // for one, without the component system.
 EXTERN_C HRESULT STDAPICALLTYPE VekxCreateRoot(REFIID iid, void** object) {
   return qv::CreateRootObject(iid, object);
+}
+
+EXTERN_C ULONG STDAPICALLTYPE VekxSetAnswerTimeout(ULONG milliseconds) {
+  const auto previous = qv::SetThisThreadsAnswerLimit(std::chrono::milliseconds(milliseconds));
+  return static_cast<ULONG>(previous.count());
 }

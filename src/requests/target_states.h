@@ -25,11 +25,12 @@ enum class ConnectionState : uint32_t {
 };
 
 // ePowerOperation: which power change a POWER_STATE notification reports.
+// The values are the interface's, since the event hands the word to hosts as it came.
 enum class PowerOperation : uint32_t {
-  kPowerOn = 1,
-  kPowerOff = 2,
-  kReboot = 3,
-  kForcePowerOff = 4,
+  kPowerOn = 0,
+  kPowerOff = 1,
+  kReboot = 2,
+  kForcePowerOff = 4,  // 3 is a suspend, which no target of this server does
 };
 
 // ePowerProgress: where that change stands. A change reports kStarted once, then kCompleted or

@@ -28,6 +28,8 @@ int32_t LinkStatusToResult(LinkStatus status) {
       return KXAPI_SHUTTING_DOWN;
     case LinkStatus::kServerNotReachable:
       return KXAPI_SERVER_INITIALIZATION_CHECK_FAILED;
+    case LinkStatus::kTimedOut:
+      return KXAPI_TIMEOUT;
   }
   return KXAPI_UNKNOWN;
 }

@@ -18,6 +18,7 @@ enum class LinkStatus : uint32_t {
   kVersionMismatch = 8,      // malformed handshake answer or another protocol version
   kShuttingDown = 9,         // the library is shutting down
   kServerNotReachable = 10,  // the server was started but never became ready
+  kTimedOut = 11,            // no answer within the calling thread's answer limit
 };
 
 // The result code for a link status; any value outside the table maps to KXAPI_UNKNOWN.

@@ -87,8 +87,9 @@ bool PendingResponseStore::Deliver(std::shared_ptr<CResponse> response) {
   return true;
 }
 
-std::error_code PendingResponseStore::Wait(uint32_t sequence, uint64_t epoch,
-                                           std::shared_ptr<CResponse>& response) {
+std::error_code PendingResponseStore::Wait(
+    uint32_t sequence, uint64_t epoch, std::shared_ptr<CResponse>& response,
+    std::optional<std::chrono::steady_clock::time_point> deadline) {
   const std::shared_ptr<std::condition_variable>& woken = ThisThreadsWaiter();
   if (woken == nullptr) return WaitError::kWaitAbandoned;
   std::unique_lock lock(store_mutex_);
@@ -112,8 +113,29 @@ std::error_code PendingResponseStore::Wait(uint32_t sequence, uint64_t epoch,
       return WaitError::kWaitSuccess;
     }
     it->second.waiter = woken;
-    woken->wait(lock);
+    if (!deadline) {
+      woken->wait(lock);
+    } else if (woken->wait_until(lock, *deadline) == std::cv_status::timeout) {
+      if (GiveUpLocked(sequence, lock)) return WaitError::kWaitTimedOut;
+      deadline.reset();  // the answer is being filed: it is here at once
+    }
   }
+}
+
+bool PendingResponseStore::GiveUpLocked(uint32_t sequence, std::unique_lock<std::mutex>& lock) {
+  // The awaited mark goes first, with the store let go (no path holds both locks). A read thread
+  // that took the mark before us is filing the response: wait for it rather than leave it filed
+  // for nobody.
+  lock.unlock();
+  bool withdrawn = false;
+  {
+    std::lock_guard awaited(awaited_mutex_);
+    withdrawn = awaited_.erase(sequence) != 0;
+  }
+  lock.lock();
+  if (!withdrawn) return false;
+  entries_.erase(sequence);
+  return true;
 }
 
 void PendingResponseStore::Abort() {

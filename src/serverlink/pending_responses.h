@@ -15,10 +15,12 @@
 // with kWaitAbort even when a new connection has already cleared the abort mark, so a caller can
 // never miss the end of the connection its request went out on.
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <system_error>
 #include <unordered_map>
 
@@ -49,8 +51,11 @@ class PendingResponseStore {
   bool Deliver(std::shared_ptr<CResponse> response);
 
   // Blocks until the response for `sequence` has arrived (kWaitSuccess, response filled in) or
-  // the connection of `epoch` has ended (kWaitAbort). kWaitAbandoned when memory runs out.
-  std::error_code Wait(uint32_t sequence, uint64_t epoch, std::shared_ptr<CResponse>& response);
+  // the connection of `epoch` has ended (kWaitAbort). kWaitAbandoned when memory runs out. With a
+  // `deadline`, kWaitTimedOut once it passes: `sequence` is then no longer awaited, so its
+  // response is dropped when it comes.
+  std::error_code Wait(uint32_t sequence, uint64_t epoch, std::shared_ptr<CResponse>& response,
+                       std::optional<std::chrono::steady_clock::time_point> deadline = {});
 
   // The connection ended: every waiter wakes with kWaitAbort.
   void Abort();
@@ -62,6 +67,9 @@ class PendingResponseStore {
     std::shared_ptr<std::condition_variable> waiter;  // set while its caller waits
   };
 
+  // A timed-out waiter withdraws `sequence`; false when its response is being filed already.
+  // `lock` holds store_mutex_ before and after.
+  bool GiveUpLocked(uint32_t sequence, std::unique_lock<std::mutex>& lock);
   // Wakes every waiting caller; store_mutex_ held.
   void WakeAllLocked();
 

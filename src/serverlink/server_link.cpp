@@ -3,12 +3,15 @@
 #include <chrono>
 #include <cstdio>
 #include <functional>
+#include <new>
+#include <optional>
 #include <string>
 
 #include "platform/pipe.h"
 #include "platform/process_identity.h"
 #include "platform/server_process.h"
 #include "platform/wide_string.h"
+#include "serverlink/answer_limit.h"
 #include "serverlink/log.h"
 
 namespace qv {
@@ -24,6 +27,13 @@ constexpr const char* kServerExecutableName =
 
 std::string ThreadTag() {
   return LogHex(std::hash<std::thread::id>{}(std::this_thread::get_id()));
+}
+
+// "0.25", "5": a limit as a person would write it.
+std::string SecondsText(std::chrono::milliseconds limit) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", static_cast<double>(limit.count()) / 1000.0);
+  return text;
 }
 
 }  // namespace
@@ -266,9 +276,21 @@ LinkStatus ServerLink::Write(uint32_t target_handle, const CRequest& request, ui
 
 LinkStatus ServerLink::WaitResponse(CResponse& response, uint32_t sequence, uint64_t epoch) {
   std::shared_ptr<CResponse> arrived;
-  if (store_.Wait(sequence, epoch, arrived) != WaitError::kWaitSuccess || arrived == nullptr) {
-    return LinkStatus::kWaitFailed;
+  const std::chrono::milliseconds limit = ThisThreadsAnswerLimit();
+  std::optional<std::chrono::steady_clock::time_point> deadline;
+  if (limit.count() > 0) deadline = std::chrono::steady_clock::now() + limit;
+  const std::error_code waited = store_.Wait(sequence, epoch, arrived, deadline);
+  if (waited == WaitError::kWaitTimedOut) {
+    LogApi(Log::kPackets, "No answer to " + LogHex(sequence) + " within " +
+                              std::to_string(limit.count()) + " ms; giving up");
+    try {
+      response.ResultText =
+          u"The server did not answer within " + platform::Utf8ToUtf16(SecondsText(limit)) + u" s.";
+    } catch (const std::bad_alloc&) {
+    }
+    return LinkStatus::kTimedOut;
   }
+  if (waited != WaitError::kWaitSuccess || arrived == nullptr) return LinkStatus::kWaitFailed;
   if (arrived->Result != 0) {
     response.Result = arrived->Result;
     response.ResultText = std::move(arrived->ResultText);

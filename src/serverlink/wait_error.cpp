@@ -10,6 +10,8 @@ std::string WaitErrorCategory::message(int value) const {
       return "WaitAbandoned";
     case WaitError::kWaitAbort:
       return "WaitAbort";
+    case WaitError::kWaitTimedOut:
+      return "WaitTimedOut";
   }
   return "WaitUnknown";
 }

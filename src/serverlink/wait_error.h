@@ -8,7 +8,8 @@ namespace qv {
 enum class WaitError {
   kWaitSuccess = 0,
   kWaitAbandoned = 1,
-  kWaitAbort = 2,  // the pending-response store was aborted: the connection closed
+  kWaitAbort = 2,     // the pending-response store was aborted: the connection closed
+  kWaitTimedOut = 3,  // the caller's answer limit passed first
 };
 
 class WaitErrorCategory final : public std::error_category {

@@ -313,6 +313,9 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
   EXPECT_EQ(methods,
             (std::vector<std::string>{"OnBusy", "OnPowerState", "OnPowerState", "OnIdle"}));
   EXPECT_EQ(fresh->Values("OnPowerState", "Progress"), (std::vector<std::string>{"0", "1"}));
+  // The operation is the interface's own value, as a host compares it.
+  const std::string off = std::to_string(POWER_OPERATION_OFF);
+  EXPECT_EQ(fresh->Values("OnPowerState", "Operation"), (std::vector<std::string>{off, off}));
   EXPECT_EQ(bystander->CallCount(), 0u);
 }
 

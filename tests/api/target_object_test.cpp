@@ -14,6 +14,7 @@
 #include "platform/process_identity.h"
 #include "requests/catalogue.h"
 #include "requests/target_states.h"
+#include "vekxapi/library.h"
 
 namespace qv::apitest {
 namespace {
@@ -137,6 +138,20 @@ TEST_F(TargetObjectTest, OneClientHoldsTheConnectionAtATime) {
   EXPECT_EQ(theirs->DisconnectFromNotifications(), S_OK) << TakeErrorText();
   EXPECT_EQ(theirs->DisconnectFromNotifications(), KXAPI_COMMS_ERR_NOT_CONNECTED);
   EXPECT_EQ(Target("kit-gone")->ConnectForNotifications(), KXAPI_COMMS_ERR_NO_CONNECT);
+}
+
+// A call past its thread's answer limit returns at the limit; its answer, when it comes, is not
+// taken for a later call's.
+TEST_F(TargetObjectTest, AnAnswerLimitEndsTheCallAndLeavesTheConnectionUsable) {
+  auto slow = Target("kit-slow");
+  EXPECT_EQ(VekxSetAnswerTimeout(200), 0u);
+  EXPECT_EQ(slow->PowerOn(), KXAPI_TIMEOUT);
+  EXPECT_NE(TakeErrorText().find("The server did not answer within 0.2 s."), std::string::npos);
+  EXPECT_TRUE(Get(slow.Get(), &ITarget::get_IsBusy));
+  EXPECT_EQ(slow->CancelCurrentCommand(), S_OK) << TakeErrorText();
+  EXPECT_EQ(VekxSetAnswerTimeout(0), 200u);
+  EXPECT_TRUE(WaitUntil([&] { return !Get(slow.Get(), &ITarget::get_IsBusy); }));
+  EXPECT_EQ(Power(slow.Get()), POWER_STATUS_OFF);
 }
 
 TEST_F(TargetObjectTest, BusyWhileAChangeRunsUntilItIsCancelled) {

@@ -11,7 +11,7 @@ import time
 import pytest
 
 import vekxapi
-from conftest import PRELOAD
+from conftest import PRELOAD, SERVER_DIR
 
 DOC = os.path.join(os.path.dirname(__file__), "..", "..", "docs", "python.md")
 
@@ -104,6 +104,70 @@ def test_a_power_action_changes_the_state_and_reports_its_progress(api, beta, ac
             if event.event == "Idle":
                 break
     assert progress == [0, 1]  # started, completed
+
+
+@pytest.mark.parametrize("bounded", ["with timeout()", "set_timeout()"])
+def test_an_answer_limit_raises_and_the_next_call_gets_its_own_answer(api, beta, bounded):
+    started = time.monotonic()
+    with pytest.raises(vekxapi.TargetTimeout) as raised:
+        if bounded == "set_timeout()":
+            vekxapi.set_timeout(0.2)
+            try:
+                beta.power_on()  # the kit boots for longer than that
+            finally:
+                vekxapi.set_timeout(None)
+        else:
+            with vekxapi.timeout(0.2):
+                beta.power_on()
+    assert 0.2 <= time.monotonic() - started < 2
+    assert raised.value.code == 0x80040209 and "within 0.2 s" in raised.value.description
+    assert vekxapi.get_timeout() is None
+    with vekxapi.timeout(30):
+        deadline = time.monotonic() + 20
+        while beta.power != "on" and time.monotonic() < deadline:
+            time.sleep(0.05)
+    assert beta.power == "on"
+    with pytest.raises(vekxapi.InvalidArgument):
+        vekxapi.timeout(0)
+
+
+LATE_KIT = """kits:
+  - host: kit-one
+  - host: kit-late
+    registered: false
+    timings: {boot_ms: 30, power_off_ms: 20, connect_ms: 10}
+"""
+LATE_SCRIPT = """
+import threading, vekxapi
+api = vekxapi.connect()
+seen, added, idle = [], threading.Event(), threading.Event()
+def heard(ev):
+    seen.append((ev.target, ev.event))
+    added.set() if ev.event == "TargetAdded" else idle.set() if ev.event == "Idle" else None
+with api.subscribe(heard, groups=["server", "target"]):
+    late = api.add_target("kit-late")
+    added.wait(10)  # told once its events are covered
+    late.power_on()
+    idle.wait(10)
+print(sorted({event for target, event in seen if target == late.handle}))
+"""
+
+
+def test_a_subscription_without_a_target_hears_targets_added_later(tmp_path):
+    (tmp_path / "kits.yaml").write_text(LATE_KIT)
+    env = dict(os.environ, XDG_RUNTIME_DIR=str(tmp_path))
+    with subprocess.Popen([os.path.join(SERVER_DIR, "vesta-kx"), "--scenario",
+                           str(tmp_path / "kits.yaml"), "--log-level", "3"],
+                          env=env, stderr=subprocess.PIPE, text=True) as server:
+        try:
+            assert "serving" in server.stderr.readline()  # written once it is ready
+            threading.Thread(target=server.stderr.read, daemon=True).start()
+            ran = subprocess.run([sys.executable, "-c", LATE_SCRIPT],
+                                 env=dict(env, **({"LD_PRELOAD": PRELOAD} if PRELOAD else {})),
+                                 capture_output=True, text=True, timeout=60, check=False)
+        finally:
+            server.terminate()
+    assert ran.stdout == "['Busy', 'Idle', 'PowerState']\n", ran.stderr
 
 
 def test_a_raising_callback_is_reported_and_later_events_still_arrive(api, beta, monkeypatch):

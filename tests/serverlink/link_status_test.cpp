@@ -23,7 +23,8 @@ TEST(LinkStatusTest, EveryStatusMapsToItsResultCode) {
       {8, KXAPI_SERVER_VERSION_MISMATCH},
       {9, KXAPI_SHUTTING_DOWN},
       {10, KXAPI_SERVER_INITIALIZATION_CHECK_FAILED},
-      {11, KXAPI_UNKNOWN},
+      {11, KXAPI_TIMEOUT},
+      {12, KXAPI_UNKNOWN},
       {0xFFFFFFFF, KXAPI_UNKNOWN},
   };
   for (const auto& row : table) {

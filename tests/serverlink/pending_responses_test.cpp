@@ -49,6 +49,23 @@ TEST(PendingResponseStoreTest, UnawaitedResponsesAreDroppedAndLaterOnesStillArri
   EXPECT_FALSE(store.Deliver(ResponseFor(6)));
 }
 
+TEST(PendingResponseStoreTest, AWaiterPastItsDeadlineLeavesAndItsLateAnswerIsDropped) {
+  PendingResponseStore store;
+  const uint64_t epoch = store.Reset();
+  ASSERT_TRUE(store.Await(7));
+  ASSERT_TRUE(store.Await(8));
+  std::shared_ptr<CResponse> response;
+  const auto soon = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+  EXPECT_EQ(store.Wait(7, epoch, response, soon), WaitError::kWaitTimedOut);
+  EXPECT_EQ(response, nullptr);
+  EXPECT_FALSE(store.Deliver(ResponseFor(7)));  // nobody waits for it any more
+  // An answer already in is taken even when the deadline has passed.
+  ASSERT_TRUE(store.Deliver(ResponseFor(8)));
+  EXPECT_EQ(store.Wait(8, epoch, response, std::chrono::steady_clock::now()),
+            WaitError::kWaitSuccess);
+  EXPECT_EQ(response->Sequence, 8u);
+}
+
 TEST(PendingResponseStoreTest, AbortWakesEveryWaiterWithWaitAbort) {
   PendingResponseStore store;
   const uint64_t epoch = store.Reset();

@@ -18,49 +18,14 @@
 #include "output.h"
 #include "target_resolution.h"
 #include "vekxapi/bstr.h"
+#include "vekxapi/console_piece.h"
 #include "vekxapi/event_sink.h"
 #include "vekxapi/variant.h"
 
 namespace vesta_ctrl {
 namespace {
 
-struct Piece {
-  uint32_t port = 0;
-  uint32_t category = 0;
-  uint32_t process_id = 0;
-  uint32_t thread_id = 0;
-  uint64_t timestamp = 0;
-  std::string text;
-  bool operator==(const Piece&) const = default;
-};
-
-template <class Enum>
-uint32_t Bits(Enum value) {
-  static_assert(sizeof(Enum) == sizeof(uint32_t));
-  uint32_t bits = 0;
-  std::memcpy(&bits, &value, sizeof bits);
-  return bits;
-}
-
-// A cached piece (IConsoleOutput) or a live one (IConsoleOutputEvent): the same getters.
-template <class Source>
-HRESULT ReadPiece(Source& source, Piece& piece) {
-  eConsoleOutputPort port{};
-  eConsoleOutputCategory category{};
-  ULONG process_id = 0;
-  ULONG thread_id = 0;
-  ULONGLONG timestamp = 0;
-  vekx::Bstr text;
-  HRESULT hr = source.get_Port(&port);
-  if (SUCCEEDED(hr)) hr = source.get_Category(&category);
-  if (SUCCEEDED(hr)) hr = source.get_ProcessId(&process_id);
-  if (SUCCEEDED(hr)) hr = source.get_ThreadId(&thread_id);
-  if (SUCCEEDED(hr)) hr = source.get_Timestamp(&timestamp);
-  if (SUCCEEDED(hr)) hr = source.get_Text(text.Put());
-  if (FAILED(hr)) return hr;
-  piece = {Bits(port), Bits(category), process_id, thread_id, timestamp, text.Utf8()};
-  return S_OK;
-}
+using Piece = vekx::ConsolePiece;
 
 // Writes pieces as they come: the text itself for people, a JSON line each for scripts.
 class PiecePrinter {
@@ -114,7 +79,7 @@ uint32_t ReadCache(ITarget& target, uint32_t start,
       Check(element.Get().pdispVal->QueryInterface(IID_IConsoleOutput,
                                                    reinterpret_cast<void**>(record.Put())));
       Piece piece;
-      Check(ReadPiece(*record.Get(), piece));
+      Check(vekx::ReadConsolePiece(*record.Get(), piece));
       take(index++, piece);
     }
   }
@@ -134,7 +99,7 @@ class LiveOutput : public vekx::EventSink<IEventConsoleOutput> {
     if (event == nullptr) return E_POINTER;
     try {
       Piece piece;
-      if (HRESULT hr = ReadPiece(*event, piece); FAILED(hr)) return hr;
+      if (HRESULT hr = vekx::ReadConsolePiece(*event, piece); FAILED(hr)) return hr;
       std::lock_guard lock(mutex_);
       if (cache_printed_) {
         Deliver(piece);

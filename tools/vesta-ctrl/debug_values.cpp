@@ -22,49 +22,6 @@ bool HasHexPrefix(std::string_view text) {
   return text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
 }
 
-// The array of `value` with its elements' size checked; nullptr for an empty value.
-SAFEARRAY* ArrayOf(const VARIANT& value, VARTYPE a, VARTYPE b) {
-  if (value.vt == VT_EMPTY || value.vt == VT_NULL) return nullptr;
-  if ((value.vt != (VT_ARRAY | a) && value.vt != (VT_ARRAY | b)) || value.parray == nullptr ||
-      SafeArrayGetDim(value.parray) != 1) {
-    Check(DISP_E_TYPEMISMATCH);
-  }
-  return value.parray;
-}
-
-template <class T>
-std::vector<T> ElementsOf(SAFEARRAY* array) {
-  if (array == nullptr) return {};
-  LONG lower = 0;
-  LONG upper = -1;
-  Check(SafeArrayGetLBound(array, 1, &lower));
-  Check(SafeArrayGetUBound(array, 1, &upper));
-  void* data = nullptr;
-  Check(SafeArrayAccessData(array, &data));
-  const auto* first = static_cast<const T*>(data);
-  std::vector<T> elements(first, first + (upper >= lower ? upper - lower + 1 : 0));
-  SafeArrayUnaccessData(array);
-  return elements;
-}
-
-template <class T>
-vekx::Variant ArrayOfValues(VARTYPE type, const std::vector<T>& values) {
-  vekx::Variant result;
-  SAFEARRAY* array = SafeArrayCreateVector(type, 0, static_cast<ULONG>(values.size()));
-  if (array == nullptr) Check(E_OUTOFMEMORY);
-  void* data = nullptr;
-  if (HRESULT hr = SafeArrayAccessData(array, &data); FAILED(hr)) {
-    SafeArrayDestroy(array);
-    Check(hr);
-  }
-  if (!values.empty()) std::memcpy(data, values.data(), values.size() * sizeof(T));
-  SafeArrayUnaccessData(array);
-  VARIANT* slot = result.Put();
-  slot->vt = static_cast<VARTYPE>(VT_ARRAY | type);
-  slot->parray = array;
-  return result;
-}
-
 }  // namespace
 
 std::uint32_t ParseDecimal(std::string_view text, std::string_view what, std::uint32_t max) {
@@ -158,50 +115,6 @@ std::string HexBytes(const std::vector<std::uint8_t>& bytes) {
     text += kDigits[byte & 0xF];
   }
   return text;
-}
-
-std::vector<std::uint8_t> BytesOf(const VARIANT& value) {
-  return ElementsOf<std::uint8_t>(ArrayOf(value, VT_UI1, VT_I1));
-}
-
-std::vector<std::uint64_t> WordsOf(const VARIANT& value) {
-  return ElementsOf<std::uint64_t>(ArrayOf(value, VT_UI8, VT_I8));
-}
-
-std::vector<std::uint32_t> NumbersOf(const VARIANT& value) {
-  return ElementsOf<std::uint32_t>(ArrayOf(value, VT_UI4, VT_I4));
-}
-
-vekx::Variant ByteArray(const std::vector<std::uint8_t>& bytes) {
-  return ArrayOfValues(VT_UI1, bytes);
-}
-
-vekx::Variant U32Array(const std::vector<std::uint32_t>& values) {
-  return ArrayOfValues(VT_UI4, values);
-}
-
-vekx::Variant I32Array(const std::vector<std::uint32_t>& values) {
-  return ArrayOfValues(VT_I4, values);
-}
-
-vekx::Variant U64Array(const std::vector<std::uint64_t>& values) {
-  return ArrayOfValues(VT_UI8, values);
-}
-
-vekx::Variant BstrArray(const std::vector<std::string>& texts) {
-  vekx::Variant result;
-  SAFEARRAY* array = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size()));
-  if (array == nullptr) Check(E_OUTOFMEMORY);
-  VARIANT* slot = result.Put();
-  slot->vt = VT_ARRAY | VT_BSTR;
-  slot->parray = array;  // owned by `result` from here
-  for (LONG index = 0; index < static_cast<LONG>(texts.size()); ++index) {
-    const vekx::Bstr text = vekx::Bstr::FromUtf8(texts[static_cast<size_t>(index)]);
-    if (text.IsNull()) Check(E_OUTOFMEMORY);
-    // Stores a copy of the string.
-    Check(SafeArrayPutElement(array, &index, text.Get()));
-  }
-  return result;
 }
 
 }  // namespace vesta_ctrl

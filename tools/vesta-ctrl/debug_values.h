@@ -5,16 +5,12 @@
 
 #include <array>
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <string_view>
-#include <type_traits>
 #include <vector>
 
 #include "failure.h"
-#include "vekxapi/bstr.h"
-#include "vekxapi/com_ptr.h"
-#include "vekxapi/variant.h"
+#include "vekxapi/checked.h"
 #include "vekxapi/vekxapi.h"
 
 namespace vesta_ctrl {
@@ -39,66 +35,46 @@ std::string WideHex(const std::uint64_t* words, size_t count);
 // "48656c6c6f": two lower-case digits per byte.
 std::string HexBytes(const std::vector<std::uint8_t>& bytes);
 
+// The library's arrays and properties as plain values, failures thrown as Failure.
+using Library = vekx::Checked<&Check>;
+
 // The contents of library arrays: VT_EMPTY and VT_NULL read as empty.
-std::vector<std::uint8_t> BytesOf(const VARIANT& value);     // VT_ARRAY | VT_UI1 (or VT_I1)
-std::vector<std::uint64_t> WordsOf(const VARIANT& value);    // VT_ARRAY | VT_UI8 (or VT_I8)
-std::vector<std::uint32_t> NumbersOf(const VARIANT& value);  // VT_ARRAY of 32-bit integers
-
-// New arrays for the library's [in] arguments.
-vekx::Variant ByteArray(const std::vector<std::uint8_t>& bytes);
-vekx::Variant U32Array(const std::vector<std::uint32_t>& values);
-vekx::Variant I32Array(const std::vector<std::uint32_t>& values);  // the bits as VT_I4
-vekx::Variant U64Array(const std::vector<std::uint64_t>& values);
-vekx::Variant BstrArray(const std::vector<std::string>& texts);
-
-// The objects of a VT_ARRAY of dispatch pointers (or of VARIANTs holding them), each asked for
-// `iid`.
-template <class Interface>
-std::vector<vekx::ComPtr<Interface>> ObjectsOf(const VARIANT& list, REFIID iid) {
-  std::vector<vekx::ComPtr<Interface>> objects;
-  if (list.vt == VT_EMPTY || list.vt == VT_NULL) return objects;
-  std::vector<vekx::Variant> elements;
-  Check(vekx::ArrayElements(list, elements));
-  for (const vekx::Variant& element : elements) {
-    if (element.Type() != VT_DISPATCH || element.Get().pdispVal == nullptr)
-      Check(DISP_E_TYPEMISMATCH);
-    vekx::ComPtr<Interface> object;
-    Check(element.Get().pdispVal->QueryInterface(iid, reinterpret_cast<void**>(object.Put())));
-    objects.push_back(std::move(object));
-  }
-  return objects;
+inline std::vector<std::uint8_t> BytesOf(const VARIANT& value) {  // VT_UI1 (or VT_I1)
+  return Library::Values<std::uint8_t>(value);
+}
+inline std::vector<std::uint64_t> WordsOf(const VARIANT& value) {  // VT_UI8 (or VT_I8)
+  return Library::Values<std::uint64_t>(value);
+}
+inline std::vector<std::uint32_t> NumbersOf(const VARIANT& value) {  // 32-bit integers
+  return Library::Values<std::uint32_t>(value);
 }
 
-// One property of an object. Enumerations come back as their 32 bits, since the library passes
-// through values the enumeration does not name.
+// New arrays for the library's [in] arguments.
+inline vekx::Variant ByteArray(const std::vector<std::uint8_t>& bytes) {
+  return Library::Array(VT_UI1, bytes.data(), bytes.size());
+}
+inline vekx::Variant U32Array(const std::vector<std::uint32_t>& values) {
+  return Library::Array(VT_UI4, values.data(), values.size());
+}
+inline vekx::Variant I32Array(const std::vector<std::uint32_t>& values) {  // the bits as VT_I4
+  return Library::Array(VT_I4, values.data(), values.size());
+}
+inline vekx::Variant U64Array(const std::vector<std::uint64_t>& values) {
+  return Library::Array(VT_UI8, values.data(), values.size());
+}
+inline vekx::Variant BstrArray(const std::vector<std::string>& texts) {
+  return Library::TextArray(texts);
+}
+
+// The objects of a list, each asked for `iid`; one property of an object (enumerations as their
+// 32 bits, since the library passes through values the enumeration does not name).
+template <class Interface>
+std::vector<vekx::ComPtr<Interface>> ObjectsOf(const VARIANT& list, REFIID iid) {
+  return Library::Objects<Interface>(list, iid);
+}
 template <class Object, class Interface, class T>
 auto Read(Object& object, HRESULT (STDMETHODCALLTYPE Interface::*getter)(T*)) {
-  static_assert(std::is_base_of_v<Interface, Object>);
-  if constexpr (std::is_same_v<T, BSTR>) {
-    vekx::Bstr text;
-    Check((object.*getter)(text.Put()));
-    return text.Utf8();
-  } else if constexpr (std::is_same_v<T, VARIANT>) {
-    vekx::Variant value;
-    Check((object.*getter)(value.Put()));
-    return value;
-  } else if constexpr (std::is_pointer_v<T>) {
-    vekx::ComPtr<std::remove_pointer_t<T>> result;
-    Check((object.*getter)(result.Put()));
-    return result;
-  } else if constexpr (std::is_enum_v<T>) {
-    static_assert(sizeof(T) == sizeof(std::uint32_t));
-    T value{};
-    Check((object.*getter)(&value));
-    std::uint32_t bits = 0;
-    std::memcpy(&bits, &value, sizeof bits);
-    return bits;
-  } else {
-    static_assert(std::is_arithmetic_v<T>);
-    T value{};
-    Check((object.*getter)(&value));
-    return value;
-  }
+  return Library::Read(object, getter);
 }
 
 }  // namespace vesta_ctrl

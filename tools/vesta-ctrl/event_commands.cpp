@@ -21,6 +21,7 @@
 #include "interruption.h"
 #include "target_resolution.h"
 #include "target_view.h"
+#include "vekxapi/event_groups.h"
 #include "vekxapi/event_sink.h"
 
 namespace vesta_ctrl {
@@ -92,33 +93,6 @@ class EventPrinter {
 };
 
 // The groups by the names `--group` takes and the output prints, with the library's name.
-struct GroupName {
-  const char* name;
-  const char* library_name;
-};
-constexpr GroupName kGroupNames[] = {
-    {"server", "Server"},
-    {"target", "Target"},
-    {"console", "ConsoleOutput"},
-    {"debug", "Debug"},
-    {"cache-update", "CacheUpdate"},
-    {"controller", "Controller"},
-    {"low-freq-file-copy", "LowFreqFileCopy"},
-    {"high-freq-file-copy", "HighFreqFileCopy"},
-    {"trickle", "Trickle"},
-    {"process-lock", "ProcessLock"},
-    {"viewer", "Viewer"},
-    // Its events belong to a channel a tool opens itself; `events` cannot subscribe to it.
-    {"generic-protocol", "GenericProtocol"},
-};
-
-std::string_view ToolGroupName(std::string_view library_name) {
-  for (const GroupName& group : kGroupNames) {
-    if (library_name == group.library_name) return group.name;
-  }
-  return library_name;
-}
-
 // Prints every event of every group; one for the server, one per target. The server's may also
 // tell of targets added while the command runs, and may be quiet when its group was not asked for.
 class PrintingSink
@@ -148,7 +122,8 @@ class PrintingSink
     if (event == nullptr) return E_POINTER;
     // Called by the library: nothing may escape (out of memory, say).
     try {
-      if (print_) printer_.Print(target_, ToolGroupName(group), method, ReadProperties(*event));
+      if (print_)
+        printer_.Print(target_, vekx::EventGroupToolName(group), method, ReadProperties(*event));
       if constexpr (std::is_same_v<Event, ITargetAddedEvent>) {
         ULONG handle = 0;
         if (target_added_ && event->get_Handle(&handle) == S_OK) target_added_(handle);
@@ -165,56 +140,17 @@ class PrintingSink
   const TargetAdded target_added_;
 };
 
-// Asks the target generation that has it to (un)subscribe the sink to one group.
-template <class Generation, class SinkInterface>
-HRESULT Subscribe(ITarget& target, REFIID generation,
-                  HRESULT (STDMETHODCALLTYPE Generation::*method)(SinkInterface*),
-                  PrintingSink& sink) {
-  vekx::ComPtr<Generation> later;
-  if (HRESULT hr = target.QueryInterface(generation, reinterpret_cast<void**>(later.Put()));
-      FAILED(hr)) {
-    return hr;
-  }
-  return (later.Get()->*method)(static_cast<SinkInterface*>(&sink));
-}
-
-struct TargetGroup {
-  const char* name;
-  HRESULT (*subscribe)(ITarget& target, PrintingSink& sink, bool advise);
-};
-
-#define VEKX_TARGET_GROUP(name, Generation, Sink, Stem)                                            \
-  TargetGroup {                                                                                    \
-    name, [](ITarget& target, PrintingSink& sink, bool advise) {                                   \
-      return Subscribe<Generation, Sink>(                                                          \
-          target, IID_##Generation,                                                                \
-          advise ? &Generation::Advise##Stem##Events : &Generation::Unadvise##Stem##Events, sink); \
-    }                                                                                              \
-  }
-const TargetGroup kTargetGroups[] = {
-    VEKX_TARGET_GROUP("target", ITarget, IEventTarget, Target),
-    VEKX_TARGET_GROUP("console", ITarget, IEventConsoleOutput, ConsoleOutput),
-    VEKX_TARGET_GROUP("debug", ITarget, IEventDebug, Debug),
-    VEKX_TARGET_GROUP("cache-update", ITarget, IEventCacheUpdate, CacheUpdate),
-    VEKX_TARGET_GROUP("controller", ITarget, IEventController, Controller),
-    VEKX_TARGET_GROUP("low-freq-file-copy", ITarget29, IEventLowFreqFileCopy, LowFreqFileCopy),
-    VEKX_TARGET_GROUP("high-freq-file-copy", ITarget29, IEventHighFreqFileCopy, HighFreqFileCopy),
-    VEKX_TARGET_GROUP("trickle", ITarget9, IEventTrickle, Trickle),
-    VEKX_TARGET_GROUP("process-lock", ITarget11, IEventProcessLock, ProcessLock),
-    VEKX_TARGET_GROUP("viewer", ITarget6, IEventViewer, EventViewer),
-};
-#undef VEKX_TARGET_GROUP
-
 std::vector<std::string> CheckedGroups(const std::vector<std::string>& groups) {
   std::string known;
-  for (const GroupName& group : kGroupNames) {
+  for (const vekx::EventGroupName& group : vekx::kEventGroupNames) {
     if (std::string_view(group.name) == "generic-protocol") continue;
     known += known.empty() ? "" : ", ";
     known += group.name;
   }
   for (const std::string& group : groups) {
-    const bool listed = std::any_of(std::begin(kGroupNames), std::end(kGroupNames),
-                                    [&](const GroupName& g) { return group == g.name; });
+    const bool listed =
+        std::any_of(std::begin(vekx::kEventGroupNames), std::end(vekx::kEventGroupNames),
+                    [&](const vekx::EventGroupName& g) { return group == g.name; });
     if (!listed || group == "generic-protocol") {
       throw UsageError("GROUP must be one of " + known + ", not '" + group + "'");
     }
@@ -258,7 +194,7 @@ class Subscriptions {
       handles_.push_back(view.handle);
     }
     auto sink = vekx::MakeSink<PrintingSink>(printer_, TargetLabel{view.handle, view.name.value});
-    for (const TargetGroup& group : kTargetGroups) {
+    for (const auto& group : vekx::kTargetEventGroups<PrintingSink>) {
       if (!want_(group.name)) continue;
       Check(group.subscribe(*target.Get(), *sink.Get(), true));
       Remember([target, sink, &group] { group.subscribe(*target.Get(), *sink.Get(), false); });

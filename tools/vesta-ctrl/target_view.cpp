@@ -1,7 +1,10 @@
 #include "target_view.h"
 
+#include <cstdio>
+
 #include "failure.h"
 #include "vekxapi/bstr.h"
+#include "vekxapi/state_names.h"
 #include "vekxapi/status.h"
 
 namespace vesta_ctrl {
@@ -56,32 +59,14 @@ TargetView ReadTargetView(ITarget& target) {
 }
 
 std::string PowerName(ePowerStatus status) {
-  switch (status) {
-    case POWER_STATUS_UNKNOWN:
-      return "unknown";
-    case POWER_STATUS_ON:
-      return "on";
-    case POWER_STATUS_STANDBY:
-      return "standby";
-    case POWER_STATUS_SUSPEND:
-      return "suspended";
-    case POWER_STATUS_MAIN_ON_STANDBY:
-      return "main-on-standby";
-    case POWER_STATUS_OFF:
-      return "off";
-  }
-  return "0x" + std::to_string(static_cast<unsigned>(status));
+  if (const char* name = vekx::PowerStatusName(status)) return name;
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%x", static_cast<unsigned>(status));
+  return text;
 }
 
 std::string ConnectionName(eConnectionState state) {
-  switch (state) {
-    case CONNECTION_AVAILABLE:
-      return "available";
-    case CONNECTION_CONNECTED:
-      return "connected";
-    case CONNECTION_IN_USE:
-      return "in-use";
-  }
+  if (const char* name = vekx::ConnectionStateName(state)) return name;
   return std::to_string(static_cast<unsigned>(state));
 }
 

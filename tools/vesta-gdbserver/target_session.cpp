@@ -26,7 +26,7 @@ TargetEvent EventOf(TargetEvent::Kind kind) {
 }
 
 std::vector<vekx::ComPtr<ITarget>> TargetsIn(const vekx::Variant& list) {
-  return ObjectsOf<ITarget>(list.Get(), IID_ITarget);
+  return Library::Objects<ITarget>(list.Get(), IID_ITarget);
 }
 
 }  // namespace
@@ -95,45 +95,45 @@ class TargetSession::Sink : public vekx::EventSink<IEventDebug, IEventConsoleOut
 
   HRESULT STDMETHODCALLTYPE OnStopNotification(IStopNotificationEvent* event) override {
     return Guarded(event, [&] {
-      const auto stop = Read(*event, &IStopNotificationEvent::get_StopNotification);
+      const auto stop = Library::Read(*event, &IStopNotificationEvent::get_StopNotification);
       if (!stop) return;
-      const auto process = Read(*stop.Get(), &IStopNotification::get_ProcessInfo);
+      const auto process = Library::Read(*stop.Get(), &IStopNotification::get_ProcessInfo);
       if (!process) return;
       TargetEvent out = EventOf(TargetEvent::Kind::kStop);
-      out.tid = Read(*stop.Get(), &IStopNotification::get_ThreadId);
-      if (const auto reason = Read(*process.Get(), &IProcessInfo::get_StopReason))
-        out.reason = Read(*reason.Get(), &IStopReason::get_Code);
+      out.tid = Library::Read(*stop.Get(), &IStopNotification::get_ThreadId);
+      if (const auto reason = Library::Read(*process.Get(), &IProcessInfo::get_StopReason))
+        out.reason = Library::Read(*reason.Get(), &IStopReason::get_Code);
       // The thread's own reason, when the stop's list has it, is the more precise one.
-      const vekx::Variant threads = Read(*stop.Get(), &IStopNotification::get_Threads);
-      for (const auto& thread : ObjectsOf<IThreadInfo2>(threads.Get(), IID_IThreadInfo2)) {
-        if (Read(*thread.Get(), &IThreadInfo::get_Id) != out.tid) continue;
-        out.rip = Read(*thread.Get(), &IThreadInfo2::get_RIP);
-        if (const auto reason = Read(*thread.Get(), &IThreadInfo::get_StopReason)) {
-          const std::uint32_t code = Read(*reason.Get(), &IStopReason::get_Code);
+      const vekx::Variant threads = Library::Read(*stop.Get(), &IStopNotification::get_Threads);
+      for (const auto& thread : Library::Objects<IThreadInfo2>(threads.Get(), IID_IThreadInfo2)) {
+        if (Library::Read(*thread.Get(), &IThreadInfo::get_Id) != out.tid) continue;
+        out.rip = Library::Read(*thread.Get(), &IThreadInfo2::get_RIP);
+        if (const auto reason = Library::Read(*thread.Get(), &IThreadInfo::get_StopReason)) {
+          const std::uint32_t code = Library::Read(*reason.Get(), &IStopReason::get_Code);
           if (code != 0) out.reason = code;
         }
       }
-      queue_->Push(Read(*process.Get(), &IProcessInfo::get_Id), std::move(out));
+      queue_->Push(Library::Read(*process.Get(), &IProcessInfo::get_Id), std::move(out));
     });
   }
   HRESULT STDMETHODCALLTYPE OnProcessExit(IProcessExitEvent* event) override {
     return Guarded(event, [&] {
       TargetEvent out = EventOf(TargetEvent::Kind::kExit);
-      out.exit_code = Read(*event, &IProcessExitEvent::get_ExitCode);
-      queue_->Push(Read(*event, &IProcessExitEvent::get_ProcessId), std::move(out));
+      out.exit_code = Library::Read(*event, &IProcessExitEvent::get_ExitCode);
+      queue_->Push(Library::Read(*event, &IProcessExitEvent::get_ProcessId), std::move(out));
     });
   }
   HRESULT STDMETHODCALLTYPE OnProcessKill(IProcessKillEvent* event) override {
     return Guarded(event, [&] {
-      queue_->Push(Read(*event, &IProcessKillEvent::get_ProcessId),
+      queue_->Push(Library::Read(*event, &IProcessKillEvent::get_ProcessId),
                    EventOf(TargetEvent::Kind::kKill));
     });
   }
   HRESULT STDMETHODCALLTYPE OnConsoleOutput(IConsoleOutputEvent* event) override {
     return Guarded(event, [&] {
       TargetEvent out = EventOf(TargetEvent::Kind::kOutput);
-      out.text = Read(*event, &IConsoleOutputEvent::get_Text);
-      queue_->Push(Read(*event, &IConsoleOutputEvent::get_ProcessId), std::move(out));
+      out.text = Library::Read(*event, &IConsoleOutputEvent::get_Text);
+      queue_->Push(Library::Read(*event, &IConsoleOutputEvent::get_ProcessId), std::move(out));
     });
   }
 
@@ -218,7 +218,7 @@ void TargetSession::Load(const std::string& path, const std::vector<std::string>
   Check(loader->LoadProcessArgv(on_host ? DEVICE_HOST : DEVICE_APP,
                                 vekx::Bstr::FromUtf8(path).Get(), kStopAtEntry, 0, arg_list.Get(),
                                 vekx::Bstr::FromUtf8(cwd).Get(), process_.Put()));
-  pid_ = Read(*process_.Get(), &IProcess::get_Id);
+  pid_ = Library::Read(*process_.Get(), &IProcess::get_Id);
   path_ = path;
   // The stop at the entry point is announced too; it is not news to the debugger.
   queue_->TakeStop(pid_, std::chrono::seconds(5));
@@ -227,10 +227,10 @@ void TargetSession::Load(const std::string& path, const std::vector<std::string>
 void TargetSession::Attach(std::uint32_t pid) {
   vekx::Variant list;
   Check(target_->get_ProcessInfoSnapshot(list.Put()));
-  for (const auto& info : ObjectsOf<IProcessInfo>(list.Get(), IID_IProcessInfo)) {
-    if (Read(*info.Get(), &IProcessInfo::get_Id) != pid) continue;
-    process_ = Read(*info.Get(), &IProcessInfo::get_ProcessInterface);
-    path_ = Read(*info.Get(), &IProcessInfo::get_Path);
+  for (const auto& info : Library::Objects<IProcessInfo>(list.Get(), IID_IProcessInfo)) {
+    if (Library::Read(*info.Get(), &IProcessInfo::get_Id) != pid) continue;
+    process_ = Library::Read(*info.Get(), &IProcessInfo::get_ProcessInterface);
+    path_ = Library::Read(*info.Get(), &IProcessInfo::get_Path);
   }
   if (!process_) throw LibraryError(S_OK, "the target has no process " + std::to_string(pid));
   pid_ = pid;
@@ -256,10 +256,10 @@ std::vector<ThreadEntry> TargetSession::Threads() {
   Check(process_->get_ThreadInfoSnapshot(list.Put()));
   std::vector<ThreadEntry> threads;
   threads_.clear();
-  for (const auto& info : ObjectsOf<IThreadInfo>(list.Get(), IID_IThreadInfo)) {
-    const std::uint32_t tid = Read(*info.Get(), &IThreadInfo::get_Id);
-    threads.push_back({tid, Read(*info.Get(), &IThreadInfo::get_Name)});
-    threads_[tid] = Read(*info.Get(), &IThreadInfo::get_ThreadInterface);
+  for (const auto& info : Library::Objects<IThreadInfo>(list.Get(), IID_IThreadInfo)) {
+    const std::uint32_t tid = Library::Read(*info.Get(), &IThreadInfo::get_Id);
+    threads.push_back({tid, Library::Read(*info.Get(), &IThreadInfo::get_Name)});
+    threads_[tid] = Library::Read(*info.Get(), &IThreadInfo::get_ThreadInterface);
   }
   return threads;
 }
@@ -276,10 +276,10 @@ vekx::ComPtr<IThread> TargetSession::ThreadObject(std::uint32_t tid) {
 RegisterWords TargetSession::GetRegisters(std::uint32_t tid,
                                           const std::vector<std::uint32_t>& ids) {
   const auto thread = ThreadObject(tid);
-  const vekx::Variant id_array = ArrayOf(VT_I4, ids.data(), ids.size());
+  const vekx::Variant id_array = Library::Array(VT_I4, ids.data(), ids.size());
   vekx::Variant values;
   Check(thread->GetRegisters(id_array.Get(), values.Put()));
-  const auto words = ValuesOf<std::uint64_t>(values.Get());
+  const auto words = Library::Values<std::uint64_t>(values.Get());
   if (words.size() != ids.size() * 4)
     throw LibraryError(S_OK, "the target answered the wrong number of register words");
   RegisterWords result;
@@ -296,8 +296,8 @@ void TargetSession::SetRegisters(std::uint32_t tid, const RegisterWords& words) 
     ids.push_back(id);
     values.insert(values.end(), value.begin(), value.end());
   }
-  const vekx::Variant id_array = ArrayOf(VT_I4, ids.data(), ids.size());
-  const vekx::Variant value_array = ArrayOf(VT_UI8, values.data(), values.size());
+  const vekx::Variant id_array = Library::Array(VT_I4, ids.data(), ids.size());
+  const vekx::Variant value_array = Library::Array(VT_UI8, values.data(), values.size());
   Check(ThreadObject(tid)->SetRegisters(id_array.Get(), value_array.Get()));
 }
 
@@ -307,12 +307,12 @@ std::string TargetSession::ReadMemory(std::uint64_t address, std::uint32_t lengt
   vekx::Variant buffer;
   Check(process_->GetMemory(address, length, &bad_count, buffer.Put()));
   bad = bad_count;
-  const auto bytes = ValuesOf<std::uint8_t>(buffer.Get());
+  const auto bytes = Library::Values<std::uint8_t>(buffer.Get());
   return std::string(bytes.begin(), bytes.end());
 }
 
 void TargetSession::WriteMemory(std::uint64_t address, const std::string& bytes) {
-  const vekx::Variant buffer = ArrayOf(VT_UI1, bytes.data(), bytes.size());
+  const vekx::Variant buffer = Library::Array(VT_UI1, bytes.data(), bytes.size());
   ULONG written = 0;
   Check(process_->SetMemory(address, buffer.Get(), &written));
   if (written != bytes.size())
@@ -326,7 +326,7 @@ std::uint32_t TargetSession::SetSoftwareBreakpoint(std::uint64_t address, std::u
   ULONG id = 0;
   Check(process_->SetSoftwareBreakpoint(0, address, static_cast<eSoftwareBreakPtAttr>(0), 0,
                                         no_script.Get(), replaced.Put(), &id));
-  const auto bytes = ValuesOf<std::uint8_t>(replaced.Get());
+  const auto bytes = Library::Values<std::uint8_t>(replaced.Get());
   original = bytes.empty() ? 0 : bytes.front();
   return id;
 }
@@ -349,10 +349,10 @@ void TargetSession::ClearHardwareBreakpoint(std::uint32_t id) {
 
 void TargetSession::Resume(const std::vector<std::uint32_t>& step) {
   vekx::Variant threads;
-  if (!step.empty()) threads = ArrayOf(VT_UI4, step.data(), step.size());
+  if (!step.empty()) threads = Library::Array(VT_UI4, step.data(), step.size());
   vekx::Variant failed;
   Check(process_->Resume(threads.Get(), failed.Put()));
-  if (!ValuesOf<std::uint32_t>(failed.Get()).empty())
+  if (!Library::Values<std::uint32_t>(failed.Get()).empty())
     throw LibraryError(S_OK, "the target could not start every thread");
 }
 
@@ -374,9 +374,9 @@ void TargetSession::Detach() {
 std::uint64_t TargetSession::EntryAddress() {
   vekx::Variant list;
   Check(target_->get_ProcessInfoSnapshot(list.Put()));
-  for (const auto& info : ObjectsOf<IProcessInfo>(list.Get(), IID_IProcessInfo)) {
-    if (Read(*info.Get(), &IProcessInfo::get_Id) == pid_)
-      return Read(*info.Get(), &IProcessInfo::get_Entry);
+  for (const auto& info : Library::Objects<IProcessInfo>(list.Get(), IID_IProcessInfo)) {
+    if (Library::Read(*info.Get(), &IProcessInfo::get_Id) == pid_)
+      return Library::Read(*info.Get(), &IProcessInfo::get_Entry);
   }
   throw LibraryError(S_OK, "the target no longer lists process " + std::to_string(pid_));
 }
@@ -385,12 +385,12 @@ std::vector<ModuleEntry> TargetSession::Modules() {
   vekx::Variant list;
   Check(process_->get_Modules(list.Put()));
   std::vector<ModuleEntry> modules;
-  for (const auto& module : ObjectsOf<IModule>(list.Get(), IID_IModule)) {
-    ModuleEntry entry{Read(*module.Get(), &IModule::get_LoadPath), 0};
-    const vekx::Variant segments = Read(*module.Get(), &IModule::get_Segments);
+  for (const auto& module : Library::Objects<IModule>(list.Get(), IID_IModule)) {
+    ModuleEntry entry{Library::Read(*module.Get(), &IModule::get_LoadPath), 0};
+    const vekx::Variant segments = Library::Read(*module.Get(), &IModule::get_Segments);
     bool first = true;
-    for (const auto& segment : ObjectsOf<ISegmentInfo>(segments.Get(), IID_ISegmentInfo)) {
-      const std::uint64_t base = Read(*segment.Get(), &ISegmentInfo::get_BaseAddress);
+    for (const auto& segment : Library::Objects<ISegmentInfo>(segments.Get(), IID_ISegmentInfo)) {
+      const std::uint64_t base = Library::Read(*segment.Get(), &ISegmentInfo::get_BaseAddress);
       if (first || base < entry.base) entry.base = base;
       first = false;
     }
