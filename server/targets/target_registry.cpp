@@ -416,7 +416,8 @@ Status TargetRegistry::TargetInfo(uint32_t handle, NameValueList& info) const {
   std::u16string numbers;
   for (const TargetProtocols::Summary& endpoint : target->endpoints->List())
     numbers += (numbers.empty() ? u"" : u" ") + Number(endpoint.number);
-  info.push_back({u"Protocols", numbers});
+  // A kit without channels lists none, rather than an empty line.
+  if (!numbers.empty()) info.push_back({u"Protocols", numbers});
   return Status::Ok();
 }
 

@@ -188,6 +188,10 @@ TEST_F(TargetObjectTest, PropertiesComeFromTheServer) {
   const auto pairs = Pairs(info);
   EXPECT_NE(std::find(pairs.begin(), pairs.end(), "HostName=kit-one"), pairs.end());
   EXPECT_NE(std::find(pairs.begin(), pairs.end(), "SdkVersion=5.1.2.3"), pairs.end());
+  // A kit without channels has no protocol list, not an empty one.
+  EXPECT_EQ(std::find_if(pairs.begin(), pairs.end(),
+                         [](const std::string& pair) { return pair.starts_with("Protocols="); }),
+            pairs.end());
 
   // Refused calls send nothing: the server's packet log has only the one that went through.
   const std::string log = (servertest::TestRoot() / "target.log").string();
