@@ -1,144 +1,115 @@
 #!/usr/bin/env python3
-"""The target picker as a person uses it: vesta-pick.exe under Wine on an Xvfb screen of its own,
-mouse and keyboard through xdotool, the dialog read from the Windows side by picker_window.exe.
-Arguments: the folder of vesta-pick.exe, vesta-ctrl.exe and vesta-kx.exe; picker_window.exe; the
-folder for the screenshots. Wine's desktop process takes the display of whoever starts it, so the
-prefix's Wine processes are ended before and after (the test runs alone)."""
+"""The target picker as a person uses it: vesta-pick.exe under Wine on an Xvfb screen, mouse and
+keys through xdotool, the dialog read from the Windows side by picker_window.exe. Arguments: the
+folder of vesta-pick.exe, vesta-ctrl.exe and vesta-kx.exe; picker_window.exe; the screenshots'
+folder. Wine's desktop process takes the display of whoever starts it, so the prefix's Wine
+processes are ended before and after (the test runs alone)."""
 import json, os, subprocess, sys, tempfile, time
 
 BIN, DUMPER, SHOTS = sys.argv[1:4]
 TEXTS = {  # caption, prompt, check box, column headers
-    'C.UTF-8': ('Target Picker', 'Select the target to use for this action.',
-                'Set selection as default target', ['Default', 'Target']),
-    'ja_JP.UTF-8': ('ターゲット ピッカー', 'この操作に使用するターゲットを選択してください。',
-                    '選択したターゲットをデフォルト ターゲットとして設定', ['デフォルト', 'ターゲット'])}
-ROWS = ['Alpha', 'Beta', '192.168.40.99']  # the built-in kits; the last one has no name to read
+    'C.UTF-8': ['Target Picker', 'Select the target to use for this action.',
+                'Set selection as default target', ['Default', 'Target']],
+    'ja_JP.UTF-8': ['ターゲット ピッカー', 'この操作に使用するターゲットを選択してください。',
+                    '選択したターゲットをデフォルト ターゲットとして設定', ['デフォルト', 'ターゲット']]}
+HOSTS, ROWS = ['devkit-alpha', 'devkit-beta', '192.168.40.99'], ['Alpha', 'Beta', '192.168.40.99']
+CANCELLED = (2, '', 'vesta-pick: cancelled; no target was chosen')
 
 
-def wait_for(what, probe, limit=30):
-    end = time.monotonic() + limit
-    while time.monotonic() < end:
-        if (value := probe()):
-            return value
-        time.sleep(0.05)
-    raise AssertionError('no ' + what + ' within %d s' % limit)
-
-
-def run(*args, env=None):
-    return subprocess.run(args, env=env or ENV, capture_output=True, text=True, timeout=60)
+def run(*args):
+    """Runs a program to its end; its standard output. Files, not pipes, here and for vesta-pick:
+    a server that the library starts keeps Wine's copies of them open."""
+    with tempfile.TemporaryFile('w+') as out:
+        subprocess.run(args, env=ENV, stdout=out, stderr=subprocess.DEVNULL, timeout=60)
+        return out.seek(0) or out.read()
 
 
 def default_host():
-    targets = json.loads(run('wine', BIN + '/vesta-ctrl.exe', '--json', 'targets').stdout)
-    return [t['host'] for t in targets['targets'] if t['default']]
+    targets = json.loads(run('wine', BIN + '/vesta-ctrl.exe', '--json', 'targets'))['targets']
+    return next(t['host'] for t in targets if t['default'])
 
 
-class Picker:
-    """One vesta-pick.exe and its dialog, in the user interface language `lang`."""
-
-    def __init__(self, lang='C.UTF-8'):
-        self.lang, env = lang, dict(ENV, LC_ALL=lang)
-        # Files, not pipes: the server that the library starts keeps Wine's copies of them open.
-        self.out, self.err = tempfile.TemporaryFile('w+'), tempfile.TemporaryFile('w+')
-        self.process = subprocess.Popen(['wine', BIN + '/vesta-pick.exe'], env=env,
-                                        stdout=self.out, stderr=self.err)
-        self.tree = wait_for('picker window', self.read)
-
-    def read(self):
-        DUMP.stdin.write('\n')
-        DUMP.stdin.flush()
-        self.tree = json.loads(DUMP.stdout.readline())
-        return self.tree
-
-    def control(self, id):
-        return self.tree['controls'][str(id)]
-
-    def click(self, rect, dx=None, button='1', repeat='1'):
-        x = rect[0] + dx if dx is not None else (rect[0] + rect[2]) // 2
-        run('xdotool', 'mousemove', str(x), str((rect[1] + rect[3]) // 2), 'click', '--repeat',
-            repeat, '--delay', '100', button)
-
-    def until(self, what, probe):
-        return wait_for(what, lambda: probe(self.read()) and self.tree)
-
-    def state(self, key):
-        return [row[key] for row in self.tree['rows']]
-
-    def ended(self):
-        self.process.wait(timeout=30)
-        return (self.process.returncode,) + tuple(f.seek(0) or f.read().strip()
-                                                   for f in (self.out, self.err))
+def tree():
+    DUMP.stdin.write('\n')
+    DUMP.stdin.flush()
+    return json.loads(DUMP.stdout.readline())
 
 
-def check(picker, lang, shot):
-    caption, prompt, box, columns = TEXTS[lang]
-    tree = picker.tree
-    assert (tree['caption'], picker.control(203)['text'], picker.control(204)['text'],
-            tree['columns']) == (caption, prompt, box, columns), tree
-    assert picker.state('text') == ROWS and picker.control(1)['text'] == 'OK', tree
-    subprocess.run(['xwd', '-root', '-silent', '-out', SHOTS + '/' + shot], env=ENV, check=True)
+def until(what, probe):
+    """The dialog's window tree, once `probe` holds for it."""
+    end = time.monotonic() + 30
+    while not ((t := tree()) and probe(t)):
+        assert time.monotonic() < end, 'no %s within 30 s' % what
+        time.sleep(0.05)
+    return t
 
 
-def typing_and_ticking_and_resizing_then_cancel():
-    picker = Picker()
-    check(picker, 'C.UTF-8', 'picker-en.xwd')
-    assert picker.state('checked') == [True, False, False], picker.tree
-    assert picker.state('selected') == [False, False, False], picker.tree
-    rows = picker.state('rect')
-    for action, selected in [(lambda: picker.click(rows[1], dx=10), None),  # tick Beta's box
-                             (lambda: picker.click(rows[2]), 2),
-                             (lambda: run('xdotool', 'key', 'Home'), 0),
-                             (lambda: run('xdotool', 'key', 'space'), None),  # untick Alpha's
-                             (lambda: run('xdotool', 'key', 'Down'), 1)]:
-        action()
-        if selected is not None:
-            picker.until('selection of row %d' % selected,
-                         lambda t: picker.state('selected')[selected])
-        assert picker.state('checked') == [True, False, False], picker.tree
-    before = picker.tree
-    grip = picker.control(205)['rect']
+def rows(t, key):
+    return [row[key] for row in t['rows']]
+
+
+def click(rect, dx=None, repeat='1'):
+    x = rect[0] + dx if dx else (rect[0] + rect[2]) // 2
+    run('xdotool', 'mousemove', str(x), str((rect[1] + rect[3]) // 2), 'click', '--repeat', repeat,
+        '--delay', '100', '1')
+
+
+def resize(before):
+    """Drags the gripper 150 x 100 pixels further: the list grows, the rest keeps to the bottom."""
+    grip = before['controls']['205']['rect']
     run('xdotool', 'mousemove', str(grip[2] - 4), str(grip[3] - 4), 'mousedown', '1')
-    picker.until('sizing', lambda t: t['sizing'])
+    until('sizing', lambda t: t['sizing'])
     run('xdotool', 'mousemove', str(grip[2] + 150), str(grip[3] + 100))
-    picker.until('larger dialog', lambda t: t['client'][3] - before['client'][3] == 104)
+    until('larger dialog', lambda t: t['client'][3] - before['client'][3] == 104)
     run('xdotool', 'mouseup', '1')
-    after = picker.until('sizing ended', lambda t: not t['sizing'])
-    grow = [after['client'][i] - before['client'][i] for i in range(4)]
-    moved = lambda id, i: after['controls'][id]['rect'][i] - before['controls'][id]['rect'][i]
-    assert [moved('202', i) for i in range(4)] == [0, 0, grow[2], grow[3]], (before, after)
-    for id in ['1', '2', '204']:
-        assert moved(id, 1) == moved(id, 3) == grow[3], (id, before, after)
-    picker.click(picker.control(2)['rect'])
-    assert picker.ended() == (2, '', 'vesta-pick: cancelled; no target was chosen')
-    assert default_host() == ['devkit-alpha']
+    after = until('end of sizing', lambda t: not t['sizing'])
+    grow = [a - b for a, b in zip(after['client'], before['client'])]
+    moved = lambda id: [a - b for a, b in zip(after['controls'][id]['rect'],
+                                              before['controls'][id]['rect'])]
+    assert moved('202') == [0, 0, grow[2], grow[3]], (before, after)
+    assert moved('1') == moved('2') == [grow[2], grow[3]] * 2, (before, after)
+    assert moved('204') == [0, grow[3], grow[2], grow[3]], (before, after)
 
 
-def ok_without_choice_then_double_click():
-    picker = Picker()
-    picker.click(picker.control(1)['rect'])
-    picker.click(picker.tree['rows'][1]['rect'])
-    picker.until('selection of Beta', lambda t: picker.state('selected')[1])
-    picker.click(picker.tree['rows'][1]['rect'], repeat='2')
-    assert picker.ended() == (0, 'devkit-beta', '')
-    assert default_host() == ['devkit-alpha']
+row = lambda i, **kw: lambda t: click(t['rows'][i]['rect'], **kw)
+button = lambda id, **kw: lambda t: click(t['controls'][str(id)]['rect'], **kw)
+key = lambda name: lambda t: run('xdotool', 'key', name)
+selected = lambda i: lambda t: rows(t, 'selected')[i]
+# Language; steps: what the person does, then what the dialog shows; how vesta-pick ends; the
+# default target after. Every step leaves the ticks alone: only the default's row has one.
+CASES = [
+    ('C.UTF-8', [(row(1, dx=10), None),  # a click on Beta's box
+                 (row(2), selected(2)), (key('Home'), selected(0)),
+                 (key('space'), None),  # Alpha's box, by keyboard
+                 (key('Down'), selected(1)), (resize, None), (button(2), None)],
+     CANCELLED, 'devkit-alpha'),
+    ('C.UTF-8', [(button(1), None),  # OK with nothing chosen: the dialog stays
+                 (row(1), selected(1)), (row(1, repeat='2'), None)],
+     (0, 'devkit-beta', ''), 'devkit-alpha'),
+    ('C.UTF-8', [(row(1), selected(1)),
+                 (button(204, dx=6), lambda t: t['controls']['204']['checked']),  # set as default
+                 (button(1), None)], (0, 'devkit-beta', ''), 'devkit-beta'),
+    ('ja_JP.UTF-8', [(key('Escape'), None)], CANCELLED, 'devkit-beta'),
+]
 
 
-def chosen_as_default():
-    picker = Picker()
-    picker.click(picker.tree['rows'][1]['rect'])
-    picker.click(picker.control(204)['rect'], dx=6)
-    picker.until('ticked check box', lambda t: picker.control(204)['checked'] == 1)
-    picker.click(picker.control(1)['rect'])
-    assert picker.ended() == (0, 'devkit-beta', '')
-    assert default_host() == ['devkit-beta']
-
-
-def japanese_shows_the_new_default_and_escape_cancels():
-    picker = Picker('ja_JP.UTF-8')
-    check(picker, 'ja_JP.UTF-8', 'picker-ja.xwd')
-    assert picker.state('checked') == [False, True, False], picker.tree
-    run('xdotool', 'key', 'Escape')
-    assert picker.ended()[0] == 2
+def picker_case(lang, steps, end, default_after):
+    ticks = [host == default_host() for host in HOSTS]
+    out, err = tempfile.TemporaryFile('w+'), tempfile.TemporaryFile('w+')
+    picker = subprocess.Popen(['wine', BIN + '/vesta-pick.exe'], env=dict(ENV, LC_ALL=lang),
+                              stdout=out, stderr=err)
+    t = until('picker window', lambda t: True)
+    texts = [t['caption'], t['controls']['203']['text'], t['controls']['204']['text'], t['columns']]
+    assert texts == TEXTS[lang] and rows(t, 'text') == ROWS, t
+    assert rows(t, 'checked') == ticks and not any(rows(t, 'selected')), t
+    run('xwd', '-root', '-silent', '-out', '%s/picker-%s.xwd' % (SHOTS, lang[:2]))
+    for number, (action, shows) in enumerate(steps):
+        action(t)
+        t = until('the effect of step %d' % number, shows) if shows else tree()
+        assert t is None or rows(t, 'checked') == ticks, t
+    picker.wait(timeout=30)
+    assert (picker.returncode,) + tuple(f.seek(0) or f.read().strip() for f in (out, err)) == end
+    assert default_host() == default_after
 
 
 if __name__ == '__main__':
@@ -154,11 +125,10 @@ if __name__ == '__main__':
     DUMP = subprocess.Popen(['wine', DUMPER], env=ENV, text=True, encoding='utf-8',
                             stdin=subprocess.PIPE, stdout=subprocess.PIPE)
     try:
-        for case in [typing_and_ticking_and_resizing_then_cancel, ok_without_choice_then_double_click,
-                     chosen_as_default, japanese_shows_the_new_default_and_escape_cancels]:
+        for number, case in enumerate(CASES):
             started = time.monotonic()
-            case()
-            print('%s: passed in %.1f s' % (case.__name__, time.monotonic() - started))
+            picker_case(*case)
+            print('case %d (%s): passed in %.1f s' % (number, case[0], time.monotonic() - started))
         print('all picker checks passed')
     finally:
         run('wine', BIN + '/vesta-ctrl.exe', 'server', 'stop')
