@@ -92,7 +92,8 @@ HRESULT CKXVETargetPickerDlg::DoModal(HMODULE module, HWND parent, INT_PTR& end)
   end = DialogBoxParamW(module, MAKEINTRESOURCEW(IDD_TARGET_PICKER), parent, &DialogProc,
                         reinterpret_cast<LPARAM>(this));
   if (end == IDOK || end == IDCANCEL) return S_OK;
-  const DWORD error = GetLastError();  // 0 (a bad owner window) or -1 (anything else)
+  // 0 (a bad owner window) or -1 (no such resource, out of memory): the system says why.
+  const DWORD error = GetLastError();
   return error != ERROR_SUCCESS ? HRESULT_FROM_WIN32(error) : E_FAIL;
 }
 
