@@ -2,7 +2,8 @@
 # The whole test run: formatting, the clang build with ASan+UBSan (every test, the server's
 # end-to-end tests among them, the benchmarks run once briefly, the installed tree), the g++ build
 # with TSan (the product, and the server link's, the server's and the public objects' tests),
-# bounded fuzzing of every decoder, and the Windows build with its tests under Wine.
+# bounded fuzzing of every decoder, and the Windows build with its tests under Wine (the target
+# picker's among them, driven with the mouse and keyboard on an Xvfb screen of their own).
 # The tests run in the sanitizer builds rather than again in a plain one: a plain run found
 # nothing the sanitized ones did not, and cost minutes. g++ builds the product in the TSan build,
 # so both compilers' warnings stop the run. Every build here is a unity build (several files

@@ -9,6 +9,8 @@ packages=(
   libyaml-cpp-dev
   libcli11-dev nlohmann-json3-dev pkg-config
   mingw-w64 wine wine64 wine64-tools
+  xvfb xdotool x11-apps fonts-vlgothic  # the target picker's tests: screen, mouse and keys, xwd
+  # screenshots, a font for the Japanese dialog
   gdb gdbserver lldb python3-lldb-14  # the real debuggers the GDB bridge is tested with
   python3-dev pybind11-dev python3-pytest python3-setuptools python3-wheel  # the Python package
 )

@@ -2,7 +2,8 @@
 
 namespace qv {
 
-// TODO(feature): the Windows dialog (src/host) replaces these two on Windows.
+// Builds without a window system to show a dialog on; Windows builds the dialog of src/host
+// instead of this file.
 bool HasTargetPicker() noexcept {
   return false;
 }

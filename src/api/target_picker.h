@@ -1,7 +1,7 @@
 #pragma once
 // The target picker: a modal list of targets from which the user chooses one, behind
-// IVEKXAPI::ShowTargetPicker. Only a Windows dialog can fill it, and that dialog is not part of
-// this library yet, so every build reports that it has none rather than pretending to choose.
+// IVEKXAPI::ShowTargetPicker. On Windows it is a dialog (src/host/target_picker_dialog.cpp);
+// other builds have none and say so (target_picker.cpp) rather than pretending to choose.
 
 #include <cstddef>
 
