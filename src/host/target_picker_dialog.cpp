@@ -4,12 +4,12 @@
 
 #include <cwchar>
 #include <iterator>
-#include <new>
 #include <utility>
 #include <vector>
 
 #include "api/target_picker.h"
 #include "host/target_picker_resources.h"
+#include "vekxapi/arrays.h"
 #include "vekxapi/bstr.h"
 #include "vekxapi/com_ptr.h"
 #include "vekxapi/vekxapi.h"
@@ -18,31 +18,6 @@ namespace qv::host {
 namespace {
 
 using vekx::ComPtr;
-
-// The targets of the dialog's list, in its order. A list that cannot be read fails as a whole.
-HRESULT TargetsOf(const VARIANT& list, std::vector<ComPtr<ITarget>>& targets) noexcept {
-  targets.clear();
-  std::vector<vekx::Variant> elements;
-  if (HRESULT hr = vekx::ArrayElements(list, elements); FAILED(hr)) return hr;
-  try {
-    targets.reserve(elements.size());
-  } catch (const std::bad_alloc&) {
-    return E_OUTOFMEMORY;
-  }
-  for (const vekx::Variant& element : elements) {
-    if (element.Type() != VT_DISPATCH || element.Get().pdispVal == nullptr) {
-      return DISP_E_TYPEMISMATCH;
-    }
-    ComPtr<ITarget> target;
-    if (HRESULT hr = element.Get().pdispVal->QueryInterface(IID_ITarget,
-                                                            reinterpret_cast<void**>(target.Put()));
-        FAILED(hr)) {
-      return hr;
-    }
-    targets.push_back(std::move(target));  // reserved above: does not allocate
-  }
-  return S_OK;
-}
 
 // What the second column shows: the target's name, or its host name when it has no name or the
 // name cannot be read (a kit that does not answer).
@@ -54,7 +29,7 @@ vekx::Bstr DisplayText(ITarget& target) {
 }
 
 // Texts go into fixed buffers, so that no allocation can throw inside the dialog's message
-// handling (the target lists reserve their room under a catch).
+// handling (the target lists are read without throwing).
 using Text = wchar_t[256];
 
 void LoadText(HMODULE module, UINT id, Text& text) {
@@ -219,7 +194,8 @@ void CKXVETargetPickerDlg::Fill() {
   SendMessageW(list_, WM_SETREDRAW, FALSE, 0);
   SendMessageW(list_, LVM_DELETEALLITEMS, 0, 0);
   std::vector<ComPtr<ITarget>> targets;
-  TargetsOf(targets_.Get(), targets);  // a list that cannot be read shows no rows
+  vekx::ArrayObjects<ITarget>(targets_.Get(), IID_ITarget,
+                              targets);  // a list that cannot be read shows no rows
   for (size_t index = 0; index < targets.size(); ++index) {
     wchar_t empty[] = L"";
     LVITEMW row = {};
@@ -259,7 +235,8 @@ void CKXVETargetPickerDlg::OnOk() {
   if (row < 0) return;  // nothing chosen yet: the dialog stays
   if (SendMessageW(set_default_, BM_GETCHECK, 0, 0) == BST_CHECKED) {
     std::vector<ComPtr<ITarget>> targets;
-    if (FAILED(TargetsOf(targets_.Get(), targets)) || static_cast<size_t>(row) >= targets.size()) {
+    if (FAILED(vekx::ArrayObjects<ITarget>(targets_.Get(), IID_ITarget, targets)) ||
+        static_cast<size_t>(row) >= targets.size()) {
       return;
     }
     if (FAILED(targets[static_cast<size_t>(row)]->put_Default(VARIANT_TRUE))) {
