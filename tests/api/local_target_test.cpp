@@ -512,6 +512,11 @@ TEST_F(LocalTargetTest, ThreadsAndThreadSpecificBreakpoint) {
     eStopNotificationReason code{};
     reason->get_Code(&code);
     EXPECT_EQ(static_cast<uint32_t>(code), i == 3 ? 130u : 0u) << i;  // SIGSUSPEND_THREAD
+    // A stopped thread's stack is the mapping its stack pointer lies in.
+    ULONGLONG top = 0, size = 0;
+    info->get_StackAddressTop(&top);
+    info->get_StackSize(&size);
+    if (i == 3) EXPECT_TRUE(top != 0 && size >= 4096 && size % 4096 == 0) << top << " " << size;
   }
   ASSERT_EQ(thread->Resume(), S_OK) << TakeErrorText();
   vekx::Variant opcode;

@@ -746,6 +746,7 @@ ProcessInfoRecord TracedProcess::InfoRecord() {
 
 ThreadInfoList TracedProcess::ThreadRecords() {
   ThreadInfoList records;
+  std::optional<std::vector<Mapping>> mappings;  // read for the first stopped thread
   for (const auto& [tid, thread] : threads_) {
     ThreadInfoRecord record = ThreadInfoOf(pid_, tid);
     if (record.Name.empty()) record.Name = thread.name;
@@ -755,6 +756,13 @@ ThreadInfoList TracedProcess::ThreadRecords() {
       uint64_t rip = 0;
       if (ReadInstructionPointer(tid, rip).ok()) record.Rip = rip;
       record.StackAddr = ReadStackPointer(tid);
+      // The stack's size: the mapping the stack pointer lies in (the main thread's [stack], a
+      // thread's own mapped stack).
+      if (!mappings) mappings = ParseMappings(ReadMapsText(pid_));
+      for (const Mapping& mapping : *mappings) {
+        if (record.StackAddr >= mapping.start && record.StackAddr < mapping.end)
+          record.StackSize = mapping.end - mapping.start;
+      }
     }
     record.Reason.Code = thread.stop_code;
     records.push_back(std::move(record));
