@@ -11,6 +11,7 @@
 #include <cwchar>
 
 #include "host/registration.h"
+#include "host/this_module.h"
 
 namespace {
 
@@ -24,22 +25,14 @@ qv::host::RegistrationScope Scope() {
                          : qv::host::RegistrationScope::kMachine;
 }
 
-HMODULE ThisModule() {
-  HMODULE module = nullptr;
-  GetModuleHandleExW(
-      GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-      reinterpret_cast<LPCWSTR>(&ThisModule), &module);
-  return module;
-}
-
 }  // namespace
 
 STDAPI DllRegisterServer() {
-  return qv::host::RegisterServer(ThisModule(), Scope());
+  return qv::host::RegisterServer(qv::host::ThisModule(), Scope());
 }
 
 STDAPI DllUnregisterServer() {
-  return qv::host::UnregisterServer(ThisModule(), Scope());
+  return qv::host::UnregisterServer(qv::host::ThisModule(), Scope());
 }
 
 // `command_line` "user" (any case) switches to per-user registration; any other leaves the mode

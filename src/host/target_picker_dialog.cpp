@@ -9,6 +9,7 @@
 
 #include "api/target_picker.h"
 #include "host/target_picker_resources.h"
+#include "host/this_module.h"
 #include "vekxapi/arrays.h"
 #include "vekxapi/bstr.h"
 #include "vekxapi/com_ptr.h"
@@ -278,17 +279,6 @@ void CKXVETargetPickerDlg::OnSize(int width, int height) {
 }  // namespace qv::host
 
 namespace qv {
-namespace {
-
-HMODULE ThisModule() {
-  HMODULE module = nullptr;
-  GetModuleHandleExW(
-      GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-      reinterpret_cast<LPCWSTR>(&ThisModule), &module);
-  return module;
-}
-
-}  // namespace
 
 bool HasTargetPicker() noexcept {
   return true;
@@ -298,7 +288,8 @@ HRESULT RunTargetPicker(LONGLONG parent, const VARIANT& targets, PickerOutcome& 
   host::CKXVETargetPickerDlg dialog(targets);
   INT_PTR end = 0;
   // The dialog's resources are in the module that holds this code: the DLL.
-  if (HRESULT hr = dialog.DoModal(ThisModule(), reinterpret_cast<HWND>(parent), end); FAILED(hr)) {
+  if (HRESULT hr = dialog.DoModal(host::ThisModule(), reinterpret_cast<HWND>(parent), end);
+      FAILED(hr)) {
     return hr;
   }
   outcome = {};
