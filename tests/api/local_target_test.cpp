@@ -516,7 +516,9 @@ TEST_F(LocalTargetTest, ThreadsAndThreadSpecificBreakpoint) {
     ULONGLONG top = 0, size = 0;
     info->get_StackAddressTop(&top);
     info->get_StackSize(&size);
-    if (i == 3) EXPECT_TRUE(top != 0 && size >= 4096 && size % 4096 == 0) << top << " " << size;
+    if (i == 3) {
+      EXPECT_TRUE(top != 0 && size >= 4096 && size % 4096 == 0) << top << " " << size;
+    }
   }
   ASSERT_EQ(thread->Resume(), S_OK) << TakeErrorText();
   vekx::Variant opcode;
