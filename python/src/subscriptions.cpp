@@ -146,18 +146,14 @@ using TargetGroup = vekx::TargetEventGroup<CallbackSink>;
 // thread too.
 vekx::ComPtr<ITarget> TargetWithHandle(IVEKXAPI12& api, ULONG handle) {
   vekx::Variant list;
-  std::vector<vekx::Variant> elements;
-  if (FAILED(api.get_Targets(list.Put())) || FAILED(vekx::ArrayElements(list.Get(), elements)))
+  std::vector<vekx::ComPtr<ITarget>> targets;
+  if (FAILED(api.get_Targets(list.Put())) ||
+      FAILED(vekx::ArrayObjects(list.Get(), IID_ITarget, targets))) {
     return nullptr;
-  for (const vekx::Variant& element : elements) {
-    vekx::ComPtr<ITarget> target;
+  }
+  for (vekx::ComPtr<ITarget>& target : targets) {
     ULONG each = 0;
-    if (element.Type() == VT_DISPATCH && element.Get().pdispVal != nullptr &&
-        SUCCEEDED(element.Get().pdispVal->QueryInterface(IID_ITarget,
-                                                         reinterpret_cast<void**>(target.Put()))) &&
-        SUCCEEDED(target->get_Handle(&each)) && each == handle) {
-      return target;
-    }
+    if (SUCCEEDED(target->get_Handle(&each)) && each == handle) return std::move(target);
   }
   return nullptr;
 }
