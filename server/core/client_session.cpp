@@ -60,25 +60,53 @@ bool ClientSession::HandshakeOverdue(std::chrono::steady_clock::time_point now) 
   return !connected_.load() && !finished_.load() && now - started_ > kHandshakeTimeLimit;
 }
 
+bool ClientSession::EnqueueLocked(SharedBody& body) {
+  // Beside its other traffic, a client's queue holds one answer of the largest size a frame may
+  // have (a large memory read).
+  if (queued_bytes_ + body->BodySize() > kMaxQueuedBytes + kMaxFrameBodyBytes) return false;
+  queued_bytes_ += body->BodySize();
+  queue_.push_back(std::move(body));
+  if (!writing_) queue_cv_.notify_one();
+  return true;
+}
+
 void ClientSession::Post(SharedBody body) {
   bool overflow = false;
   {
     std::lock_guard lock(queue_mutex_);
     if (closing_) return;
-    // Beside its other traffic, a client's queue holds one answer of the largest size a frame
-    // may have (a large memory read).
-    if (queued_bytes_ + body->BodySize() > kMaxQueuedBytes + kMaxFrameBodyBytes) {
-      overflow = true;
-    } else {
-      queued_bytes_ += body->BodySize();
-      queue_.push_back(std::move(body));
-      queue_cv_.notify_one();
-    }
+    overflow = !EnqueueLocked(body);
   }
   if (overflow) {
     ServerLog(kLogRefusals, ClientTag(id_) + " does not read what is sent to it; dropping it");
     Stop();
   }
+}
+
+void ClientSession::Send(SharedBody body) {
+  {
+    std::lock_guard lock(queue_mutex_);
+    if (closing_) return;
+    if (!writing_ && queue_.empty()) {
+      writing_ = true;
+    } else if (EnqueueLocked(body)) {
+      return;
+    } else {
+      body.reset();  // the client has fallen too far behind
+    }
+  }
+  if (body == nullptr) {
+    ServerLog(kLogRefusals, ClientTag(id_) + " does not read what is sent to it; dropping it");
+    Stop();
+    return;
+  }
+  const PipeChannel::WriteStatus written = channel_.WriteFrame(*body);
+  {
+    std::lock_guard lock(queue_mutex_);
+    writing_ = false;
+    if (!queue_.empty()) queue_cv_.notify_one();
+  }
+  if (written != PipeChannel::WriteStatus::kWritten) Stop();
 }
 
 void ClientSession::Run() {
@@ -184,7 +212,7 @@ bool ClientSession::Answer(RequestDispatcher::Call& call) {
     return false;
   }
   try {
-    Post(std::make_shared<const MessageBuffer>(std::move(*answer)));
+    Send(std::make_shared<const MessageBuffer>(std::move(*answer)));
     return true;
   } catch (const std::exception&) {
     return false;
@@ -216,13 +244,19 @@ void ClientSession::WriteLoop() {
     SharedBody body;
     {
       std::unique_lock lock(queue_mutex_);
-      queue_cv_.wait(lock, [this] { return closing_ || !queue_.empty(); });
+      queue_cv_.wait(lock, [this] { return closing_ || (!queue_.empty() && !writing_); });
       if (closing_) return;
       body = std::move(queue_.front());
       queue_.pop_front();
       queued_bytes_ -= body->BodySize();
+      writing_ = true;
     }
-    if (channel_.WriteFrame(*body) != PipeChannel::WriteStatus::kWritten) {
+    const PipeChannel::WriteStatus written = channel_.WriteFrame(*body);
+    {
+      std::lock_guard lock(queue_mutex_);
+      writing_ = false;
+    }
+    if (written != PipeChannel::WriteStatus::kWritten) {
       Stop();
       return;
     }

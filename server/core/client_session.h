@@ -6,6 +6,11 @@
 //                    -> the client opens the private pipe -> read, dispatch, queue the answer
 //   writer thread:   writes queued bodies (answers and notifications) one frame each, in order
 //
+// An answer with nothing queued or being written before it goes out on the thread that made it,
+// which saves the writer thread's wake-up on the way of every plain call; that thread then waits
+// for a client that does not read, as the writer thread would, and only that client's requests
+// wait with it.
+//
 // Requests whose handler may wait (power and connection changes, debug calls) run on the
 // session's worker threads, so that the client's other requests are answered meanwhile; the
 // others are answered in the order they came. Everything written to the client goes through the
@@ -73,6 +78,10 @@ class ClientSession final : public ClientSink {
   void WriteLoop();
   // Answers one request and queues the answer; false when the session must end.
   bool Answer(RequestDispatcher::Call& call);
+  // Writes an answer at once when nothing is ahead of it, else queues it as Post does.
+  void Send(SharedBody body);
+  // Queues a body under queue_mutex_; false when the client has fallen too far behind.
+  bool EnqueueLocked(SharedBody& body);
   // Answers the request on a worker thread; false when none can be had.
   bool AnswerOnWorker(RequestDispatcher::Call call);
 
@@ -95,6 +104,7 @@ class ClientSession final : public ClientSink {
   std::deque<SharedBody> queue_;  // guarded by queue_mutex_
   size_t queued_bytes_ = 0;       // guarded by queue_mutex_
   bool closing_ = false;          // guarded by queue_mutex_
+  bool writing_ = false;          // a frame is going out; guarded by queue_mutex_
 
   WorkerPool workers_;
 
