@@ -29,6 +29,8 @@ uint64_t PendingResponseStore::Reset() {
   WakeAllLocked();
   entries_.clear();
   aborted_ = false;
+  reader_ = Reader::kNobody;
+  callers_read_at_ = {};
   return ++epoch_;
 }
 
@@ -79,6 +81,9 @@ bool PendingResponseStore::Deliver(std::shared_ptr<CResponse> response) {
       entry.ready = true;
       entry.response = std::move(response);
       waiter = std::move(entry.waiter);
+      // Handed to a caller that could have read it itself: the read thread stands aside for
+      // that caller's next call.
+      if (waiter != nullptr && entry.may_read) callers_read_at_ = std::chrono::steady_clock::now();
     } catch (const std::bad_alloc&) {
       return false;
     }
@@ -89,7 +94,7 @@ bool PendingResponseStore::Deliver(std::shared_ptr<CResponse> response) {
 
 std::error_code PendingResponseStore::Wait(
     uint32_t sequence, uint64_t epoch, std::shared_ptr<CResponse>& response,
-    std::optional<std::chrono::steady_clock::time_point> deadline) {
+    std::optional<std::chrono::steady_clock::time_point> deadline, bool may_read) {
   const std::shared_ptr<std::condition_variable>& woken = ThisThreadsWaiter();
   if (woken == nullptr) return WaitError::kWaitAbandoned;
   std::unique_lock lock(store_mutex_);
@@ -107,19 +112,93 @@ std::error_code PendingResponseStore::Wait(
         return WaitError::kWaitAbandoned;
       }
     }
-    if (it->second.ready) {
-      response = std::move(it->second.response);
+    Entry& entry = it->second;
+    if (entry.ready) {
+      response = std::move(entry.response);
       entries_.erase(it);
+      PassThePipeLocked();
       return WaitError::kWaitSuccess;
     }
-    it->second.waiter = woken;
+    entry.may_read = may_read && !deadline;
+    if (entry.may_read && reader_ == Reader::kNobody) {
+      reader_ = Reader::kCaller;
+      entry.waiter.reset();
+      return WaitError::kWaitReadYourself;
+    }
+    entry.waiter = woken;
+    // A caller with a deadline cannot read the pipe itself: the read thread reads for it.
+    if (!entry.may_read && reader_ == Reader::kNobody) read_thread_cv_.notify_one();
     if (!deadline) {
       woken->wait(lock);
     } else if (woken->wait_until(lock, *deadline) == std::cv_status::timeout) {
-      if (GiveUpLocked(sequence, lock)) return WaitError::kWaitTimedOut;
+      if (GiveUpLocked(sequence, lock)) {
+        PassThePipeLocked();
+        return WaitError::kWaitTimedOut;
+      }
       deadline.reset();  // the answer is being filed: it is here at once
     }
   }
+}
+
+bool PendingResponseStore::IsReady(uint32_t sequence) const {
+  std::lock_guard lock(store_mutex_);
+  const auto it = entries_.find(sequence);
+  return it != entries_.end() && it->second.ready;
+}
+
+void PendingResponseStore::EndCallerRead() {
+  std::lock_guard lock(store_mutex_);
+  if (reader_ == Reader::kCaller) reader_ = Reader::kNobody;
+  callers_read_at_ = std::chrono::steady_clock::now();
+  PassThePipeLocked();
+  caller_read_ended_.notify_all();
+}
+
+bool PendingResponseStore::AnyWaiterLocked(bool may_read) const {
+  for (const auto& [sequence, entry] : entries_) {
+    if (entry.waiter != nullptr && !entry.ready && entry.may_read == may_read) return true;
+  }
+  return false;
+}
+
+void PendingResponseStore::PassThePipeLocked() {
+  if (reader_ != Reader::kNobody || aborted_) return;
+  for (auto& [sequence, entry] : entries_) {
+    if (entry.waiter != nullptr && !entry.ready && entry.may_read) {
+      entry.waiter->notify_one();
+      return;
+    }
+  }
+  if (read_thread_waits_for_caller_ || AnyWaiterLocked(false)) read_thread_cv_.notify_one();
+}
+
+void PendingResponseStore::AwaitReadThreadsTurn() {
+  std::unique_lock lock(store_mutex_);
+  while (!aborted_) {
+    if (reader_ == Reader::kNobody && !AnyWaiterLocked(true)) {
+      if (AnyWaiterLocked(false)) break;
+      const auto until = callers_read_at_ + kReadThreadStandsAside;
+      if (std::chrono::steady_clock::now() >= until) break;
+      read_thread_cv_.wait_until(lock, until);
+      continue;
+    }
+    // A caller reads, or is about to: its end wakes this thread.
+    read_thread_waits_for_caller_ = true;
+    read_thread_cv_.wait(lock);
+    read_thread_waits_for_caller_ = false;
+  }
+  if (reader_ == Reader::kNobody) reader_ = Reader::kReadThread;
+}
+
+void PendingResponseStore::EndReadThreadsTurn() {
+  std::lock_guard lock(store_mutex_);
+  if (reader_ == Reader::kReadThread) reader_ = Reader::kNobody;
+  PassThePipeLocked();
+}
+
+void PendingResponseStore::AwaitNoCallerReading() {
+  std::unique_lock lock(store_mutex_);
+  caller_read_ended_.wait(lock, [this] { return reader_ != Reader::kCaller; });
 }
 
 bool PendingResponseStore::GiveUpLocked(uint32_t sequence, std::unique_lock<std::mutex>& lock) {
@@ -142,6 +221,7 @@ void PendingResponseStore::Abort() {
   std::lock_guard lock(store_mutex_);
   aborted_ = true;
   WakeAllLocked();
+  read_thread_cv_.notify_all();
 }
 
 }  // namespace qv

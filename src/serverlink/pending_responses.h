@@ -11,6 +11,15 @@
 // keeps the condition variable alive, so the read thread notifies after letting the mutex go and
 // the woken caller does not find it still held.
 //
+// Who reads the pipe: the read thread, or a caller waiting for its own answer. A caller that may
+// wait without limit reads the pipe itself when nobody else does, handing on every other frame,
+// so that its answer wakes it directly instead of waking the read thread, which would then have
+// to wake it. The read thread stands aside while callers read for themselves, and until a short
+// while after the last of them stopped, so that a caller's next call finds the pipe free instead
+// of the read thread blocked in it; it reads at once for a caller whose wait has a deadline (that
+// caller cannot block in the pipe). When a reading caller has its answer, it passes the pipe on to
+// another waiting caller, or to the read thread when only callers with a deadline wait.
+//
 // Each connection is an epoch. Reset starts a new one; a waiter whose epoch has passed leaves
 // with kWaitAbort even when a new connection has already cleared the abort mark, so a caller can
 // never miss the end of the connection its request went out on.
@@ -53,9 +62,23 @@ class PendingResponseStore {
   // Blocks until the response for `sequence` has arrived (kWaitSuccess, response filled in) or
   // the connection of `epoch` has ended (kWaitAbort). kWaitAbandoned when memory runs out. With a
   // `deadline`, kWaitTimedOut once it passes: `sequence` is then no longer awaited, so its
-  // response is dropped when it comes.
+  // response is dropped when it comes. With `may_read` (and no deadline), kWaitReadYourself when
+  // the caller now holds the pipe: it reads frames until IsReady(sequence) or the pipe fails,
+  // then calls EndCallerRead and waits again.
   std::error_code Wait(uint32_t sequence, uint64_t epoch, std::shared_ptr<CResponse>& response,
-                       std::optional<std::chrono::steady_clock::time_point> deadline = {});
+                       std::optional<std::chrono::steady_clock::time_point> deadline = {},
+                       bool may_read = false);
+  // Whether the response for `sequence` has been filed.
+  bool IsReady(uint32_t sequence) const;
+  // A reading caller lets go of the pipe.
+  void EndCallerRead();
+
+  // Read thread: blocks until it is to read the pipe (see above), or the store is aborted.
+  void AwaitReadThreadsTurn();
+  // Read thread: it has read one frame and lets go of the pipe.
+  void EndReadThreadsTurn();
+  // Blocks until no caller reads the pipe; after Abort, none starts again until Reset.
+  void AwaitNoCallerReading();
 
   // The connection ended: every waiter wakes with kWaitAbort.
   void Abort();
@@ -63,10 +86,19 @@ class PendingResponseStore {
  private:
   struct Entry {
     bool ready = false;
+    bool may_read = false;  // its caller may read the pipe itself
     std::shared_ptr<CResponse> response;
     std::shared_ptr<std::condition_variable> waiter;  // set while its caller waits
   };
+  enum class Reader { kNobody, kReadThread, kCaller };
+  // How long the read thread stands aside after a caller last read for itself.
+  static constexpr std::chrono::microseconds kReadThreadStandsAside{200};
 
+  // With nobody reading, wakes a caller that may read and still waits, or the read thread when a
+  // caller with a deadline waits; store_mutex_ held.
+  void PassThePipeLocked();
+  // The waiting callers, of either kind, whose answers have not come; store_mutex_ held.
+  bool AnyWaiterLocked(bool may_read) const;
   // A timed-out waiter withdraws `sequence`; false when its response is being filed already.
   // `lock` holds store_mutex_ before and after.
   bool GiveUpLocked(uint32_t sequence, std::unique_lock<std::mutex>& lock);
@@ -81,6 +113,12 @@ class PendingResponseStore {
   std::unordered_map<uint32_t, Entry> entries_;  // guarded by store_mutex_
   uint64_t epoch_ = 0;                           // guarded by store_mutex_
   bool aborted_ = false;                         // guarded by store_mutex_
+  Reader reader_ = Reader::kNobody;              // guarded by store_mutex_
+  // When a caller last read for itself, or was handed its answer; guarded by store_mutex_.
+  std::chrono::steady_clock::time_point callers_read_at_;
+  std::condition_variable read_thread_cv_;
+  bool read_thread_waits_for_caller_ = false;  // guarded by store_mutex_
+  std::condition_variable caller_read_ended_;
 };
 
 }  // namespace qv

@@ -184,18 +184,44 @@ LinkStatus ServerLink::ConnectLocked(bool& connected_now) {
   return LinkStatus::kSuccess;
 }
 
+bool ServerLink::ReadOneFrame(IncomingDispatcher::Outcome& outcome) {
+  if (channel_.ReadFrame() != PipeChannel::ReadStatus::kFrame) return false;
+  outcome = dispatcher_.Dispatch(channel_.Input());
+  channel_.ReleaseRead();
+  return outcome != IncomingDispatcher::Outcome::kNoKind;
+}
+
 void ServerLink::ReadLoop() {
   LogApi(Log::kPackets, "Started read thread 0x" + ThreadTag());
+  IncomingDispatcher::Outcome outcome{};
   for (;;) {
-    if (channel_.ReadFrame() != PipeChannel::ReadStatus::kFrame) break;
-    const auto outcome = dispatcher_.Dispatch(channel_.Input());
-    channel_.ReleaseRead();
-    if (outcome == IncomingDispatcher::Outcome::kNoKind) break;
+    store_.AwaitReadThreadsTurn();
+    const bool read = ReadOneFrame(outcome);
+    store_.EndReadThreadsTurn();
+    if (!read) break;
   }
   LogApi(Log::kPackets, "Exited read thread 0x" + ThreadTag() +
                             " LastError: " + std::to_string(channel_.LastSystemError()));
   connected_.store(false, std::memory_order_release);
   store_.Abort();
+}
+
+void ServerLink::ReadForOwnAnswer(uint32_t sequence) {
+  IncomingDispatcher::Outcome outcome{};
+  bool read = true;
+  while ((read = ReadOneFrame(outcome))) {
+    if (outcome == IncomingDispatcher::Outcome::kResponseDelivered && store_.IsReady(sequence)) {
+      break;
+    }
+  }
+  if (!read) {
+    // The connection is over: nobody reads it again, and every waiter hears so, as when the
+    // read thread finds it over.
+    channel_.Stop();
+    connected_.store(false, std::memory_order_release);
+    store_.Abort();
+  }
+  store_.EndCallerRead();
 }
 
 void ServerLink::Disconnect() {
@@ -207,8 +233,11 @@ void ServerLink::DisconnectLocked() {
   connected_.store(false, std::memory_order_release);
   if (reader_.joinable()) {
     channel_.Stop();
+    store_.Abort();  // the read thread may be standing aside for callers
     reader_.join();
   }
+  // A caller reading for its own answer finds the pipe stopped and lets go of it.
+  store_.AwaitNoCallerReading();
   if (channel_.IsOpen()) {
     LogApi(Log::kPackets, "Close pipe, Handle " + platform::Utf16ToUtf8(private_pipe_));
     channel_.Close();
@@ -279,7 +308,11 @@ LinkStatus ServerLink::WaitResponse(CResponse& response, uint32_t sequence, uint
   const std::chrono::milliseconds limit = ThisThreadsAnswerLimit();
   std::optional<std::chrono::steady_clock::time_point> deadline;
   if (limit.count() > 0) deadline = std::chrono::steady_clock::now() + limit;
-  const std::error_code waited = store_.Wait(sequence, epoch, arrived, deadline);
+  std::error_code waited;
+  while ((waited = store_.Wait(sequence, epoch, arrived, deadline, /*may_read=*/true)) ==
+         WaitError::kWaitReadYourself) {
+    ReadForOwnAnswer(sequence);
+  }
   if (waited == WaitError::kWaitTimedOut) {
     LogApi(Log::kPackets, "No answer to " + LogHex(sequence) + " within " +
                               std::to_string(limit.count()) + " ms; giving up");

@@ -9,6 +9,9 @@
 // Connect runs lazily before a request whenever the private pipe is not up, so the link comes
 // back by itself after the server went away. Shutdown is final: Connect then answers kShuttingDown.
 //
+// Reading: the read thread reads notifications and answers, except while callers read the pipe
+// for their own answers (the pending store decides who reads), which saves a wake-up per call.
+//
 // Locks: connect_mutex_ serialises Connect, Disconnect and Shutdown; the channel's own locks
 // order writers and the reader; the pending store has its own. The connected hook runs after
 // connect_mutex_ is released, so it may send requests.
@@ -97,6 +100,10 @@ class ServerLink {
   LinkStatus Handshake(ConnectResponse& answer);
   void DisconnectLocked();
   void ReadLoop();
+  // Reads one frame and hands it on; false when the connection is over.
+  bool ReadOneFrame(IncomingDispatcher::Outcome& outcome);
+  // A waiting caller reads the pipe itself until its answer has come (see PendingResponseStore).
+  void ReadForOwnAnswer(uint32_t sequence);
   // Writes one request on the open connection.
   LinkStatus Write(uint32_t target_handle, const CRequest& request, uint32_t& sequence,
                    bool expect_response, uint64_t& epoch, std::shared_ptr<BulkLanding> landing);

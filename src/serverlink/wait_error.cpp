@@ -12,6 +12,8 @@ std::string WaitErrorCategory::message(int value) const {
       return "WaitAbort";
     case WaitError::kWaitTimedOut:
       return "WaitTimedOut";
+    case WaitError::kWaitReadYourself:
+      return "WaitReadYourself";
   }
   return "WaitUnknown";
 }

@@ -8,8 +8,9 @@ namespace qv {
 enum class WaitError {
   kWaitSuccess = 0,
   kWaitAbandoned = 1,
-  kWaitAbort = 2,     // the pending-response store was aborted: the connection closed
-  kWaitTimedOut = 3,  // the caller's answer limit passed first
+  kWaitAbort = 2,         // the pending-response store was aborted: the connection closed
+  kWaitTimedOut = 3,      // the caller's answer limit passed first
+  kWaitReadYourself = 4,  // nobody reads the pipe: the caller is to read it for its answer
 };
 
 class WaitErrorCategory final : public std::error_category {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 #include <vector>
@@ -120,6 +121,64 @@ TEST(PendingResponseStoreTest, ANewConnectionAloneWakesTheWaitersOfTheOldOne) {
   ASSERT_TRUE(store.Await(1));
   ASSERT_TRUE(store.Deliver(ResponseFor(1)));
   EXPECT_EQ(store.Wait(1, new_epoch, response), WaitError::kWaitSuccess);
+}
+
+TEST(PendingResponseStoreTest, OneCallerAtATimeReadsThePipeAndPassesItOnWhenItsAnswerIsIn) {
+  PendingResponseStore store;
+  const uint64_t epoch = store.Reset();
+  for (uint32_t sequence : {1u, 2u, 3u})
+    ASSERT_TRUE(store.Await(sequence));
+  std::shared_ptr<CResponse> response;
+  ASSERT_EQ(store.Wait(1, epoch, response, {}, true), WaitError::kWaitReadYourself);
+
+  // While caller 1 reads, the read thread stands aside, a caller that may read waits its turn
+  // and a caller with a deadline never reads.
+  std::error_code second_first, second_last, limited;
+  std::thread second([&] {
+    std::shared_ptr<CResponse> answer;
+    second_first = store.Wait(2, epoch, answer, {}, true);
+    ASSERT_TRUE(store.Deliver(ResponseFor(2)));
+    EXPECT_TRUE(store.IsReady(2));
+    store.EndCallerRead();
+    second_last = store.Wait(2, epoch, answer, {}, true);
+  });
+  std::thread with_deadline([&] {
+    std::shared_ptr<CResponse> answer;
+    limited = store.Wait(3, epoch, answer, std::chrono::steady_clock::now() + std::chrono::hours(1),
+                         true);
+  });
+  std::atomic<bool> read_thread_read{false};
+  std::thread read_thread([&] {
+    store.AwaitReadThreadsTurn();
+    read_thread_read = true;
+    store.EndReadThreadsTurn();
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_FALSE(read_thread_read);
+  ASSERT_TRUE(store.Deliver(ResponseFor(3)));
+  with_deadline.join();
+  EXPECT_EQ(limited, WaitError::kWaitSuccess);
+  ASSERT_TRUE(store.Deliver(ResponseFor(1)));
+  store.EndCallerRead();
+  second.join();
+  EXPECT_EQ(second_first, WaitError::kWaitReadYourself);
+  EXPECT_EQ(second_last, WaitError::kWaitSuccess);
+  EXPECT_EQ(store.Wait(1, epoch, response, {}, true), WaitError::kWaitSuccess);
+  // With nobody left to read for, the read thread takes the pipe back.
+  read_thread.join();
+  EXPECT_TRUE(read_thread_read);
+
+  // A read thread standing aside for a reading caller leaves on Abort, and the disconnecting
+  // thread waits for the caller to let go of the pipe.
+  ASSERT_TRUE(store.Await(4));
+  ASSERT_EQ(store.Wait(4, epoch, response, {}, true), WaitError::kWaitReadYourself);
+  std::thread parked([&] { store.AwaitReadThreadsTurn(); });
+  store.Abort();
+  parked.join();
+  std::thread disconnecting([&] { store.AwaitNoCallerReading(); });
+  store.EndCallerRead();
+  disconnecting.join();
+  EXPECT_EQ(store.Wait(4, epoch, response, {}, true), WaitError::kWaitAbort);
 }
 
 }  // namespace
