@@ -3,21 +3,20 @@
 // private pipe.
 //
 //   session thread:  handshake on the well-known pipe -> private pipe listens -> answer
-//                    -> the client opens the private pipe -> read, dispatch, queue the answer
+//                    -> the client opens the private pipe -> read, dispatch, send the answer
 //   writer thread:   writes queued bodies (answers and notifications) one frame each, in order
 //
 // An answer with nothing queued or being written before it goes out on the thread that made it,
 // which saves the writer thread's wake-up on the way of every plain call; that thread then waits
 // for a client that does not read, as the writer thread would, and only that client's requests
-// wait with it.
+// wait with it. Anything else is queued.
 //
 // Requests whose handler may wait (power and connection changes, debug calls) run on the
 // session's worker threads, so that the client's other requests are answered meanwhile; the
-// others are answered in the order they came. Everything written to the client goes through the
-// queue, so answers and notifications reach it in the order they were produced and a client that
-// does not read never blocks anybody else: when its queue grows past a limit, it is dropped. A
-// frame that cannot be delimited (bad reserved word, body beyond the limit) ends the session;
-// everything else gets an answer.
+// others are answered in the order they came. Answers and notifications reach the client in the
+// order they were produced, and a client that does not read never blocks anybody else: when its
+// queue grows past a limit, it is dropped. A frame that cannot be delimited (bad reserved word,
+// body beyond the limit) ends the session; everything else gets an answer.
 
 #include <atomic>
 #include <chrono>
