@@ -60,46 +60,32 @@ bool ClientSession::HandshakeOverdue(std::chrono::steady_clock::time_point now) 
   return !connected_.load() && !finished_.load() && now - started_ > kHandshakeTimeLimit;
 }
 
-bool ClientSession::EnqueueLocked(SharedBody& body) {
-  // Beside its other traffic, a client's queue holds one answer of the largest size a frame may
-  // have (a large memory read).
-  if (queued_bytes_ + body->BodySize() > kMaxQueuedBytes + kMaxFrameBodyBytes) return false;
-  queued_bytes_ += body->BodySize();
-  queue_.push_back(std::move(body));
-  if (!writing_) queue_cv_.notify_one();
-  return true;
-}
-
 void ClientSession::Post(SharedBody body) {
-  bool overflow = false;
   {
     std::lock_guard lock(queue_mutex_);
     if (closing_) return;
-    overflow = !EnqueueLocked(body);
+    // Beside its other traffic, a client's queue holds one answer of the largest size a frame may
+    // have (a large memory read).
+    if (queued_bytes_ + body->BodySize() <= kMaxQueuedBytes + kMaxFrameBodyBytes) {
+      queued_bytes_ += body->BodySize();
+      queue_.push_back(std::move(body));
+      if (!writing_) queue_cv_.notify_one();
+      return;
+    }
   }
-  if (overflow) {
-    ServerLog(kLogRefusals, ClientTag(id_) + " does not read what is sent to it; dropping it");
-    Stop();
-  }
+  ServerLog(kLogRefusals, ClientTag(id_) + " does not read what is sent to it; dropping it");
+  Stop();
 }
 
 void ClientSession::Send(SharedBody body) {
+  bool write_now = false;
   {
     std::lock_guard lock(queue_mutex_);
-    if (closing_) return;
-    if (!writing_ && queue_.empty()) {
-      writing_ = true;
-    } else if (EnqueueLocked(body)) {
-      return;
-    } else {
-      body.reset();  // the client has fallen too far behind
-    }
+    write_now = !closing_ && !writing_ && queue_.empty();
+    if (write_now) writing_ = true;
   }
-  if (body == nullptr) {
-    ServerLog(kLogRefusals, ClientTag(id_) + " does not read what is sent to it; dropping it");
-    Stop();
-    return;
-  }
+  // Anything ahead of the answer goes first, so that answers and notifications keep their order.
+  if (!write_now) return Post(std::move(body));
   const PipeChannel::WriteStatus written = channel_.WriteFrame(*body);
   {
     std::lock_guard lock(queue_mutex_);

@@ -79,8 +79,6 @@ class ClientSession final : public ClientSink {
   bool Answer(RequestDispatcher::Call& call);
   // Writes an answer at once when nothing is ahead of it, else queues it as Post does.
   void Send(SharedBody body);
-  // Queues a body under queue_mutex_; false when the client has fallen too far behind.
-  bool EnqueueLocked(SharedBody& body);
   // Answers the request on a worker thread; false when none can be had.
   bool AnswerOnWorker(RequestDispatcher::Call call);
 
