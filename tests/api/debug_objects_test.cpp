@@ -39,16 +39,6 @@ constexpr char kDebugScenario[] = R"(kits:
           - {base: 0x10200000, fill: "44 55 66 77 88", size: 2097152}
 )";
 
-template <class Interface>
-vekx::ComPtr<Interface> Element(const vekx::Variant& array, size_t index, REFIID iid) {
-  std::vector<vekx::Variant> elements;
-  EXPECT_EQ(vekx::ArrayElements(array.Get(), elements), S_OK);
-  vekx::ComPtr<Interface> object;
-  if (index < elements.size() && elements[index].Type() == VT_DISPATCH)
-    elements[index].Get().pdispVal->QueryInterface(iid, reinterpret_cast<void**>(object.Put()));
-  return object;
-}
-
 // Each method checks its out-pointers, then the link, before anything is sent; register calls
 // check their id array first. A process object without a link shows the order.
 TEST(DebugObjectChecks, OutPointersThenLinkThenArguments) {
@@ -100,8 +90,9 @@ TEST(DebugValueObjects, ThreadInfoWithoutOptionalFields) {
   record.Reason.Code = 0xA0020001;
   vekx::Variant list;
   ASSERT_EQ(OutThreadInfoArray({record}, {}, list.Put()), S_OK);
-  auto info = Element<IThreadInfo6>(list, 0, IID_IThreadInfo6);
-  ASSERT_TRUE(info);
+  const auto infos = Objects<IThreadInfo6>(list, IID_IThreadInfo6);
+  ASSERT_TRUE(infos.size() == 1 && infos[0]);
+  const auto& info = infos[0];
   ULONGLONG wide = 1;
   ULONG narrow = 1;
   using Wide = HRESULT (STDMETHODCALLTYPE IThreadInfo6::*)(ULONGLONG*);
@@ -166,15 +157,11 @@ TEST(DebugValueObjects, EverySynchronisationKind) {
                                     &IID_IVestaEventQueue2};
   vekx::Variant array;
   ASSERT_EQ(OutSyncPrimitiveArray(lists, array.Put()), S_OK);
-  std::vector<vekx::Variant> elements;
-  ASSERT_EQ(vekx::ArrayElements(array.Get(), elements), S_OK);
+  const auto elements = Objects<IDispatch>(array, IID_IDispatch);
   ASSERT_EQ(elements.size(), std::size(kInterfaces));
   for (size_t i = 0; i < elements.size(); ++i) {
     vekx::ComPtr<IDispatch> object;
-    ASSERT_EQ(elements[i].Get().pdispVal->QueryInterface(*kInterfaces[i],
-                                                         reinterpret_cast<void**>(object.Put())),
-              S_OK)
-        << i;
+    ASSERT_EQ(elements[i].QueryInto(*kInterfaces[i], object), S_OK) << i;
     // Every kind's KernelId is its first property, the eighth slot after IDispatch's seven.
     using GetKernelId = HRESULT(STDMETHODCALLTYPE*)(IDispatch*, LONG*);
     LONG id = -1;
@@ -258,8 +245,9 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   ASSERT_EQ(stop->get_ThreadId(&tid), S_OK);
   vekx::Variant threads;
   ASSERT_EQ(stop->get_Threads(threads.Put()), S_OK);
-  auto thread_info = Element<IThreadInfo6>(threads, 0, IID_IThreadInfo6);
-  ASSERT_TRUE(thread_info);
+  const auto infos = Objects<IThreadInfo6>(threads, IID_IThreadInfo6);
+  ASSERT_TRUE(!infos.empty() && infos[0]);
+  const auto& thread_info = infos[0];
   ULONGLONG rip = 0;
   ASSERT_EQ(thread_info->get_RIP(&rip), S_OK);
   EXPECT_EQ(rip, 0x401004u);

@@ -202,9 +202,7 @@ class LiveEventsTest : public LiveApiTest {
     const std::string path =
         (servertest::TestRoot() / (platform::Utf16ToUtf8(user_) + ".packets")).string();
     std::remove(path.c_str());
-    vekx::ComPtr<IVEKXAPI12> root;
-    EXPECT_EQ(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(root.Put())), S_OK);
-    EXPECT_EQ(root->CheckCompatibility(21), S_OK);
+    const vekx::ComPtr<IVEKXAPI12> root = CheckedRoot();
     EXPECT_EQ(root->StartPacketLogging(vekx::Bstr::FromUtf8(path).Get()), S_OK);
     root->Dispose();
     return path;

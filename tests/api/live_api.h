@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,43 @@ inline vekx::Variant ArrayOf(VARTYPE type, const std::vector<uint64_t>& values) 
   return vekx::Variant::Adopt(value);
 }
 
+// Each element of an array a method returned as the object of `iid` (null where it is none).
+template <class Interface>
+std::vector<vekx::ComPtr<Interface>> Objects(const vekx::Variant& array, REFIID iid) {
+  std::vector<vekx::Variant> elements;
+  EXPECT_EQ(vekx::ArrayElements(array.Get(), elements), S_OK);
+  std::vector<vekx::ComPtr<Interface>> objects(elements.size());
+  for (size_t i = 0; i < elements.size(); ++i) {
+    if (elements[i].Type() == VT_DISPATCH)
+      elements[i].Get().pdispVal->QueryInterface(iid, reinterpret_cast<void**>(objects[i].Put()));
+  }
+  return objects;
+}
+
+// "Name=Value" for each INameValuePair of a returned array.
+inline std::vector<std::string> Pairs(const vekx::Variant& array) {
+  std::vector<std::string> pairs;
+  for (const auto& pair : Objects<INameValuePair>(array, IID_INameValuePair)) {
+    if (!pair) return {"not an INameValuePair"};
+    vekx::Bstr name, value;
+    EXPECT_EQ(pair->get_Name(name.Put()), S_OK);
+    EXPECT_EQ(pair->get_ValueString(value.Put()), S_OK);
+    pairs.push_back(name.Utf8() + "=" + value.Utf8());
+  }
+  return pairs;
+}
+
+// The requests the server's packet log at `path` shows, by name, in order.
+inline std::vector<std::string> LoggedRequests(const std::string& path) {
+  std::vector<std::string> requests;
+  std::istringstream lines(servertest::ReadText(path));
+  for (std::string line; std::getline(lines, line);) {
+    if (const size_t at = line.find(" REQUEST "); at != std::string::npos)
+      requests.push_back(line.substr(at + 9, line.find(' ', at + 9) - at - 9));
+  }
+  return requests;
+}
+
 class LiveApiTest : public ::testing::Test {
  protected:
   // The scenario the server starts with; a test class may override it.
@@ -82,6 +120,16 @@ class LiveApiTest : public ::testing::Test {
     return CreateRootObject(CKXVEPrivateAPI::Create({user_, servertest::RunDir()}), iid, object);
   }
 
+  // A new root object for this test's server that has passed CheckCompatibility.
+  vekx::ComPtr<IVEKXAPI12> CheckedRoot() {
+    vekx::ComPtr<IVEKXAPI12> root;
+    EXPECT_EQ(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(root.Put())), S_OK);
+    if (root) {
+      EXPECT_EQ(root->CheckCompatibility(21), S_OK);
+    }
+    return root;
+  }
+
   // Ends the test's server and waits for it.
   void StopServer() {
     if (server_ == nullptr) return;
@@ -90,10 +138,11 @@ class LiveApiTest : public ::testing::Test {
     server_.reset();
   }
 
-  // A new target object for `host`, added (or found) through the root object.
-  vekx::ComPtr<ITarget47> Target(const char* host) {
+  // A new target object for `host`, added (or found) through `root` or else api_.
+  vekx::ComPtr<ITarget47> Target(const char* host, IVEKXAPI12* root = nullptr) {
     vekx::ComPtr<ITarget> target;
-    EXPECT_EQ(api_->AddTarget(vekx::Bstr::FromUtf8(host).Get(), target.Put()), S_OK);
+    EXPECT_EQ((root ? root : api_.Get())->AddTarget(vekx::Bstr::FromUtf8(host).Get(), target.Put()),
+              S_OK);
     vekx::ComPtr<ITarget47> latest;
     if (target) target.QueryInto(IID_ITarget47, latest);
     return latest;

@@ -61,15 +61,15 @@ std::vector<uint64_t> Numbers(const vekx::Variant& array) {
   return numbers;
 }
 
-// The last stop, the threads started and the end of each process, as the Debug group tells.
-class DebugRecorder : public vekx::EventSink<IEventDebug> {
+// The last stop as the Debug group tells it (the other Debug events go to a RecordingSink).
+class StopRecorder : public vekx::EventSink<IEventDebug> {
  public:
   HRESULT STDMETHODCALLTYPE OnStopNotification(IStopNotificationEvent* event) override {
     vekx::ComPtr<IStopNotification> stop;
-    event->get_StopNotification(stop.Put());
     vekx::ComPtr<IProcessInfo> info;
-    stop->get_ProcessInfo(info.Put());
     vekx::ComPtr<IStopReason> reason;
+    event->get_StopNotification(stop.Put());
+    stop->get_ProcessInfo(info.Put());
     info->get_StopReason(reason.Put());
     std::lock_guard lock(mutex_);
     stop->get_ThreadId(&stop_thread_);
@@ -77,62 +77,24 @@ class DebugRecorder : public vekx::EventSink<IEventDebug> {
     ++stops_;
     return S_OK;
   }
-  HRESULT STDMETHODCALLTYPE OnProcessExit(IProcessExitEvent* event) override {
-    std::lock_guard lock(mutex_);
-    return event->get_ExitCode(&exit_code_);
-  }
-  HRESULT STDMETHODCALLTYPE OnProcessKill(IProcessKillEvent*) override {
-    std::lock_guard lock(mutex_);
-    killed_ = true;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE OnDynamicLibraryLoad(IDynamicLibraryLoadEvent*) override {
-    std::lock_guard lock(mutex_);
-    ++libraries_;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE OnCoredumpInProgress(ICoredumpInProgressEvent* event) override {
-    std::lock_guard lock(mutex_);
-    ULONG percent = 0;
-    event->get_Percentage(&percent);
-    percentages_.push_back(percent);
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE OnCoredumpCompleted(ICoredumpCompletedEvent* event) override {
-    std::lock_guard lock(mutex_);
-    ++dumps_completed_;
-    return event->get_Result(&dump_result_);
-  }
-  HRESULT STDMETHODCALLTYPE OnThreadCreate(IThreadCreateEvent*) override {
-    std::lock_guard lock(mutex_);
-    ++threads_;
-    return S_OK;
-  }
 
   // Waits for the stop after `stops` earlier ones; its reason code, or 0 on a time-out.
   uint32_t WaitStop(int stops, ULONG* thread = nullptr) {
-    if (!servertest::WaitUntil([&] { return Get(stops_) > stops; })) return 0;
+    if (!servertest::WaitUntil([&] {
+          std::lock_guard lock(mutex_);
+          return stops_ > stops;
+        }))
+      return 0;
     std::lock_guard lock(mutex_);
     if (thread != nullptr) *thread = stop_thread_;
     return static_cast<uint32_t>(stop_code_);
   }
-  template <class T>
-  T Get(const T& field) {
-    std::lock_guard lock(mutex_);
-    return field;
-  }
 
+ private:
   std::mutex mutex_;
   int stops_ = 0;
-  int threads_ = 0;
-  int libraries_ = 0;
   ULONG stop_thread_ = 0;
   eStopNotificationReason stop_code_{};
-  ULONG exit_code_ = 0xFFFFFFFF;
-  bool killed_ = false;
-  std::vector<ULONG> percentages_;
-  int dumps_completed_ = 0;
-  eErrorCode dump_result_{};
 };
 
 class LocalTargetTest : public LiveApiTest {
@@ -146,10 +108,21 @@ class LocalTargetTest : public LiveApiTest {
     ASSERT_TRUE(target_);
     ASSERT_EQ(target_->Connect(), S_OK) << TakeErrorText();
     ASSERT_EQ(target_->AdviseDebugEvents(events_.Get()), S_OK);
+    ASSERT_EQ(target_->AdviseDebugEvents(heard_.Get()), S_OK);
   }
   void TearDown() override {
     if (target_) target_->UnadviseDebugEvents(events_.Get());
+    if (target_) target_->UnadviseDebugEvents(heard_.Get());
     LiveApiTest::TearDown();
+  }
+  // How many calls of the Debug group's `method` were heard.
+  size_t Heard(const char* method) const { return heard_->Values(method, "").size(); }
+  // Waits until the last process exit heard is `code`.
+  bool WaitExit(ULONG code) {
+    return servertest::WaitUntil([&] {
+      const auto codes = heard_->Values("OnProcessExit", "ExitCode");
+      return !codes.empty() && codes.back() == std::to_string(code);
+    });
   }
 
   vekx::ComPtr<IProcess10> Load(const std::string& args, bool stopped) {
@@ -184,6 +157,17 @@ class LocalTargetTest : public LiveApiTest {
         << TakeErrorText();
     return Numbers(values);
   }
+  // Resumes every thread of `process`, or steps the threads `tids` names.
+  static HRESULT Resume(IProcess10* process, const vekx::Variant& tids = {}) {
+    vekx::Variant failed;
+    return process->Resume(tids.Get(), failed.Put());
+  }
+  // A breakpoint at `address` for `thread` (0: every thread), its original code in `opcode`.
+  static HRESULT Break(IProcess10* process, ULONG thread, uint64_t address, vekx::Variant& opcode,
+                       ULONG& id) {
+    return process->SetSoftwareBreakpoint(thread, address, SWBREAKPT_ATTR_MODE, 0,
+                                          vekx::Variant().Get(), opcode.Put(), &id);
+  }
   // The program run with `args`, stopped at its entry (after `stops` earlier stops), its pid in
   // pid_; then a breakpoint for every thread at `address`, its original code in `opcode`.
   void LoadAndBreak(const std::string& args, uint64_t address, vekx::ComPtr<IProcess10>& process,
@@ -192,43 +176,38 @@ class LocalTargetTest : public LiveApiTest {
     ASSERT_TRUE(process) << args;
     ASSERT_EQ(process->get_Id(&pid_), S_OK);
     ASSERT_EQ(events_->WaitStop(stops), STOP_REASON_DL_STOP_INIT) << args;
-    ASSERT_EQ(process->SetSoftwareBreakpoint(0, address, SWBREAKPT_ATTR_MODE, 0,
-                                             vekx::Variant().Get(), opcode.Put(), &id),
-              S_OK)
-        << TakeErrorText();
+    ASSERT_EQ(Break(process.Get(), 0, address, opcode, id), S_OK) << TakeErrorText();
   }
   // Resumes the process into its breakpoint until `threads` threads have started (its main
   // thread's first call stops it meanwhile); the thread that stopped last in `tid`.
-  void BreakUntilThreads(IProcess10* process, int threads, ULONG& tid) {
-    vekx::Variant failed;
-    for (int stops = 1; events_->Get(events_->threads_) < threads && stops < 10; ++stops) {
-      ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << TakeErrorText();
+  void BreakUntilThreads(IProcess10* process, size_t threads, ULONG& tid) {
+    for (int stops = 1; Heard("OnThreadCreate") < threads && stops < 10; ++stops) {
+      ASSERT_EQ(Resume(process), S_OK) << TakeErrorText();
       ASSERT_EQ(events_->WaitStop(stops, &tid), STOP_REASON_SIGSWBRKPT);
     }
   }
-  // The program and the C library are among the process's modules, the program's entry its
-  // _start; how many modules there are.
-  size_t ExpectProgramAndLibc(IProcess10* process) {
-    vekx::Variant modules;
-    EXPECT_EQ(process->get_Modules(modules.Put()), S_OK) << TakeErrorText();
-    std::vector<vekx::Variant> list;
-    EXPECT_EQ(vekx::ArrayElements(modules.Get(), list), S_OK);
+  // The program is among the process's modules, its entry its _start, and with `libc` the C
+  // library too; how many modules there are.
+  size_t ExpectProgramAndLibc(IProcess10* process, bool libc = true) {
+    vekx::Variant list;
+    EXPECT_EQ(process->get_Modules(list.Put()), S_OK) << TakeErrorText();
+    const auto modules = Objects<IModule>(list, IID_IModule);
     std::map<std::string, uint64_t> entries;
-    for (const vekx::Variant& element : list) {
-      vekx::ComPtr<IModule> module;
-      element.Get().pdispVal->QueryInterface(IID_IModule, reinterpret_cast<void**>(module.Put()));
+    for (const auto& module : modules) {
       vekx::Bstr name;
       module->get_Name(name.Put());
       module->get_StartEntryAddress(&entries[name.Utf8()]);
     }
     EXPECT_EQ(entries["vekx_debuggee"], Symbol("_start"));
-    EXPECT_TRUE(std::any_of(entries.begin(), entries.end(),
-                            [](const auto& entry) { return entry.first.find("libc") == 0; }));
-    return list.size();
+    EXPECT_TRUE(!libc || std::any_of(entries.begin(), entries.end(), [](const auto& entry) {
+      return entry.first.find("libc") == 0;
+    }));
+    return modules.size();
   }
 
   vekx::ComPtr<ITarget47> target_;
-  vekx::ComPtr<DebugRecorder> events_ = vekx::MakeSink<DebugRecorder>();
+  vekx::ComPtr<StopRecorder> events_ = vekx::MakeSink<StopRecorder>();
+  vekx::ComPtr<RecordingSink> heard_ = vekx::MakeSink<RecordingSink>();
   ULONG pid_ = 0;
 };
 
@@ -245,8 +224,7 @@ TEST_F(LocalTargetTest, BreakReadWriteStepRegistersKill) {
   ASSERT_NO_FATAL_FAILURE(LoadAndBreak("spin", tick, process, opcode, id));
   EXPECT_NE(Numbers(opcode), std::vector<uint64_t>{0xCC});
   EXPECT_EQ(Memory(process.Get(), tick, 1), std::vector<uint64_t>{0xCC});
-  vekx::Variant failed;
-  ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << TakeErrorText();
+  ASSERT_EQ(Resume(process.Get()), S_OK) << TakeErrorText();
   ULONG tid = 0;
   ASSERT_EQ(events_->WaitStop(1, &tid), STOP_REASON_SIGSWBRKPT);
   auto thread = Thread(tid);
@@ -255,19 +233,19 @@ TEST_F(LocalTargetTest, BreakReadWriteStepRegistersKill) {
 
   // Its modules, announced by the time of the stop.
   const size_t modules = ExpectProgramAndLibc(process.Get());
-  EXPECT_EQ(events_->Get(events_->libraries_), static_cast<int>(modules));
+  EXPECT_EQ(Heard("OnDynamicLibraryLoad"), modules);
 
   // A new counter, then one more pass through the breakpoint adds one to it.
   ULONG written = 0;
   ASSERT_EQ(
       process->SetMemory(counter, ArrayOf(VT_UI1, {0xe8, 3, 0, 0, 0, 0, 0, 0}).Get(), &written),
       S_OK);
-  ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << TakeErrorText();
+  ASSERT_EQ(Resume(process.Get()), S_OK) << TakeErrorText();
   ASSERT_EQ(events_->WaitStop(2), STOP_REASON_SIGSWBRKPT);
   EXPECT_EQ(Memory(process.Get(), counter, 2), (std::vector<uint64_t>{0xe9, 3}));
 
   // One step from the breakpoint leaves it, with the breakpoint still in place.
-  ASSERT_EQ(process->Resume(ArrayOf(VT_UI4, {tid}).Get(), failed.Put()), S_OK) << TakeErrorText();
+  ASSERT_EQ(Resume(process.Get(), ArrayOf(VT_UI4, {tid})), S_OK) << TakeErrorText();
   ASSERT_EQ(events_->WaitStop(3), STOP_REASON_SIGTRAP);
   const uint64_t stepped = Registers(thread.Get(), {REG_ID_RIP})[0];
   EXPECT_GT(stepped, tick);
@@ -301,7 +279,7 @@ TEST_F(LocalTargetTest, BreakReadWriteStepRegistersKill) {
   EXPECT_EQ(Registers(thread.Get(), ids), values);  // the thread as it was
 
   ASSERT_EQ(process->Kill(), S_OK) << TakeErrorText();
-  EXPECT_TRUE(servertest::WaitUntil([&] { return events_->Get(events_->killed_); }));
+  EXPECT_TRUE(servertest::WaitUntil([&] { return Heard("OnProcessKill") == 1; }));
 }
 
 // How a run ends: its exit code, or the signal that stopped it (in the target's numbering) and
@@ -320,18 +298,14 @@ TEST_F(LocalTargetTest, ExitCodesAndSignals) {
   };
   int stops = 0;
   for (const auto& test : kCases) {
-    events_->exit_code_ = 0xFFFFFFFF;
+    heard_->Clear();
     auto process = Load(test.args, false);
     ASSERT_TRUE(process) << test.args;
     if (test.stop != 0) {
       EXPECT_EQ(events_->WaitStop(stops++), test.stop) << test.args;
-      vekx::Variant failed;
-      EXPECT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << test.args;
+      EXPECT_EQ(Resume(process.Get()), S_OK) << test.args;
     }
-    EXPECT_TRUE(servertest::WaitUntil([&] {
-      return events_->Get(events_->exit_code_) == test.exit_code;
-    })) << test.args
-        << " ended with " << events_->Get(events_->exit_code_);
+    EXPECT_TRUE(WaitExit(test.exit_code)) << test.args;
   }
 }
 
@@ -341,18 +315,17 @@ TEST_F(LocalTargetTest, ChildrenLiveThroughTheParentsBreakpoints) {
   const uint64_t tick = Symbol("vekx_tick");
   int stops = 0;
   for (const char* mode : {"fork", "vfork"}) {
-    events_->exit_code_ = 0xFFFFFFFF;
+    heard_->Clear();
     vekx::ComPtr<IProcess10> process;
-    vekx::Variant opcode, failed;
+    vekx::Variant opcode;
     ULONG id = 0;
     ASSERT_NO_FATAL_FAILURE(LoadAndBreak(mode, tick, process, opcode, id, stops++));
-    ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << mode;
+    ASSERT_EQ(Resume(process.Get()), S_OK) << mode;
     ULONG tid = 0;
     EXPECT_EQ(events_->WaitStop(stops++, &tid), STOP_REASON_SIGSWBRKPT) << mode;
     EXPECT_EQ(tid, pid_) << mode << ": the child stopped";
-    ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << mode;
-    EXPECT_TRUE(servertest::WaitUntil([&] { return events_->Get(events_->exit_code_) == 3; }))
-        << mode << " ended with " << events_->Get(events_->exit_code_);
+    ASSERT_EQ(Resume(process.Get()), S_OK) << mode;
+    EXPECT_TRUE(WaitExit(3)) << mode;
   }
 }
 
@@ -365,12 +338,10 @@ TEST_F(LocalTargetTest, ConsoleInputAndOutput) {
   // Its standard streams are the server's pipes.
   vekx::Variant files;
   ASSERT_EQ(process->get_Files(files.Put()), S_OK) << TakeErrorText();
-  std::vector<vekx::Variant> list;
-  ASSERT_EQ(vekx::ArrayElements(files.Get(), list), S_OK);
+  const auto list = Objects<IFile>(files, IID_IFile);
   ASSERT_GE(list.size(), 3u);
   for (ULONG fd = 0; fd < 3; ++fd) {
-    vekx::ComPtr<IFile> file;
-    list[fd].Get().pdispVal->QueryInterface(IID_IFile, reinterpret_cast<void**>(file.Put()));
+    const auto& file = list[fd];
     ULONG handle = 99;
     vekx::Bstr path;
     file->get_Handle(&handle);
@@ -455,10 +426,7 @@ TEST_F(LocalTargetTest, AttachBreakDetach) {
   const uint64_t tick = Symbol("vekx_tick");
   vekx::Variant opcode;
   ULONG id = 0;
-  ASSERT_EQ(process->SetSoftwareBreakpoint(0, tick, SWBREAKPT_ATTR_MODE, 0, vekx::Variant().Get(),
-                                           opcode.Put(), &id),
-            S_OK)
-      << TakeErrorText();
+  ASSERT_EQ(Break(process.Get(), 0, tick, opcode, id), S_OK) << TakeErrorText();
   EXPECT_EQ(events_->WaitStop(0), STOP_REASON_SIGSWBRKPT);
   ASSERT_EQ(process->Detach(0), S_OK) << TakeErrorText();
   EXPECT_EQ(process->Detach(0), static_cast<HRESULT>(KXAPI_COMMS_ERR_NOT_ATTACHED));
@@ -485,28 +453,24 @@ TEST_F(LocalTargetTest, ThreadsAndThreadSpecificBreakpoint) {
   auto process = Load("threads 3", false);
   ASSERT_TRUE(process);
   ASSERT_EQ(process->get_Id(&pid_), S_OK);
-  ASSERT_TRUE(servertest::WaitUntil([&] { return events_->Get(events_->threads_) >= 4; }));
+  ASSERT_TRUE(servertest::WaitUntil([&] { return Heard("OnThreadCreate") >= 4; }));
   vekx::Variant threads;
   ASSERT_EQ(process->get_ThreadInfoSnapshot(threads.Put()), S_OK) << TakeErrorText();
-  std::vector<vekx::Variant> list;
-  ASSERT_EQ(vekx::ArrayElements(threads.Get(), list), S_OK);
-  ASSERT_EQ(list.size(), 4u);
-  vekx::ComPtr<IThreadInfo> last;
-  list[3].Get().pdispVal->QueryInterface(IID_IThreadInfo, reinterpret_cast<void**>(last.Put()));
+  const auto before = Objects<IThreadInfo>(threads, IID_IThreadInfo);
+  ASSERT_EQ(before.size(), 4u);
   ULONG chosen = 0;
-  ASSERT_EQ(last->get_Id(&chosen), S_OK);
+  ASSERT_EQ(before[3]->get_Id(&chosen), S_OK);
 
   // Suspended on its own, the thread says why; the others run on.
   auto thread = Thread(chosen);
   eThreadState state{};
   ASSERT_EQ(thread->Suspend(&state), S_OK) << TakeErrorText();
   EXPECT_EQ(state, TDS_INHIBITED);
-  vekx::Variant after;
-  ASSERT_EQ(process->get_ThreadInfoSnapshot(after.Put()), S_OK);
+  ASSERT_EQ(process->get_ThreadInfoSnapshot(threads.Put()), S_OK);
+  const auto after = Objects<IThreadInfo>(threads, IID_IThreadInfo);
+  ASSERT_EQ(after.size(), 4u);
   for (size_t i = 0; i < 4; ++i) {
-    vekx::ComPtr<IThreadInfo> info;
-    ASSERT_EQ(vekx::ArrayElements(after.Get(), list), S_OK);
-    list[i].Get().pdispVal->QueryInterface(IID_IThreadInfo, reinterpret_cast<void**>(info.Put()));
+    const auto& info = after[i];
     vekx::ComPtr<IStopReason> reason;
     info->get_StopReason(reason.Put());
     eStopNotificationReason code{};
@@ -523,10 +487,7 @@ TEST_F(LocalTargetTest, ThreadsAndThreadSpecificBreakpoint) {
   ASSERT_EQ(thread->Resume(), S_OK) << TakeErrorText();
   vekx::Variant opcode;
   ULONG id = 0;
-  ASSERT_EQ(process->SetSoftwareBreakpoint(chosen, Symbol("vekx_tick"), SWBREAKPT_ATTR_MODE, 0,
-                                           vekx::Variant().Get(), opcode.Put(), &id),
-            S_OK)
-      << TakeErrorText();
+  ASSERT_EQ(Break(process.Get(), chosen, Symbol("vekx_tick"), opcode, id), S_OK) << TakeErrorText();
   ULONG stopped = 0;
   EXPECT_EQ(events_->WaitStop(0, &stopped), STOP_REASON_SIGSWBRKPT);
   EXPECT_EQ(stopped, chosen);
@@ -550,90 +511,16 @@ std::string Gdb(const std::string& program, const std::string& core,
   return output;
 }
 
-// A core file of a program stopped at a breakpoint, with three threads and a changed global, as
+// A core file of a program stopped at a breakpoint, with three threads and a changed global. As
 // Debian's gdb reads it back: the stopped thread's rip, the global's new value, the code byte
-// under the breakpoint as the program has it (not the int3), and every thread. A mini dump leaves
+// under the breakpoint as the program has it (not the int3), and every thread; a mini dump leaves
 // the code to the program's file but keeps the data; a second dump never replaces the first.
-TEST_F(LocalTargetTest, CoreDumpThatGdbReadsBack) {
-  if (!std::filesystem::exists("/usr/bin/gdb")) GTEST_SKIP() << "no gdb here: not tested";
-  const uint64_t tick = Symbol("vekx_tick");
-  vekx::ComPtr<IProcess10> process;
-  vekx::Variant opcode;
-  ULONG id = 0, tid = 0;
-  ASSERT_NO_FATAL_FAILURE(LoadAndBreak("threads 2", tick, process, opcode, id));
-  ASSERT_NO_FATAL_FAILURE(BreakUntilThreads(process.Get(), 3, tid));
-  ULONG written = 0;
-  ASSERT_EQ(
-      process->SetMemory(Symbol("vekx_marker"),
-                         ArrayOf(VT_UI1, {0xcd, 0xab, 0x34, 0x12, 0, 0, 0, 0}).Get(), &written),
-      S_OK);
-  uint64_t rip = 0;
-  {
-    auto thread = Thread(tid);
-    rip = Registers(thread.Get(), {REG_ID_RIP})[0];
-  }
-  ASSERT_EQ(rip, tick);
-
-  const auto directory =
-      std::filesystem::path(::testing::TempDir()) / ("vekx_core_" + std::to_string(getpid()));
-  std::filesystem::create_directories(directory);
-  char original[8];
-  std::snprintf(original, sizeof original, "0x%02x", static_cast<unsigned>(Numbers(opcode)[0]));
-  char rip_text[32];
-  std::snprintf(rip_text, sizeof rip_text, "0x%llx", static_cast<unsigned long long>(rip));
-  const struct {
-    eCoreDumpType type;
-    const char* name;
-  } kDumps[] = {{COREDUMP_TYPE_FULL, "full.core"}, {COREDUMP_TYPE_MINI, "mini.core"}};
-  int completed = 0;
-  for (const auto& dump : kDumps) {
-    SCOPED_TRACE(dump.name);
-    const std::string core = (directory / dump.name).string();
-    std::filesystem::remove(core);
-    events_->percentages_.clear();
-    ASSERT_EQ(process->TriggerCoredump(vekx::Bstr::FromUtf8(core).Get(), dump.type), S_OK)
-        << TakeErrorText();
-    ++completed;
-    ASSERT_TRUE(servertest::WaitUntil(
-        [&] { return events_->Get(events_->dumps_completed_) == completed; }));
-    EXPECT_EQ(events_->Get(events_->dump_result_), 0);
-    const std::vector<ULONG> percentages = events_->Get(events_->percentages_);
-    ASSERT_FALSE(percentages.empty());
-    EXPECT_EQ(percentages.front(), 0u);
-    EXPECT_EQ(percentages.back(), 100u);
-    EXPECT_TRUE(std::is_sorted(percentages.begin(), percentages.end()));
-
-    const std::string answer =
-        Gdb(VEKX_DEBUGGEE, core,
-            {"info registers rip", "print/x vekx_marker", "x/1xb vekx_tick", "info threads"});
-    EXPECT_NE(answer.find(std::string("rip            ") + rip_text), std::string::npos) << answer;
-    EXPECT_NE(answer.find("$1 = 0x1234abcd"), std::string::npos) << answer;
-    EXPECT_NE(answer.find(std::string(":\t") + original), std::string::npos) << answer;
-    EXPECT_NE(answer.find("\n  3 "), std::string::npos) << answer;
-    EXPECT_EQ(answer.find("\n  4 "), std::string::npos) << answer;
-
-    EXPECT_EQ(process->TriggerCoredump(vekx::Bstr::FromUtf8(core).Get(), dump.type),
-              KXAPI_COMMS_ERR_COREDUMP_CREATE);
-    EXPECT_NE(TakeErrorText().find("already exists"), std::string::npos);
-  }
-  // Nothing to cancel, and nothing to dump while it runs.
-  EXPECT_EQ(process->CancelCoredump(), KXAPI_COMMS_ERR_NO_ENTRY);
-  ASSERT_EQ(process->ClearSoftwareBreakpoint(id), S_OK);
-  vekx::Variant failed;
-  ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << TakeErrorText();
-  const std::string running = (directory / "running.core").string();
-  EXPECT_EQ(process->TriggerCoredump(vekx::Bstr::FromUtf8(running).Get(), COREDUMP_TYPE_FULL),
-            KXAPI_COMMS_ERR_NOT_STOPPED);
-  EXPECT_FALSE(std::filesystem::exists(running));
-  std::filesystem::remove_all(directory);
-  EXPECT_EQ(process->Kill(), S_OK);
-}
-
-// A stopped program's core, reopened through LoadCoreDump, agrees with the live process: its one
-// process, every thread, the stopped thread's registers (FP and YMM too), a changed global, the
-// code byte under the breakpoint (read from the program's file: a mini dump leaves code out),
-// and its modules. What would change or run it is refused, and the pseudo host finds it.
-TEST_F(LocalTargetTest, CoreDumpReopensAsReadOnlyTarget) {
+// Reopened through LoadCoreDump, the mini dump agrees with the live process: its one process,
+// every thread, the stopped thread's registers (FP and YMM too), the global, the code byte (read
+// from the program's file) and its modules. What would change or run it is refused, and the
+// pseudo host finds it. Nothing is dumped while the program runs.
+TEST_F(LocalTargetTest, CoreDumpsThatGdbReadsAndThatReopenAsReadOnlyTargets) {
+  const bool gdb = std::filesystem::exists("/usr/bin/gdb");
   const uint64_t tick = Symbol("vekx_tick");
   const uint64_t marker = Symbol("vekx_marker");
   vekx::ComPtr<IProcess10> process;
@@ -642,24 +529,63 @@ TEST_F(LocalTargetTest, CoreDumpReopensAsReadOnlyTarget) {
   ASSERT_NO_FATAL_FAILURE(LoadAndBreak("threads 2", tick, process, opcode, id));
   ASSERT_NO_FATAL_FAILURE(BreakUntilThreads(process.Get(), 3, tid));
   ULONG written = 0;
-  ASSERT_EQ(process->SetMemory(marker, ArrayOf(VT_UI1, {0x78, 0x56, 0x34, 0x12}).Get(), &written),
+  ASSERT_EQ(process->SetMemory(marker, ArrayOf(VT_UI1, {0xcd, 0xab, 0x34, 0x12}).Get(), &written),
             S_OK);
   const std::vector<uint64_t> ids = {REG_ID_RIP,    REG_ID_RSP,    REG_ID_RBX,   REG_ID_R12,
                                      REG_ID_RFLAGS, REG_ID_FSBASE, REG_ID_EN_CW, REG_ID_EN_MXCSR,
                                      REG_ID_YMM0,   REG_ID_FP_ACC0};
   const std::vector<uint64_t> live = Registers(Thread(tid).Get(), ids);
   ASSERT_EQ(live[0], tick);
-  const std::string core =
-      ::testing::TempDir() + "/vekx_reopen_" + std::to_string(getpid()) + ".core";
-  std::filesystem::remove(core);
-  ASSERT_EQ(process->TriggerCoredump(vekx::Bstr::FromUtf8(core).Get(), COREDUMP_TYPE_MINI), S_OK)
-      << TakeErrorText();
+
+  const auto directory =
+      std::filesystem::path(::testing::TempDir()) / ("vekx_core_" + std::to_string(getpid()));
+  std::filesystem::create_directories(directory);
+  char original[8];
+  std::snprintf(original, sizeof original, "0x%02x", static_cast<unsigned>(Numbers(opcode)[0]));
+  char rip_text[32];
+  std::snprintf(rip_text, sizeof rip_text, "0x%llx", static_cast<unsigned long long>(tick));
+  const struct {
+    eCoreDumpType type;
+    const char* name;
+  } kDumps[] = {{COREDUMP_TYPE_FULL, "full.core"}, {COREDUMP_TYPE_MINI, "mini.core"}};
+  for (const auto& dump : kDumps) {
+    SCOPED_TRACE(dump.name);
+    const std::string core = (directory / dump.name).string();
+    std::filesystem::remove(core);
+    heard_->Clear();
+    ASSERT_EQ(process->TriggerCoredump(vekx::Bstr::FromUtf8(core).Get(), dump.type), S_OK)
+        << TakeErrorText();
+    ASSERT_TRUE(servertest::WaitUntil([&] { return Heard("OnCoredumpCompleted") == 1; }));
+    EXPECT_EQ(heard_->Values("OnCoredumpCompleted", "Result"), std::vector<std::string>{"0"});
+    std::vector<int> percentages;
+    for (const std::string& percent : heard_->Values("OnCoredumpInProgress", "Percentage"))
+      percentages.push_back(std::stoi(percent));
+    ASSERT_FALSE(percentages.empty());
+    EXPECT_EQ(percentages.front(), 0);
+    EXPECT_EQ(percentages.back(), 100);
+    EXPECT_TRUE(std::is_sorted(percentages.begin(), percentages.end()));
+    if (gdb) {  // else not read back here
+      const std::string answer =
+          Gdb(VEKX_DEBUGGEE, core,
+              {"info registers rip", "print/x vekx_marker", "x/1xb vekx_tick", "info threads"});
+      EXPECT_NE(answer.find(std::string("rip            ") + rip_text), std::string::npos)
+          << answer;
+      EXPECT_NE(answer.find("$1 = 0x1234abcd"), std::string::npos) << answer;
+      EXPECT_NE(answer.find(std::string(":\t") + original), std::string::npos) << answer;
+      EXPECT_NE(answer.find("\n  3 "), std::string::npos) << answer;
+      EXPECT_EQ(answer.find("\n  4 "), std::string::npos) << answer;
+    }
+    EXPECT_EQ(process->TriggerCoredump(vekx::Bstr::FromUtf8(core).Get(), dump.type),
+              KXAPI_COMMS_ERR_COREDUMP_CREATE);
+    EXPECT_NE(TakeErrorText().find("already exists"), std::string::npos);
+  }
+  EXPECT_EQ(process->CancelCoredump(), KXAPI_COMMS_ERR_NO_ENTRY);  // nothing to cancel
 
   const std::string host = "core-" + std::to_string(pid_);
   const auto sink = vekx::MakeSink<vekx::EventSink<IEventTarget>>();
   vekx::ComPtr<ITarget> dump;
-  ASSERT_EQ(api_->LoadCoreDump(vekx::Bstr::FromUtf8(core).Get(), sink.Get(),
-                               vekx::Bstr::FromUtf8(host).Get(), dump.Put()),
+  ASSERT_EQ(api_->LoadCoreDump(vekx::Bstr::FromUtf8((directory / "mini.core").string()).Get(),
+                               sink.Get(), vekx::Bstr::FromUtf8(host).Get(), dump.Put()),
             S_OK)
       << TakeErrorText();
   vekx::ComPtr<ITarget> found;
@@ -669,49 +595,39 @@ TEST_F(LocalTargetTest, CoreDumpReopensAsReadOnlyTarget) {
   found->get_Handle(&found_handle);
   EXPECT_EQ(handle, found_handle);
 
-  vekx::Variant processes;
-  ASSERT_EQ(dump->get_ProcessInfoSnapshot(processes.Put()), S_OK) << TakeErrorText();
-  std::vector<vekx::Variant> list;
-  ASSERT_EQ(vekx::ArrayElements(processes.Get(), list), S_OK);
-  ASSERT_EQ(list.size(), 1u);
-  vekx::ComPtr<IProcessInfo> info;
-  list[0].Get().pdispVal->QueryInterface(IID_IProcessInfo, reinterpret_cast<void**>(info.Put()));
+  vekx::Variant list;
+  ASSERT_EQ(dump->get_ProcessInfoSnapshot(list.Put()), S_OK) << TakeErrorText();
+  const auto processes = Objects<IProcessInfo>(list, IID_IProcessInfo);
+  ASSERT_EQ(processes.size(), 1u);
   ULONG core_pid = 0;
-  info->get_Id(&core_pid);
+  processes[0]->get_Id(&core_pid);
   EXPECT_EQ(core_pid, pid_);
   vekx::ComPtr<IProcess> opened;
-  ASSERT_EQ(info->get_ProcessInterface(opened.Put()), S_OK);
+  ASSERT_EQ(processes[0]->get_ProcessInterface(opened.Put()), S_OK);
   vekx::ComPtr<IProcess10> reopened;
   opened.QueryInto(IID_IProcess10, reopened);
-  EXPECT_EQ(Memory(reopened.Get(), marker, 4), (std::vector<uint64_t>{0x78, 0x56, 0x34, 0x12}));
+  EXPECT_EQ(Memory(reopened.Get(), marker, 4), (std::vector<uint64_t>{0xcd, 0xab, 0x34, 0x12}));
   EXPECT_EQ(Memory(reopened.Get(), tick, 1), Numbers(opcode));
 
-  vekx::Variant threads;
-  ASSERT_EQ(reopened->get_ThreadInfoSnapshot(threads.Put()), S_OK) << TakeErrorText();
-  ASSERT_EQ(vekx::ArrayElements(threads.Get(), list), S_OK);
-  EXPECT_EQ(list.size(), 3u);
+  ASSERT_EQ(reopened->get_ThreadInfoSnapshot(list.Put()), S_OK) << TakeErrorText();
+  const auto threads = Objects<IThreadInfo>(list, IID_IThreadInfo);
+  EXPECT_EQ(threads.size(), 3u);
   vekx::ComPtr<IThread> stopped;
-  for (const vekx::Variant& element : list) {
-    vekx::ComPtr<IThreadInfo> thread;
-    element.Get().pdispVal->QueryInterface(IID_IThreadInfo, reinterpret_cast<void**>(thread.Put()));
+  for (const auto& thread : threads) {
     ULONG thread_id = 0;
     thread->get_Id(&thread_id);
     if (thread_id == tid) thread->get_ThreadInterface(stopped.Put());
   }
   ASSERT_TRUE(stopped);
   EXPECT_EQ(Registers(stopped.Get(), ids), live);
-
   ExpectProgramAndLibc(reopened.Get());
 
-  vekx::Variant failed;
+  vekx::Variant scratch;
+  ULONG scratch_id = 0;
   const std::pair<const char*, std::function<HRESULT()>> kRefused[] = {
       {"write", [&] { return reopened->SetMemory(marker, ArrayOf(VT_UI1, {1}).Get(), &written); }},
-      {"resume", [&] { return reopened->Resume(vekx::Variant().Get(), failed.Put()); }},
-      {"break",
-       [&] {
-         return reopened->SetSoftwareBreakpoint(0, tick, SWBREAKPT_ATTR_MODE, 0,
-                                                vekx::Variant().Get(), opcode.Put(), &id);
-       }},
+      {"resume", [&] { return Resume(reopened.Get()); }},
+      {"break", [&] { return Break(reopened.Get(), 0, tick, scratch, scratch_id); }},
       {"kill", [&] { return reopened->Kill(); }},
       {"registers",
        [&] {
@@ -724,7 +640,14 @@ TEST_F(LocalTargetTest, CoreDumpReopensAsReadOnlyTarget) {
     EXPECT_NE(TakeErrorText().find("read-only core dump"), std::string::npos) << what;
   }
   EXPECT_EQ(dump->UnadviseTargetEvents(sink.Get()), S_OK);
-  std::filesystem::remove(core);
+
+  ASSERT_EQ(process->ClearSoftwareBreakpoint(id), S_OK);
+  ASSERT_EQ(Resume(process.Get()), S_OK) << TakeErrorText();
+  const std::string running = (directory / "running.core").string();
+  EXPECT_EQ(process->TriggerCoredump(vekx::Bstr::FromUtf8(running).Get(), COREDUMP_TYPE_FULL),
+            KXAPI_COMMS_ERR_NOT_STOPPED);
+  EXPECT_FALSE(std::filesystem::exists(running));
+  std::filesystem::remove_all(directory);
   EXPECT_EQ(process->Kill(), S_OK);
 }
 
@@ -771,29 +694,13 @@ TEST_F(LocalTargetTest, CoreDumpTheKernelWroteOpens) {
                 static_cast<ULONG>(child), IID_IProcess10, reinterpret_cast<void**>(process.Put())),
             S_OK);
   EXPECT_EQ(Memory(process.Get(), Symbol("vekx_marker"), 2), (std::vector<uint64_t>{0xed, 0x5e}));
-  vekx::Variant modules;
-  ASSERT_EQ(process->get_Modules(modules.Put()), S_OK) << TakeErrorText();
-  std::vector<vekx::Variant> list;
-  ASSERT_EQ(vekx::ArrayElements(modules.Get(), list), S_OK);
-  bool program = false;
-  for (const vekx::Variant& element : list) {
-    vekx::ComPtr<IModule> module;
-    element.Get().pdispVal->QueryInterface(IID_IModule, reinterpret_cast<void**>(module.Put()));
-    vekx::Bstr name;
-    module->get_Name(name.Put());
-    ULONGLONG entry = 0;
-    module->get_StartEntryAddress(&entry);
-    if (name.Utf8() == "vekx_debuggee") program = entry == Symbol("_start");
-  }
-  EXPECT_TRUE(program);
-  vekx::Variant processes;
-  ASSERT_EQ(dump->get_ProcessInfoSnapshot(processes.Put()), S_OK);
-  ASSERT_EQ(vekx::ArrayElements(processes.Get(), list), S_OK);
-  ASSERT_EQ(list.size(), 1u);
-  vekx::ComPtr<IProcessInfo> info;
-  list[0].Get().pdispVal->QueryInterface(IID_IProcessInfo, reinterpret_cast<void**>(info.Put()));
+  ExpectProgramAndLibc(process.Get(), false);
+  vekx::Variant list;
+  ASSERT_EQ(dump->get_ProcessInfoSnapshot(list.Put()), S_OK);
+  const auto processes = Objects<IProcessInfo>(list, IID_IProcessInfo);
+  ASSERT_EQ(processes.size(), 1u);
   vekx::ComPtr<IStopReason> reason;
-  info->get_StopReason(reason.Put());
+  processes[0]->get_StopReason(reason.Put());
   eStopNotificationReason code{};
   reason->get_Code(&code);
   EXPECT_EQ(code, STOP_REASON_SIGABRT);

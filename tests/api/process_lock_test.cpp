@@ -63,11 +63,7 @@ Client Open(IVEKXAPI& root, ULONG pid) {
   EXPECT_EQ(target.QueryInto(IID_ITarget34, client.target), S_OK);
   vekx::Variant list;
   EXPECT_EQ(target->get_ProcessInfoSnapshot(list.Put()), S_OK);
-  std::vector<vekx::Variant> infos;
-  EXPECT_EQ(vekx::ArrayElements(list.Get(), infos), S_OK);
-  for (const auto& element : infos) {
-    vekx::ComPtr<IProcessInfo> info;
-    element.Get().pdispVal->QueryInterface(IID_IProcessInfo, reinterpret_cast<void**>(info.Put()));
+  for (const auto& info : Objects<IProcessInfo>(list, IID_IProcessInfo)) {
     ULONG id = 0;
     if (info && info->get_Id(&id) == S_OK && id == pid)
       info->get_ProcessInterface(client.process.Put());

@@ -44,30 +44,21 @@ std::string TableText(HRESULT code) {
   return platform::Utf16ToUtf8(LookupErrorDescription(code).value_or(u"(none)"));
 }
 
-// The handles of the targets of a list a root method returned.
-std::vector<ULONG> Handles(const Variant& list) {
-  EXPECT_EQ(list.Type(), VT_ARRAY | VT_VARIANT);
-  std::vector<Variant> elements;
-  EXPECT_EQ(vekx::ArrayElements(list.Get(), elements), S_OK);
-  std::vector<ULONG> handles;
-  for (const Variant& element : elements) {
-    ComPtr<ITarget> target;
-    EXPECT_EQ(element.Type(), VT_DISPATCH);
-    if (element.Type() != VT_DISPATCH) continue;
-    EXPECT_EQ(
-        element.Get().pdispVal->QueryInterface(IID_ITarget, reinterpret_cast<void**>(target.Put())),
-        S_OK);
-    ULONG handle = 0;
-    EXPECT_EQ(target->get_Handle(&handle), S_OK);
-    handles.push_back(handle);
-  }
-  return handles;
-}
-
 ULONG HandleOf(const ComPtr<ITarget>& target) {
   ULONG handle = 0;
   EXPECT_EQ(target->get_Handle(&handle), S_OK);
   return handle;
+}
+
+// The handles of the targets of a list a root method returned.
+std::vector<ULONG> Handles(const Variant& list) {
+  EXPECT_EQ(list.Type(), VT_ARRAY | VT_VARIANT);
+  std::vector<ULONG> handles;
+  for (const auto& target : Objects<ITarget>(list, IID_ITarget)) {
+    EXPECT_TRUE(target);
+    handles.push_back(target ? HandleOf(target) : 0);
+  }
+  return handles;
 }
 
 // VT_ARRAY | VT_VARIANT holding `rules` as dispatch pointers, as a script would pass them.
@@ -112,11 +103,11 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
   ComPtr<IVEKXAPI12> fresh;
   ASSERT_EQ(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(fresh.Put())), S_OK);
   ULONG v[4] = {};
-  auto expect_version = [&](IVEKXAPI12* api) {
-    ASSERT_EQ(api->Version(&v[0], &v[1], &v[2], &v[3]), S_OK);
+  auto expect_version = [&] {
+    ASSERT_EQ(fresh->Version(&v[0], &v[1], &v[2], &v[3]), S_OK);
     EXPECT_EQ(std::vector<ULONG>(v, v + 4), (std::vector<ULONG>{5, 0, 0, 10}));
   };
-  expect_version(fresh.Get());
+  expect_version();
   EXPECT_EQ(fresh->Version(&v[0], nullptr, &v[2], &v[3]), E_POINTER);
 
   // Nothing but the exceptions works before CheckCompatibility, and a failed check changes that
@@ -131,7 +122,7 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
   ASSERT_EQ(fresh->ServerVersion(&v[0], &v[1], &v[2], &v[3]), S_OK);
   EXPECT_EQ(std::vector<ULONG>(v, v + 4), (std::vector<ULONG>{5, 0, 10, 0}));
   EXPECT_EQ(fresh->CheckCompatibility(21), S_OK);
-  expect_version(fresh.Get());
+  expect_version();
   EXPECT_EQ(fresh->get_Targets(targets.Put()), S_OK);
 
   Bstr text;
@@ -149,7 +140,7 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
   const ULONG handle_before = HandleOf(made_before);
   EXPECT_EQ(fresh->Dispose(), S_OK);
   EXPECT_EQ(fresh->Dispose(), S_OK);
-  expect_version(fresh.Get());
+  expect_version();
   EXPECT_EQ(fresh->GetErrorDescription(0, text.Put()), S_OK);
   EXPECT_EQ(text.Utf8(), "Success.");
   EXPECT_EQ(HandleOf(made_before), handle_before);
@@ -166,40 +157,38 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
   eLoggingLevel level{};
   VARIANT_BOOL flag = VARIANT_FALSE;
   ComPtr<ITargetFindRule> rule;
-  const std::vector<std::function<HRESULT(IVEKXAPI12*)>> calls = {
-      [&](IVEKXAPI12* a) { return a->CheckCompatibility(21); },
-      [&](IVEKXAPI12* a) { return a->AddTarget(B("kit-one").Get(), target.Put()); },
-      [&](IVEKXAPI12* a) { return a->get_Targets(list.Put()); },
-      [&](IVEKXAPI12* a) { return a->DiscoverTargets(list.Put()); },
-      [&](IVEKXAPI12* a) { return a->TargetInfo(B("kit-one").Get(), list.Put()); },
-      [&](IVEKXAPI12* a) { return a->ServerVersion(&v[0], &v[1], &v[2], &v[3]); },
-      [&](IVEKXAPI12* a) {
-        return a->FileSystemDriverVersion(&v[0], &v[1], &v[2], &v[3], &driver, &name);
-      },
-      [&](IVEKXAPI12* a) { return a->GetCoreDumpTargetByHost(B("dump").Get(), target.Put()); },
-      [&](IVEKXAPI12* a) { return a->get_DefaultTarget(target.Put()); },
-      [&](IVEKXAPI12* a) { return a->GetTargetsByName(B("One").Get(), list.Put()); },
-      [&](IVEKXAPI12* a) { return a->AllocTargetFindRule(rule.Put()); },
-      [&](IVEKXAPI12* a) { return a->CancelFindTargets(); },
-      [&](IVEKXAPI12* a) { return a->ShowTargetPicker(0, target.Put()); },
-      [&](IVEKXAPI12* a) { return a->GetLoggingLevel(&level); },
-      [&](IVEKXAPI12* a) { return a->HostExecEnabled(&flag); },
-      [&](IVEKXAPI12* a) { return a->GetClientPids(list.Put()); },
-      [&](IVEKXAPI12* a) { return a->AdviseServerEvents(nullptr); },
-      [&](IVEKXAPI12* a) { return a->CancelCopy(1); },
+  const std::vector<std::function<HRESULT()>> calls = {
+      [&] { return fresh->CheckCompatibility(21); },
+      [&] { return fresh->AddTarget(B("kit-one").Get(), target.Put()); },
+      [&] { return fresh->get_Targets(list.Put()); },
+      [&] { return fresh->DiscoverTargets(list.Put()); },
+      [&] { return fresh->TargetInfo(B("kit-one").Get(), list.Put()); },
+      [&] { return fresh->ServerVersion(&v[0], &v[1], &v[2], &v[3]); },
+      [&] { return fresh->FileSystemDriverVersion(&v[0], &v[1], &v[2], &v[3], &driver, &name); },
+      [&] { return fresh->GetCoreDumpTargetByHost(B("dump").Get(), target.Put()); },
+      [&] { return fresh->get_DefaultTarget(target.Put()); },
+      [&] { return fresh->GetTargetsByName(B("One").Get(), list.Put()); },
+      [&] { return fresh->AllocTargetFindRule(rule.Put()); },
+      [&] { return fresh->CancelFindTargets(); },
+      [&] { return fresh->ShowTargetPicker(0, target.Put()); },
+      [&] { return fresh->GetLoggingLevel(&level); },
+      [&] { return fresh->HostExecEnabled(&flag); },
+      [&] { return fresh->GetClientPids(list.Put()); },
+      [&] { return fresh->AdviseServerEvents(nullptr); },
+      [&] { return fresh->CancelCopy(1); },
       // The target objects it handed out: the client check comes before every other check.
-      [&](IVEKXAPI12*) { return target_before->Connect(); },
-      [&](IVEKXAPI12*) { return target_before->SDKVersion(nullptr, nullptr, nullptr, nullptr); },
-      [&](IVEKXAPI12*) { return target_before->put_Default(VARIANT_TRUE); },
-      [&](IVEKXAPI12*) { return target_before->get_Default(&flag); },
-      [&](IVEKXAPI12*) { return target_before->put_Name(nullptr); },
-      [&](IVEKXAPI12*) { return target_before->put_MacAddress(list.Get()); },
-      [&](IVEKXAPI12*) { return target_before->GetProtocolInfo(1, list.Put()); },
-      [&](IVEKXAPI12*) { return target_before->Suspend(); },
-      [&](IVEKXAPI12*) { return target_before->ScreenShot(nullptr); },
+      [&] { return target_before->Connect(); },
+      [&] { return target_before->SDKVersion(nullptr, nullptr, nullptr, nullptr); },
+      [&] { return target_before->put_Default(VARIANT_TRUE); },
+      [&] { return target_before->get_Default(&flag); },
+      [&] { return target_before->put_Name(nullptr); },
+      [&] { return target_before->put_MacAddress(list.Get()); },
+      [&] { return target_before->GetProtocolInfo(1, list.Put()); },
+      [&] { return target_before->Suspend(); },
+      [&] { return target_before->ScreenShot(nullptr); },
   };
   for (size_t i = 0; i < calls.size(); ++i) {
-    EXPECT_EQ(calls[i](fresh.Get()), E_UNEXPECTED) << "call " << i;
+    EXPECT_EQ(calls[i](), E_UNEXPECTED) << "call " << i;
   }
   ComPtr<IVEKXAPI12> never_checked;
   ASSERT_EQ(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(never_checked.Put())), S_OK);
@@ -242,20 +231,7 @@ TEST_F(RootObjectTest, TargetsListsAndLookups) {
   EXPECT_EQ(api_->GetTargetsByName(B("One").Get(), nullptr), E_POINTER);
 
   ASSERT_EQ(api_->TargetInfo(B("kit-one").Get(), list.Put()), S_OK);
-  std::vector<Variant> pairs;
-  ASSERT_EQ(vekx::ArrayElements(list.Get(), pairs), S_OK);
-  std::vector<std::string> texts;
-  for (const Variant& element : pairs) {
-    ComPtr<INameValuePair> pair;
-    ASSERT_EQ(element.Get().pdispVal->QueryInterface(IID_INameValuePair,
-                                                     reinterpret_cast<void**>(pair.Put())),
-              S_OK);
-    Bstr name;
-    Bstr value;
-    ASSERT_EQ(pair->get_Name(name.Put()), S_OK);
-    ASSERT_EQ(pair->get_ValueString(value.Put()), S_OK);
-    texts.push_back(name.Utf8() + "=" + value.Utf8());
-  }
+  const std::vector<std::string> texts = Pairs(list);
   EXPECT_NE(std::find(texts.begin(), texts.end(), "Name=One"), texts.end());
   EXPECT_NE(std::find(texts.begin(), texts.end(), "HostName=kit-one"), texts.end());
 
@@ -307,14 +283,7 @@ TEST_F(RootObjectTest, FindRulesAndWhatReachesTheServer) {
   EXPECT_EQ(api_->FindMiradorTargets(RuleArray({}).Get()), S_OK);
   ASSERT_EQ(api_->StopPacketLogging(), S_OK);
 
-  std::ifstream file(log);
-  std::vector<std::string> requests;
-  for (std::string line; std::getline(file, line);) {
-    const size_t at = line.find(" REQUEST ");
-    if (at != std::string::npos)
-      requests.push_back(line.substr(at + 9, line.find(' ', at + 9) - at - 9));
-  }
-  EXPECT_EQ(requests,
+  EXPECT_EQ(LoggedRequests(log),
             (std::vector<std::string>{"START_PACKET_LOGGING", "FIND_TARGETS", "FIND_TARGETS",
                                       "CANCEL_FIND_TARGETS", "FIND_MIRADOR_TARGETS"}));
   EXPECT_EQ(api_->StartPacketLogging(B("").Get()), E_INVALIDARG);
@@ -326,9 +295,8 @@ TEST_F(RootObjectTest, ServerSwitchesClientsAndTheHostDrivesRefusal) {
   EXPECT_EQ(enabled, VARIANT_FALSE);
   ASSERT_EQ(api_->EnableHostExec(VARIANT_TRUE), S_OK);
   // Kept by the server: another root object sees it.
-  ComPtr<IVEKXAPI12> other;
-  ASSERT_EQ(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(other.Put())), S_OK);
-  ASSERT_EQ(other->CheckCompatibility(21), S_OK);
+  const ComPtr<IVEKXAPI12> other = CheckedRoot();
+  ASSERT_TRUE(other);
   ASSERT_EQ(other->HostExecEnabled(&enabled), S_OK);
   EXPECT_EQ(enabled, VARIANT_TRUE);
   EXPECT_EQ(api_->HostExecEnabled(nullptr), E_POINTER);
@@ -375,9 +343,8 @@ TEST_F(RootObjectTest, ServerSwitchesClientsAndTheHostDrivesRefusal) {
 
   // The network manager's logging switch is the server's, like host exec.
   ASSERT_EQ(api_->SetNetworkManagerLogging(VARIANT_TRUE), S_OK);
-  ComPtr<IVEKXAPI12> third;
-  ASSERT_EQ(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(third.Put())), S_OK);
-  ASSERT_EQ(third->CheckCompatibility(21), S_OK);
+  const ComPtr<IVEKXAPI12> third = CheckedRoot();
+  ASSERT_TRUE(third);
   enabled = VARIANT_FALSE;
   ASSERT_EQ(third->GetNetworkManagerLogging(&enabled), S_OK);
   EXPECT_EQ(enabled, VARIANT_TRUE);

@@ -26,8 +26,8 @@ class TargetObjectTest : public LiveApiTest {
  protected:
   void SetUp() override {
     LiveApiTest::SetUp();
-    ASSERT_EQ(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(other_api_.Put())), S_OK);
-    ASSERT_EQ(other_api_->CheckCompatibility(21), S_OK);
+    other_api_ = CheckedRoot();
+    ASSERT_TRUE(other_api_);
   }
   void TearDown() override {
     if (other_api_) other_api_->Dispose();
@@ -36,13 +36,7 @@ class TargetObjectTest : public LiveApiTest {
   }
 
   // A target object for `host` from the second client.
-  vekx::ComPtr<ITarget47> OtherTarget(const char* host) {
-    vekx::ComPtr<ITarget> target;
-    EXPECT_EQ(other_api_->AddTarget(vekx::Bstr::FromUtf8(host).Get(), target.Put()), S_OK);
-    vekx::ComPtr<ITarget47> latest;
-    if (target) target.QueryInto(IID_ITarget47, latest);
-    return latest;
-  }
+  vekx::ComPtr<ITarget47> OtherTarget(const char* host) { return Target(host, other_api_.Get()); }
 
   // What a property getter of `object` returns; the test fails when it fails.
   template <class Object, class Interface, class Value>
@@ -58,24 +52,6 @@ class TargetObjectTest : public LiveApiTest {
   static ePowerStatus Power(ITarget47* target) { return Get(target, &ITarget::get_PowerStatus); }
   static bool IsDefault(ITarget47* target) {
     return Get(target, &ITarget::get_Default) == VARIANT_TRUE;
-  }
-
-  // "Name=Value" for each INameValuePair of a returned array.
-  static std::vector<std::string> Pairs(const vekx::Variant& array) {
-    std::vector<vekx::Variant> elements;
-    EXPECT_EQ(vekx::ArrayElements(array.Get(), elements), S_OK);
-    std::vector<std::string> pairs;
-    for (const vekx::Variant& element : elements) {
-      vekx::ComPtr<INameValuePair> pair;
-      if (element.Type() == VT_DISPATCH) {
-        element.Get().pdispVal->QueryInterface(IID_INameValuePair,
-                                               reinterpret_cast<void**>(pair.Put()));
-      }
-      if (!pair) return {"not an INameValuePair"};
-      pairs.push_back(Text(pair.Get(), &INameValuePair::get_Name) + "=" +
-                      Text(pair.Get(), &INameValuePair::get_ValueString));
-    }
-    return pairs;
   }
 
   vekx::ComPtr<IVEKXAPI12> other_api_;
@@ -202,14 +178,8 @@ TEST_F(TargetObjectTest, PropertiesComeFromTheServer) {
   EXPECT_EQ(one->Suspend(), E_NOTIMPL);
   EXPECT_EQ(Text(one.Get(), &ITarget::get_Name), "One");
   ASSERT_EQ(api_->StopPacketLogging(), S_OK);
-  std::vector<std::string> sent;
-  std::istringstream lines(servertest::ReadText(log));
-  for (std::string line; std::getline(lines, line);) {
-    if (const size_t at = line.find(" REQUEST "); at != std::string::npos) {
-      sent.push_back(line.substr(at + 9, line.find(' ', at + 9) - at - 9));
-    }
-  }
-  EXPECT_EQ(sent, (std::vector<std::string>{"START_PACKET_LOGGING", "GET_TARGET_NAME"}));
+  EXPECT_EQ(LoggedRequests(log),
+            (std::vector<std::string>{"START_PACKET_LOGGING", "GET_TARGET_NAME"}));
 
   EXPECT_EQ(one->put_Name(vekx::Bstr::FromUtf8("Bench kit").Get()), S_OK) << TakeErrorText();
   EXPECT_EQ(Text(OtherTarget("kit-one").Get(), &ITarget::get_Name), "Bench kit");
