@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/automation.h"
@@ -30,7 +31,7 @@ std::ptrdiff_t OffsetIn(const void* base, const void* field) {
 // Layouts and constants. Under Wine these tables are checked against the Windows headers, on
 // Linux against ours.
 
-TEST(AutomationLayout, VariantIsTheWindowsX64Layout) {
+TEST(AutomationLayout, VariantAndSafeArrayAreTheWindowsX64Layout) {
   static_assert(sizeof(VARIANT) == 24);
   static_assert(sizeof(DECIMAL) == 16);
   static_assert(sizeof(CY) == 8);
@@ -42,9 +43,6 @@ TEST(AutomationLayout, VariantIsTheWindowsX64Layout) {
   EXPECT_EQ(OffsetIn(&v, &V_UNKNOWN(&v)), 8);
   EXPECT_EQ(OffsetIn(&v, &V_RECORDINFO(&v)), 16);
   EXPECT_EQ(OffsetIn(&v, &V_DECIMAL(&v)), 0);
-}
-
-TEST(AutomationLayout, SafeArrayIsTheWindowsX64Layout) {
   static_assert(sizeof(SAFEARRAYBOUND) == 8);
   static_assert(sizeof(SAFEARRAY) == 32);
   EXPECT_EQ(offsetof(SAFEARRAY, cbElements), 4u);
@@ -158,7 +156,7 @@ TEST(Bstr, LengthIsThePrefixNotAScan) {
   }
 }
 
-TEST(Bstr, ByteLengthMayBeOdd) {
+TEST(Bstr, ByteLengthMayBeOddAndANullSourceGivesABuffer) {
   UniqueBstr b(SysAllocStringByteLen("abc", 3));
   ASSERT_NE(b, nullptr);
   EXPECT_EQ(SysStringByteLen(b.get()), 3u);
@@ -168,16 +166,15 @@ TEST(Bstr, ByteLengthMayBeOdd) {
   EXPECT_EQ(std::string(bytes, 3), "abc");
   EXPECT_EQ(bytes[3], 0);
   EXPECT_EQ(bytes[4], 0);
-}
 
-TEST(Bstr, NullSourceGivesABufferOfTheRequestedLength) {
-  UniqueBstr b(SysAllocStringLen(nullptr, 5));
-  ASSERT_NE(b, nullptr);
-  EXPECT_EQ(SysStringLen(b.get()), 5u);
-  EXPECT_EQ(b.get()[5], 0);
+  // A null source gives a buffer of the requested length.
+  UniqueBstr buffer(SysAllocStringLen(nullptr, 5));
+  ASSERT_NE(buffer, nullptr);
+  EXPECT_EQ(SysStringLen(buffer.get()), 5u);
+  EXPECT_EQ(buffer.get()[5], 0);
 #ifndef _WIN32
   // Our guarantee, not OLE's: Windows leaves the characters uninitialised.
-  EXPECT_EQ(BstrView(b.get()), std::u16string(5, u'\0'));
+  EXPECT_EQ(BstrView(buffer.get()), std::u16string(5, u'\0'));
 #endif
 }
 
@@ -210,13 +207,6 @@ TEST(Bstr, ReallocMayReadFromTheStringItReplaces) {
 // ---------------------------------------------------------------------------------------------
 // VARIANT.
 
-// A variant holding `object` in one of the ways VariantClear must (or must not) release.
-struct ClearCase {
-  const char* name;
-  void (*fill)(VARIANT* v, CountedObject* object, IUnknown** slot);
-  ULONG refs_after_clear;  // CountedObject starts at 1; fill adds what the variant owns.
-};
-
 SAFEARRAY* VectorHolding(VARTYPE vt, CountedObject* object) {
   SAFEARRAY* array = SafeArrayCreateVector(vt, 0, 1);
   LONG index = 0;
@@ -231,51 +221,38 @@ SAFEARRAY* VectorHolding(VARTYPE vt, CountedObject* object) {
   return array;
 }
 
+// VariantClear (and through it SafeArrayDestroy, per element type) releases what the variant
+// owns; a reference through VT_BYREF is borrowed. Each way of holding adds one reference.
 TEST(Variant, ClearReleasesWhatItOwnsAndNothingElse) {
-  const ClearCase kCases[] = {
-      {"unknown",
-       [](VARIANT* v, CountedObject* o, IUnknown**) {
-         o->AddRef();
-         V_VT(v) = VT_UNKNOWN;
-         V_UNKNOWN(v) = o;
-       },
-       1},
-      {"dispatch",
-       [](VARIANT* v, CountedObject* o, IUnknown**) {
-         o->AddRef();
-         V_VT(v) = VT_DISPATCH;
-         V_DISPATCH(v) = o;
-       },
-       1},
-      {"byref unknown is borrowed",
-       [](VARIANT* v, CountedObject* o, IUnknown** slot) {
-         o->AddRef();  // Owned by `slot`, not by the variant.
-         *slot = o;
-         V_VT(v) = VT_UNKNOWN | VT_BYREF;
-         V_UNKNOWNREF(v) = slot;
-       },
-       2},
-      {"array of unknown",
-       [](VARIANT* v, CountedObject* o, IUnknown**) {
-         V_VT(v) = VT_ARRAY | VT_UNKNOWN;
-         V_ARRAY(v) = VectorHolding(VT_UNKNOWN, o);
-       },
-       1},
-      {"array of variant",
-       [](VARIANT* v, CountedObject* o, IUnknown**) {
-         V_VT(v) = VT_ARRAY | VT_VARIANT;
-         V_ARRAY(v) = VectorHolding(VT_VARIANT, o);
-       },
-       1},
-  };
-  for (const ClearCase& c : kCases) {
-    SCOPED_TRACE(c.name);
+  const struct {
+    VARTYPE vt;
+    ULONG refs_after_clear;  // CountedObject starts at 1.
+  } kCases[] = {{VT_UNKNOWN, 1},
+                {VT_DISPATCH, 1},
+                {VT_UNKNOWN | VT_BYREF, 2},
+                {VT_ARRAY | VT_UNKNOWN, 1},
+                {VT_ARRAY | VT_DISPATCH, 1},
+                {VT_ARRAY | VT_VARIANT, 1}};
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.vt);
     CountedObject object;
-    IUnknown* slot = nullptr;
+    IUnknown* slot = nullptr;  // Owns the reference a VT_BYREF variant borrows.
     VARIANT v;
-    VariantInit(&v);
-    c.fill(&v, &object, &slot);
-    ASSERT_GT(object.refs(), 1u);
+    V_VT(&v) = c.vt;
+    if ((c.vt & VT_ARRAY) != 0) {
+      V_ARRAY(&v) = VectorHolding(static_cast<VARTYPE>(c.vt & VT_TYPEMASK), &object);
+    } else if ((c.vt & VT_BYREF) != 0) {
+      slot = &object;
+      V_UNKNOWNREF(&v) = &slot;
+      object.AddRef();
+    } else if (c.vt == VT_DISPATCH) {
+      V_DISPATCH(&v) = &object;
+      object.AddRef();
+    } else {
+      V_UNKNOWN(&v) = &object;
+      object.AddRef();
+    }
+    ASSERT_EQ(object.refs(), 2u);
     EXPECT_EQ(VariantClear(&v), S_OK);
     EXPECT_EQ(V_VT(&v), VT_EMPTY);
     EXPECT_EQ(object.refs(), c.refs_after_clear);
@@ -294,7 +271,7 @@ TEST(Variant, ClearRejectsTypesAVariantCannotHold) {
   }
 }
 
-TEST(Variant, CopyDuplicatesStringsWithTheirZeros) {
+TEST(Variant, CopyDuplicatesStringsWithTheirZerosAndArraysElementByElement) {
   const std::u16string text(u"a\0b", 3);
   ScopedVariant source;
   V_VT(&source) = VT_BSTR;
@@ -304,6 +281,19 @@ TEST(Variant, CopyDuplicatesStringsWithTheirZeros) {
   EXPECT_EQ(V_VT(&copy), VT_BSTR);
   EXPECT_NE(V_BSTR(&copy), V_BSTR(&source));
   EXPECT_EQ(BstrView(V_BSTR(&copy)), text);
+
+  SAFEARRAY* array = SafeArrayCreateVector(VT_BSTR, 0, 1);
+  LONG index = 0;
+  ASSERT_EQ(SafeArrayPutElement(array, &index, V_BSTR(&source)), S_OK);
+  VariantClear(&source);
+  V_VT(&source) = VT_ARRAY | VT_BSTR;
+  V_ARRAY(&source) = array;
+  ASSERT_EQ(VariantCopy(&copy, &source), S_OK);
+  ASSERT_EQ(V_VT(&copy), VT_ARRAY | VT_BSTR);
+  ASSERT_NE(V_ARRAY(&copy), array);
+  BSTR* copy_items = static_cast<BSTR*>(V_ARRAY(&copy)->pvData);
+  EXPECT_NE(copy_items[0], static_cast<BSTR*>(array->pvData)[0]);
+  EXPECT_EQ(BstrView(copy_items[0]), text);
 }
 
 TEST(Variant, CopyAddRefsInterfacesAndReleasesTheOldDestination) {
@@ -325,25 +315,6 @@ TEST(Variant, CopyAddRefsInterfacesAndReleasesTheOldDestination) {
   VariantClear(&dest);
   VariantClear(&source);
   EXPECT_EQ(kept.refs(), 1u);
-}
-
-TEST(Variant, CopyDuplicatesArraysElementByElement) {
-  UniqueBstr text = MakeBstr(u"element");
-  SAFEARRAY* array = SafeArrayCreateVector(VT_BSTR, 0, 1);
-  LONG index = 0;
-  ASSERT_EQ(SafeArrayPutElement(array, &index, text.get()), S_OK);
-  ScopedVariant source;
-  V_VT(&source) = VT_ARRAY | VT_BSTR;
-  V_ARRAY(&source) = array;
-
-  ScopedVariant copy;
-  ASSERT_EQ(VariantCopy(&copy, &source), S_OK);
-  ASSERT_EQ(V_VT(&copy), VT_ARRAY | VT_BSTR);
-  ASSERT_NE(V_ARRAY(&copy), array);
-  BSTR* source_items = static_cast<BSTR*>(array->pvData);
-  BSTR* copy_items = static_cast<BSTR*>(V_ARRAY(&copy)->pvData);
-  EXPECT_NE(copy_items[0], source_items[0]);
-  EXPECT_EQ(BstrView(copy_items[0]), u"element");
 }
 
 TEST(Variant, CopyKeepsReferencesAndCopyIndFollowsThem) {
@@ -547,6 +518,16 @@ TEST(Variant, ChangeTypeInPlaceReplacesTheSource) {
 // ---------------------------------------------------------------------------------------------
 // SAFEARRAY.
 
+using Range = std::pair<LONG, LONG>;
+
+// The lower and upper bound of dimension `dim`.
+Range Bounds(SAFEARRAY* array, UINT dim) {
+  Range bounds = {-999, -999};
+  EXPECT_EQ(SafeArrayGetLBound(array, dim, &bounds.first), S_OK);
+  EXPECT_EQ(SafeArrayGetUBound(array, dim, &bounds.second), S_OK);
+  return bounds;
+}
+
 struct ElementCase {
   VARTYPE vt;
   UINT size;
@@ -622,16 +603,13 @@ TEST(SafeArray, RefusesWhatItCannotHold) {
   EXPECT_EQ(SafeArrayDestroy(nullptr), S_OK);
 }
 
-TEST(SafeArray, BoundsHonourTheLowerBound) {
+TEST(SafeArray, BoundsHonourTheLowerBoundAndTheFirstDimensionVariesFastest) {
   SAFEARRAYBOUND bound = {3, -2};
   UniqueSafeArray array(SafeArrayCreate(VT_I4, 1, &bound));
   ASSERT_NE(array, nullptr);
+  EXPECT_EQ(Bounds(array.get(), 1), Range(-2, 0));
   LONG lower = 0;
   LONG upper = 0;
-  ASSERT_EQ(SafeArrayGetLBound(array.get(), 1, &lower), S_OK);
-  ASSERT_EQ(SafeArrayGetUBound(array.get(), 1, &upper), S_OK);
-  EXPECT_EQ(lower, -2);
-  EXPECT_EQ(upper, 0);
   EXPECT_EQ(SafeArrayGetLBound(array.get(), 0, &lower), DISP_E_BADINDEX);
   EXPECT_EQ(SafeArrayGetUBound(array.get(), 2, &upper), DISP_E_BADINDEX);
 
@@ -651,26 +629,22 @@ TEST(SafeArray, BoundsHonourTheLowerBound) {
       EXPECT_EQ(static_cast<LONG*>(array->pvData)[c.index + 2], value) << "cell index - lbound";
     }
   }
-}
 
-TEST(SafeArray, FirstDimensionVariesFastest) {
+  // Two dimensions: the first varies fastest.
   SAFEARRAYBOUND bounds[2] = {{2, 1}, {3, 0}};  // Dimension 1: 1..2, dimension 2: 0..2.
-  UniqueSafeArray array(SafeArrayCreate(VT_I4, 2, bounds));
-  ASSERT_NE(array, nullptr);
-  LONG lower = 0;
-  ASSERT_EQ(SafeArrayGetLBound(array.get(), 1, &lower), S_OK);
-  EXPECT_EQ(lower, 1);
-  ASSERT_EQ(SafeArrayGetLBound(array.get(), 2, &lower), S_OK);
-  EXPECT_EQ(lower, 0);
+  UniqueSafeArray square(SafeArrayCreate(VT_I4, 2, bounds));
+  ASSERT_NE(square, nullptr);
+  EXPECT_EQ(Bounds(square.get(), 1), Range(1, 2));
+  EXPECT_EQ(Bounds(square.get(), 2), Range(0, 2));
   LONG at[2] = {2, 2};
   LONG value = 77;
-  ASSERT_EQ(SafeArrayPutElement(array.get(), at, &value), S_OK);
-  EXPECT_EQ(static_cast<LONG*>(array->pvData)[(2 - 1) + 2 * 2], 77);
+  ASSERT_EQ(SafeArrayPutElement(square.get(), at, &value), S_OK);
+  EXPECT_EQ(static_cast<LONG*>(square->pvData)[(2 - 1) + 2 * 2], 77);
   LONG outside[2] = {1, 3};
-  EXPECT_EQ(SafeArrayPutElement(array.get(), outside, &value), DISP_E_BADINDEX);
+  EXPECT_EQ(SafeArrayPutElement(square.get(), outside, &value), DISP_E_BADINDEX);
 }
 
-TEST(SafeArray, StringElementsAreCopiedInAndOut) {
+TEST(SafeArray, StringAndInterfaceElementsAreCopiedInAndOut) {
   UniqueSafeArray array(SafeArrayCreateVector(VT_BSTR, 0, 1));
   LONG index = 0;
   const std::u16string text(u"x\0y", 3);
@@ -684,34 +658,19 @@ TEST(SafeArray, StringElementsAreCopiedInAndOut) {
   EXPECT_NE(out, static_cast<BSTR*>(array->pvData)[0]);
   EXPECT_EQ(BstrView(out), text);
   SysFreeString(out);
-}
 
-TEST(SafeArray, InterfaceElementsAreCounted) {
+  // Interfaces are counted the same way.
   CountedObject object;
-  UniqueSafeArray array(SafeArrayCreateVector(VT_UNKNOWN, 0, 1));
-  LONG index = 0;
-  ASSERT_EQ(SafeArrayPutElement(array.get(), &index, static_cast<IUnknown*>(&object)), S_OK);
+  UniqueSafeArray objects(SafeArrayCreateVector(VT_UNKNOWN, 0, 1));
+  ASSERT_EQ(SafeArrayPutElement(objects.get(), &index, static_cast<IUnknown*>(&object)), S_OK);
   EXPECT_EQ(object.refs(), 2u);
-  IUnknown* out = nullptr;
-  ASSERT_EQ(SafeArrayGetElement(array.get(), &index, &out), S_OK);
-  EXPECT_EQ(out, static_cast<IUnknown*>(&object));
+  IUnknown* item = nullptr;
+  ASSERT_EQ(SafeArrayGetElement(objects.get(), &index, &item), S_OK);
+  EXPECT_EQ(item, static_cast<IUnknown*>(&object));
   EXPECT_EQ(object.refs(), 3u);
-  out->Release();
-  ASSERT_EQ(SafeArrayPutElement(array.get(), &index, nullptr), S_OK);
+  item->Release();
+  ASSERT_EQ(SafeArrayPutElement(objects.get(), &index, nullptr), S_OK);
   EXPECT_EQ(object.refs(), 1u) << "the replaced element is released";
-}
-
-TEST(SafeArray, DestroyReleasesElementsByType) {
-  const VARTYPE kTypes[] = {VT_UNKNOWN, VT_DISPATCH, VT_VARIANT};
-  for (VARTYPE vt : kTypes) {
-    SCOPED_TRACE(vt);
-    CountedObject object;
-    SAFEARRAY* array = VectorHolding(vt, &object);
-    ASSERT_NE(array, nullptr);
-    EXPECT_EQ(object.refs(), 2u);
-    ASSERT_EQ(SafeArrayDestroy(array), S_OK);
-    EXPECT_EQ(object.refs(), 1u);
-  }
 }
 
 TEST(SafeArray, LockedArraysCannotBeDestroyedOrResized) {
@@ -753,9 +712,7 @@ TEST(SafeArray, CopyIsDeep) {
   ASSERT_EQ(SafeArrayPutElement(strings.get(), &index, text.get()), S_OK);
   ASSERT_EQ(SafeArrayCopy(strings.get(), &copy), S_OK);
   UniqueSafeArray owned_copy(copy);
-  LONG lower = 0;
-  ASSERT_EQ(SafeArrayGetLBound(copy, 1, &lower), S_OK);
-  EXPECT_EQ(lower, 5);
+  EXPECT_EQ(Bounds(copy, 1), Range(5, 6));
   BSTR* source_items = static_cast<BSTR*>(strings->pvData);
   BSTR* copy_items = static_cast<BSTR*>(copy->pvData);
   EXPECT_EQ(copy_items[0], nullptr);
@@ -772,12 +729,7 @@ TEST(SafeArray, RedimKeepsTheHeadAndReleasesTheTail) {
 
   SAFEARRAYBOUND grown = {4, 1};
   ASSERT_EQ(SafeArrayRedim(array.get(), &grown), S_OK);
-  LONG lower = 0;
-  LONG upper = 0;
-  ASSERT_EQ(SafeArrayGetLBound(array.get(), 1, &lower), S_OK);
-  ASSERT_EQ(SafeArrayGetUBound(array.get(), 1, &upper), S_OK);
-  EXPECT_EQ(lower, 1);
-  EXPECT_EQ(upper, 4);
+  EXPECT_EQ(Bounds(array.get(), 1), Range(1, 4));
   IUnknown** items = static_cast<IUnknown**>(array->pvData);
   EXPECT_EQ(items[1], static_cast<IUnknown*>(&object)) << "kept, at the same cell";
   EXPECT_EQ(items[2], nullptr);

@@ -46,19 +46,9 @@ using Bytes = std::vector<uint8_t>;
 constexpr auto kHangLimit = std::chrono::seconds(30);
 constexpr uint32_t kConnectTimeoutMs = 30000;
 
-uint32_t ProcessId() {
-#ifdef _WIN32
-  return GetCurrentProcessId();
-#else
-  return static_cast<uint32_t>(getpid());
-#endif
-}
-
 // A pipe name no other test, and no other run of this program, uses at the same time.
 std::u16string UniqueName() {
-  static std::atomic<int> counter{0};
-  return Utf8ToUtf16("qv_pipe_test_" + std::to_string(ProcessId()) + "_" +
-                     std::to_string(counter++));
+  return testing::UniqueUser("qv_pipe_test_");
 }
 
 Bytes Pattern(size_t size, uint32_t seed) {
@@ -123,19 +113,36 @@ class Watchdog {
   std::thread thread_;
 };
 
+// Writes `bytes` as one part.
+IoResult Send(Pipe& pipe, const Bytes& bytes, StopSignal& stop) {
+  const std::array<std::span<const uint8_t>, 1> parts = {bytes};
+  return pipe.Write(parts, stop);
+}
+
+// Connects a client to `listener`, serving `name`, and accepts its server end.
+void ConnectTo(PipeListener& listener, const std::u16string& name, std::unique_ptr<Pipe>& client,
+               std::unique_ptr<Pipe>& server) {
+  StopSignal stop;
+  std::future<IoResult> accepted =
+      std::async(std::launch::async, [&] { return listener.Accept(server, stop); });
+  uint32_t error = 0;
+  EXPECT_EQ(Pipe::Connect(name, kConnectTimeoutMs, client, error), IoResult::kOk) << error;
+  EXPECT_EQ(Await(accepted, [&] { stop.Set(); }), IoResult::kOk);
+  ASSERT_TRUE(client && server);
+}
+
 class PipeTest : public ::testing::Test {
  protected:
-  // A listener for a fresh name, with a client connected to it and the server end accepted.
-  void Connect() {
+  // A listener for a fresh name.
+  void Listen() {
     name_ = UniqueName();
     uint32_t error = 0;
     ASSERT_EQ(PipeListener::Create(name_, listener_, error), IoResult::kOk) << error;
-    std::future<IoResult> accepted =
-        std::async(std::launch::async, [&] { return listener_->Accept(server_, accept_stop_); });
-    const IoResult connected = Pipe::Connect(name_, kConnectTimeoutMs, client_, error);
-    EXPECT_EQ(connected, IoResult::kOk) << error;
-    EXPECT_EQ(Await(accepted, [&] { accept_stop_.Set(); }), IoResult::kOk);
-    ASSERT_TRUE(client_ && server_);
+  }
+  // A listener for a fresh name, with a client connected to it and the server end accepted.
+  void Connect() {
+    ASSERT_NO_FATAL_FAILURE(Listen());
+    ConnectTo(*listener_, name_, client_, server_);
   }
 
   Watchdog watchdog_;
@@ -147,7 +154,6 @@ class PipeTest : public ::testing::Test {
   testing::ScopedVariable runtime_dir_{"XDG_RUNTIME_DIR", temp_dir_};
 #endif
   std::u16string name_;
-  StopSignal accept_stop_;
   StopSignal stop_;
   std::unique_ptr<PipeListener> listener_;
   std::unique_ptr<Pipe> client_;
@@ -193,44 +199,6 @@ TEST_F(PipeTest, GatheredPartsArriveInOrderAndWhole) {
   EXPECT_EQ(got, 0u);
 }
 
-TEST_F(PipeTest, LargeTransfersCrossPartialReadsAndWrites) {
-  ASSERT_NO_FATAL_FAILURE(Connect());
-  constexpr size_t kSize = 8 << 20;
-  const Bytes sent = Pattern(kSize, 3);
-
-  // The server reads in odd-sized pieces while the client's single write is still going.
-  std::future<Bytes> server_side = std::async(std::launch::async, [&] {
-    Bytes received;
-    received.reserve(kSize);
-    std::vector<uint8_t> piece(65537);
-    while (received.size() < kSize) {
-      size_t got = 0;
-      if (server_->ReadSome(piece.data(), piece.size(), got, stop_) != IoResult::kOk) break;
-      received.insert(received.end(), piece.begin(), piece.begin() + got);
-    }
-    if (received.size() != kSize) return received;
-    // Then send it all back, split unevenly, while the client reads.
-    const std::span<const uint8_t> all(received);
-    const std::array<std::span<const uint8_t>, 3> parts = {
-        all.subspan(0, 3), all.subspan(3, 777777), all.subspan(777780)};
-    if (server_->Write(parts, stop_) != IoResult::kOk) received.clear();
-    return received;
-  });
-  std::future<Bytes> client_side = std::async(std::launch::async, [&] {
-    const std::array<std::span<const uint8_t>, 1> whole = {sent};
-    Bytes echoed(kSize);
-    if (client_->Write(whole, stop_) != IoResult::kOk ||
-        client_->ReadExact(echoed.data(), echoed.size(), stop_) != IoResult::kOk) {
-      echoed.clear();
-    }
-    return echoed;
-  });
-  const Bytes echoed = Await(client_side, [&] { stop_.Set(); });
-  const Bytes received = Await(server_side, [&] { stop_.Set(); });
-  EXPECT_TRUE(received == sent) << "the server received other bytes";
-  EXPECT_TRUE(echoed == sent) << "the client received other bytes";
-}
-
 TEST_F(PipeTest, StopEndsBlockedReadsAndWritesAndThePipeStaysUsable) {
   ASSERT_NO_FATAL_FAILURE(Connect());
   uint8_t buffer[4];
@@ -247,49 +215,36 @@ TEST_F(PipeTest, StopEndsBlockedReadsAndWritesAndThePipeStaysUsable) {
   stop_.Reset();
   EXPECT_FALSE(stop_.IsSet());
   const Bytes message = {1, 2, 3, 4};
-  const std::array<std::span<const uint8_t>, 1> parts = {message};
-  ASSERT_EQ(server_->Write(parts, stop_), IoResult::kOk);
+  ASSERT_EQ(Send(*server_, message, stop_), IoResult::kOk);
   ASSERT_EQ(client_->ReadExact(buffer, sizeof(buffer), stop_), IoResult::kOk);
   EXPECT_EQ(Bytes(buffer, buffer + 4), message);
 
   // A write that cannot finish because nobody reads ends on the signal too.
   const Bytes flood(64 << 20, 0x5a);
-  std::future<IoResult> write = std::async(std::launch::async, [&] {
-    const std::array<std::span<const uint8_t>, 1> all = {flood};
-    return client_->Write(all, stop_);
-  });
+  std::future<IoResult> write =
+      std::async(std::launch::async, [&] { return Send(*client_, flood, stop_); });
   LetItBlock();
   stop_.Set();
   EXPECT_EQ(Await(write, [&] { server_->Close(); }), IoResult::kStopped);
 }
 
 TEST_F(PipeTest, StopEndsABlockedAcceptAndTheListenerServesOn) {
-  const std::u16string name = UniqueName();
-  uint32_t error = 0;
-  std::unique_ptr<PipeListener> listener;
-  ASSERT_EQ(PipeListener::Create(name, listener, error), IoResult::kOk) << error;
-  StopSignal stop;
-  std::unique_ptr<Pipe> server;
+  ASSERT_NO_FATAL_FAILURE(Listen());
   std::future<IoResult> accepted =
-      std::async(std::launch::async, [&] { return listener->Accept(server, stop); });
+      std::async(std::launch::async, [&] { return listener_->Accept(server_, stop_); });
   LetItBlock();
-  stop.Set();
+  stop_.Set();
   std::unique_ptr<Pipe> unblocker;
-  EXPECT_EQ(Await(accepted, [&] { Pipe::Connect(name, 1000, unblocker, error); }),
+  uint32_t error = 0;
+  EXPECT_EQ(Await(accepted, [&] { Pipe::Connect(name_, 1000, unblocker, error); }),
             IoResult::kStopped);
-  EXPECT_EQ(server, nullptr);
+  EXPECT_EQ(server_, nullptr);
 
-  stop.Reset();
-  accepted = std::async(std::launch::async, [&] { return listener->Accept(server, stop); });
-  std::unique_ptr<Pipe> client;
-  EXPECT_EQ(Pipe::Connect(name, kConnectTimeoutMs, client, error), IoResult::kOk) << error;
-  ASSERT_EQ(Await(accepted, [&] { stop.Set(); }), IoResult::kOk);
-  ASSERT_TRUE(client && server);
-  const Bytes ping = {42};
-  const std::array<std::span<const uint8_t>, 1> parts = {ping};
-  ASSERT_EQ(client->Write(parts, stop), IoResult::kOk);
+  stop_.Reset();
+  ASSERT_NO_FATAL_FAILURE(ConnectTo(*listener_, name_, client_, server_));
+  ASSERT_EQ(Send(*client_, {42}, stop_), IoResult::kOk);
   uint8_t got = 0;
-  EXPECT_EQ(server->ReadExact(&got, 1, stop), IoResult::kOk);
+  EXPECT_EQ(server_->ReadExact(&got, 1, stop_), IoResult::kOk);
   EXPECT_EQ(got, 42);
 }
 
@@ -311,13 +266,7 @@ TEST_F(PipeTest, OneListenerPerNameAtATime) {
   }
 
   // The refused one took nothing from the first: its clients still get through.
-  StopSignal stop;
-  std::unique_ptr<Pipe> server;
-  std::future<IoResult> accepted =
-      std::async(std::launch::async, [&] { return first->Accept(server, stop); });
-  std::unique_ptr<Pipe> client;
-  EXPECT_EQ(Pipe::Connect(name, kConnectTimeoutMs, client, error), IoResult::kOk) << error;
-  EXPECT_EQ(Await(accepted, [&] { stop.Set(); }), IoResult::kOk);
+  ConnectTo(*first, name, client_, server_);
 
   // Once the first has gone, the name is free again.
   first.reset();
@@ -372,9 +321,7 @@ TEST_F(PipeTest, ClientsRacingForInstancesAllGetThrough) {
       uint32_t client_error = 0;
       IoResult result = Pipe::Connect(name, kConnectTimeoutMs, client, client_error);
       if (result != IoResult::kOk) return result;
-      const Bytes id = {static_cast<uint8_t>(i)};
-      const std::array<std::span<const uint8_t>, 1> parts = {id};
-      result = client->Write(parts, stop);
+      result = Send(*client, {static_cast<uint8_t>(i)}, stop);
       // Stay connected until the server has read the id.
       uint8_t ignored;
       if (result == IoResult::kOk) client->ReadExact(&ignored, 1, stop);
@@ -400,16 +347,13 @@ TEST_F(PipeTest, PeerCloseIsABrokenPipe) {
   EXPECT_EQ(Await(read, [&] { stop_.Set(); }), IoResult::kBrokenPipe);
   EXPECT_NE(client_->LastSystemError(), 0u);
   // Writing to the server that went is a broken pipe too, and raises no SIGPIPE.
-  const Bytes chunk(64 * 1024, 1);
-  const std::array<std::span<const uint8_t>, 1> parts = {chunk};
-  EXPECT_EQ(client_->Write(parts, stop_), IoResult::kBrokenPipe);
+  EXPECT_EQ(Send(*client_, Bytes(64 * 1024, 1), stop_), IoResult::kBrokenPipe);
 }
 
 TEST_F(PipeTest, BytesSentBeforeACloseAreReadThenTheBreak) {
   ASSERT_NO_FATAL_FAILURE(Connect());
   const Bytes last = {9, 8, 7};
-  const std::array<std::span<const uint8_t>, 1> parts = {last};
-  ASSERT_EQ(client_->Write(parts, stop_), IoResult::kOk);
+  ASSERT_EQ(Send(*client_, last, stop_), IoResult::kOk);
   client_.reset();
   uint8_t buffer[3];
   ASSERT_EQ(server_->ReadExact(buffer, 3, stop_), IoResult::kOk);
@@ -420,7 +364,7 @@ TEST_F(PipeTest, BytesSentBeforeACloseAreReadThenTheBreak) {
 
   // A frame cut short by the close is a broken pipe, not a short success.
   ASSERT_NO_FATAL_FAILURE(Connect());
-  ASSERT_EQ(server_->Write(parts, stop_), IoResult::kOk);
+  ASSERT_EQ(Send(*server_, last, stop_), IoResult::kOk);
   server_.reset();
   uint8_t frame[16];
   EXPECT_EQ(client_->ReadExact(frame, sizeof(frame), stop_), IoResult::kBrokenPipe);
@@ -435,8 +379,7 @@ TEST_F(PipeTest, ClosedPipesAndEmptyNamesFail) {
   uint8_t byte = 0;
   EXPECT_EQ(client_->ReadExact(&byte, 1, stop_), IoResult::kFailed);
   EXPECT_NE(client_->LastSystemError(), 0u);
-  const std::array<std::span<const uint8_t>, 1> parts = {std::span<const uint8_t>(&byte, 1)};
-  EXPECT_EQ(client_->Write(parts, stop_), IoResult::kFailed);
+  EXPECT_EQ(Send(*client_, {1}, stop_), IoResult::kFailed);
 
   std::unique_ptr<PipeListener> listener;
   uint32_t error = 0;
@@ -579,14 +522,11 @@ TEST(SocketPath, RefusesNamesThatLeaveTheDirectoryOrCannotFit) {
 }
 
 TEST_F(RuntimeDirectoryTest, ListenerOwnsItsSocketFile) {
-  const std::u16string name = UniqueName();
-  uint32_t error = 0;
-  std::unique_ptr<PipeListener> listener;
-  ASSERT_EQ(PipeListener::Create(name, listener, error), IoResult::kOk) << error;
-  const std::optional<std::string> path = SocketPath(Expected(), name);
+  ASSERT_NO_FATAL_FAILURE(Listen());
+  const std::optional<std::string> path = SocketPath(Expected(), name_);
   ASSERT_TRUE(path.has_value());
   EXPECT_TRUE(std::filesystem::is_socket(*path));
-  listener.reset();
+  listener_.reset();
   EXPECT_FALSE(std::filesystem::exists(*path));
 }
 

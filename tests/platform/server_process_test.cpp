@@ -128,10 +128,11 @@ TEST(ServerReadiness, FileNobodyHoldsMeansNoServer) {
   EXPECT_EQ(ReadinessMarker::Create(user, dir.runtime_dir()), nullptr) << "one marker at a time";
 }
 
-TEST(ServerReadiness, UnusableNamesAndDirectoriesMeanNoServer) {
+TEST(ServerReadiness, UnusableNamesAndDirectoriesMeanNoServerAndNewFilesArePrivate) {
   TempDir dir;
   const std::string missing = (dir.path() / "missing").string();
   const std::u16string user = UniqueUser();
+  const fs::path file = dir.path() / ("qv_ve_run_svr" + Utf16ToUtf8(user));
 
   EXPECT_EQ(ReadinessMarker::Create(user, missing), nullptr);
   EXPECT_FALSE(ServerIsReady(user, missing, 0));
@@ -148,7 +149,7 @@ TEST(ServerReadiness, UnusableNamesAndDirectoriesMeanNoServer) {
   umask(old_mask);
   ASSERT_NE(marker, nullptr);
   struct stat info {};
-  ASSERT_EQ(stat((dir.path() / ("qv_ve_run_svr" + Utf16ToUtf8(user))).c_str(), &info), 0);
+  ASSERT_EQ(stat(file.c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0600u);
 }
 #else
@@ -222,23 +223,16 @@ TEST(InstanceLock, MissingRuntimeDirectoryIsASystemError) {
 TEST(InstanceLock, RecordsItsHolderForTheStopRequest) {
   TempDir dir;
   const fs::path file = fs::path(dir.runtime_dir()) / "vesta-kx.lock";
-  auto text = [&] {
-    std::ifstream in(file);
-    std::stringstream content;
-    content << in.rdbuf();
-    return content.str();
-  };
-
-  std::ofstream(file) << getpid() << "\n";  // As a crashed server would leave it.
+  WriteFile(file, std::to_string(getpid()) + "\n");  // As a crashed server would leave it.
   EXPECT_EQ(RunningServerProcessId(u"user", dir.runtime_dir()), std::nullopt);
 
   std::unique_ptr<InstanceLock> lock = InstanceLock::TryAcquire(u"user", dir.runtime_dir());
   ASSERT_NE(lock, nullptr);
-  EXPECT_EQ(text(), std::to_string(getpid()) + "\n");
+  EXPECT_EQ(ReadFile(file), std::to_string(getpid()) + "\n");
   // Held, but by a process that is not vesta-kx.
   EXPECT_EQ(RunningServerProcessId(u"user", dir.runtime_dir()), std::nullopt);
   lock.reset();
-  EXPECT_EQ(text(), "");
+  EXPECT_EQ(ReadFile(file), "");
 }
 #endif
 

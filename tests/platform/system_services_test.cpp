@@ -10,6 +10,7 @@
 #include "platform/environment.h"
 #include "platform/system_message.h"
 #include "platform/wide_string.h"
+#include "support/test_environment.h"
 #include "test_support.h"
 
 namespace qv::platform {
@@ -17,7 +18,7 @@ namespace {
 
 struct MessageCase {
   HRESULT code;
-  const char16_t* windows;
+  const char16_t* windows;  // nullptr: no text at all
   // Wine words its system messages differently and has none for most COM and automation codes;
   // under Wine this text is expected instead, and nullptr means no text at all.
   const char16_t* wine;
@@ -71,6 +72,11 @@ TEST(SystemMessage, StandardCodesHaveTheirWindowsText) {
        u"Cannot create a file when that file already exists.", u"File already exists."},
       // A bare Win32 error number reads like its HRESULT.
       {ERROR_FILE_NOT_FOUND, u"The system cannot find the file specified.", u"File not found."},
+      // Codes the system does not know have no text: interfaces define their own, and the
+      // customer bit marks a code as nobody else's.
+      {MAKE_HRESULT(SEVERITY_ERROR, FACILITY_ITF, 0x0201), nullptr, nullptr},
+      {MAKE_HRESULT(SEVERITY_ERROR, FACILITY_ITF, 0xDEAD), nullptr, nullptr},
+      {static_cast<HRESULT>(0xA0001234), nullptr, nullptr},
   };
   const bool wine = test_support::RunningUnderWine();
   for (const MessageCase& c : kCases) {
@@ -86,47 +92,11 @@ TEST(SystemMessage, StandardCodesHaveTheirWindowsText) {
   }
 }
 
-TEST(SystemMessage, CodesTheSystemDoesNotKnowHaveNoText) {
-  const HRESULT kCases[] = {
-      MAKE_HRESULT(SEVERITY_ERROR, FACILITY_ITF, 0x0201),  // Interfaces define their own.
-      MAKE_HRESULT(SEVERITY_ERROR, FACILITY_ITF, 0xDEAD),
-      static_cast<HRESULT>(0xA0001234),  // Customer bit set.
-  };
-  for (HRESULT code : kCases) {
-    SCOPED_TRACE(::testing::Message() << std::hex << static_cast<std::uint32_t>(code));
-    EXPECT_FALSE(SystemMessageText(code).has_value());
-  }
-}
-
-// Sets an environment variable of this process for the duration of a test.
-class ScopedEnvironmentVariable {
- public:
-  ScopedEnvironmentVariable(const char16_t* name, const std::u16string& value) : name_(name) {
-#ifdef _WIN32
-    SetEnvironmentVariableW(ToOleChars(name), ToOleChars(value.c_str()));
-#else
-    setenv(Utf16ToUtf8(name).c_str(), Utf16ToUtf8(value).c_str(), 1);
-#endif
-  }
-  ~ScopedEnvironmentVariable() {
-#ifdef _WIN32
-    SetEnvironmentVariableW(ToOleChars(name_), nullptr);
-#else
-    unsetenv(Utf16ToUtf8(name_).c_str());
-#endif
-  }
-  ScopedEnvironmentVariable(const ScopedEnvironmentVariable&) = delete;
-  ScopedEnvironmentVariable& operator=(const ScopedEnvironmentVariable&) = delete;
-
- private:
-  const char16_t* name_;
-};
-
 TEST(ExpandEnvironment, ReplacesKnownNamesAndKeepsTheRest) {
   const std::u16string kLong(300, u'L');
-  ScopedEnvironmentVariable value(u"VEKX_TEST_VALUE", u"run");
-  ScopedEnvironmentVariable unicode(u"VEKX_TEST_UNICODE", u"\u00e9\u20ac\U0001F600");
-  ScopedEnvironmentVariable long_value(u"VEKX_TEST_LONG", kLong);
+  testing::ScopedVariable value("VEKX_TEST_VALUE", "run");
+  testing::ScopedVariable unicode("VEKX_TEST_UNICODE", Utf16ToUtf8(u"\u00e9\u20ac\U0001F600"));
+  testing::ScopedVariable long_value("VEKX_TEST_LONG", Utf16ToUtf8(kLong));
   const struct {
     const char16_t* text;
     std::u16string expected;
@@ -160,7 +130,7 @@ TEST(ExpandEnvironment, ReplacesKnownNamesAndKeepsTheRest) {
 }
 
 TEST(ExpandEnvironment, NameCaseFollowsThePlatform) {
-  ScopedEnvironmentVariable value(u"VEKX_TEST_CASE", u"found");
+  testing::ScopedVariable value("VEKX_TEST_CASE", "found");
   const std::optional<std::u16string> expanded = ExpandEnvironment(u"%vekx_test_case%");
   ASSERT_TRUE(expanded.has_value());
 #ifdef _WIN32
