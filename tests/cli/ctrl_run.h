@@ -7,11 +7,14 @@
 #endif
 
 #include <cstdlib>
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "platform/process_identity.h"
 #include "server/server_harness.h"
 #include "support/child_program.h"
 
@@ -79,5 +82,69 @@ inline CtrlRun Ctrl(const std::vector<std::string>& args, const std::string& inp
 inline nlohmann::json Json(const CtrlRun& run) {
   return nlohmann::json::parse(run.out, nullptr, /*allow_exceptions=*/false);
 }
+
+// One command of a session as a user would type it, and what it must give: its exit code, fields
+// of its JSON document (by JSON pointer), texts in its standard output and error, and a pointer
+// whose value later rows name as "{name}", by the pointer's last part. In arguments and texts
+// "{name}" is replaced by the value; an expected field that is just "{name}" is the value itself.
+struct Step {
+  std::vector<std::string> args;
+  int exit_code = 0;
+  std::vector<std::pair<std::string, nlohmann::json>> fields;
+  std::string out;
+  std::string err;
+  std::string capture;
+};
+
+inline void RunSteps(const std::vector<Step>& steps) {
+  std::map<std::string, nlohmann::json> captured;
+  const auto substituted = [&](std::string text) {
+    for (const auto& [name, value] : captured) {
+      const std::string placeholder = "{" + name + "}";
+      const std::string with = value.is_string() ? value.get<std::string>() : value.dump();
+      for (size_t at = text.find(placeholder); at != std::string::npos; at = text.find(placeholder))
+        text.replace(at, placeholder.size(), with);
+    }
+    return text;
+  };
+  const auto expected = [&](const nlohmann::json& value) {
+    const std::string text = value.is_string() ? value.get<std::string>() : "";
+    const auto it = text.size() > 2 && text.front() == '{' && text.back() == '}'
+                        ? captured.find(text.substr(1, text.size() - 2))
+                        : captured.end();
+    return it != captured.end() ? it->second : value;
+  };
+  for (const Step& step : steps) {
+    std::vector<std::string> args;
+    std::string line;
+    for (const std::string& arg : step.args) {
+      args.push_back(substituted(arg));
+      line += args.back() + " ";
+    }
+    const CtrlRun run = Ctrl(args);
+    ASSERT_EQ(run.exit_code, step.exit_code) << line << "\n" << run.out << run.err;
+    EXPECT_NE(run.out.find(substituted(step.out)), std::string::npos) << line << run.out;
+    EXPECT_NE(run.err.find(substituted(step.err)), std::string::npos) << line << run.err;
+    const nlohmann::json document = Json(run);
+    for (const auto& [pointer, value] : step.fields) {
+      const nlohmann::json::json_pointer at(pointer);
+      EXPECT_EQ(document.contains(at) ? document[at] : nlohmann::json("(missing)"), expected(value))
+          << line << pointer << "\n"
+          << run.out;
+    }
+    if (!step.capture.empty()) {
+      const nlohmann::json::json_pointer at(step.capture);
+      ASSERT_TRUE(document.contains(at)) << line << run.out;
+      captured[step.capture.substr(step.capture.rfind('/') + 1)] = document[at];
+    }
+  }
+}
+
+// vesta-ctrl's user's own vesta-kx on its built-in scenario, with the kit devkit-alpha.
+class BuiltInKitTest : public qv::servertest::ServerTest {
+ protected:
+  BuiltInKitTest() : ServerTest(qv::platform::CurrentUserName()) {}
+  void SetUp() override { StartServer(/*built_in=*/true); }
+};
 
 }  // namespace qv::clitest

@@ -1,56 +1,19 @@
 // vesta-ctrl's debug commands against the built-in kit's /app/sample.elf: one session as a user
 // would type it, a step per row, each checking the exit code, fields of the JSON document (by
-// JSON pointer) and a text on standard output or error. Rows refer to the loaded process and its
+// JSON pointer) and texts on standard output and error. Rows refer to the loaded process and its
 // main thread as {pid} and {tid}.
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "cli/ctrl_run.h"
-#include "platform/process_identity.h"
-#include "server/server_harness.h"
 
 namespace {
 
-using JsonValue = nlohmann::json;
-using qv::clitest::Ctrl;
-using qv::clitest::CtrlRun;
+using qv::clitest::Step;
 
-struct Step {
-  std::vector<std::string> args;
-  int exit_code = 0;
-  std::vector<std::pair<std::string, JsonValue>> fields;  // pointer, value ("{pid}" for the pid)
-  std::string text;     // in standard output when the step succeeds, else in standard error
-  std::string capture;  // a pointer whose value later rows name by its last part
-};
-
-class DebugCommandsTest : public qv::servertest::ServerTest {
- protected:
-  DebugCommandsTest() : ServerTest(qv::platform::CurrentUserName()) {}
-  void SetUp() override { StartServer(/*built_in=*/true); }
-};
-
-std::string Substituted(std::string text, const std::map<std::string, JsonValue>& captured) {
-  for (const auto& [name, value] : captured) {
-    const std::string placeholder = "{" + name + "}";
-    for (size_t at = text.find(placeholder); at != std::string::npos; at = text.find(placeholder))
-      text.replace(at, placeholder.size(), value.dump());
-  }
-  return text;
-}
-
-// A field's expected value: "{pid}" stands for the captured value itself.
-JsonValue Expected(const JsonValue& value, const std::map<std::string, JsonValue>& captured) {
-  if (!value.is_string()) return value;
-  const std::string text = value;
-  const auto it = captured.find(text.size() > 2 ? text.substr(1, text.size() - 2) : "");
-  return text.front() == '{' && it != captured.end() ? it->second : value;
-}
+class DebugCommandsTest : public qv::clitest::BuiltInKitTest {};
 
 TEST_F(DebugCommandsTest, SessionOnTheSampleProgram) {
   const std::string kit = "devkit-alpha";
@@ -64,6 +27,7 @@ TEST_F(DebugCommandsTest, SessionOnTheSampleProgram) {
        0,
        {},
        "",
+       "",
        "/pid"},
       {{"--json", "threads", kit, "{pid}"},
        0,
@@ -73,6 +37,7 @@ TEST_F(DebugCommandsTest, SessionOnTheSampleProgram) {
         {"/threads/0/rip", "0x401000"},
         {"/threads/0/stop_reason/name", "STOP_REASON_DL_STOP_INIT"},
         {"/threads/1/name", "worker"}},
+       "",
        "",
        "/threads/0/tid"},
       {{"--json", "mem", "read", kit, "{pid}", "0x404000", "17"},
@@ -90,7 +55,7 @@ TEST_F(DebugCommandsTest, SessionOnTheSampleProgram) {
        {{"/rax", "0x1234"}, {"/ymm1", "0x4000000000000000300000000000000020000000000000001"}}},
       {{"--json", "regs", kit, "{pid}", "{tid}"}, 0, {{"/rax", "0x1234"}, {"/rflags", "0x0"}}},
       // The loop's nop after push rbp; mov rbp, rsp.
-      {{"--json", "break", kit, "{pid}", "0x401004"}, 0, {{"/original", "90"}}, "", "/id"},
+      {{"--json", "break", kit, "{pid}", "0x401004"}, 0, {{"/original", "90"}}, "", "", "/id"},
       {{"--json", "mem", "read", kit, "{pid}", "0x401004", "1"}, 0, {{"/data", "cc"}}},
       {{"--json", "break", kit, "{pid}", "0x401008", "--hw", "--write", "--size", "4"}, 0, {}},
       {{"--json", "break", kit, "{pid}", "--list"},
@@ -112,50 +77,31 @@ TEST_F(DebugCommandsTest, SessionOnTheSampleProgram) {
       {{"resume", kit, "{pid}", "--wait", "--timeout", "0.3"},
        1,
        {},
+       "",
        "vesta-ctrl: process {pid} neither stopped nor ended within 0.3 s\n"},
       {{"--json", "kill", kit, "{pid}"}, 0, {{"/killed", true}}},
       // Mistakes of the user's, refused before anything is sent.
-      {{"regs", kit, "{pid}", "{tid}", "eax"}, 2, {}, "no register is named 'eax'"},
-      {{"regs", kit, "{pid}", "{tid}", "--set", "rax=0x10000000000000000"}, 2, {}, "rax must be"},
-      {{"mem", "read", kit, "0x64", "0", "4"}, 2, {}, "PID must be a decimal number"},
-      {{"mem", "write", kit, "100", "0x404000", "4"}, 2, {}, "HEX must be pairs"},
-      {{"break", kit, "100"}, 2, {}, "give one of ADDR, --list and --clear ID"},
-      {{"break", kit, "100", "0x401000", "--write"}, 2, {}, "--write requires --hw"},
-      {{"resume", kit, "100", "--timeout", "1"}, 2, {}, "--timeout requires --wait"},
+      {{"regs", kit, "{pid}", "{tid}", "eax"}, 2, {}, "", "no register is named 'eax'"},
+      {{"regs", kit, "{pid}", "{tid}", "--set", "rax=0x10000000000000000"},
+       2,
+       {},
+       "",
+       "rax must be"},
+      {{"mem", "read", kit, "0x64", "0", "4"}, 2, {}, "", "PID must be a decimal number"},
+      {{"mem", "write", kit, "100", "0x404000", "4"}, 2, {}, "", "HEX must be pairs"},
+      {{"break", kit, "100"}, 2, {}, "", "give one of ADDR, --list and --clear ID"},
+      {{"break", kit, "100", "0x401000", "--write"}, 2, {}, "", "--write requires --hw"},
+      {{"resume", kit, "100", "--timeout", "1"}, 2, {}, "", "--timeout requires --wait"},
       // Failures the tool finds, and the server's own.
       {{"--json", "threads", kit, "{pid}"},
        1,
        {{"/error/code", nullptr}},
+       "",
        "vesta-ctrl: no process {pid} on 'devkit-alpha' (see 'vesta-ctrl ps devkit-alpha')\n"},
-      {{"load", kit, "/app/missing.elf"}, 1, {}, "the kit has no program \"/app/missing.elf\""},
+      {{"load", kit, "/app/missing.elf"}, 1, {}, "", "the kit has no program \"/app/missing.elf\""},
       {{"--json", "break", kit, "100", "--clear", "77"}, 1, {{"/error/code", "0x80040236"}}},
   };
-  std::map<std::string, JsonValue> captured;
-  for (const Step& step : steps) {
-    std::vector<std::string> args;
-    std::string line;
-    for (const std::string& arg : step.args) {
-      args.push_back(Substituted(arg, captured));
-      line += args.back() + " ";
-    }
-    const CtrlRun run = Ctrl(args);
-    ASSERT_EQ(run.exit_code, step.exit_code) << line << "\n" << run.out << run.err;
-    const JsonValue document = qv::clitest::Json(run);
-    for (const auto& [pointer, value] : step.fields) {
-      const JsonValue::json_pointer at(pointer);
-      EXPECT_EQ(document.contains(at) ? document[at] : JsonValue("(missing)"),
-                Expected(value, captured))
-          << line << pointer << "\n"
-          << run.out;
-    }
-    const std::string& where = step.exit_code == 0 ? run.out : run.err;
-    EXPECT_NE(where.find(Substituted(step.text, captured)), std::string::npos) << line << where;
-    if (!step.capture.empty()) {
-      const JsonValue::json_pointer at(step.capture);
-      ASSERT_TRUE(document.contains(at)) << line << run.out;
-      captured[step.capture.substr(step.capture.rfind('/') + 1)] = document[at];
-    }
-  }
+  qv::clitest::RunSteps(steps);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <string>
 
 #include "cli/ctrl_run.h"
-#include "platform/process_identity.h"
 
 namespace {
 
@@ -14,11 +13,7 @@ using qv::clitest::CtrlRun;
 using qv::clitest::Json;
 using qv::servertest::TestRoot;
 
-class ProtocolCommandTest : public qv::servertest::ServerTest {
- protected:
-  ProtocolCommandTest() : ServerTest(qv::platform::CurrentUserName()) {}
-  void SetUp() override { StartServer(true); }
-};
+class ProtocolCommandTest : public qv::clitest::BuiltInKitTest {};
 
 TEST_F(ProtocolCommandTest, ListsStatusesAndRefusesJsonWhileCopying) {
   const CtrlRun list = Ctrl({"--json", "proto", "devkit-alpha", "--list"});
