@@ -1,12 +1,16 @@
-// The core file reader on cores the local target's writer makes from a made-up process: what it
-// reads back (threads, registers, process, memory from the core, from a mapped file and
-// missing), and, as a table, the damaged files it refuses.
+// The local target's core files on a made-up process: which mappings the writer saves, the
+// breakpoints' bytes put back, a cancel or a file in the way; what the reader reads back (threads,
+// registers, process, memory from the core, from a mapped file and missing), and, as a table, the
+// damaged files it refuses. gdb reads real ones in tests/api/local_target_test.cpp.
 #ifdef __linux__
 
+#include <elf.h>
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -18,11 +22,16 @@
 namespace qv::server {
 namespace {
 
-class CoreDumpReader : public ::testing::Test {
+std::vector<uint8_t> FileBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+class CoreFiles : public ::testing::Test {
  protected:
   void SetUp() override {
     std::filesystem::create_directories(directory_);
-    // The program file a mini dump leaves to be read: page 1 holds 0xA0, 0xA1, ...
+    // The program file a mini dump leaves to be read: page 1 holds 0xB0, 0xB1, ...
     std::vector<char> program(0x3000);
     for (size_t i = 0; i < program.size(); ++i)
       program[i] = static_cast<char>(0xA0 + (i >> 12) * 0x10 + (i & 0xF));
@@ -30,8 +39,9 @@ class CoreDumpReader : public ::testing::Test {
   }
   void TearDown() override { std::filesystem::remove_all(directory_); }
 
-  // A mini core of two threads, its heap saved and its program left to its file.
-  std::string WriteCore() {
+  // Two threads; a heap, the program from its file, a kernel page and a guard page; a breakpoint
+  // in the heap and one in the program.
+  CoreImage Image() const {
     CoreImage image;
     image.pid = 4242;
     image.parent = 1;
@@ -43,7 +53,10 @@ class CoreDumpReader : public ::testing::Test {
         image.auxv.push_back(static_cast<uint8_t>(word >> (8 * i)));
     }
     image.mappings = {{0x10000, 0x12000, 1 | 2, false, 0, "[heap]"},
-                      {0x21000, 0x23000, 1 | 4, false, 0x1000, program_}};
+                      {0x21000, 0x23000, 1 | 4, false, 0x1000, program_},
+                      {0x30000, 0x31000, 1, false, 0, "[vvar]"},
+                      {0x40000, 0x41000, 0, false, 0, ""}};
+    image.originals = {{0x10010, 0x55}, {0x21008, 0x90}};
     for (pid_t tid : {4242, 4243}) {
       CoreThread& thread = image.threads.emplace_back();
       thread.tid = tid;
@@ -53,25 +66,100 @@ class CoreDumpReader : public ::testing::Test {
       thread.fpregs.mxcsr = 0x1f80;
       thread.fpregs.xmm_space[0] = 0xdeadbeef;
     }
-    const std::string path = (directory_ / "mini.core").string();
+    return image;
+  }
+  // Every byte its address's low byte; a breakpoint's int3 where the image has one.
+  static void Memory(uint64_t address, uint32_t size, Bytes& data) {
+    data.resize(size);
+    for (uint32_t i = 0; i < size; ++i)
+      data[i] = static_cast<uint8_t>(address + i);
+    for (const uint64_t breakpoint : {0x10010, 0x21008}) {
+      if (breakpoint >= address && breakpoint - address < size) data[breakpoint - address] = 0xCC;
+    }
+  }
+  std::string Write(bool full) {
+    const std::string path = (directory_ / (full ? "full.core" : "mini.core")).string();
+    std::vector<uint32_t> percentages;
     const std::atomic<bool> cancel{false};
-    auto heap = [](uint64_t address, uint32_t size, Bytes& data) {
-      data.assign(size, 0);
-      for (uint32_t i = 0; i < size; ++i)
-        data[i] = static_cast<uint8_t>(address + i);
-    };
-    EXPECT_TRUE(WriteCoreFile(path, image, false, heap, cancel, [](uint32_t) {}).ok());
+    EXPECT_TRUE(WriteCoreFile(path, Image(), full, Memory, cancel, [&](uint32_t percent) {
+                  percentages.push_back(percent);
+                }).ok());
+    EXPECT_EQ(percentages.front(), 0u);
+    EXPECT_EQ(percentages.back(), 100u);
     return path;
   }
 
-  const std::filesystem::path directory_ = std::filesystem::path(::testing::TempDir()) /
-                                           ("vekx_core_reader_" + std::to_string(getpid()));
+  const std::filesystem::path directory_ =
+      std::filesystem::path(::testing::TempDir()) / ("vekx_core_" + std::to_string(getpid()));
   const std::string program_ = (directory_ / "prog").string();
 };
 
-TEST_F(CoreDumpReader, ReadsWhatTheWriterSaved) {
+// A full core saves the program's pages as well as the heap; neither saves the kernel's page
+// or what cannot be read, and both put back the bytes under the breakpoints.
+TEST_F(CoreFiles, TheReaderReadsWhatTheWriterSaved) {
+  const struct {
+    bool full;
+    std::vector<uint64_t> loads;  // the PT_LOADs' addresses
+  } kCores[] = {{true, {0x10000, 0x21000}}, {false, {0x10000}}};
+  const struct {
+    uint64_t address;
+    std::vector<int> full, mini;  // the bytes read from each core; -1 where one is missing
+  } kReads[] = {
+      {0x11ffe, {0xfe, 0xff}, {0xfe, 0xff}},                          // the heap
+      {0x1000e, {0x0e, 0x0f, 0x55, 0x11}, {0x0e, 0x0f, 0x55, 0x11}},  // its breakpoint
+      {0x21ffe, {0xfe, 0xff, 0x00, 0x01}, {0xbe, 0xbf, 0xc0, 0xc1}},  // the program, 2 pages
+      {0x21007, {0x07, 0x90}, {0xb7, 0xb8}},                          // its breakpoint
+      {0x22ffe, {0xfe, 0xff, -1, -1}, {0xce, 0xcf, -1, -1}},          // past the mapping
+      {0x0fffe, {-1, -1, 0x00, 0x01}, {-1, -1, 0x00, 0x01}},          // before the heap
+      {0x30000, {-1, -1}, {-1, -1}},                                  // the kernel's page
+      {0x40000, {-1}, {-1}},                                          // the guard page
+  };
+  for (const auto& test : kCores) {
+    const std::string path = Write(test.full);
+    const std::vector<uint8_t> bytes = FileBytes(path);
+    Elf64_Ehdr header{};
+    ASSERT_GE(bytes.size(), sizeof header);
+    std::memcpy(&header, bytes.data(), sizeof header);
+    std::vector<uint64_t> loads;
+    for (int i = 0; i < header.e_phnum; ++i) {
+      Elf64_Phdr segment{};
+      std::memcpy(&segment, bytes.data() + header.e_phoff + i * sizeof segment, sizeof segment);
+      if (segment.p_type != PT_LOAD) continue;
+      loads.push_back(segment.p_vaddr);
+      EXPECT_EQ(segment.p_offset % 4096, 0u);
+      EXPECT_LE(segment.p_offset + segment.p_filesz, bytes.size());
+    }
+    EXPECT_EQ(loads, test.loads) << test.full;
+
+    LoadedCore loaded;
+    ASSERT_TRUE(OpenCoreFile(path, loaded.bytes).ok());
+    ASSERT_TRUE(ParseElfCore(*loaded.bytes, loaded.core).ok());
+    loaded.files = std::make_unique<MappedFiles>(true);
+    Bytes heap, want_heap;
+    uint32_t heap_bad = 99;
+    Memory(0x10000, 0x2000, want_heap);
+    want_heap[0x10] = 0x55;
+    loaded.Read(0x10000, 0x2000, heap, heap_bad);
+    EXPECT_EQ(heap, want_heap) << "every byte of the heap, as read";
+    EXPECT_EQ(heap_bad, 0u);
+    for (const auto& read : kReads) {
+      const std::vector<int>& expected = test.full ? read.full : read.mini;
+      Bytes want;
+      for (const int byte : expected)
+        want.push_back(static_cast<uint8_t>(std::max(byte, 0)));
+      Bytes data;
+      uint32_t bad = 99;
+      loaded.Read(read.address, static_cast<uint32_t>(want.size()), data, bad);
+      EXPECT_EQ(data, want) << test.full << std::hex << " " << read.address;
+      EXPECT_EQ(bad, static_cast<uint32_t>(std::count(expected.begin(), expected.end(), -1)))
+          << test.full << std::hex << " " << read.address;
+    }
+  }
+}
+
+TEST_F(CoreFiles, TheReaderRecordsTheProcessItsThreadsAndModules) {
   LoadedCore loaded;
-  ASSERT_TRUE(OpenCoreFile(WriteCore(), loaded.bytes).ok());
+  ASSERT_TRUE(OpenCoreFile(Write(false), loaded.bytes).ok());
   ASSERT_TRUE(ParseElfCore(*loaded.bytes, loaded.core).ok());
   loaded.files = std::make_unique<MappedFiles>(true);
   const ElfCore& core = loaded.core;
@@ -96,25 +184,6 @@ TEST_F(CoreDumpReader, ReadsWhatTheWriterSaved) {
                              0xdeadbeef, 0, 0, 0}));
   EXPECT_EQ(ReadCoreRegisters(core.threads[0], {0x7FFFF}, values).code,
             static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_REG_INDEX));
-
-  const struct {
-    uint64_t address;
-    uint32_t size;
-    Bytes data;
-    uint32_t bad;
-  } kReads[] = {
-      {0x11ffe, 2, {0xfe, 0xff}, 0},              // the heap, from the core
-      {0x21ffe, 4, {0xbe, 0xbf, 0xc0, 0xc1}, 0},  // the program, from its file's pages 1 and 2
-      {0x22ffe, 4, {0xce, 0xcf, 0, 0}, 2},        // past the mapping
-      {0x0fffe, 4, {0, 0, 0x00, 0x01}, 2},        // before the heap
-  };
-  for (const auto& read : kReads) {
-    Bytes data;
-    uint32_t bad = 99;
-    loaded.Read(read.address, read.size, data, bad);
-    EXPECT_EQ(data, read.data) << std::hex << read.address;
-    EXPECT_EQ(bad, read.bad) << std::hex << read.address;
-  }
   const ModuleInfoList modules = CoreModules(loaded);
   ASSERT_EQ(modules.size(), 1u);
   EXPECT_EQ(modules[0].Type, 0u);  // the executable: AT_ENTRY is in it
@@ -122,10 +191,8 @@ TEST_F(CoreDumpReader, ReadsWhatTheWriterSaved) {
 }
 
 // Each row damages a good core in one way; the reader refuses it with the code that says how.
-TEST_F(CoreDumpReader, RefusesDamagedFiles) {
-  std::ifstream in(WriteCore(), std::ios::binary);
-  const std::vector<uint8_t> good{std::istreambuf_iterator<char>(in),
-                                  std::istreambuf_iterator<char>()};
+TEST_F(CoreFiles, TheReaderRefusesDamagedFiles) {
+  const std::vector<uint8_t> good = FileBytes(Write(false));
   auto put = [](std::vector<uint8_t>& bytes, size_t at, uint64_t value, int width) {
     for (int i = 0; i < width; ++i)
       bytes[at + i] = static_cast<uint8_t>(value >> (8 * i));
@@ -165,6 +232,34 @@ TEST_F(CoreDumpReader, RefusesDamagedFiles) {
     EXPECT_EQ(status.code, static_cast<uint32_t>(test.code)) << test.what;
     EXPECT_FALSE(status.text.empty()) << test.what;
   }
+}
+
+TEST_F(CoreFiles, TheWriterRefusesOrRemovesWhatItCannotFinish) {
+  const std::string existing = (directory_ / "existing").string();
+  std::ofstream(existing) << "keep me";
+  const struct {
+    std::string path;
+    bool cancel_at_start;
+    int32_t code;
+    bool file_left;  // "keep me" still there
+  } kCases[] = {
+      {(directory_ / "cancelled").string(), true, KXAPI_COMMS_ERR_OPERATION_CANCELLED, false},
+      {existing, false, KXAPI_COMMS_ERR_COREDUMP_CREATE, true},
+      {(directory_ / "no" / "such" / "dir").string(), false, KXAPI_COMMS_ERR_COREDUMP_CREATE,
+       false},
+  };
+  for (const auto& test : kCases) {
+    std::atomic<bool> cancel{false};
+    const Status status = WriteCoreFile(test.path, Image(), true, Memory, cancel, [&](uint32_t) {
+      if (test.cancel_at_start) cancel = true;
+    });
+    EXPECT_EQ(status.code, test.code) << test.path;
+    EXPECT_EQ(std::filesystem::exists(test.path), test.file_left) << test.path;
+  }
+  std::ifstream kept(existing);
+  std::string text;
+  std::getline(kept, text);
+  EXPECT_EQ(text, "keep me");
 }
 
 }  // namespace
