@@ -39,32 +39,16 @@ constexpr char kEventsScenario[] = R"(kits:
 
 class EventsTest : public ServerTest {
  protected:
-  void SetUp() override {
-    server_ = std::make_unique<ServerProcess>(
-        user_, std::vector<std::string>{"--log-level", "2", "--scenario",
-                                        WriteScenario(kEventsScenario, "events")});
-    ASSERT_TRUE(server_->Started());
-    ASSERT_TRUE(server_->WaitReady()) << server_->Output();
-  }
+  void SetUp() override { StartServer(false, kEventsScenario); }
 
-  uint32_t HandleOf(const std::u16string& host) {
-    CGetTargetsByHostRequest request;
-    request.HostName = host;
-    const auto response = a_.Call<CGetTargetsByHostResponse>(kNone, request);
-    return response.Targets.size() == 1 ? response.Targets[0] : kNone;
-  }
   static void SubscribeConsole(Client& client, uint32_t handle) {
-    EXPECT_EQ(
-        client
-            .Call<CRequestConsoleOutputEventsResponse>(handle, CRequestConsoleOutputEventsRequest{})
-            .Result,
-        0u);
+    EXPECT_EQ(client.Call(handle, CRequestConsoleOutputEventsRequest{}).Result, 0u);
   }
   static ConsoleCacheRecordList FetchAll(Client& client, uint32_t handle) {
     ConsoleCacheRecordList all;
     CFetchConsoleCacheRequest request;
     for (;;) {
-      const auto response = client.Call<CFetchConsoleCacheResponse>(handle, request);
+      const auto response = client.Call(handle, request);
       EXPECT_EQ(response.Result, 0u);
       if (response.Records.empty() || response.Result != 0) return all;
       all.insert(all.end(), response.Records.begin(), response.Records.end());
@@ -72,8 +56,7 @@ class EventsTest : public ServerTest {
     }
   }
   static uint32_t UpperBound(Client& client, uint32_t handle) {
-    return client.Call<CGetConsoleCacheUBoundResponse>(handle, CGetConsoleCacheUBoundRequest{})
-        .UpperBound;
+    return client.Call(handle, CGetConsoleCacheUBoundRequest{}).UpperBound;
   }
 
   Client a_{user_};
@@ -81,9 +64,9 @@ class EventsTest : public ServerTest {
 };
 
 TEST_F(EventsTest, ScriptedNotificationsReachTheirSubscribersOnly) {
-  const uint32_t one = HandleOf(u"kit-one");
+  const uint32_t one = a_.HandleOf(u"kit-one");
   SubscribeConsole(a_, one);
-  SubscribeConsole(b_, HandleOf(u"kit-two"));
+  SubscribeConsole(b_, a_.HandleOf(u"kit-two"));
   const auto pieces = a_.WaitNotifications(3);
   ASSERT_EQ(a_.NotificationNames(), (std::vector<std::string>(3, "CONSOLE_OUTPUT")));
   for (size_t i = 0; i < pieces.size(); ++i) {
@@ -101,7 +84,7 @@ TEST_F(EventsTest, ScriptedNotificationsReachTheirSubscribersOnly) {
   EXPECT_EQ(cached[2].Port, 2u);
 
   // The USB script waits for the Server group: the whole server's key.
-  EXPECT_EQ(b_.Call<CRequestServerEventsResponse>(kNone, CRequestServerEventsRequest{}).Result, 0u);
+  EXPECT_EQ(b_.Call(kNone, CRequestServerEventsRequest{}).Result, 0u);
   const auto usb = b_.WaitNotifications(2);
   ASSERT_EQ(b_.NotificationNames(),
             (std::vector<std::string>{"USB_TARGET_PLUGGED_IN", "USB_TARGET_UNPLUGGED"}));
@@ -114,24 +97,21 @@ TEST_F(EventsTest, ScriptedNotificationsReachTheirSubscribersOnly) {
 // Echo, sizes and clearing are seen through the library (tests/api/event_delivery_test.cpp);
 // these are requests it refuses to send or cannot address.
 TEST_F(EventsTest, ConsoleInputAndCacheSizeRefuseWhatTheyCannotTake) {
-  const uint32_t two = HandleOf(u"kit-two");
+  const uint32_t two = a_.HandleOf(u"kit-two");
   CSendConsoleInputWithEchoRequest echo;
-  EXPECT_EQ(b_.Call<CSendConsoleInputWithEchoResponse>(two, echo).Result,
-            static_cast<uint32_t>(KXAPI_SERVER_INVALID_ARG));
+  EXPECT_EQ(b_.Call(two, echo).Result, Code(KXAPI_SERVER_INVALID_ARG));
   CSendConsoleInputRequest plain;
   plain.Text = u"quiet";
-  EXPECT_EQ(b_.Call<CSendConsoleInputResponse>(4242, plain).Result,
-            static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
+  EXPECT_EQ(b_.Call(4242, plain).Result, Code(KXAPI_SERVER_INVALID_TARGET));
   CSetConsoleCacheSizeRequest size;
   size.Size = 1048577;
-  EXPECT_EQ(b_.Call<CSetConsoleCacheSizeResponse>(two, size).Result,
-            static_cast<uint32_t>(KXAPI_SERVER_INVALID_ARG));
+  EXPECT_EQ(b_.Call(two, size).Result, Code(KXAPI_SERVER_INVALID_ARG));
 }
 
 // kit-flood writes 1200 pieces at once. A client that does not acknowledge gets the first 64;
 // 1024 more wait for it and the rest are dropped for it, which it learns once it catches up.
 TEST_F(EventsTest, ConsoleOutputIsPacedOnAcknowledgementsAndDropsAreReported) {
-  const uint32_t flood = HandleOf(u"kit-flood");
+  const uint32_t flood = a_.HandleOf(u"kit-flood");
   SubscribeConsole(a_, flood);
   a_.WaitNotifications(64);
   ASSERT_TRUE(WaitUntil([&] { return UpperBound(b_, flood) == 1200; }));

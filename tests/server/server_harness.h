@@ -18,6 +18,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "platform/child_process.h"
@@ -37,6 +38,25 @@
 namespace qv::servertest {
 
 inline constexpr uint32_t kNone = 0xFFFFFFFF;
+
+// A result code as a response's Result holds it.
+constexpr uint32_t Code(eErrorCode code) {
+  return static_cast<uint32_t>(code);
+}
+
+// The response class of each request class.
+template <class Request>
+struct ResponseOf;
+#define VEKX_RESPONSE_OF(Camel, ...)     \
+  template <>                            \
+  struct ResponseOf<C##Camel##Request> { \
+    using type = C##Camel##Response;     \
+  };
+#define VEKX_OPERATION VEKX_RESPONSE_OF
+#include "requests/operations.def"
+#define VEKX_OPERATION VEKX_RESPONSE_OF
+#include "requests/debug_operations.def"
+#undef VEKX_RESPONSE_OF
 
 // A user name for one test's server.
 inline std::u16string TestUser() {
@@ -189,14 +209,25 @@ class Client {
 
   // Sends `request` about `target` and returns the response (LinkStatus failures fail the test
   // and leave Result at KXAPI_UNKNOWN).
-  template <class Response, class Request>
-  Response Call(uint32_t target, const Request& request) {
-    Response response;
+  template <class Response = void, class Request>
+  auto Call(uint32_t target, const Request& request) {
+    std::conditional_t<std::is_void_v<Response>, typename ResponseOf<Request>::type, Response>
+        response;
     uint32_t sequence = 0;
     const LinkStatus status = link_->SendAndWait(target, request, response, sequence);
     EXPECT_EQ(status, LinkStatus::kSuccess) << platform::Utf16ToUtf8(request.GetName());
     if (status != LinkStatus::kSuccess) response.Result = static_cast<uint32_t>(KXAPI_UNKNOWN);
     return response;
+  }
+
+  // The handle of a host the scenario registers.
+  uint32_t HandleOf(const std::u16string& host) {
+    CGetTargetsByHostRequest request;
+    request.HostName = host;
+    const auto response = Call(kNone, request);
+    EXPECT_EQ(response.Result, 0u);
+    EXPECT_EQ(response.Targets.size(), 1u) << platform::Utf16ToUtf8(host);
+    return response.Targets.empty() ? kNone : response.Targets[0];
   }
 
   // Waits until `count` notifications have arrived (at most 10 s) and returns all of them.
@@ -215,10 +246,6 @@ class Client {
     for (const auto& notification : Notifications())
       names.push_back(platform::Utf16ToUtf8(notification->GetName()));
     return names;
-  }
-  void ClearNotifications() {
-    std::lock_guard lock(mutex_);
-    notifications_.clear();
   }
   ServerLink& link() { return *link_; }
 
@@ -331,19 +358,16 @@ class RawClient {
   std::thread watchdog_;
 };
 
-// A fixture that starts vesta-kx on kQuickScenario (or the built-in one) and stops it at the end,
-// expecting a clean exit where it can be asked to stop.
+// A fixture that starts vesta-kx on kQuickScenario (or another scenario, or the built-in one) and
+// stops it at the end, expecting a clean exit where it can be asked to stop.
 class ServerTest : public ::testing::Test {
  protected:
   // Tests of a tool that serves the account's own user name pass that name.
   explicit ServerTest(std::u16string user = TestUser()) : user_(std::move(user)) {}
 
-  void StartServer(bool built_in = false) {
+  void StartServer(bool built_in = false, const char* scenario = kQuickScenario) {
     std::vector<std::string> args{"--log-level", "2"};
-    if (!built_in) {
-      args.push_back("--scenario");
-      args.push_back(WriteScenario(kQuickScenario));
-    }
+    if (!built_in) args.insert(args.end(), {"--scenario", WriteScenario(scenario)});
     args.insert(args.end(), extra_args_.begin(), extra_args_.end());
     server_ = std::make_unique<ServerProcess>(user_, args);
     ASSERT_TRUE(server_->Started());

@@ -30,7 +30,7 @@ TEST(ServerProcessTest, ASecondServerExitsAtOnceAndTheFirstEndsCleanlyWhenAsked)
   // The first one still serves, on the built-in scenario.
   {
     Client client(user);
-    const auto list = client.Call<CGetTargetListResponse>(kNone, CGetTargetListRequest{});
+    const auto list = client.Call(kNone, CGetTargetListRequest{});
 #ifdef __linux__
     EXPECT_EQ(list.Targets.size(), 4u);  // and the local target
 #else
