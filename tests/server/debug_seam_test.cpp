@@ -3,23 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <future>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "platform/wide_string.h"
-#include "requests/catalogue.h"
+#include "dispatch_harness.h"
 #include "server/core/packet_log.h"
-#include "server/core/request_dispatcher.h"
 #include "server/handlers/handlers.h"
-#include "server/targets/target_registry.h"
-#include "serverlink/frame.h"
-#include "serverlink/wire_fields.h"
 
 namespace qv::server {
 namespace {
@@ -53,22 +41,6 @@ class RecordingBackend : public DebugBackend {
   std::shared_ptr<DebugEvents> events;
 };
 
-class CountingSink : public ClientSink {
- public:
-  void Post(SharedBody body) override {
-    MessageBuffer in(body->Data(), body->Size());
-    uint32_t kind = 0;
-    uint32_t type_number = 0;
-    if (ReadField(in, kind) && ReadField(in, type_number)) types.push_back(type_number);
-  }
-  std::vector<uint32_t> types;
-};
-
-struct Answer {
-  uint32_t result = 0;
-  std::string text;
-};
-
 class DebugSeamTest : public ::testing::Test {
  protected:
   DebugSeamTest()
@@ -96,19 +68,9 @@ class DebugSeamTest : public ::testing::Test {
     return scenario;
   }
 
-  Answer Ask(const CRequest& request, uint32_t target) {
-    MessageBuffer body;
-    EXPECT_TRUE(WriteRequestHeader(body, request.GetTypeNumber(), target, 7) &&
-                request.Serialize(body));
-    const auto answer = dispatcher_.Dispatch(1, 100, body.Data(), body.Size());
-    EXPECT_TRUE(answer.has_value());
-    MessageBuffer in(answer->Data(), answer->Size());
-    uint32_t kind = 0;
-    uint32_t type_number = 0;
-    CResponse head;
-    EXPECT_TRUE(ReadField(in, kind) && ReadField(in, type_number) &&
-                head.CResponse::Deserialize(in));
-    return {head.Result, platform::Utf16ToUtf8(head.ResultText)};
+  template <class Request>
+  auto Ask(const Request& request, uint32_t target) {
+    return Dispatch(dispatcher_, request, target);
   }
 
   std::shared_ptr<RecordingBackend> recorded_;  // before the registry, which makes it
@@ -120,14 +82,14 @@ class DebugSeamTest : public ::testing::Test {
 TEST_F(DebugSeamTest, EveryDebugOperationReachesTheMethodOfItsNameOrIsNamedAsMissing) {
   recorded_->release.set_value();
   size_t count = 0;
-#define VEKX_OPERATION(Camel, WIRE, number, request_fields, response_fields)                    \
-  {                                                                                             \
-    ++count;                                                                                    \
-    EXPECT_EQ(Ask(C##Camel##Request{}, 1).result, 0u) << #WIRE;                                 \
-    EXPECT_EQ(recorded_->calls.back(), #WIRE);                                                  \
-    const Answer missing = Ask(C##Camel##Request{}, 2);                                         \
-    EXPECT_EQ(missing.result, static_cast<uint32_t>(KXAPI_COMMS_ERR_NOT_IMPLEMENTED)) << #WIRE; \
-    EXPECT_EQ(missing.text, #WIRE " is not available on this target");                          \
+#define VEKX_OPERATION(Camel, WIRE, number, request_fields, response_fields)     \
+  {                                                                              \
+    ++count;                                                                     \
+    EXPECT_EQ(Ask(C##Camel##Request{}, 1).Result, 0u) << #WIRE;                  \
+    EXPECT_EQ(recorded_->calls.back(), #WIRE);                                   \
+    const auto missing = Ask(C##Camel##Request{}, 2);                            \
+    EXPECT_EQ(missing.Result, Code(KXAPI_COMMS_ERR_NOT_IMPLEMENTED)) << #WIRE;   \
+    EXPECT_EQ(missing.ResultText, u"" #WIRE " is not available on this target"); \
   }
 #include "requests/debug_operations.def"
   EXPECT_EQ(recorded_->calls.size(), count);
@@ -146,8 +108,7 @@ TEST_F(DebugSeamTest, TargetsThatCannotDebugSaySoBeforeAnyBackendIsAsked) {
       {kNoTarget, KXAPI_SERVER_INVALID_TARGET},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(Ask(CKillProcessRequest{}, c.target).result, static_cast<uint32_t>(c.code))
-        << c.target;
+    EXPECT_EQ(Ask(CKillProcessRequest{}, c.target).Result, Code(c.code)) << c.target;
   }
   EXPECT_TRUE(recorded_->calls.empty());
   recorded_->release.set_value();
@@ -160,16 +121,15 @@ TEST_F(DebugSeamTest, ACallHeldInOneBackendHoldsUpNoOtherTarget) {
     if (!recorded_->calls.empty()) break;
   }
   // The registry's lock is free while the call waits in the backend.
-  EXPECT_EQ(Ask(CKillProcessRequest{}, 2).result,
-            static_cast<uint32_t>(KXAPI_COMMS_ERR_NOT_IMPLEMENTED));
+  EXPECT_EQ(Ask(CKillProcessRequest{}, 2).Result, Code(KXAPI_COMMS_ERR_NOT_IMPLEMENTED));
   EXPECT_EQ(registry_.TargetList().size(), 4u);
   recorded_->release.set_value();
-  EXPECT_EQ(held.get().result, 0u);
+  EXPECT_EQ(held.get().Result, 0u);
 }
 
 TEST_F(DebugSeamTest, NotificationsGoToTheTargetsDebugSubscribersUntilItIsDeleted) {
   recorded_->release.set_value();
-  CountingSink debug_of_1, debug_of_2, server_group;
+  DecodingSink debug_of_1, debug_of_2, server_group;
   registry_.AddClient({1, 100}, &debug_of_1);
   registry_.AddClient({2, 101}, &debug_of_2);
   registry_.AddClient({3, 102}, &server_group);
@@ -183,15 +143,14 @@ TEST_F(DebugSeamTest, NotificationsGoToTheTargetsDebugSubscribersUntilItIsDelete
   thread.TargetKey = 1;
   recorded_->events->Post(created);
   recorded_->events->Post(thread);
-  EXPECT_EQ(debug_of_1.types, (std::vector<uint32_t>{CProcessCreateNotification::kTypeNumber,
-                                                     CThreadCreateNotification::kTypeNumber}));
-  EXPECT_TRUE(debug_of_2.types.empty());
+  EXPECT_EQ(debug_of_1.Names(), (std::vector<std::string>{"PROCESS_CREATE", "THREAD_CREATE"}));
+  EXPECT_TRUE(debug_of_2.All().empty());
 
   ASSERT_TRUE(registry_.DeleteTarget(1).ok());
   EXPECT_EQ(recorded_->shutdowns, 1);
   recorded_->events->Post(created);  // late: dropped
-  EXPECT_EQ(debug_of_1.types.size(), 2u);
-  EXPECT_EQ(server_group.types, (std::vector<uint32_t>{CTargetDeletedNotification::kTypeNumber}));
+  EXPECT_EQ(debug_of_1.All().size(), 2u);
+  EXPECT_EQ(server_group.Names(), std::vector<std::string>{"TARGET_DELETED"});
   registry_.Shutdown();
   EXPECT_EQ(recorded_->shutdowns, 1) << "a deleted target's backend is not shut down twice";
 }

@@ -9,8 +9,7 @@
 #include <vector>
 
 #include "server/core/options.h"
-#include "server/kits/scenario_document.h"
-#include "server/server_harness.h"
+#include "server/dispatch_harness.h"
 
 namespace qv::server {
 namespace {
@@ -96,11 +95,8 @@ TEST(ScenarioTest, RefusesMistakesWithTheirLine) {
        "        steps: [{status: sideways}]\n",
        "s.yaml:6: 'status' must be down or up, not 'sideways'"},
   };
-  for (const Case& c : cases) {
-    const ScenarioResult result = ParseScenario(c.text, "s.yaml");
-    EXPECT_FALSE(result.scenario.has_value()) << c.text;
-    EXPECT_EQ(result.error.rfind(c.error, 0), 0u) << c.text << "\n  got: " << result.error;
-  }
+  for (const Case& c : cases)
+    ExpectRefused(c.text, c.error);
 }
 
 TEST(ScenarioTest, AnEmptyFileIsAnEmptyScenario) {
@@ -136,11 +132,8 @@ TEST(ScenarioTest, TheSubsetReaderRefusesYamlBeyondTheSubset) {
        "s.yaml:3: values nest deeper than 32 levels"},
       {"kits:\n  - host: a: b\n", "s.yaml:2: a value that holds ': ' must be in quotes"},
   };
-  for (const Case& c : cases) {
-    const ScenarioResult result = ParseScenarioWith(ReadYamlSubset, c.text, "s.yaml");
-    EXPECT_FALSE(result.scenario.has_value()) << c.text;
-    EXPECT_EQ(result.error.rfind(c.error, 0), 0u) << c.text << "\n  got: " << result.error;
-  }
+  for (const Case& c : cases)
+    ExpectRefused(c.text, c.error, {ReadYamlSubset});
 }
 
 #ifdef VEKX_SERVER_HAVE_YAML

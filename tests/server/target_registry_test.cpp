@@ -4,42 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <mutex>
 #include <thread>
 
-#include "requests/notifications.h"
-#include "serverlink/wire_fields.h"
+#include "dispatch_harness.h"
 
 namespace qv::server {
 namespace {
-
-// Collects what the registry posts, decoded.
-class RecordingSink : public ClientSink {
- public:
-  void Post(SharedBody body) override {
-    MessageBuffer in(body->Data(), body->Size());
-    uint32_t kind = 0;
-    uint32_t type_number = 0;
-    ASSERT_TRUE(ReadField(in, kind) && ReadField(in, type_number));
-    EXPECT_EQ(kind, 1u);
-    auto notification = NotificationFactory().Create(type_number);
-    ASSERT_NE(notification, nullptr);
-    ASSERT_TRUE(notification->Deserialize(in));
-    EXPECT_EQ(in.Size(), 0u);
-    std::lock_guard lock(mutex_);
-    received.push_back(std::move(notification));
-  }
-  std::vector<std::string> Names() {
-    std::lock_guard lock(mutex_);
-    std::vector<std::string> names;
-    for (const auto& notification : received)
-      names.emplace_back(notification->GetName().begin(), notification->GetName().end());
-    return names;
-  }
-
-  std::mutex mutex_;
-  std::vector<std::shared_ptr<CNotification>> received;
-};
 
 Scenario TwoKits() {
   Scenario scenario;
@@ -86,7 +56,7 @@ TEST(TargetRegistryTest, HandlesAreSmallNeverTheNoTargetValueAndNeverReused) {
 
 TEST(TargetRegistryTest, SubscriptionsAreSetsAndGoWithTheirClientAndTarget) {
   TargetRegistry registry(TwoKits());
-  RecordingSink sink;
+  DecodingSink sink;
   registry.AddClient({7, 700}, &sink);
   const uint32_t a = registry.TargetList().at(0);
   ASSERT_TRUE(registry.Subscribe(7, EventGroup::Target, a).ok());
@@ -104,20 +74,20 @@ TEST(TargetRegistryTest, SubscriptionsAreSetsAndGoWithTheirClientAndTarget) {
   EXPECT_EQ(registry.SubscriptionCount(7), 1u);
   EXPECT_EQ(sink.Names(),
             (std::vector<std::string>{"NAME_UPDATE", "TARGET_DELETED", "DEFAULT_TARGET_CHANGED"}));
-  EXPECT_EQ(static_cast<const CTargetDeletedNotification&>(*sink.received[1]).Handle, a);
-  EXPECT_EQ(static_cast<const CDefaultTargetChangedNotification&>(*sink.received[2]).NewHandle,
+  EXPECT_EQ(static_cast<const CTargetDeletedNotification&>(*sink.All()[1]).Handle, a);
+  EXPECT_EQ(static_cast<const CDefaultTargetChangedNotification&>(*sink.All()[2]).NewHandle,
             0xFFFFFFFFu);
   uint32_t unused = 0;
-  EXPECT_EQ(registry.DeleteTarget(a).code, static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET));
-  EXPECT_EQ(registry.GetDefaultTarget(unused).code, static_cast<uint32_t>(KXAPI_NO_TARGET));
+  EXPECT_EQ(registry.DeleteTarget(a).code, Code(KXAPI_SERVER_INVALID_TARGET));
+  EXPECT_EQ(registry.GetDefaultTarget(unused).code, Code(KXAPI_NO_TARGET));
   registry.Unsubscribe(7, EventGroup::Server, 12345);
   EXPECT_EQ(registry.SubscriptionCount(7), 0u);
 }
 
 TEST(TargetRegistryTest, AClientThatLeavesReleasesItsConnections) {
   TargetRegistry registry(TwoKits());
-  RecordingSink holder;
-  RecordingSink watcher;
+  DecodingSink holder;
+  DecodingSink watcher;
   registry.AddClient({1, 100}, &holder);
   registry.AddClient({2, 200}, &watcher);
   const uint32_t a = registry.TargetList().at(0);
@@ -131,7 +101,7 @@ TEST(TargetRegistryTest, AClientThatLeavesReleasesItsConnections) {
   EXPECT_EQ(state, ConnectionState::kAvailable);
   EXPECT_EQ(watcher.Names(), (std::vector<std::string>{"CONNECT", "CONNECTED", "DISCONNECT"}));
   // Nothing is posted to a client that has gone.
-  EXPECT_TRUE(holder.received.empty());
+  EXPECT_TRUE(holder.All().empty());
 }
 
 TEST(TargetRegistryTest, ShutdownEndsAPowerChangeThatIsWaiting) {
@@ -145,7 +115,7 @@ TEST(TargetRegistryTest, ShutdownEndsAPowerChangeThatIsWaiting) {
   WaitBusy(registry, a);
   registry.Shutdown();
   power_on.join();
-  EXPECT_EQ(result.code, static_cast<uint32_t>(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED));
+  EXPECT_EQ(result.code, Code(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED));
   PowerStatus power{};
   ASSERT_TRUE(registry.PowerStatusOf(a, power).ok());
   EXPECT_EQ(power, PowerStatus::kOff);
@@ -164,7 +134,7 @@ TEST(TargetRegistryTest, ChangesUnderWayEndWhenTheirTargetIsTakenOrDeleted) {
   WaitBusy(registry, a);
   ASSERT_TRUE(registry.ForceDisconnect(2, a).ok());
   connecting.join();
-  EXPECT_EQ(connect.code, static_cast<uint32_t>(KXAPI_COMMS_ERR_TARGET_IN_USE));
+  EXPECT_EQ(connect.code, Code(KXAPI_COMMS_ERR_TARGET_IN_USE));
   ConnectionState state{};
   ASSERT_TRUE(registry.ConnectionStateOf(2, a, state).ok());
   EXPECT_EQ(state, ConnectionState::kConnected);
@@ -175,7 +145,7 @@ TEST(TargetRegistryTest, ChangesUnderWayEndWhenTheirTargetIsTakenOrDeleted) {
   WaitBusy(registry, a);
   ASSERT_TRUE(registry.DeleteTarget(a).ok());
   powering.join();
-  EXPECT_EQ(power_on.code, static_cast<uint32_t>(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED));
+  EXPECT_EQ(power_on.code, Code(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED));
 }
 
 TEST(TargetRegistryTest, OnlyAForcedPowerOffIsAnnouncedAsOneAndTheObserverSeesWhatIsSent) {
@@ -185,7 +155,7 @@ TEST(TargetRegistryTest, OnlyAForcedPowerOffIsAnnouncedAsOneAndTheObserverSeesWh
         client_id, std::string(notification.GetName().begin(), notification.GetName().end()));
   });
   const uint32_t a = registry.TargetList().at(0);
-  RecordingSink sink;
+  DecodingSink sink;
   registry.AddClient({7, 700}, &sink);
   ASSERT_TRUE(registry.Subscribe(7, EventGroup::Target, a).ok());
   ASSERT_TRUE(registry.PowerOff(7, a).ok());
@@ -193,14 +163,14 @@ TEST(TargetRegistryTest, OnlyAForcedPowerOffIsAnnouncedAsOneAndTheObserverSeesWh
   // An ordinary power off is not one.
   const auto ordinary = sink.Names();
   EXPECT_EQ(std::count(ordinary.begin(), ordinary.end(), "FORCED_POWER_OFF"), 0);
-  sink.received.clear();
+  sink.Clear();
   observed.clear();
 
   ASSERT_TRUE(registry.ForcePowerOff(7, a).ok());
   const std::vector<std::string> forced{"BUSY", "POWER_STATE", "POWER_STATE", "FORCED_POWER_OFF",
                                         "IDLE"};
   EXPECT_EQ(sink.Names(), forced);
-  EXPECT_EQ(static_cast<const CForcedPowerOffNotification&>(*sink.received[3]).TargetKey, a);
+  EXPECT_EQ(static_cast<const CForcedPowerOffNotification&>(*sink.All()[3]).TargetKey, a);
   ASSERT_EQ(observed.size(), forced.size());
   for (size_t i = 0; i < forced.size(); ++i) {
     EXPECT_EQ(observed[i], std::make_pair(uint64_t{7}, forced[i])) << i;
