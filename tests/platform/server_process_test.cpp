@@ -78,12 +78,8 @@ std::string ReadFile(const fs::path& path) {
 // Waits for a file another process writes, at most 30 s so that a process that never runs
 // fails the test instead of hanging it.
 bool WaitForFile(const fs::path& path) {
-  for (int i = 0; i < 600; ++i) {
-    std::error_code error;
-    if (fs::exists(path, error)) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return false;
+  std::error_code error;
+  return testing::WaitUntil([&] { return fs::exists(path, error); }, std::chrono::seconds(30));
 }
 
 // --- Readiness -------------------------------------------------------------------------------
