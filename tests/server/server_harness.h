@@ -172,6 +172,14 @@ class ServerProcess {
     if (!asked) process_->Kill();
     return process_->Wait(10000);
   }
+  // Asks the server to end and expects a clean exit where it can be asked.
+  void StopCleanly() {
+    bool asked = false;
+    const std::optional<int> code = Stop(asked);
+    if (asked) {
+      EXPECT_EQ(code, std::optional<int>(0)) << Output();
+    }
+  }
   // Ends the server at once, as a crash would, and waits for it.
   void Kill() {
     process_->Kill();
@@ -375,12 +383,7 @@ class ServerTest : public ::testing::Test {
   }
   void SetUp() override { StartServer(); }
   void TearDown() override {
-    if (server_ == nullptr) return;
-    bool asked = false;
-    const std::optional<int> code = server_->Stop(asked);
-    if (asked) {
-      EXPECT_EQ(code, std::optional<int>(0)) << server_->Output();
-    }
+    if (server_ != nullptr) server_->StopCleanly();
   }
 
   const std::u16string user_;

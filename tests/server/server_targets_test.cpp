@@ -115,7 +115,7 @@ TEST_F(BuiltInTargetsTest, UnknownHostsCanBeAddedButNeverAnswer) {
   EXPECT_EQ(cached.Name, u"nobody.example");
 }
 
-TEST_F(TargetsTest, FindsTargetsByHostAndByName) {
+TEST_F(TargetsTest, ListsAndFindsTargetsByHostAndByName) {
   struct Case {
     bool by_name;
     std::u16string key;
@@ -143,6 +143,11 @@ TEST_F(TargetsTest, FindsTargetsByHostAndByName) {
       check(a_.Call(kNone, by_host));
     }
   }
+  // The list holds the registered kits (not kit-spare) in the scenario's order.
+  std::vector<std::u16string> hosts;
+  for (uint32_t handle : a_.Call(kNone, CGetTargetListRequest{}).Targets)
+    hosts.push_back(a_.Call(handle, CGetHostNameRequest{}).HostName);
+  EXPECT_EQ(hosts, (std::vector<std::u16string>{u"kit-one", u"kit-two", u"kit-gone", u"kit-slow"}));
   // A summary needs the kit to answer, not to be registered.
   CGetTargetSummaryRequest summary;
   summary.Host = u"kit-spare";
@@ -214,9 +219,11 @@ TEST_F(BuiltInTargetsTest, TheHolderOfAConnectionHearsItTakenAndALeavingClientGi
                 .find("process"),
             std::string::npos);
 
-  // A client that goes away gives its connections back.
+  // A client that goes away gives its connections back, which the others hear.
   b_.link().Disconnect();
   EXPECT_TRUE(WaitUntil([&] { return state(a_) == ConnectionState::kAvailable; }));
+  a_.WaitNotifications(5);
+  EXPECT_EQ(a_.NotificationNames().back(), "DISCONNECT");
 }
 
 TEST_F(BuiltInTargetsTest, AClientThatStopsWaitingForAConnectionCancelsItsRequest) {

@@ -84,26 +84,6 @@ TEST(TargetRegistryTest, SubscriptionsAreSetsAndGoWithTheirClientAndTarget) {
   EXPECT_EQ(registry.SubscriptionCount(7), 0u);
 }
 
-TEST(TargetRegistryTest, AClientThatLeavesReleasesItsConnections) {
-  TargetRegistry registry(TwoKits());
-  DecodingSink holder;
-  DecodingSink watcher;
-  registry.AddClient({1, 100}, &holder);
-  registry.AddClient({2, 200}, &watcher);
-  const uint32_t a = registry.TargetList().at(0);
-  ASSERT_TRUE(registry.Subscribe(2, EventGroup::Target, a).ok());
-  ASSERT_TRUE(registry.Connect(1, a).ok());
-  ConnectionState state{};
-  ASSERT_TRUE(registry.ConnectionStateOf(2, a, state).ok());
-  EXPECT_EQ(state, ConnectionState::kInUse);
-  registry.RemoveClient(1);
-  ASSERT_TRUE(registry.ConnectionStateOf(2, a, state).ok());
-  EXPECT_EQ(state, ConnectionState::kAvailable);
-  EXPECT_EQ(watcher.Names(), (std::vector<std::string>{"CONNECT", "CONNECTED", "DISCONNECT"}));
-  // Nothing is posted to a client that has gone.
-  EXPECT_TRUE(holder.All().empty());
-}
-
 TEST(TargetRegistryTest, ShutdownEndsAPowerChangeThatIsWaiting) {
   Scenario scenario = TwoKits();
   scenario.kits[0].power = PowerStatus::kOff;
