@@ -177,33 +177,13 @@ class DebugLiveTest : public LiveApiTest {
   std::string Scenario() const override { return kDebugScenario; }
 };
 
-class StopSink : public vekx::EventSink<IEventDebug> {
- public:
-  HRESULT STDMETHODCALLTYPE OnStopNotification(IStopNotificationEvent* event) override {
-    std::lock_guard lock(mutex_);
-    return event->get_StopNotification(stop_.Put());
-  }
-  vekx::ComPtr<IStopNotification> Stop() {
-    std::lock_guard lock(mutex_);
-    return stop_;
-  }
-  void Clear() {
-    std::lock_guard lock(mutex_);
-    stop_.Reset();
-  }
-
- private:
-  std::mutex mutex_;
-  vekx::ComPtr<IStopNotification> stop_;
-};
-
 // Load stopped at the entry, read and patch memory, set a breakpoint in the loop and run into it:
 // the stop reaches the sink, and its objects read back the process and the stopped thread.
 TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   auto target = Target("kit-debug");
   ASSERT_TRUE(target);
   ASSERT_EQ(target->Connect(), S_OK);
-  const auto sink = vekx::MakeSink<StopSink>();
+  const auto sink = vekx::MakeSink<StopRecorder>();
   ASSERT_EQ(target->AdviseDebugEvents(sink.Get()), S_OK);
   vekx::ComPtr<IProcess> loaded;
   ASSERT_EQ(target->LoadProcess(DEVICE_APP, vekx::Bstr::FromUtf8("/app/loop.elf").Get(), 1, 0,
@@ -214,8 +194,9 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   ASSERT_EQ(loaded.QueryInto(IID_IProcess10, process), S_OK);
   ULONG pid = 0;
   ASSERT_EQ(process->get_Id(&pid), S_OK);
-  ASSERT_TRUE(servertest::WaitUntil([&] { return sink->Stop().Get() != nullptr; }));
-  sink->Clear();  // the stop at the entry point
+  vekx::ComPtr<IStopNotification> stop;
+  sink->WaitStop(0, nullptr, &stop);
+  ASSERT_TRUE(stop);  // the stop at the entry point
 
   vekx::Variant bytes;
   ULONG bad = 99;
@@ -223,19 +204,16 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   EXPECT_EQ(bad, 2u);  // the two bytes before the region
   vekx::Variant opcode;
   ULONG id = 0;
-  ASSERT_EQ(process->SetSoftwareBreakpoint(0, 0x401004, SWBREAKPT_ATTR_MODE, 0,
-                                           vekx::Variant().Get(), opcode.Put(), &id),
-            S_OK)
-      << TakeErrorText();
+  ASSERT_EQ(Break(process.Get(), 0, 0x401004, opcode, id), S_OK) << TakeErrorText();
   std::vector<vekx::Variant> original;
   ASSERT_EQ(vekx::ArrayElements(opcode.Get(), original), S_OK);
   ASSERT_EQ(original.size(), 1u);
   EXPECT_EQ(original[0].Get().bVal, 0x90);
 
-  vekx::Variant failed;
-  ASSERT_EQ(process->Resume(vekx::Variant().Get(), failed.Put()), S_OK) << TakeErrorText();
-  ASSERT_TRUE(servertest::WaitUntil([&] { return sink->Stop().Get() != nullptr; }));
-  auto stop = sink->Stop();
+  ASSERT_EQ(Resume(process.Get()), S_OK) << TakeErrorText();
+  stop.Reset();
+  sink->WaitStop(1, nullptr, &stop);
+  ASSERT_TRUE(stop);
   vekx::ComPtr<IProcessInfo> info;
   ASSERT_EQ(stop->get_ProcessInfo(info.Put()), S_OK);
   ULONG stopped_pid = 0;

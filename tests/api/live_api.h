@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "server/server_harness.h"
 #include "vekxapi/bstr.h"
 #include "vekxapi/com_ptr.h"
+#include "vekxapi/event_sink.h"
 #include "vekxapi/variant.h"
 #include "vekxapi/vekxapi.h"
 
@@ -86,6 +88,63 @@ inline std::vector<std::string> LoggedRequests(const std::string& path) {
   }
   return requests;
 }
+
+// Resumes every thread of `process`, or steps the threads `tids` names.
+inline HRESULT Resume(IProcess10* process, const vekx::Variant& tids = {}) {
+  vekx::Variant failed;
+  return process->Resume(tids.Get(), failed.Put());
+}
+
+// A breakpoint at `address` for `thread` (0: every thread), its original code in `opcode`.
+inline HRESULT Break(IProcess10* process, ULONG thread, uint64_t address, vekx::Variant& opcode,
+                     ULONG& id) {
+  return process->SetSoftwareBreakpoint(thread, address, SWBREAKPT_ATTR_MODE, 0,
+                                        vekx::Variant().Get(), opcode.Put(), &id);
+}
+
+// The Debug group's stops: how many came, and the last one.
+class StopRecorder : public vekx::EventSink<IEventDebug> {
+ public:
+  HRESULT STDMETHODCALLTYPE OnStopNotification(IStopNotificationEvent* event) override {
+    vekx::ComPtr<IStopNotification> stop;
+    const HRESULT hr = event->get_StopNotification(stop.Put());
+    std::lock_guard lock(mutex_);
+    last_ = stop;
+    ++stops_;
+    return hr;
+  }
+
+  // Waits for the stop after `stops` earlier ones: its reason code (0 on a time-out), its thread
+  // in `thread` and the stop itself in `stop`.
+  uint32_t WaitStop(int stops, ULONG* thread = nullptr,
+                    vekx::ComPtr<IStopNotification>* stop = nullptr) {
+    vekx::ComPtr<IStopNotification> last;
+    if (!servertest::WaitUntil([&] {
+          std::lock_guard lock(mutex_);
+          last = last_;
+          return stops_ > stops;
+        }) ||
+        !last) {
+      return 0;
+    }
+    if (stop != nullptr) *stop = last;
+    vekx::ComPtr<IProcessInfo> info;
+    vekx::ComPtr<IStopReason> reason;
+    eStopNotificationReason code{};
+    EXPECT_EQ(last->get_ProcessInfo(info.Put()), S_OK);
+    ULONG tid = 0;
+    EXPECT_EQ(last->get_ThreadId(&tid), S_OK);
+    if (thread != nullptr) *thread = tid;
+    if (!info || info->get_StopReason(reason.Put()) != S_OK || reason->get_Code(&code) != S_OK)
+      return 0;
+    return static_cast<uint32_t>(code);
+  }
+
+ private:
+  std::mutex mutex_;
+  int stops_ = 0;
+  vekx::ComPtr<IStopNotification> last_;
+};
 
 class LiveApiTest : public ::testing::Test {
  protected:

@@ -61,42 +61,6 @@ std::vector<uint64_t> Numbers(const vekx::Variant& array) {
   return numbers;
 }
 
-// The last stop as the Debug group tells it (the other Debug events go to a RecordingSink).
-class StopRecorder : public vekx::EventSink<IEventDebug> {
- public:
-  HRESULT STDMETHODCALLTYPE OnStopNotification(IStopNotificationEvent* event) override {
-    vekx::ComPtr<IStopNotification> stop;
-    vekx::ComPtr<IProcessInfo> info;
-    vekx::ComPtr<IStopReason> reason;
-    event->get_StopNotification(stop.Put());
-    stop->get_ProcessInfo(info.Put());
-    info->get_StopReason(reason.Put());
-    std::lock_guard lock(mutex_);
-    stop->get_ThreadId(&stop_thread_);
-    reason->get_Code(&stop_code_);
-    ++stops_;
-    return S_OK;
-  }
-
-  // Waits for the stop after `stops` earlier ones; its reason code, or 0 on a time-out.
-  uint32_t WaitStop(int stops, ULONG* thread = nullptr) {
-    if (!servertest::WaitUntil([&] {
-          std::lock_guard lock(mutex_);
-          return stops_ > stops;
-        }))
-      return 0;
-    std::lock_guard lock(mutex_);
-    if (thread != nullptr) *thread = stop_thread_;
-    return static_cast<uint32_t>(stop_code_);
-  }
-
- private:
-  std::mutex mutex_;
-  int stops_ = 0;
-  ULONG stop_thread_ = 0;
-  eStopNotificationReason stop_code_{};
-};
-
 class LocalTargetTest : public LiveApiTest {
  protected:
   std::string Scenario() const override { return "local: true\n"; }
@@ -156,17 +120,6 @@ class LocalTargetTest : public LiveApiTest {
     EXPECT_EQ(thread->GetRegisters(ArrayOf(VT_I4, ids).Get(), values.Put()), S_OK)
         << TakeErrorText();
     return Numbers(values);
-  }
-  // Resumes every thread of `process`, or steps the threads `tids` names.
-  static HRESULT Resume(IProcess10* process, const vekx::Variant& tids = {}) {
-    vekx::Variant failed;
-    return process->Resume(tids.Get(), failed.Put());
-  }
-  // A breakpoint at `address` for `thread` (0: every thread), its original code in `opcode`.
-  static HRESULT Break(IProcess10* process, ULONG thread, uint64_t address, vekx::Variant& opcode,
-                       ULONG& id) {
-    return process->SetSoftwareBreakpoint(thread, address, SWBREAKPT_ATTR_MODE, 0,
-                                          vekx::Variant().Get(), opcode.Put(), &id);
   }
   // The program run with `args`, stopped at its entry (after `stops` earlier stops), its pid in
   // pid_; then a breakpoint for every thread at `address`, its original code in `opcode`.

@@ -24,26 +24,6 @@ using vekx::ComPtr;
 
 constexpr int kThreads = 4;
 
-// What the threads saw that they should not have: collected under a lock, reported by the test.
-class Faults {
- public:
-  void Add(std::string fault) {
-    std::lock_guard lock(mutex_);
-    if (faults_.size() < 20) faults_.push_back(std::move(fault));
-  }
-  std::string Text() const {
-    std::lock_guard lock(mutex_);
-    std::string text;
-    for (const std::string& fault : faults_)
-      text += fault + "\n";
-    return text;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> faults_;
-};
-
 std::string Hex(HRESULT hr) {
   char text[16];
   std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(hr));
@@ -65,7 +45,6 @@ TEST_F(SharedObjectsTest, CallsFromManyThreadsGetTheirOwnAnswersAndErrorObjects)
   ComPtr<ITarget47> shared = Target("kit-one");
   ComPtr<ITarget47> gone = Target("kit-gone");
   ASSERT_TRUE(shared && gone);
-  Faults faults;
   OnThreads([&](int index) {
     for (int round = 0; round < 25; ++round) {
       // The shared target's count moves on every thread; a private one comes and goes.
@@ -74,20 +53,21 @@ TEST_F(SharedObjectsTest, CallsFromManyThreadsGetTheirOwnAnswersAndErrorObjects)
       const HRESULT added = round % 2 == 0
                                 ? api_->AddTarget(Bstr::FromUtf8("kit-one").Get(), own.Put())
                                 : api_->get_DefaultTarget(own.Put());
-      if (added != S_OK) faults.Add("thread " + std::to_string(index) + ": target " + Hex(added));
+      if (added != S_OK)
+        ADD_FAILURE() << "thread " + std::to_string(index) + ": target " + Hex(added);
       ePowerStatus power{};
       if (HRESULT hr = shared->get_PowerStatus(&power); hr != S_OK || power != POWER_STATUS_ON) {
-        faults.Add("PowerStatus " + Hex(hr));
+        ADD_FAILURE() << "PowerStatus " + Hex(hr);
       }
       eConnectionState state{};
       if (HRESULT hr = shared->get_ConnectionState(&state);
           hr != S_OK || state != CONNECTION_AVAILABLE) {
-        faults.Add("ConnectionState " + Hex(hr));
+        ADD_FAILURE() << "ConnectionState " + Hex(hr);
       }
       Bstr name;
       if (own) {
         if (HRESULT hr = own->get_Name(name.Put()); hr != S_OK || name.Utf8() != "One") {
-          faults.Add("Name " + Hex(hr) + " '" + name.Utf8() + "'");
+          ADD_FAILURE() << "Name " + Hex(hr) + " '" + name.Utf8() + "'";
         }
       }
       shared->Release();
@@ -95,14 +75,13 @@ TEST_F(SharedObjectsTest, CallsFromManyThreadsGetTheirOwnAnswersAndErrorObjects)
       if (index % 2 == 0) {
         if (gone->get_Name(name.Put()) != KXAPI_COMMS_ERR_NO_CONNECT ||
             TakeErrorText().find("'kit-gone'") == std::string::npos) {
-          faults.Add("kit-gone's failure without its text");
+          ADD_FAILURE() << "kit-gone's failure without its text";
         }
       } else if (std::string text = TakeErrorText(); !text.empty()) {
-        faults.Add("an error object on a thread with no failure: " + text);
+        ADD_FAILURE() << "an error object on a thread with no failure: " + text;
       }
     }
   });
-  EXPECT_EQ(faults.Text(), "");
 }
 
 TEST_F(SharedObjectsTest, EveryCallAfterADisposeOnAnotherThreadIsRefused) {
@@ -110,7 +89,6 @@ TEST_F(SharedObjectsTest, EveryCallAfterADisposeOnAnotherThreadIsRefused) {
   ASSERT_TRUE(shared);
   std::atomic<bool> disposed{false};
   std::atomic<int> calls_before{0};
-  Faults faults;
   std::thread disposer([&] {
     WaitUntil([&] { return calls_before.load() >= kThreads * 5; });
     EXPECT_EQ(api_->Dispose(), S_OK);
@@ -133,7 +111,7 @@ TEST_F(SharedObjectsTest, EveryCallAfterADisposeOnAnotherThreadIsRefused) {
         // A call that overlaps the Dispose may fail either way, but one that starts after it
         // must not reach the server.
         if (was_disposed && hr != E_UNEXPECTED) {
-          faults.Add("thread " + std::to_string(index) + ": " + Hex(hr) + " after Dispose");
+          ADD_FAILURE() << "thread " + std::to_string(index) + ": " + Hex(hr) + " after Dispose";
         }
       }
       if (was_disposed) {
@@ -143,10 +121,10 @@ TEST_F(SharedObjectsTest, EveryCallAfterADisposeOnAnotherThreadIsRefused) {
       }
     }
     ULONG handle = 0;
-    if (shared->get_Handle(&handle) != S_OK || handle == 0) faults.Add("no handle after Dispose");
+    if (shared->get_Handle(&handle) != S_OK || handle == 0)
+      ADD_FAILURE() << "no handle after Dispose";
   });
   disposer.join();
-  EXPECT_EQ(faults.Text(), "");
 }
 
 TEST_F(SharedObjectsTest, CallsAfterTheServerCameBackReconnect) {
@@ -159,7 +137,6 @@ TEST_F(SharedObjectsTest, CallsAfterTheServerCameBackReconnect) {
   std::atomic<int> calls_first{0};
   std::atomic<int> failed_between{0};
   std::atomic<int> threads_back{0};
-  Faults faults;
   std::thread restarter([&] {
     WaitUntil([&] { return calls_first.load() >= kThreads * 5; });
     phase.store(1);
@@ -167,11 +144,11 @@ TEST_F(SharedObjectsTest, CallsAfterTheServerCameBackReconnect) {
     // The second server starts once a call has failed without one (a fixed pause was sometimes
     // too short on a loaded machine for any thread to call in between).
     if (!WaitUntil([&] { return failed_between.load() > 0; }, 10000)) {
-      faults.Add("no call failed while no server ran");
+      ADD_FAILURE() << "no call failed while no server ran";
     }
     server_ = std::make_unique<servertest::ServerProcess>(
         user_, std::vector<std::string>{"--scenario", servertest::WriteScenario(Scenario())});
-    if (!server_->Started() || !server_->WaitReady()) faults.Add("no second server");
+    if (!server_->Started() || !server_->WaitReady()) ADD_FAILURE() << "no second server";
     phase.store(2);
   });
   OnThreads([&](int index) {
@@ -185,23 +162,23 @@ TEST_F(SharedObjectsTest, CallsAfterTheServerCameBackReconnect) {
           if (seen == 0) {
             ++calls_first;
             // Unless the stop began during this call, the first server answered it.
-            if (hr != S_OK && phase.load() == 0) faults.Add("first server: " + Hex(hr));
+            if (hr != S_OK && phase.load() == 0) ADD_FAILURE() << "first server: " + Hex(hr);
           }
           if (seen == 1 && hr != S_OK) ++failed_between;
-          if (hr == S_OK && power != POWER_STATUS_ON) faults.Add("power " + std::to_string(power));
+          if (hr == S_OK && power != POWER_STATUS_ON)
+            ADD_FAILURE() << "power " + std::to_string(power);
           return seen == 2 && hr == S_OK;
         },
         30000);
-    if (!back) faults.Add("thread " + std::to_string(index) + " never reconnected");
+    if (!back) ADD_FAILURE() << "thread " + std::to_string(index) + " never reconnected";
     Bstr name;
     if (HRESULT hr = shared->get_Name(name.Put()); hr != S_OK || name.Utf8() != "One") {
-      faults.Add("Name after the restart " + Hex(hr));
+      ADD_FAILURE() << "Name after the restart " + Hex(hr);
     }
     ++threads_back;
   });
   restarter.join();
   EXPECT_EQ(threads_back.load(), kThreads);
-  EXPECT_EQ(faults.Text(), "");
 }
 
 }  // namespace
