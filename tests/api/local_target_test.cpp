@@ -107,6 +107,16 @@ class LocalTargetTest : public LiveApiTest {
     EXPECT_EQ(bad, 0u);
     return Numbers(bytes);
   }
+  // A process object for `pid` on `target` (target_ when null).
+  vekx::ComPtr<IProcess10> Process(ULONG pid, ITarget* target = nullptr) {
+    ULONG handle = 0;
+    (target != nullptr ? target : target_.Get())->get_Handle(&handle);
+    vekx::ComPtr<IProcess10> process;
+    EXPECT_EQ(CreateProcessObject(client_, handle, pid, IID_IProcess10,
+                                  reinterpret_cast<void**>(process.Put())),
+              S_OK);
+    return process;
+  }
   vekx::ComPtr<IThread> Thread(ULONG tid) {
     ULONG handle = 0;
     target_->get_Handle(&handle);
@@ -236,49 +246,44 @@ TEST_F(LocalTargetTest, BreakReadWriteStepRegistersKill) {
 }
 
 // How a run ends: its exit code, or the signal that stopped it (in the target's numbering) and
-// then ended it (128 plus the Linux number, as a shell says it).
-TEST_F(LocalTargetTest, ExitCodesAndSignals) {
+// then ended it (128 plus the Linux number, as a shell says it). A child made while a breakpoint
+// is set (by fork, or by vfork and so in the same memory) passes the breakpoint untraced and
+// lives; the parent still stops there and ends with the child's code.
+TEST_F(LocalTargetTest, ExitCodesSignalsAndChildrenThroughTheParentsBreakpoints) {
   const struct {
     const char* args;
+    bool breaks;    // loaded stopped, with a breakpoint at vekx_tick
     uint32_t stop;  // 0: it does not stop
     ULONG exit_code;
   } kCases[] = {
-      {"exit 0", 0, 0},
-      {"exit 7", 0, 7},
-      {"raise 15", STOP_REASON_SIGTERM, 128 + 15},
-      {"raise 10", STOP_REASON_SIGUSR1, 128 + 10},  // SIGUSR1 is 10 on Linux, 30 here
-      {"raise 7", STOP_REASON_SIGBUS, 128 + 7},
+      {"exit 0", false, 0, 0},
+      {"exit 7", false, 0, 7},
+      {"raise 15", false, STOP_REASON_SIGTERM, 128 + 15},
+      {"raise 10", false, STOP_REASON_SIGUSR1, 128 + 10},  // SIGUSR1 is 10 on Linux, 30 here
+      {"raise 7", false, STOP_REASON_SIGBUS, 128 + 7},
+      {"fork", true, STOP_REASON_SIGSWBRKPT, 3},
+      {"vfork", true, STOP_REASON_SIGSWBRKPT, 3},
   };
   int stops = 0;
   for (const auto& test : kCases) {
     heard_->Clear();
-    auto process = Load(test.args, false);
+    vekx::ComPtr<IProcess10> process;
+    vekx::Variant opcode;
+    ULONG id = 0, tid = 0;
+    if (test.breaks) {
+      ASSERT_NO_FATAL_FAILURE(
+          LoadAndBreak(test.args, Symbol("vekx_tick"), process, opcode, id, stops++));
+      ASSERT_EQ(Resume(process.Get()), S_OK) << test.args;
+    } else {
+      process = Load(test.args, false);
+    }
     ASSERT_TRUE(process) << test.args;
     if (test.stop != 0) {
-      EXPECT_EQ(events_->WaitStop(stops++), test.stop) << test.args;
+      EXPECT_EQ(events_->WaitStop(stops++, &tid), test.stop) << test.args;
+      EXPECT_TRUE(!test.breaks || tid == pid_) << test.args << ": the child stopped";
       EXPECT_EQ(Resume(process.Get()), S_OK) << test.args;
     }
     EXPECT_TRUE(WaitExit(test.exit_code)) << test.args;
-  }
-}
-
-// A child made while a breakpoint is set (by fork, or by vfork and so in the same memory) passes
-// the breakpoint untraced and lives; the parent still stops there and ends with the child's code.
-TEST_F(LocalTargetTest, ChildrenLiveThroughTheParentsBreakpoints) {
-  const uint64_t tick = Symbol("vekx_tick");
-  int stops = 0;
-  for (const char* mode : {"fork", "vfork"}) {
-    heard_->Clear();
-    vekx::ComPtr<IProcess10> process;
-    vekx::Variant opcode;
-    ULONG id = 0;
-    ASSERT_NO_FATAL_FAILURE(LoadAndBreak(mode, tick, process, opcode, id, stops++));
-    ASSERT_EQ(Resume(process.Get()), S_OK) << mode;
-    ULONG tid = 0;
-    EXPECT_EQ(events_->WaitStop(stops++, &tid), STOP_REASON_SIGSWBRKPT) << mode;
-    EXPECT_EQ(tid, pid_) << mode << ": the child stopped";
-    ASSERT_EQ(Resume(process.Get()), S_OK) << mode;
-    EXPECT_TRUE(WaitExit(3)) << mode;
   }
 }
 
@@ -368,12 +373,8 @@ TEST_F(LocalTargetTest, AttachBreakDetach) {
   }
   ASSERT_GT(child, 0);
   pid_ = static_cast<ULONG>(child);
-  ULONG handle = 0;
-  target_->get_Handle(&handle);
-  vekx::ComPtr<IProcess10> process;
-  ASSERT_EQ(CreateProcessObject(client_, handle, pid_, IID_IProcess10,
-                                reinterpret_cast<void**>(process.Put())),
-            S_OK);
+  const auto process = Process(pid_);
+  ASSERT_TRUE(process);
   usleep(50000);  // past its exec
   ASSERT_EQ(process->Attach(0), S_OK) << TakeErrorText();
   const uint64_t tick = Symbol("vekx_tick");
@@ -394,10 +395,8 @@ TEST_F(LocalTargetTest, AttachBreakDetach) {
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
 
-  vekx::ComPtr<IProcess10> me;
-  ASSERT_EQ(CreateProcessObject(client_, handle, static_cast<ULONG>(getpid()), IID_IProcess10,
-                                reinterpret_cast<void**>(me.Put())),
-            S_OK);
+  const auto me = Process(static_cast<ULONG>(getpid()));
+  ASSERT_TRUE(me);
   EXPECT_EQ(me->Attach(0), static_cast<HRESULT>(KXAPI_COMMS_ERR_INVALID_SELF));
 }
 
@@ -636,16 +635,8 @@ TEST_F(LocalTargetTest, CoreDumpTheKernelWroteOpens) {
                                vekx::Bstr::FromUtf8("kernel-core").Get(), dump.Put()),
             S_OK)
       << TakeErrorText();
-  vekx::ComPtr<IProcess10> process;
-  ASSERT_EQ(CreateProcessObject(
-                client_,
-                [&] {
-                  ULONG handle = 0;
-                  dump->get_Handle(&handle);
-                  return handle;
-                }(),
-                static_cast<ULONG>(child), IID_IProcess10, reinterpret_cast<void**>(process.Put())),
-            S_OK);
+  const auto process = Process(static_cast<ULONG>(child), dump.Get());
+  ASSERT_TRUE(process);
   EXPECT_EQ(Memory(process.Get(), Symbol("vekx_marker"), 2), (std::vector<uint64_t>{0xed, 0x5e}));
   ExpectProgramAndLibc(process.Get(), false);
   vekx::Variant list;
