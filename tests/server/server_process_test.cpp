@@ -61,7 +61,6 @@ TEST(ServerProcessTest, OptionsAndScenarioMistakesThatEndAtOnce) {
   const Case cases[] = {
       {{"--version"}, 0, "vesta-kx 5.0.10.0"},
       {{"--help"}, 0, "--scenario FILE"},
-      {{"--log-level", "9"}, 2, "from 0 to 4"},
       {{"--scenario"}, 2, "needs a value"},
       {{"--runtime-dir", "/tmp"}, 2, "unknown argument '--runtime-dir'"},
       {{"--scenario", "/nonexistent/kits.yaml"}, 2, "/nonexistent/kits.yaml: cannot be opened"},
