@@ -10,7 +10,6 @@
 #include "platform/environment.h"
 #include "platform/system_message.h"
 #include "platform/wide_string.h"
-#include "support/test_environment.h"
 #include "test_support.h"
 
 namespace qv::platform {
@@ -24,7 +23,7 @@ struct MessageCase {
   const char16_t* wine;
 };
 
-TEST(SystemMessage, StandardCodesHaveTheirWindowsText) {
+TEST(SystemMessage, StandardCodesHaveTheirWindowsTextAndUnknownCodesNone) {
   const MessageCase kCases[] = {
       {S_OK, u"The operation completed successfully.", u"Success."},
       {S_FALSE, u"Incorrect function.", u"Invalid function."},
@@ -92,11 +91,35 @@ TEST(SystemMessage, StandardCodesHaveTheirWindowsText) {
   }
 }
 
+// Sets an environment variable of this process for the duration of a test.
+class ScopedEnvironmentVariable {
+ public:
+  ScopedEnvironmentVariable(const char16_t* name, const std::u16string& value) : name_(name) {
+#ifdef _WIN32
+    SetEnvironmentVariableW(ToOleChars(name), ToOleChars(value.c_str()));
+#else
+    setenv(Utf16ToUtf8(name).c_str(), Utf16ToUtf8(value).c_str(), 1);
+#endif
+  }
+  ~ScopedEnvironmentVariable() {
+#ifdef _WIN32
+    SetEnvironmentVariableW(ToOleChars(name_), nullptr);
+#else
+    unsetenv(Utf16ToUtf8(name_).c_str());
+#endif
+  }
+  ScopedEnvironmentVariable(const ScopedEnvironmentVariable&) = delete;
+  ScopedEnvironmentVariable& operator=(const ScopedEnvironmentVariable&) = delete;
+
+ private:
+  const char16_t* name_;
+};
+
 TEST(ExpandEnvironment, ReplacesKnownNamesAndKeepsTheRest) {
   const std::u16string kLong(300, u'L');
-  testing::ScopedVariable value("VEKX_TEST_VALUE", "run");
-  testing::ScopedVariable unicode("VEKX_TEST_UNICODE", Utf16ToUtf8(u"\u00e9\u20ac\U0001F600"));
-  testing::ScopedVariable long_value("VEKX_TEST_LONG", Utf16ToUtf8(kLong));
+  ScopedEnvironmentVariable value(u"VEKX_TEST_VALUE", u"run");
+  ScopedEnvironmentVariable unicode(u"VEKX_TEST_UNICODE", u"\u00e9\u20ac\U0001F600");
+  ScopedEnvironmentVariable long_value(u"VEKX_TEST_LONG", kLong);
   const struct {
     const char16_t* text;
     std::u16string expected;
@@ -130,7 +153,7 @@ TEST(ExpandEnvironment, ReplacesKnownNamesAndKeepsTheRest) {
 }
 
 TEST(ExpandEnvironment, NameCaseFollowsThePlatform) {
-  testing::ScopedVariable value("VEKX_TEST_CASE", "found");
+  ScopedEnvironmentVariable value(u"VEKX_TEST_CASE", u"found");
   const std::optional<std::u16string> expanded = ExpandEnvironment(u"%vekx_test_case%");
   ASSERT_TRUE(expanded.has_value());
 #ifdef _WIN32
