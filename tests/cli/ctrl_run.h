@@ -140,7 +140,8 @@ inline void RunSteps(const std::vector<Step>& steps) {
   }
 }
 
-// vesta-ctrl's user's own vesta-kx on its built-in scenario, with the kit devkit-alpha.
+// A vesta-kx for this account's user name, the one vesta-ctrl serves, on the built-in scenario
+// (whose kits include devkit-alpha).
 class BuiltInKitTest : public qv::servertest::ServerTest {
  protected:
   BuiltInKitTest() : ServerTest(qv::platform::CurrentUserName()) {}
