@@ -424,13 +424,9 @@ TEST_F(VirtualProcessTest, PagesAreAllocatedInFreeSpaceAndOnlyThoseAreFreed) {
       EXPECT_EQ(response.Address, a.address) << a.size;
     }
   };
-  for (const auto& a : allocations) {
-    if (a.executable) {
-      allocate(CAllocateExecutablePageRequest{}, a);
-    } else {
-      allocate(CAllocateDataPageRequest{}, a);
-    }
-  }
+  for (const auto& a : allocations)
+    a.executable ? allocate(CAllocateExecutablePageRequest{}, a)
+                 : allocate(CAllocateDataPageRequest{}, a);
   const auto memory = Ask(For<CGetVmemInfoRequest>(pid)).VirtualMemoryList;
   ASSERT_EQ(memory.size(), 5u);
   EXPECT_EQ(memory[3].Name, u"jit");
