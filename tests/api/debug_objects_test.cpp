@@ -115,9 +115,7 @@ TEST(DebugValueObjects, ThreadInfoWithoutOptionalFields) {
                                                 &IThreadInfo6::get_WaitObject}) {
     vekx::Variant array;
     ASSERT_EQ((info.Get()->*get)(array.Put()), S_OK);
-    std::vector<vekx::Variant> elements;
-    EXPECT_EQ(vekx::ArrayElements(array.Get(), elements), S_OK);
-    EXPECT_TRUE(elements.empty());
+    EXPECT_TRUE(Numbers(array).empty());
   }
   vekx::ComPtr<IStopReason> reason;
   ASSERT_EQ(info->get_StopReason(reason.Put()), S_OK);
@@ -205,10 +203,7 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   vekx::Variant opcode;
   ULONG id = 0;
   ASSERT_EQ(Break(process.Get(), 0, 0x401004, opcode, id), S_OK) << TakeErrorText();
-  std::vector<vekx::Variant> original;
-  ASSERT_EQ(vekx::ArrayElements(opcode.Get(), original), S_OK);
-  ASSERT_EQ(original.size(), 1u);
-  EXPECT_EQ(original[0].Get().bVal, 0x90);
+  EXPECT_EQ(Numbers(opcode), std::vector<uint64_t>{0x90});
 
   ASSERT_EQ(Resume(process.Get()), S_OK) << TakeErrorText();
   stop.Reset();
@@ -244,10 +239,9 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   EXPECT_EQ(thread_id, tid);
   vekx::Variant values;
   ASSERT_EQ(thread->GetRegisters(ArrayOf(VT_I4, {REG_ID_RIP}).Get(), values.Put()), S_OK);
-  std::vector<vekx::Variant> words;
-  ASSERT_EQ(vekx::ArrayElements(values.Get(), words), S_OK);
+  const std::vector<uint64_t> words = Numbers(values);
   ASSERT_EQ(words.size(), 4u);
-  EXPECT_EQ(words[0].Get().ullVal, 0x401004u);
+  EXPECT_EQ(words[0], 0x401004u);
   const auto ids = ArrayOf(VT_I4, {REG_ID_RAX, REG_ID_RBX, REG_ID_RCX});
   EXPECT_EQ(thread->SetRegisters(ids.Get(), ArrayOf(VT_UI8, std::vector<uint64_t>(11)).Get()),
             E_INVALIDARG);

@@ -60,7 +60,7 @@ std::string TwoKits(const std::string& kit_one_scripts, const std::string& kit_t
   return text;
 }
 
-std::vector<std::string> Numbers(int from, int to) {
+std::vector<std::string> Sequence(int from, int to) {
   std::vector<std::string> numbers;
   for (int i = from; i <= to; ++i)
     numbers.push_back(std::to_string(i));
@@ -364,7 +364,7 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
   const std::vector<std::string> tasks{"task 0", "task 1", "task 2"};
   EXPECT_EQ(first->Values("OnProgress", "Task"), tasks);
   EXPECT_EQ(second->Values("OnProgress", "Task"), tasks);
-  EXPECT_EQ(server->Values("OnUsbTargetPluggedIn", "Address"), Numbers(1, 2));
+  EXPECT_EQ(server->Values("OnUsbTargetPluggedIn", "Address"), Sequence(1, 2));
   EXPECT_EQ(console->Values("OnConsoleOutput", "Text"),
             (std::vector<std::string>{"line 0", "line 1"}));
   EXPECT_EQ(Logged(log, "REQUEST_TARGET_EVENTS", one_handle), 1u);
@@ -387,7 +387,7 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
 TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
   // The Server-group step starts the script once both target sinks are in place.
   std::vector<std::string> steps{Step("USB_TARGET_PLUGGED_IN")};
-  for (const std::string& i : Numbers(1, 5)) {
+  for (const std::string& i : Sequence(1, 5)) {
     steps.push_back(Step("PROGRESS", "{RequestId: " + i + "}"));
     steps.push_back(Step("DISPLAY_POWER_STATE", "{DisplayPowerState: " + i + "}"));  // version 7
   }
@@ -423,14 +423,14 @@ TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
   released = true;
 
   EXPECT_TRUE(WaitUntil([&] { return slow->CallCount() == 10 && base_only->CallCount() == 5; }));
-  EXPECT_EQ(slow->Values("OnProgress", "RequestId"), Numbers(1, 5));
-  EXPECT_EQ(slow->Values("OnDisplayPowerState", "DisplayPowerState"), Numbers(1, 5));
+  EXPECT_EQ(slow->Values("OnProgress", "RequestId"), Sequence(1, 5));
+  EXPECT_EQ(slow->Values("OnDisplayPowerState", "DisplayPowerState"), Sequence(1, 5));
   const auto calls = slow->Calls();
   for (size_t i = 0; i < calls.size(); ++i)
     EXPECT_EQ(calls[i].method, i % 2 == 0 ? "OnProgress" : "OnDisplayPowerState") << i;
   // Without IEventTarget7 it hears the base interface's events only.
-  EXPECT_EQ(base_only->Values("OnProgress", "RequestId"), Numbers(1, 5));
-  EXPECT_EQ(quitter->Values("OnProgress", "RequestId"), Numbers(1, 1));  // and went at once
+  EXPECT_EQ(base_only->Values("OnProgress", "RequestId"), Sequence(1, 5));
+  EXPECT_EQ(quitter->Values("OnProgress", "RequestId"), Sequence(1, 1));  // and went at once
   EXPECT_EQ(quitter->CallCount(), 1u);
   EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, handle), 2u);
 }
@@ -480,7 +480,7 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   ASSERT_EQ(target->AdviseConsoleOutputEvents(sink), S_OK);  // starts the script
 
   std::vector<std::string> expected;
-  for (const std::string& i : Numbers(0, kPieces - 1))
+  for (const std::string& i : Sequence(0, kPieces - 1))
     expected.push_back("1 piece " + i);
   std::vector<std::string> read;
   ULONG index = start;

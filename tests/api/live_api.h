@@ -65,6 +65,20 @@ std::vector<vekx::ComPtr<Interface>> Objects(const vekx::Variant& array, REFIID 
   return objects;
 }
 
+// The unsigned numbers of an array a method returned.
+inline std::vector<uint64_t> Numbers(const vekx::Variant& array) {
+  std::vector<vekx::Variant> elements;
+  EXPECT_EQ(vekx::ArrayElements(array.Get(), elements), S_OK);
+  std::vector<uint64_t> numbers;
+  for (const vekx::Variant& element : elements) {
+    const VARIANT& value = element.Get();
+    numbers.push_back(value.vt == VT_UI1   ? value.bVal
+                      : value.vt == VT_UI4 ? value.ulVal
+                                           : value.ullVal);
+  }
+  return numbers;
+}
+
 // "Name=Value" for each INameValuePair of a returned array.
 inline std::vector<std::string> Pairs(const vekx::Variant& array) {
   std::vector<std::string> pairs;

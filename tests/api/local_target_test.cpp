@@ -48,19 +48,6 @@ uint64_t Symbol(const std::string& name) {
   return 0;
 }
 
-std::vector<uint64_t> Numbers(const vekx::Variant& array) {
-  std::vector<vekx::Variant> elements;
-  EXPECT_EQ(vekx::ArrayElements(array.Get(), elements), S_OK);
-  std::vector<uint64_t> numbers;
-  for (const vekx::Variant& element : elements) {
-    const VARIANT& value = element.Get();
-    numbers.push_back(value.vt == VT_UI1   ? value.bVal
-                      : value.vt == VT_UI4 ? value.ulVal
-                                           : value.ullVal);
-  }
-  return numbers;
-}
-
 class LocalTargetTest : public LiveApiTest {
  protected:
   std::string Scenario() const override { return "local: true\n"; }

@@ -281,10 +281,7 @@ TEST_F(TargetObjectTest, AProtocolIsHeldByOneClientAtATime) {
   EXPECT_TRUE(in_use(theirs.Get()));
   vekx::Variant held;
   ASSERT_EQ(mine->get_ProtocolRegistrationInfo(held.Put()), S_OK) << TakeErrorText();
-  std::vector<vekx::Variant> protocols;
-  ASSERT_EQ(vekx::ArrayElements(held.Get(), protocols), S_OK);
-  ASSERT_EQ(protocols.size(), 1u);
-  EXPECT_EQ(protocols[0].Get().ulVal, 7u);
+  EXPECT_EQ(Numbers(held), std::vector<uint64_t>{7});
 
   EXPECT_EQ(theirs->SetProtocolInUse(7), KXAPI_COMMS_ERR_ALREADY_REGISTERED);
   EXPECT_EQ(
