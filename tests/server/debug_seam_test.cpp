@@ -55,17 +55,12 @@ class DebugSeamTest : public ::testing::Test {
   // handle 1 "recorded": a recording backend; 2 "plain": the base backend; 3 "off": powered
   // off; 4 "gone": does not answer.
   static Scenario Kits() {
-    Scenario scenario;
-    for (const char16_t* host : {u"recorded", u"plain", u"off", u"gone"}) {
-      Kit kit;
-      kit.host = kit.name = host;
-      kit.power = PowerStatus::kOn;
-      kit.timings = {0, 0, 0};
-      scenario.kits.push_back(kit);
-    }
-    scenario.kits[2].power = PowerStatus::kOff;
-    scenario.kits[3].reachable = false;
-    return scenario;
+    return InstantKits(R"(kits:
+  - {host: recorded, power: on}
+  - {host: plain, power: on}
+  - {host: off, power: off}
+  - {host: gone, power: on, reachable: false}
+)");
   }
 
   template <class Request>

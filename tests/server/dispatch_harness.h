@@ -33,6 +33,14 @@ inline std::vector<DocumentReader> Readers() {
 #endif
 }
 
+// The kits of the scenario `text`, their changes taking no time.
+inline Scenario InstantKits(const char* text) {
+  Scenario scenario = *ParseScenario(text, "instant.yaml").scenario;
+  for (Kit& kit : scenario.kits)
+    kit.timings = {0, 0, 0};
+  return scenario;
+}
+
 // Each of `readers` refuses the scenario `text` with an error that starts with `error`.
 inline void ExpectRefused(const std::string& text, const std::string& error,
                           const std::vector<DocumentReader>& readers = Readers()) {

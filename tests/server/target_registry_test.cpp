@@ -11,21 +11,12 @@
 namespace qv::server {
 namespace {
 
+// a, the default, and b, known but not registered: both on.
 Scenario TwoKits() {
-  Scenario scenario;
-  Kit a;
-  a.host = u"a";
-  a.name = u"A";
-  a.power = PowerStatus::kOn;
-  a.timings = {0, 0, 0};
-  a.is_default = true;
-  Kit b = a;
-  b.is_default = false;
-  b.host = u"b";
-  b.name = u"B";
-  b.registered = false;
-  scenario.kits = {a, b};
-  return scenario;
+  return InstantKits(R"(kits:
+  - {host: a, name: A, power: on, default: true}
+  - {host: b, name: B, power: on, registered: false}
+)");
 }
 
 // Waits until `handle` has a change under way.
