@@ -93,23 +93,18 @@ TEST(DebugValueObjects, ThreadInfoWithoutOptionalFields) {
   const auto infos = Objects<IThreadInfo6>(list, IID_IThreadInfo6);
   ASSERT_TRUE(infos.size() == 1 && infos[0]);
   const auto& info = infos[0];
-  ULONGLONG wide = 1;
-  ULONG narrow = 1;
-  using Wide = HRESULT (STDMETHODCALLTYPE IThreadInfo6::*)(ULONGLONG*);
-  for (Wide get : std::initializer_list<Wide>{
-           &IThreadInfo6::get_RIP, &IThreadInfo6::get_BranchFrom, &IThreadInfo6::get_BranchTo,
-           &IThreadInfo6::get_CurrentPTC, &IThreadInfo6::get_SyscallStartPTC}) {
-    wide = 1;
-    EXPECT_EQ((info.Get()->*get)(&wide), S_OK);
-    EXPECT_EQ(wide, 0u);
-  }
-  using Narrow = HRESULT (STDMETHODCALLTYPE IThreadInfo6::*)(ULONG*);
-  for (Narrow get :
-       std::initializer_list<Narrow>{&IThreadInfo6::get_CpuId, &IThreadInfo6::get_Flags}) {
-    narrow = 1;
-    EXPECT_EQ((info.Get()->*get)(&narrow), S_OK);
-    EXPECT_EQ(narrow, 0u);
-  }
+  const auto zero = [&](auto... getters) {
+    const auto check =
+        [&]<class Base, class Value>(HRESULT (STDMETHODCALLTYPE Base::*get)(Value*)) {
+          Value value = 1;
+          EXPECT_EQ((info.Get()->*get)(&value), S_OK);
+          EXPECT_EQ(value, 0u);
+        };
+    (check(getters), ...);
+  };
+  zero(&IThreadInfo6::get_RIP, &IThreadInfo6::get_BranchFrom, &IThreadInfo6::get_BranchTo,
+       &IThreadInfo6::get_CurrentPTC, &IThreadInfo6::get_SyscallStartPTC, &IThreadInfo6::get_CpuId,
+       &IThreadInfo6::get_Flags);
   using Array = HRESULT (STDMETHODCALLTYPE IThreadInfo6::*)(VARIANT*);
   for (Array get : std::initializer_list<Array>{&IThreadInfo6::get_ExtraReasonInfo,
                                                 &IThreadInfo6::get_WaitObject}) {

@@ -436,21 +436,13 @@ TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
 }
 
 // Each piece of a cache fetch as "port text".
-std::vector<std::string> Pieces(const VARIANT& output) {
-  if (output.vt != (VT_ARRAY | VT_VARIANT)) return {"not an array of VARIANT"};
+std::vector<std::string> Pieces(const vekx::Variant& output) {
+  if (output.Type() != (VT_ARRAY | VT_VARIANT)) return {"not an array of VARIANT"};
   std::vector<std::string> pieces;
-  LONG upper = -1;
-  SafeArrayGetUBound(output.parray, 1, &upper);
-  for (LONG i = 0; i <= upper; ++i) {
-    vekx::Variant element;
-    vekx::ComPtr<IConsoleOutput> piece;
+  for (const auto& piece : Objects<IConsoleOutput>(output, IID_IConsoleOutput)) {
     eConsoleOutputPort port{};
     BSTR text = nullptr;
-    const bool read = SafeArrayGetElement(output.parray, &i, element.Put()) == S_OK &&
-                      element.Get().vt == VT_DISPATCH &&
-                      element.Get().pdispVal->QueryInterface(
-                          IID_IConsoleOutput, reinterpret_cast<void**>(piece.Put())) == S_OK &&
-                      piece->get_Port(&port) == S_OK && piece->get_Text(&text) == S_OK;
+    const bool read = piece && piece->get_Port(&port) == S_OK && piece->get_Text(&text) == S_OK;
     pieces.push_back(read ? std::to_string(port) + " " + vekx::Bstr::Adopt(text).Utf8() : "bad");
   }
   return pieces;
@@ -488,7 +480,7 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   WaitUntil([&] {
     vekx::Variant output;
     EXPECT_EQ(target->CachedConsoleOutput(&index, output.Put()), S_OK);
-    const auto pieces = Pieces(output.Get());
+    const auto pieces = Pieces(output);
     fetches += pieces.empty() ? 0 : 1;
     read.insert(read.end(), pieces.begin(), pieces.end());
     return read.size() >= expected.size();
@@ -515,7 +507,7 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   EXPECT_EQ(echo.properties.at("ProcessId"), "4294967295");
   vekx::Variant output;
   ASSERT_EQ(target->CachedConsoleOutput(&index, output.Put()), S_OK);
-  EXPECT_EQ(Pieces(output.Get()), std::vector<std::string>{"3 ls"});
+  EXPECT_EQ(Pieces(output), std::vector<std::string>{"3 ls"});
   const vekx::Bstr empty(u"");
   EXPECT_EQ(target->SendConsoleInputWithEcho(STREAM_STDIO, KERNEL_OUTPUT, 0, empty.Get()),
             E_INVALIDARG);
@@ -531,7 +523,7 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   EXPECT_EQ(target->ClearConsoleCache(), S_OK);
   index = start;
   ASSERT_EQ(target->CachedConsoleOutput(&index, output.Put()), S_OK);
-  EXPECT_TRUE(Pieces(output.Get()).empty());
+  EXPECT_TRUE(Pieces(output).empty());
   ULONG upper = 0;
   EXPECT_EQ(target->get_ConsoleCacheIndex(&upper), S_OK);
   EXPECT_EQ(upper, start + kPieces + 1);

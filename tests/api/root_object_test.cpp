@@ -309,17 +309,12 @@ TEST_F(RootObjectTest, ServerSwitchesClientsAndTheHostDrivesRefusal) {
 
   Variant pids;
   ASSERT_EQ(other->GetClientPids(pids.Put()), S_OK);
-  std::vector<Variant> ids;
-  ASSERT_EQ(vekx::ArrayElements(pids.Get(), ids), S_OK);
-  ASSERT_EQ(ids.size(), 2u);  // both root objects of this process
-  EXPECT_EQ(ids[0].Get().ulVal, platform::CurrentProcessId());
-  EXPECT_EQ(ids[1].Get().ulVal, platform::CurrentProcessId());
+  // Both root objects of this process.
+  EXPECT_EQ(Numbers(pids), std::vector<uint64_t>(2, platform::CurrentProcessId()));
   // A client that has gone is no longer listed.
   EXPECT_EQ(other->Dispose(), S_OK);
-  EXPECT_TRUE(testing::WaitUntil([&] {
-    return api_->GetClientPids(pids.Put()) == S_OK &&
-           vekx::ArrayElements(pids.Get(), ids) == S_OK && ids.size() == 1;
-  }));
+  EXPECT_TRUE(testing::WaitUntil(
+      [&] { return api_->GetClientPids(pids.Put()) == S_OK && Numbers(pids).size() == 1; }));
 
   // A failure's error object stays through a later success.
   ComPtr<ITarget> target;
