@@ -1,5 +1,6 @@
 #include "serverlink/pending_responses.h"
 
+#include <algorithm>
 #include <new>
 
 namespace qv {
@@ -169,23 +170,22 @@ void PendingResponseStore::PassThePipeLocked() {
       return;
     }
   }
-  if (read_thread_waits_for_caller_ || AnyWaiterLocked(false)) read_thread_cv_.notify_one();
+  if (AnyWaiterLocked(false)) read_thread_cv_.notify_one();
 }
 
 void PendingResponseStore::AwaitReadThreadsTurn() {
   std::unique_lock lock(store_mutex_);
+  // How much later than now to look again: nothing more than the stand-aside at first, doubled
+  // each time a caller still reads or has just read.
+  std::chrono::microseconds looks_away{0};
   while (!aborted_) {
-    if (reader_ == Reader::kNobody && !AnyWaiterLocked(true)) {
-      if (AnyWaiterLocked(false)) break;
-      const auto until = callers_read_at_ + kReadThreadStandsAside;
-      if (std::chrono::steady_clock::now() >= until) break;
-      read_thread_cv_.wait_until(lock, until);
-      continue;
-    }
-    // A caller reads, or is about to: its end wakes this thread.
-    read_thread_waits_for_caller_ = true;
-    read_thread_cv_.wait(lock);
-    read_thread_waits_for_caller_ = false;
+    const bool pipe_free = reader_ == Reader::kNobody && !AnyWaiterLocked(true);
+    if (pipe_free && AnyWaiterLocked(false)) break;
+    const auto now = std::chrono::steady_clock::now();
+    const auto stood_aside = callers_read_at_ + kReadThreadStandsAside;
+    if (pipe_free && now >= stood_aside) break;
+    read_thread_cv_.wait_until(lock, std::max(stood_aside, now + looks_away));
+    looks_away = std::clamp(looks_away * 2, kReadThreadStandsAside, kReadThreadLooksAwayAtMost);
   }
   if (reader_ == Reader::kNobody) reader_ = Reader::kReadThread;
 }

@@ -17,8 +17,10 @@
 // to wake it. The read thread stands aside while callers read for themselves, and until a short
 // while after the last of them stopped, so that a caller's next call finds the pipe free instead
 // of the read thread blocked in it; it reads at once for a caller whose wait has a deadline (that
-// caller cannot block in the pipe). When a reading caller has its answer, it passes the pipe on to
-// another waiting caller, or to the read thread when only callers with a deadline wait.
+// caller cannot block in the pipe). Callers do not wake it when they stop: it looks again on its
+// own, each time a little later while the calls go on, so that a run of calls costs it a few
+// wake-ups rather than two for every call. When a reading caller has its answer, it passes the pipe
+// on to another waiting caller, or to the read thread when only callers with a deadline wait.
 //
 // Each connection is an epoch. Reset starts a new one; a waiter whose epoch has passed leaves
 // with kWaitAbort even when a new connection has already cleared the abort mark, so a caller can
@@ -93,6 +95,9 @@ class PendingResponseStore {
   enum class Reader { kNobody, kReadThread, kCaller };
   // How long the read thread stands aside after a caller last read for itself.
   static constexpr std::chrono::microseconds kReadThreadStandsAside{200};
+  // The longest it looks away while calls go on: how late a notification that arrives just after
+  // a long run of calls may be read.
+  static constexpr std::chrono::microseconds kReadThreadLooksAwayAtMost{1600};
 
   // With nobody reading, wakes a caller that may read and still waits, or the read thread when a
   // caller with a deadline waits; store_mutex_ held.
@@ -117,7 +122,6 @@ class PendingResponseStore {
   // When a caller last read for itself, or was handed its answer; guarded by store_mutex_.
   std::chrono::steady_clock::time_point callers_read_at_;
   std::condition_variable read_thread_cv_;
-  bool read_thread_waits_for_caller_ = false;  // guarded by store_mutex_
   std::condition_variable caller_read_ended_;
 };
 
