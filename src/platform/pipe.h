@@ -124,6 +124,11 @@ class Pipe {
   // Reads and writes complete on different events, so that one of each can be in flight.
   void* read_event_ = nullptr;
   void* write_event_ = nullptr;
+#else
+  // Whether the last read found nothing waiting. A reader that waits for each answer or request
+  // then waits first and reads once, instead of reading, finding nothing, waiting and reading
+  // again. Only the one reader of the moment uses it.
+  bool read_waits_ = false;
 #endif
   std::atomic<uint32_t> last_error_{0};
 };

@@ -325,9 +325,18 @@ IoResult Pipe::ReadSome(void* dest, size_t size, size_t& got, const StopSignal& 
   }
   if (size == 0) return IoResult::kOk;
   for (;;) {
+    if (read_waits_) {
+      const IoResult waited = WaitFor(handle_, POLLIN, stop, error);
+      if (waited != IoResult::kOk) {
+        if (waited == IoResult::kFailed) Fail(error);
+        return waited;
+      }
+    }
     const ssize_t n = recv(handle_, dest, size, 0);
     if (n > 0) {
       got = static_cast<size_t>(n);
+      // A read that fills the buffer leaves more behind: a stream, which reads on at once.
+      if (got == size) read_waits_ = false;
       return IoResult::kOk;
     }
     if (n == 0) {
@@ -337,10 +346,9 @@ IoResult Pipe::ReadSome(void* dest, size_t size, size_t& got, const StopSignal& 
     const int code = errno;
     if (code == EINTR) continue;
     if (code == EAGAIN || code == EWOULDBLOCK) {
-      const IoResult waited = WaitFor(handle_, POLLIN, stop, error);
-      if (waited == IoResult::kOk) continue;
-      if (waited == IoResult::kFailed) Fail(error);
-      return waited;
+      // The next pass waits before it reads again.
+      read_waits_ = true;
+      continue;
     }
     Fail(static_cast<uint32_t>(code));
     return IsBrokenPipeErrno(code) ? IoResult::kBrokenPipe : IoResult::kFailed;
