@@ -244,10 +244,8 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
       << TakeErrorText();
 
   // SyncPrimitives asks before it looks at its out-pointer: an unknown process's error wins.
-  ULONG handle = 0;
-  ASSERT_EQ(target->get_Handle(&handle), S_OK);
   vekx::ComPtr<IProcess10> unknown;
-  ASSERT_EQ(CreateProcessObject(client_, handle, 9999, IID_IProcess10,
+  ASSERT_EQ(CreateProcessObject(client_, HandleOf(target), 9999, IID_IProcess10,
                                 reinterpret_cast<void**>(unknown.Put())),
             S_OK);
   EXPECT_EQ(unknown->get_SyncPrimitives(nullptr),

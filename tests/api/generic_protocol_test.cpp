@@ -141,8 +141,7 @@ TEST_F(GenericProtocolTest, FailedOpenLeavesNoRegistration) {
   EXPECT_EQ(TakeErrorText(),
             "Target error - The protocol is not available. 'kit-one' has no protocol 9");
   EXPECT_FALSE(channel);
-  ULONG handle = 0;
-  ASSERT_EQ(target->get_Handle(&handle), S_OK);
+  const ULONG handle = HandleOf(target);
   EXPECT_EQ(client_->RegistrationCount(EventGroup::GenericProtocol, handle), 0u);
   // The same sink again is not refused as registered, and a second open of one number is.
   channel = Open(*target.Get(), 3, sink_.Get());

@@ -103,6 +103,14 @@ inline std::vector<std::string> LoggedRequests(const std::string& path) {
   return requests;
 }
 
+// The handle of a target object; the test fails when it gives none.
+template <class Target>
+ULONG HandleOf(const Target& target) {
+  ULONG handle = 0;
+  EXPECT_EQ(target->get_Handle(&handle), S_OK);
+  return handle;
+}
+
 // Resumes every thread of `process`, or steps the threads `tids` names.
 inline HRESULT Resume(IProcess10* process, const vekx::Variant& tids = {}) {
   vekx::Variant failed;

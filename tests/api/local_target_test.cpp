@@ -96,19 +96,15 @@ class LocalTargetTest : public LiveApiTest {
   }
   // A process object for `pid` on `target` (target_ when null).
   vekx::ComPtr<IProcess10> Process(ULONG pid, ITarget* target = nullptr) {
-    ULONG handle = 0;
-    (target != nullptr ? target : target_.Get())->get_Handle(&handle);
     vekx::ComPtr<IProcess10> process;
-    EXPECT_EQ(CreateProcessObject(client_, handle, pid, IID_IProcess10,
-                                  reinterpret_cast<void**>(process.Put())),
+    EXPECT_EQ(CreateProcessObject(client_, HandleOf(target != nullptr ? target : target_.Get()),
+                                  pid, IID_IProcess10, reinterpret_cast<void**>(process.Put())),
               S_OK);
     return process;
   }
   vekx::ComPtr<IThread> Thread(ULONG tid) {
-    ULONG handle = 0;
-    target_->get_Handle(&handle);
     vekx::ComPtr<IThread> thread;
-    CreateThreadObject(client_, handle, pid_, tid, IID_IThread,
+    CreateThreadObject(client_, HandleOf(target_), pid_, tid, IID_IThread,
                        reinterpret_cast<void**>(thread.Put()));
     return thread;
   }
@@ -529,10 +525,7 @@ TEST_F(LocalTargetTest, CoreDumpsThatGdbReadsAndThatReopenAsReadOnlyTargets) {
       << TakeErrorText();
   vekx::ComPtr<ITarget> found;
   ASSERT_EQ(api_->GetCoreDumpTargetByHost(vekx::Bstr::FromUtf8(host).Get(), found.Put()), S_OK);
-  ULONG handle = 0, found_handle = 1;
-  dump->get_Handle(&handle);
-  found->get_Handle(&found_handle);
-  EXPECT_EQ(handle, found_handle);
+  EXPECT_EQ(HandleOf(dump), HandleOf(found));
 
   vekx::Variant list;
   ASSERT_EQ(dump->get_ProcessInfoSnapshot(list.Put()), S_OK) << TakeErrorText();

@@ -44,12 +44,6 @@ std::string TableText(HRESULT code) {
   return platform::Utf16ToUtf8(LookupErrorDescription(code).value_or(u"(none)"));
 }
 
-ULONG HandleOf(const ComPtr<ITarget>& target) {
-  ULONG handle = 0;
-  EXPECT_EQ(target->get_Handle(&handle), S_OK);
-  return handle;
-}
-
 // The handles of the targets of a list a root method returned.
 std::vector<ULONG> Handles(const Variant& list) {
   EXPECT_EQ(list.Type(), VT_ARRAY | VT_VARIANT);

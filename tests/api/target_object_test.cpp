@@ -193,11 +193,9 @@ TEST_F(TargetObjectTest, PropertiesComeFromTheServer) {
 
   CGetCachedSubnetMaskResponse mask;
   EXPECT_EQ(one->put_SubnetMask(0xFFFFFF00u), S_OK) << TakeErrorText();
-  ULONG handle = 0;
-  one->get_Handle(&handle);
   const SharedClient client =
       CKXVEPrivateAPI::Create(ServerLink::ServerNames{user_, servertest::RunDir()});
-  EXPECT_EQ(client->Call(handle, CGetCachedSubnetMaskRequest{}, mask), S_OK);
+  EXPECT_EQ(client->Call(HandleOf(one), CGetCachedSubnetMaskRequest{}, mask), S_OK);
   EXPECT_EQ(mask.SubnetMask, 0xFFFFFF00u);
 }
 
