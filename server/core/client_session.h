@@ -4,7 +4,8 @@
 //
 //   session thread:  handshake on the well-known pipe -> private pipe listens -> answer
 //                    -> the client opens the private pipe -> read, dispatch, send the answer
-//   writer thread:   writes queued bodies (answers and notifications) one frame each, in order
+//   writer thread:   writes queued bodies (answers and notifications) in order, what has queued
+//                    up together
 //
 // An answer with nothing queued or being written before it goes out on the thread that made it,
 // which saves the writer thread's wake-up on the way of every plain call; that thread then waits
@@ -43,6 +44,10 @@ inline constexpr std::chrono::milliseconds kHandshakeTimeLimit{10000};
 // The most bytes queued for one client, beside one answer of the largest frame size, before it
 // counts as not reading.
 inline constexpr size_t kMaxQueuedBytes = 64u << 20;
+// The most frames and bytes the writer thread takes from the queue for one gathered write (a
+// larger frame goes alone).
+inline constexpr size_t kWriteBatchFrames = 64;
+inline constexpr size_t kWriteBatchBytes = 256u << 10;
 
 class ClientSession final : public ClientSink {
  public:

@@ -73,27 +73,55 @@ PipeChannel::WriteStatus PipeChannel::WriteFrame(std::span<const uint8_t> body) 
   return status;
 }
 
-PipeChannel::WriteStatus PipeChannel::WriteFrame(const MessageBuffer& body) {
-  const auto& references = body.References();
-  if (references.empty()) return WriteFrame(std::span<const uint8_t>(body.Data(), body.Size()));
-  // The buffer's bytes between the runs it refers to, and the runs from where they lie.
-  std::vector<std::span<const uint8_t>> parts;
-  try {
-    parts.reserve(2 * references.size() + 2);
-  } catch (const std::exception&) {
-    return WriteStatus::kFailed;
-  }
-  parts.emplace_back();
+namespace {
+
+// Appends the parts of one frame: its header, then the buffer's bytes between the runs it refers
+// to and the runs from where they lie.
+void AppendFrameParts(const MessageBuffer& body, std::span<const uint8_t> header,
+                      std::vector<std::span<const uint8_t>>& parts) {
+  parts.push_back(header);
   const uint8_t* data = body.Data();
   size_t at = body.ReadOffset();
-  for (const MessageBuffer::Reference& reference : references) {
+  for (const MessageBuffer::Reference& reference : body.References()) {
     parts.emplace_back(data + (at - body.ReadOffset()), reference.offset - at);
     parts.emplace_back(reference.data, reference.size);
     at = reference.offset;
   }
   parts.emplace_back(data + (at - body.ReadOffset()), body.WriteOffset() - at);
+}
+
+}  // namespace
+
+PipeChannel::WriteStatus PipeChannel::WriteFrame(const MessageBuffer& body) {
+  if (body.References().empty()) {
+    return WriteFrame(std::span<const uint8_t>(body.Data(), body.Size()));
+  }
+  const MessageBuffer* const bodies[] = {&body};
+  return WriteFrames(bodies);
+}
+
+PipeChannel::WriteStatus PipeChannel::WriteFrames(std::span<const MessageBuffer* const> bodies) {
+  size_t part_count = 0;
+  for (const MessageBuffer* body : bodies) {
+    if (body->BodySize() > kMaxFrameBodyBytes) return WriteStatus::kTooLarge;
+    part_count += 2 * body->References().size() + 2;
+  }
   if (!write_lock_.Lock()) return WriteStatus::kStopped;
-  const WriteStatus status = WriteBody(parts, body.BodySize());
+  WriteStatus status = WriteStatus::kFailed;
+  try {
+    // Reserved first: the parts point into the headers.
+    gather_headers_.clear();
+    gather_headers_.reserve(bodies.size());
+    gather_parts_.clear();
+    gather_parts_.reserve(part_count);
+    for (const MessageBuffer* body : bodies) {
+      gather_headers_.push_back(EncodeFrameHeader(static_cast<uint32_t>(body->BodySize())));
+      AppendFrameParts(*body, gather_headers_.back(), gather_parts_);
+    }
+    status = WriteParts(gather_parts_);
+  } catch (const std::exception&) {
+    status = WriteStatus::kFailed;
+  }
   write_lock_.Unlock();
   return status;
 }
@@ -104,6 +132,11 @@ PipeChannel::WriteStatus PipeChannel::WriteBody(std::span<std::span<const uint8_
   if (pipe_ == nullptr) return WriteStatus::kFailed;
   const auto header = EncodeFrameHeader(static_cast<uint32_t>(size));
   parts[0] = header;
+  return WriteParts(parts);
+}
+
+PipeChannel::WriteStatus PipeChannel::WriteParts(std::span<const std::span<const uint8_t>> parts) {
+  if (pipe_ == nullptr) return WriteStatus::kFailed;
   switch (pipe_->Write(parts, stop_)) {
     case platform::IoResult::kOk:
       return WriteStatus::kWritten;

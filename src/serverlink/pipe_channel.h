@@ -9,6 +9,7 @@
 // owner closes the pipe, once, after the reader has finished (a descriptor number is reused at
 // once on POSIX).
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -20,6 +21,7 @@
 #include <vector>
 
 #include "platform/pipe.h"
+#include "serverlink/frame.h"
 #include "serverlink/message_buffer.h"
 #include "serverlink/stoppable_lock.h"
 
@@ -52,6 +54,10 @@ class PipeChannel {
   // runs the body refers to go out from where they lie too.
   WriteStatus WriteFrame(std::span<const uint8_t> body);
   WriteStatus WriteFrame(const MessageBuffer& body);
+  // Writes `bodies` as one frame each, together in as few writes as the system allows: for a
+  // writer that found several frames waiting. When one body is beyond the frame limit nothing is
+  // written (kTooLarge).
+  WriteStatus WriteFrames(std::span<const MessageBuffer* const> bodies);
 
   // From now on ReadFrame reads a body larger than kPartBodyFrom only up to kPartBodyHead bytes;
   // the rest stays in the pipe for the decoder to take (the input buffer's Source), so that a
@@ -108,6 +114,8 @@ class PipeChannel {
   // Writes one frame of `size` body bytes in `parts`, whose first part it fills with the frame
   // header; the caller holds the write lock.
   WriteStatus WriteBody(std::span<std::span<const uint8_t>> parts, size_t size);
+  // Writes `parts`, which hold whole frames, and logs a failure; the caller holds the write lock.
+  WriteStatus WriteParts(std::span<const std::span<const uint8_t>> parts);
   // Exactly `size` bytes through the staging buffer (or straight into `dest` when large).
   platform::IoResult ReadExact(uint8_t* dest, size_t size);
   // Reads the body of `size` bytes into the input buffer, whole or in part.
@@ -118,7 +126,10 @@ class PipeChannel {
   StoppableLock write_lock_;
   StoppableLock read_lock_;
   MessageBuffer output_;  // guarded by write_lock_
-  MessageBuffer input_;   // guarded by read_lock_
+  // WriteFrames' headers and parts, kept from one batch to the next; guarded by write_lock_.
+  std::vector<std::array<uint8_t, kFrameHeaderBytes>> gather_headers_;
+  std::vector<std::span<const uint8_t>> gather_parts_;
+  MessageBuffer input_;  // guarded by read_lock_
   // Bytes read from the pipe ahead of the frame being taken apart; guarded by read_lock_.
   std::vector<uint8_t> staging_;
   size_t staged_begin_ = 0;

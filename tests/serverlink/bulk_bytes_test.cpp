@@ -123,6 +123,35 @@ TEST_F(BulkBytesTest, ReadsArriveWholeWhereverTheirBytesLand) {
   }
 }
 
+// Frames the writer found waiting go out in one gathered write and still arrive one by one, each
+// whole and in order, whether its bytes lie in the buffer or elsewhere.
+TEST_F(BulkBytesTest, FramesWrittenTogetherArriveOneByOne) {
+  const size_t sizes[] = {1 << 20, 1000, 256 << 10, 10};
+  std::vector<std::shared_ptr<const std::vector<uint8_t>>> bytes;
+  std::vector<MessageBuffer> bodies;
+  std::vector<const MessageBuffer*> batch;
+  for (uint32_t i = 0; i < std::size(sizes); ++i) {
+    bytes.push_back(std::make_shared<const std::vector<uint8_t>>(Pattern(sizes[i], 5 + i)));
+    bodies.push_back(Answer(i + 1, i == 2 ? 6000 : 0, *bytes.back(), bytes.back()));
+  }
+  for (const MessageBuffer& body : bodies)
+    batch.push_back(&body);
+  writer_.Adopt(std::move(server_));
+  auto written = std::async(std::launch::async, [&] { return writer_.WriteFrames(batch); });
+  for (uint32_t sequence = 1; sequence <= std::size(sizes); ++sequence) {
+    SCOPED_TRACE(sequence);
+    ASSERT_TRUE(store_.Await(sequence, nullptr));
+    ASSERT_EQ(reader_.ReadFrame(), PipeChannel::ReadStatus::kFrame);
+    EXPECT_EQ(dispatcher_.Dispatch(reader_.Input()),
+              IncomingDispatcher::Outcome::kResponseDelivered);
+    reader_.ReleaseRead();
+    std::shared_ptr<CResponse> arrived;
+    ASSERT_EQ(store_.Wait(sequence, store_.Epoch(), arrived), WaitError::kWaitSuccess);
+    EXPECT_TRUE(static_cast<const CGetMemoryResponse&>(*arrived).ReadData == *bytes[sequence - 1]);
+  }
+  EXPECT_EQ(written.get(), PipeChannel::WriteStatus::kWritten);
+}
+
 // A body cut short leaves its message undecoded, and the reader finds no frame after it.
 TEST_F(BulkBytesTest, ABodyCutShortEndsTheStream) {
   const auto bytes = Pattern(1 << 20, 3);
