@@ -70,15 +70,10 @@ void ProcessMemory::Read(uint64_t address, uint32_t size, Bytes& data, uint32_t&
   }
 }
 
-Status ProcessMemory::Write(uint64_t address, const uint8_t* data, size_t size) {
+size_t ProcessMemory::WriteMem(uint64_t address, const uint8_t* data, size_t size, int& error) {
+  std::lock_guard lock(mutex_);
   size_t done = 0;
-  iovec local{const_cast<uint8_t*>(data), size};
-  iovec remote{reinterpret_cast<void*>(address), size};
-  const ssize_t wrote = process_vm_writev(pid_, &local, 1, &remote, 1, 0);
-  if (wrote > 0) done = static_cast<size_t>(wrote);
-  int error = 0;
   while (done < size) {
-    std::lock_guard lock(mutex_);
     const uint64_t at = address + done;
     if (mem_fd_ < 0 || at > static_cast<uint64_t>(INT64_MAX)) {
       error = mem_fd_ < 0 ? EBADF : EFAULT;
@@ -90,6 +85,27 @@ Status ProcessMemory::Write(uint64_t address, const uint8_t* data, size_t size) 
       break;
     }
     done += static_cast<size_t>(got);
+  }
+  return done;
+}
+
+Status ProcessMemory::Write(uint64_t address, const uint8_t* data, size_t size) {
+  auto vm_write = [&](size_t from) -> size_t {
+    iovec local{const_cast<uint8_t*>(data + from), size - from};
+    iovec remote{reinterpret_cast<void*>(address + from), size - from};
+    const ssize_t wrote = process_vm_writev(pid_, &local, 1, &remote, 1, 0);
+    return wrote > 0 ? static_cast<size_t>(wrote) : 0;
+  };
+  int error = 0;
+  size_t done = 0;
+  if (size <= kSmallWrite) {
+    // Small writes are mostly a breakpoint's int3 going into read-only text, which
+    // process_vm_writev refuses: /proc/PID/mem takes them in one call.
+    done = WriteMem(address, data, size, error);
+    if (done < size && error == EBADF) done += vm_write(done);
+  } else {
+    done = vm_write(0);
+    if (done < size) done += WriteMem(address + done, data + done, size - done, error);
   }
   if (done == size) return Status::Ok();
   return Status::Fail(KXAPI_COMMS_ERR_INVALID_ADDRESS,

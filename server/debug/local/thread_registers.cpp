@@ -302,9 +302,12 @@ Status WriteInstructionPointer(pid_t tid, uint64_t rip) {
   return Status::Ok();
 }
 
-uint64_t ReadStackPointer(pid_t tid) {
+Status ReadInstructionAndStackPointers(pid_t tid, uint64_t& rip, uint64_t& rsp) {
   user_regs_struct regs{};
-  return ptrace(PTRACE_GETREGS, tid, nullptr, &regs) == 0 ? regs.rsp : 0;
+  if (ptrace(PTRACE_GETREGS, tid, nullptr, &regs) != 0) return Refused(tid, "registers");
+  rip = regs.rip;
+  rsp = regs.rsp;
+  return Status::Ok();
 }
 
 }  // namespace qv::server

@@ -27,7 +27,7 @@ Status WriteDebugRegister(pid_t tid, uint32_t index, uint64_t value);
 // The instruction pointer of a stopped thread, and setting it.
 Status ReadInstructionPointer(pid_t tid, uint64_t& rip);
 Status WriteInstructionPointer(pid_t tid, uint64_t rip);
-// The stack pointer of a stopped thread; 0 when it cannot be read.
-uint64_t ReadStackPointer(pid_t tid);
+// The instruction and stack pointers of a stopped thread, in one read of its registers.
+Status ReadInstructionAndStackPointers(pid_t tid, uint64_t& rip, uint64_t& rsp);
 
 }  // namespace qv::server

@@ -577,12 +577,12 @@ void TracedProcess::ReportStop(pid_t tid, uint32_t reason) {
     PutBackLifted(thread);
     thread.stop_code = reason;
   }
-  PostModuleChanges();
+  PostModuleChanges();  // leaves maps_text_ as the process's maps are now
   CStopNotificationNotification stop;
   stop.TargetKey = events_->Target();
   stop.ThreadId = static_cast<uint32_t>(tid);
   stop.Process = InfoRecord();
-  stop.Threads = ThreadRecords();
+  stop.Threads = ThreadRecords(&maps_text_);
   stop.Timestamp = SteadyNanoseconds();
   events_->Post(stop);
 }
@@ -744,7 +744,7 @@ ProcessInfoRecord TracedProcess::InfoRecord() {
   return record;
 }
 
-ThreadInfoList TracedProcess::ThreadRecords() {
+ThreadInfoList TracedProcess::ThreadRecords(const std::string* maps_text) {
   ThreadInfoList records;
   std::optional<std::vector<Mapping>> mappings;  // read for the first stopped thread
   for (const auto& [tid, thread] : threads_) {
@@ -754,11 +754,14 @@ ThreadInfoList TracedProcess::ThreadRecords() {
       record.State = kThreadInhibited;
       record.WaitState = kWaitSuspended;
       uint64_t rip = 0;
-      if (ReadInstructionPointer(tid, rip).ok()) record.Rip = rip;
-      record.StackAddr = ReadStackPointer(tid);
+      uint64_t rsp = 0;
+      if (ReadInstructionAndStackPointers(tid, rip, rsp).ok()) {
+        record.Rip = rip;
+        record.StackAddr = rsp;
+      }
       // The stack's size: the mapping the stack pointer lies in (the main thread's [stack], a
       // thread's own mapped stack).
-      if (!mappings) mappings = ParseMappings(ReadMapsText(pid_));
+      if (!mappings) mappings = ParseMappings(maps_text ? *maps_text : ReadMapsText(pid_));
       for (const Mapping& mapping : *mappings) {
         if (record.StackAddr >= mapping.start && record.StackAddr < mapping.end)
           record.StackSize = mapping.end - mapping.start;

@@ -180,7 +180,9 @@ class TracedProcess {
   Status SyscallInStoppedThread(long number, const std::array<uint64_t, 6>& args, uint64_t& result);
 
   ProcessInfoRecord InfoRecord();
-  ThreadInfoList ThreadRecords();
+  // The threads' records; the stacks' sizes come from `maps_text` when given (the maps just
+  // read), else from the maps read afresh.
+  ThreadInfoList ThreadRecords(const std::string* maps_text = nullptr);
   void PostModuleChanges();
   template <class Notification>
   Notification Event();
