@@ -197,6 +197,7 @@ bool ClientSession::Answer(RequestDispatcher::Call& call) {
     ServerLog(kLogErrors, ClientTag(id_) + ": no memory to answer with; closing");
     return false;
   }
+  if (answer->Size() == 0) return true;  // a call that goes unanswered when it succeeds
   try {
     Send(std::make_shared<const MessageBuffer>(std::move(*answer)));
     return true;

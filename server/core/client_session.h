@@ -17,7 +17,8 @@
 // others are answered in the order they came. Answers and notifications reach the client in the
 // order they were produced, and a client that does not read never blocks anybody else: when its
 // queue grows past a limit, it is dropped. A frame that cannot be delimited (bad reserved word,
-// body beyond the limit) ends the session; everything else gets an answer.
+// body beyond the limit) ends the session; everything else gets an answer, except what the client
+// sends without waiting for one (console acknowledgements) when it succeeds.
 
 #include <atomic>
 #include <chrono>

@@ -69,6 +69,7 @@ std::optional<RequestDispatcher::Call> RequestDispatcher::Decode(uint64_t client
     }
     call.handler = &handler->second;
     call.may_wait = waiting_.count(call.type_number) != 0;
+    call.unanswered = unanswered_.count(call.type_number) != 0;
     return call;
   } catch (const std::exception&) {
     return std::nullopt;
@@ -78,19 +79,22 @@ std::optional<RequestDispatcher::Call> RequestDispatcher::Decode(uint64_t client
 std::optional<MessageBuffer> RequestDispatcher::Run(Call& call, bool gather) const noexcept {
   try {
     if (call.answer.has_value() || call.handler == nullptr) return std::move(call.answer);
-    const std::u16string name(call.request->GetName());
+    // Only a refusal names the operation.
+    const auto name = [&call] { return std::u16string(call.request->GetName()); };
     Status status;
     try {
       status = (*call.handler)(call.context, *call.request, *call.response);
     } catch (const std::exception& error) {
       return Refusal(call, KXAPI_SERVER_EXCEPTION,
-                     name + u" failed inside the server: " + platform::Utf8ToUtf16(error.what()));
+                     name() + u" failed inside the server: " + platform::Utf8ToUtf16(error.what()));
     }
     if (!status.ok()) return Refusal(call, status.code, std::move(status.text));
     call.response->Sequence = call.context.sequence;
+    // The packet log shows the result even when it is not sent.
     if (observer) observer(call.context, call.request.get(), *call.response);
+    if (call.unanswered) return MessageBuffer();
     if (auto encoded = Encode(call.type_number, *call.response, gather)) return encoded;
-    return Refusal(call, KXAPI_SERVER_EXCEPTION, name + u": the response could not be encoded");
+    return Refusal(call, KXAPI_SERVER_EXCEPTION, name() + u": the response could not be encoded");
   } catch (const std::exception&) {
     // Out of memory while building an answer: there is nothing better to send.
     return std::nullopt;

@@ -9,7 +9,9 @@
 //   a handler that throws                      -> KXAPI_SERVER_EXCEPTION
 //
 // A failure answer carries only the response head (Result, ResultText, Sequence), which every
-// response class shares, so one can be written even for a type number nobody knows.
+// response class shares, so one can be written even for a type number nobody knows. An operation
+// its client sends without waiting for the answer (a console output's acknowledgement) is
+// answered only when it is refused.
 
 #include <cstdint>
 #include <functional>
@@ -36,8 +38,9 @@ class RequestDispatcher {
  public:
   using Handler = std::function<Status(const RequestContext&, CRequest&, CResponse&)>;
 
-  // Whether a handler answers at once or may wait for simulated time to pass.
-  enum class Timing { kImmediate, kMayWait };
+  // Whether a handler answers at once or may wait for simulated time to pass, or answers at once
+  // and its success goes unanswered (the client does not wait for it).
+  enum class Timing { kImmediate, kMayWait, kUnanswered };
 
   // Registers the handler of the operation with request class Req and response class Resp;
   // `handler` takes (const RequestContext&, Req&, Resp&) and returns a Status. A kMayWait
@@ -47,6 +50,7 @@ class RequestDispatcher {
   void Register(Fn handler, Timing timing = Timing::kImmediate) {
     static_assert(Req::kTypeNumber == Resp::kTypeNumber, "request and response differ");
     if (timing == Timing::kMayWait) waiting_.insert(Req::kTypeNumber);
+    if (timing == Timing::kUnanswered) unanswered_.insert(Req::kTypeNumber);
     handlers_[Req::kTypeNumber] = [handler](const RequestContext& context, CRequest& request,
                                             CResponse& response) {
       return handler(context, static_cast<Req&>(request), static_cast<Resp&>(response));
@@ -63,6 +67,7 @@ class RequestDispatcher {
     std::shared_ptr<CResponse> response;
     const Handler* handler = nullptr;
     bool may_wait = false;                // its handler is kMayWait
+    bool unanswered = false;              // its handler is kUnanswered
     std::optional<MessageBuffer> answer;  // the refusal, when it has one
     std::shared_ptr<void> held;           // kept until the call ends (its owner's use)
   };
@@ -75,7 +80,8 @@ class RequestDispatcher {
   // The response body (kind word, type number, response) for a decoded call: its handler's
   // answer, or its refusal. With `gather`, the answer refers to its large byte fields where they
   // lie instead of copying them (MessageBuffer::References), for a caller that writes it with
-  // PipeChannel::WriteFrame. nullopt only when memory ran out. Never throws.
+  // PipeChannel::WriteFrame. An empty buffer for a kUnanswered call that succeeded: nothing is
+  // to be sent. nullopt only when memory ran out. Never throws.
   std::optional<MessageBuffer> Run(Call& call, bool gather = false) const noexcept;
   // Decode, then Run.
   std::optional<MessageBuffer> Dispatch(uint64_t client_id, uint32_t process_id,
@@ -91,6 +97,7 @@ class RequestDispatcher {
 
   std::unordered_map<uint32_t, Handler> handlers_;
   std::unordered_set<uint32_t> waiting_;
+  std::unordered_set<uint32_t> unanswered_;
 };
 
 }  // namespace qv::server

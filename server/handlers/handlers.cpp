@@ -357,12 +357,13 @@ void RegisterConsole(RequestDispatcher& dispatcher, TargetRegistry& registry) {
             context.target, {request.Port, request.Category, 0, request.ProcessId, 0, request.Text},
             true);
       });
-  // Sent without waiting for an answer; the answer is written all the same and dropped.
+  // Sent without waiting for an answer: one comes only when it is refused (a malformed one).
   dispatcher.Register<CAckConsoleOutputRequest, CAckConsoleOutputResponse>(
       [&registry](const Context& context, CAckConsoleOutputRequest&, CAckConsoleOutputResponse&) {
         registry.AcknowledgeConsoleOutput(context.client_id);
         return Status::Ok();
-      });
+      },
+      RequestDispatcher::Timing::kUnanswered);
 }
 
 void RegisterProcessLocks(RequestDispatcher& dispatcher, TargetRegistry& registry) {

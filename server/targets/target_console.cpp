@@ -1,6 +1,8 @@
 // The registry's console: each target's cache, console input, output paced on the clients'
 // acknowledgements, and the kits' scripts (whose console output takes the same way).
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/wide_string.h"
 #include "server/kits/scenario_script.h"
@@ -18,36 +20,57 @@ uint64_t NowMilliseconds() {
 
 }  // namespace
 
-void TargetRegistry::EmitConsoleOutput(Target& target, const CConsoleOutputNotification& output) {
-  target.console.Add({output.Port, output.Category, output.Timestamp, output.ProcessId,
-                      output.ThreadId, output.Text});
+void TargetRegistry::EmitConsoleOutput(Target& target, CConsoleOutputNotification&& output) {
   const auto it = subscriptions_.find({EventGroup::ConsoleOutput, target.handle});
-  if (it == subscriptions_.end()) return;
-  const auto body = Encode(output);
-  if (body == nullptr) return;
-  const auto logged = std::make_shared<const CConsoleOutputNotification>(output);
-  for (uint64_t client_id : it->second) {
-    if (clients_.count(client_id) == 0) continue;
-    ConsoleFlow& flow = console_flows_[client_id];
-    if (flow.waiting.size() < kConsoleBacklog) {
-      flow.waiting.emplace_back(body, logged);
-    } else {
-      if (flow.dropped == 0) flow.dropped_from = target.handle;
-      ++flow.dropped;
+  // The clients whose backlog has room; a piece nobody takes is not encoded.
+  std::vector<std::pair<uint64_t, ConsoleFlow*>> takers;
+  if (it != subscriptions_.end()) {
+    takers.reserve(it->second.size());
+    for (uint64_t client_id : it->second) {
+      if (clients_.count(client_id) == 0) continue;
+      ConsoleFlow& flow = console_flows_[client_id];
+      if (flow.waiting.size() < kConsoleBacklog) {
+        takers.emplace_back(client_id, &flow);
+      } else {
+        if (flow.dropped == 0) flow.dropped_from = target.handle;
+        ++flow.dropped;
+      }
     }
-    DrainConsoleFlow(client_id, flow);
+  }
+  SharedBody body;
+  std::shared_ptr<const CConsoleOutputNotification> logged;
+  if (!takers.empty()) {
+    body = Encode(output);
+    if (observer_) logged = std::make_shared<const CConsoleOutputNotification>(output);
+  }
+  // The text is needed no more once encoded: the cache takes it.
+  target.console.Add({output.Port, output.Category, output.Timestamp, output.ProcessId,
+                      output.ThreadId, std::move(output.Text)});
+  if (body == nullptr) return;
+  for (auto& [client_id, flow] : takers) {
+    flow->waiting.emplace_back(body, logged);
+    DrainConsoleFlow(client_id, *flow);
   }
 }
 
 void TargetRegistry::DrainConsoleFlow(uint64_t client_id, ConsoleFlow& flow) {
   const auto client = clients_.find(client_id);
   if (client == clients_.end()) return;
+  // A full window refills once half of it has been acknowledged, so that the client's writer
+  // sends pieces in batches rather than one for each acknowledgement.
+  if (flow.refill_at_half) {
+    if (flow.in_flight > kConsoleInFlight / 2) return;
+    flow.refill_at_half = false;
+  }
   while (flow.in_flight < kConsoleInFlight && !flow.waiting.empty()) {
     client->second.second->Post(flow.waiting.front().first);
-    if (observer_) observer_(client_id, *flow.waiting.front().second);
+    if (observer_ && flow.waiting.front().second) {
+      observer_(client_id, *flow.waiting.front().second);
+    }
     flow.waiting.pop_front();
     ++flow.in_flight;
   }
+  flow.refill_at_half = flow.in_flight >= kConsoleInFlight;
   // The notice of a drop comes once the client has caught up with what was kept, so it follows
   // the last piece before the gap; it goes to this client only, and into the cache it came from.
   if (flow.dropped == 0 || !flow.waiting.empty() || flow.in_flight >= kConsoleInFlight) return;
@@ -65,7 +88,7 @@ void TargetRegistry::DrainConsoleFlow(uint64_t client_id, ConsoleFlow& flow) {
   if (body == nullptr) return;
   client->second.second->Post(body);
   if (observer_) observer_(client_id, notice);
-  ++flow.in_flight;
+  flow.refill_at_half = ++flow.in_flight >= kConsoleInFlight;
 }
 
 void TargetRegistry::AcknowledgeConsoleOutput(uint64_t client_id) {
@@ -145,7 +168,7 @@ Status TargetRegistry::SendConsoleInput(uint32_t handle, const ConsoleCacheRecor
   output.ProcessId = input.ProcessId;
   output.Timestamp = NowMilliseconds();
   output.Text = input.Text;
-  EmitConsoleOutput(*target, output);
+  EmitConsoleOutput(*target, std::move(output));
   return Status::Ok();
 }
 
@@ -192,7 +215,7 @@ void TargetRegistry::SendScripted(const std::u16string& host, const ScriptStep& 
   const auto notification = ScriptedNotification(step, target_key, repetition);
   if (notification == nullptr) return;
   if (step.type_number == CConsoleOutputNotification::kTypeNumber && target != nullptr) {
-    EmitConsoleOutput(*target, static_cast<const CConsoleOutputNotification&>(*notification));
+    EmitConsoleOutput(*target, std::move(static_cast<CConsoleOutputNotification&>(*notification)));
     return;
   }
   Notify(route->group, route->group == EventGroup::Server ? kNoTarget : target_key, *notification);

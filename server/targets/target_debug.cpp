@@ -90,7 +90,9 @@ void TargetRegistry::PostDebug(uint32_t handle, const CNotification& notificatio
   const TargetPtr target = Find(handle);
   if (target == nullptr || target->deleted) return;
   if (notification.GetTypeNumber() == CConsoleOutputNotification::kTypeNumber) {
-    EmitConsoleOutput(*target, static_cast<const CConsoleOutputNotification&>(notification));
+    CConsoleOutputNotification output =
+        static_cast<const CConsoleOutputNotification&>(notification);
+    EmitConsoleOutput(*target, std::move(output));
   } else {
     Notify(EventGroup::Debug, handle, notification);
   }

@@ -173,8 +173,9 @@ class TargetRegistry {
   U32List ClientProcessIds() const;
 
   // Console (target_console.cpp). Output goes into the target's cache and to its ConsoleOutput
-  // subscribers, at most kConsoleInFlight unacknowledged pieces per client; a client's further
-  // pieces wait, up to kConsoleBacklog, and beyond that are dropped for that client and counted:
+  // subscribers, at most kConsoleInFlight unacknowledged pieces per client (a full window refills
+  // when half of it is acknowledged); a client's further pieces wait, up to kConsoleBacklog, and
+  // beyond that are dropped for that client and counted:
   // once it acknowledges again it gets a piece saying how many it missed (docs/server.md).
   static constexpr uint32_t kConsoleInFlight = 64;
   static constexpr uint32_t kConsoleBacklog = 1024;
@@ -212,10 +213,12 @@ class TargetRegistry {
   // A client's console output in flight, and what waits behind it.
   struct ConsoleFlow {
     uint32_t in_flight = 0;  // sent, not yet acknowledged
-    // Encoded, and as the notification the packet log records when it is sent.
+    // Encoded, and as the notification the packet log records when it is sent (null without a
+    // packet log).
     std::deque<std::pair<SharedBody, std::shared_ptr<const CNotification>>> waiting;
-    uint64_t dropped = 0;       // since the client last heard about drops
-    uint32_t dropped_from = 0;  // the target the first of them came from
+    uint64_t dropped = 0;         // since the client last heard about drops
+    uint32_t dropped_from = 0;    // the target the first of them came from
+    bool refill_at_half = false;  // the window filled: wait until half of it is acknowledged
   };
   using TargetPtr = std::shared_ptr<Target>;
   using Lock = std::unique_lock<std::mutex>;
@@ -233,8 +236,9 @@ class TargetRegistry {
   void Notify(EventGroup group, uint32_t key, const CNotification& notification);
   // The message body that carries `notification`; null if it cannot be encoded.
   static SharedBody Encode(const CNotification& notification);
-  // Console output of `target`: into its cache and, paced, to its subscribers.
-  void EmitConsoleOutput(Target& target, const CConsoleOutputNotification& output);
+  // Console output of `target`: into its cache (which takes its text) and, paced, to its
+  // subscribers.
+  void EmitConsoleOutput(Target& target, CConsoleOutputNotification&& output);
   friend class TargetDebugEvents;
   // What a target's debug backend reports: console output to its console, the rest to its
   // Debug group. Dropped once the target is deleted or the server stops.

@@ -120,14 +120,23 @@ TEST_F(EventsTest, ConsoleOutputIsPacedOnAcknowledgementsAndDropsAreReported) {
 
   // Acknowledged as the library does: without waiting for the answer.
   size_t acknowledged = 0;
-  const auto last_text = [&] {
-    const auto pieces = a_.Notifications();
-    for (; acknowledged < pieces.size(); ++acknowledged) {
+  const auto acknowledge = [&](size_t count) {
+    for (size_t i = 0; i < count; ++i, ++acknowledged) {
       uint32_t sequence = 0;
       uint64_t epoch = 0;
       EXPECT_EQ(a_.link().SendRequest(flood, CAckConsoleOutputRequest{}, sequence, false, epoch),
                 LinkStatus::kSuccess);
     }
+  };
+  // A full window refills once half of it is acknowledged, not piece by piece.
+  acknowledge(31);
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(a_.Notifications().size(), 64u);
+  acknowledge(1);
+  EXPECT_EQ(a_.WaitNotifications(96).size(), 96u);
+  const auto last_text = [&] {
+    const auto pieces = a_.Notifications();
+    acknowledge(pieces.size() - acknowledged);
     return As<CConsoleOutputNotification>(pieces.back())->Text;
   };
   ASSERT_TRUE(WaitUntil([&] { return last_text() != u"x"; }, 60000));

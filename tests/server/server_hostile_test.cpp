@@ -39,11 +39,15 @@ TEST_F(HostileTest, RequestsThatCannotBeDecodedAreAnsweredAndTheConnectionStays)
     uint32_t type_number;
     std::vector<uint8_t> fields;
     eErrorCode expected;
-    const char* text;
+    const char* text;  // null: a success, which this operation does not answer
   };
   constexpr auto kBad = KXAPI_SERVER_INVALID_REQUEST;
   const Case cases[] = {
       {"unknown type number", 0x01020304, {}, kBad, "0x01020304"},
+      // The client does not wait for an acknowledgement's answer; a refused one is answered.
+      {"acknowledgement", CAckConsoleOutputRequest::kTypeNumber, {}, KXAPI_SUCCESS, nullptr},
+      {"acknowledgement with bytes after it", CAckConsoleOutputRequest::kTypeNumber, Words(0),
+       kBad, "ACK_CONSOLE_OUTPUT"},
       // A string count that promises more units than follow.
       {"truncated string", CAddTargetRequest::kTypeNumber, Words(50, 0x00410041), kBad,
        "ADD_TARGET"},
@@ -58,6 +62,7 @@ TEST_F(HostileTest, RequestsThatCannotBeDecodedAreAnsweredAndTheConnectionStays)
   uint32_t sequence = 100;
   for (const Case& c : cases) {
     ASSERT_TRUE(raw.WriteRequest(c.type_number, kNone, ++sequence, c.fields)) << c.what;
+    if (c.text == nullptr) continue;
     uint32_t type_number = 0;
     CResponse head;
     ASSERT_TRUE(raw.ReadResponseHead(type_number, head)) << c.what;
