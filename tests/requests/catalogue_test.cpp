@@ -133,10 +133,8 @@ std::map<std::string, uint32_t> ParseOperationTable() {
   std::map<std::string, uint32_t> operations;
   std::istringstream in(kOperationTable);
   std::string name, number;
-  while (in >> name >> number) {
-    if (!number.empty() && number.back() == ';') number.pop_back();
-    operations[name] = static_cast<uint32_t>(std::stoul(number, nullptr, 16));
-  }
+  while (in >> name >> number)
+    operations[name] = static_cast<uint32_t>(std::stoul(number, nullptr, 16));  // stops at ';'
   return operations;
 }
 
@@ -193,26 +191,23 @@ TEST(CatalogueTest, HandComputedEncodings) {
   EXPECT_EQ(lock.GetTypeNumber(), 394069046u);
 }
 
-TEST(CatalogueTest, AFailedResponseDecodesFromItsHeadAlone) {
-  const ByteVector bytes{5, 0, 0, 0, 3, 0, 0, 0, 'n', 0, 'o', 0, 0, 0, 9, 0, 0, 0};
-  MessageBuffer buffer(bytes.data(), bytes.size());
-  CFetchConsoleCacheResponse response;
-  ASSERT_TRUE(response.Deserialize(buffer));
-  EXPECT_EQ(response.Result, 5u);
-  EXPECT_EQ(response.ResultText, u"no");
-  EXPECT_EQ(response.Sequence, 9u);
-  EXPECT_TRUE(response.Records.empty());
-}
+// A failed response decodes from its head alone; a broken head leaves an empty one.
+TEST(CatalogueTest, ResponseHeads) {
+  CFetchConsoleCacheResponse failed;
+  ASSERT_TRUE(DecodeAll({5, 0, 0, 0, 3, 0, 0, 0, 'n', 0, 'o', 0, 0, 0, 9, 0, 0, 0}, failed));
+  EXPECT_EQ(failed.Result, 5u);
+  EXPECT_EQ(failed.ResultText, u"no");
+  EXPECT_EQ(failed.Sequence, 9u);
+  EXPECT_TRUE(failed.Records.empty());
 
-TEST(CatalogueTest, ABrokenHeadLeavesAnEmptyHead) {
-  const ByteVector bytes{5, 0, 0, 0, 3, 0, 0, 0, 'n', 0};  // text cut short
-  MessageBuffer buffer(bytes.data(), bytes.size());
-  CGetDefaultTargetResponse response;
-  response.Sequence = 3;
-  EXPECT_FALSE(response.Deserialize(buffer));
-  EXPECT_EQ(response.Result, 0u);
-  EXPECT_EQ(response.Sequence, 0u);
-  EXPECT_TRUE(response.ResultText.empty());
+  const ByteVector cut_text{5, 0, 0, 0, 3, 0, 0, 0, 'n', 0};
+  MessageBuffer buffer(cut_text.data(), cut_text.size());
+  CGetDefaultTargetResponse broken;
+  broken.Sequence = 3;
+  EXPECT_FALSE(broken.Deserialize(buffer));
+  EXPECT_EQ(broken.Result, 0u);
+  EXPECT_EQ(broken.Sequence, 0u);
+  EXPECT_TRUE(broken.ResultText.empty());
 }
 
 TEST(CatalogueTest, TruncatedResponsesNeverDecode) {
@@ -223,12 +218,10 @@ TEST(CatalogueTest, TruncatedResponsesNeverDecode) {
   const ByteVector bytes = Encode(full);
   for (size_t n = 0; n < bytes.size(); ++n) {
     MessageBuffer buffer(bytes.data(), n);
-    CFetchConsoleCacheResponse response;
-    EXPECT_FALSE(response.Deserialize(buffer)) << n;
+    EXPECT_FALSE(CFetchConsoleCacheResponse().Deserialize(buffer)) << n;
   }
-  MessageBuffer buffer(bytes.data(), bytes.size());
   CFetchConsoleCacheResponse response;
-  ASSERT_TRUE(response.Deserialize(buffer));
+  ASSERT_TRUE(DecodeAll(bytes, response));
   EXPECT_EQ(response.Records, full.Records);
   EXPECT_EQ(response.NextIndex, 10u);
 }
