@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,13 +23,7 @@ namespace {
 
 using testing::Reply;
 using testing::ScriptedServer;
-
 using testing::WaitUntil;
-
-// A user name of its own per test, so that no two tests (or a real server) share a pipe name.
-std::u16string UniqueUser() {
-  return testing::UniqueUser("vkxtest");
-}
 
 class ServerLinkTest : public ::testing::Test {
  protected:
@@ -55,7 +48,8 @@ class ServerLinkTest : public ::testing::Test {
         std::move(hooks));
   }
 
-  std::u16string user_ = UniqueUser();
+  // A user name of its own per test, so that no two tests (or a real server) share a pipe name.
+  std::u16string user_ = testing::UniqueUser("vkxtest");
   std::unique_ptr<ScriptedServer> server_;
   std::mutex mutex_;
   std::vector<std::shared_ptr<CNotification>> notifications_;
@@ -66,6 +60,20 @@ Reply Answer(std::function<void(CResponse&)> fill = nullptr) {
   Reply reply;
   reply.fill = std::move(fill);
   return reply;
+}
+
+Reply Of(Reply::Kind kind) {
+  Reply reply;
+  reply.kind = kind;
+  return reply;
+}
+
+// A GET_TARGET_LIST call, the request most of these tests send.
+LinkStatus ListTargets(ServerLink& link) {
+  CGetTargetListRequest request;
+  CGetTargetListResponse response;
+  uint32_t sequence = 0;
+  return link.SendAndWait(kNoTarget, request, response, sequence);
 }
 
 TEST_F(ServerLinkTest, ConnectsLazilyAndCorrelatesAnswers) {
@@ -106,17 +114,8 @@ TEST_F(ServerLinkTest, ConnectsLazilyAndCorrelatesAnswers) {
 }
 
 TEST_F(ServerLinkTest, AnAnswerOfAnotherClassIsRefused) {
-  Serve([](const testing::ReceivedRequest&) {
-    Reply reply;
-    reply.kind = Reply::Kind::kWrongClass;
-    return reply;
-  });
-  auto link = MakeLink();
-  CGetTargetListRequest request;
-  CGetTargetListResponse response;
-  uint32_t sequence = 0;
-  EXPECT_EQ(link->SendAndWait(kNoTarget, request, response, sequence),
-            LinkStatus::kWrongResponseType);
+  Serve([](const testing::ReceivedRequest&) { return Of(Reply::Kind::kWrongClass); });
+  EXPECT_EQ(ListTargets(*MakeLink()), LinkStatus::kWrongResponseType);
 }
 
 TEST_F(ServerLinkTest, DroppedAnswersLeaveOnlyTheirCallerWaitingUntilTheConnectionEnds) {
@@ -129,12 +128,7 @@ TEST_F(ServerLinkTest, DroppedAnswersLeaveOnlyTheirCallerWaitingUntilTheConnecti
     return reply;
   });
   auto link = MakeLink();
-  auto first = std::async(std::launch::async, [&] {
-    CGetTargetListRequest request;
-    CGetTargetListResponse response;
-    uint32_t sequence = 0;
-    return link->SendAndWait(kNoTarget, request, response, sequence);
-  });
+  auto first = std::async(std::launch::async, [&] { return ListTargets(*link); });
   ASSERT_TRUE(WaitUntil([&] { return seen >= 1; }));
 
   CGetDefaultTargetRequest second;
@@ -156,18 +150,9 @@ TEST_F(ServerLinkTest, DroppedAnswersLeaveOnlyTheirCallerWaitingUntilTheConnecti
 }
 
 TEST_F(ServerLinkTest, DisconnectAndShutdownEndEveryBlockedWait) {
-  Serve([](const testing::ReceivedRequest&) {
-    Reply reply;
-    reply.kind = Reply::Kind::kSilent;
-    return reply;
-  });
+  Serve([](const testing::ReceivedRequest&) { return Of(Reply::Kind::kSilent); });
   auto link = MakeLink();
-  auto call = [&] {
-    CGetTargetListRequest request;
-    CGetTargetListResponse response;
-    uint32_t sequence = 0;
-    return link->SendAndWait(kNoTarget, request, response, sequence);
-  };
+  auto call = [&] { return ListTargets(*link); };
   auto waiting = std::async(std::launch::async, call);
   ASSERT_TRUE(WaitUntil([&] { return server_->Requests() >= 1; }));
   link->Disconnect();
@@ -200,7 +185,7 @@ TEST_F(ServerLinkTest, HandshakeFailuresReportTheirStatus) {
       {"handshake cut short", cut_short, LinkStatus::kConnectFailed},
   };
   for (const Case& c : cases) {
-    user_ = UniqueUser();
+    user_ = testing::UniqueUser("vkxtest");
     Serve([](const testing::ReceivedRequest&) { return Answer(); }, c.options);
     auto link = MakeLink();
     EXPECT_EQ(link->Connect(), c.status) << c.what;
@@ -237,12 +222,8 @@ TEST_F(ServerLinkTest, SequenceNumbersWrapAndNotificationsArrive) {
   auto link = MakeLink();
   ASSERT_EQ(link->Connect(), LinkStatus::kSuccess);
   link->SetSequenceForTesting(0x7FFFFFFE);
-  for (int i = 0; i < 3; ++i) {
-    CGetTargetListRequest request;
-    CGetTargetListResponse response;
-    uint32_t sequence = 0;
-    ASSERT_EQ(link->SendAndWait(kNoTarget, request, response, sequence), LinkStatus::kSuccess);
-  }
+  for (int i = 0; i < 3; ++i)
+    ASSERT_EQ(ListTargets(*link), LinkStatus::kSuccess);
   EXPECT_EQ(sequences, (std::vector<uint32_t>{0x7FFFFFFF, 0, 1}));
 
   CTargetAddedNotification added;
@@ -267,9 +248,7 @@ TEST_F(ServerLinkTest, ARequestBeyondTheFrameLimitIsNotSent) {
   CGenericProtocolWriteResponse response;
   uint32_t sequence = 0;
   EXPECT_EQ(link->SendAndWait(2, huge, response, sequence), LinkStatus::kWriteFailed);
-  CGetTargetListRequest next;
-  CGetTargetListResponse answer;
-  EXPECT_EQ(link->SendAndWait(kNoTarget, next, answer, sequence), LinkStatus::kSuccess);
+  EXPECT_EQ(ListTargets(*link), LinkStatus::kSuccess);
   EXPECT_EQ(server_->Requests(), 1);
 }
 
