@@ -575,34 +575,6 @@ TEST_F(VirtualProcessTest, NetworkEmulationKeepsEveryPortsSettings) {
   }
 }
 
-TEST(ProgramImageScenarioTest, MistakesAreRefusedWithTheirLineByBothReaders) {
-  const struct {
-    const char* image;
-    const char* error;
-  } cases[] = {
-      {"{path: /a, threads: [{registers: {rxx: 1}}]}", "'rxx' is not a register"},
-      {"{path: /a, regions: [{base: 0, size: 4}, {base: 2, size: 4}]}",
-       "this region overlaps an earlier one"},
-      {"{path: /a, regions: [{base: 0, fill: \"90\"}]}", "a region needs a 'size'"},
-      {"{path: /a, regions: [{base: 0, hex: \"9\"}]}", "'hex' must be whole pairs of hex digits"},
-      {"{path: /a, entry: 0x1g}", "'entry' must be a number"},
-      {"{path: /a, regions: [{base: 0, size: 1, protection: rwz}]}", "'protection' must be"},
-      {"{path: /a, sync: [{kind: Mutex}]}", "'Mutex' is not a kind of synchronisation object"},
-      {"{path: /a, sync: [{kind: VestaMutex, Owner: 1}]}", "unknown key 'Owner'"},
-      {"{path: /a, sync: [{kind: VestaMutex, OwnerThreadID: 1}]}",
-       "'OwnerThreadID' takes the name of one of the image's threads (a)"},
-      {"{path: /a, sync: [{kind: VestaMutex}, {kind: PosixMutex, KernelID: 1}]}",
-       "kernel id 1 is given to two objects"},
-      {"{path: /a, sync: [{kind: VestaMutex, Name: m}, {kind: PosixMutex, Name: m}]}",
-       "two synchronisation objects are named 'm'"},
-      {"{path: /a, threads: [{wait: m}]}", "'wait' names none of the image's synchronisation"},
-  };
-  for (const auto& c : cases) {
-    ExpectRefused(std::string("kits:\n  - host: dk\n    images:\n      - ") + c.image + "\n",
-                  std::string("s.yaml:4: ") + c.error);
-  }
-}
-
 // An answer shares the bytes of the region it read from; a write to the region afterwards leaves
 // the answer as it was read and shows in the next read.
 TEST(VirtualProcessMemoryTest, AnAnswerKeepsWhatItReadWhileTheRegionChanges) {
