@@ -14,6 +14,7 @@ namespace {
 using testing::ByteVector;
 using testing::DecodeAll;
 using testing::Encode;
+using testing::HandBytes;
 
 // The operations as the protocol document lists them, transcribed independently of the .def
 // rows, so that a typo in either shows up here.
@@ -163,25 +164,20 @@ TEST(CatalogueTest, HandComputedEncodings) {
   CAddTargetRequest add;
   add.TargetType = u"VE";
   add.HostName = u"kit1";
-  EXPECT_EQ(Encode(add), (ByteVector{3, 0, 0, 0, 'V', 0, 'E', 0, 0,   0,  // target type
-                                     5, 0, 0, 0, 'k', 0, 'i', 0, 't', 0, '1', 0, 0, 0}));
+  EXPECT_EQ(Encode(add), HandBytes().Text(u"VE").Text(u"kit1").bytes());
   EXPECT_EQ(add.ToString(), "{ TargetType:VE HostName:kit1 }");
   EXPECT_EQ(add.GetTypeNumber(), 0x2c3903b5u);
 
   CGetTargetListResponse list;
   list.Sequence = 7;
   list.Targets = {1, 2};
-  EXPECT_EQ(Encode(list), (ByteVector{0, 0, 0, 0,              // Result
-                                      1, 0, 0, 0, 0, 0,        // empty ResultText
-                                      7, 0, 0, 0,              // Sequence
-                                      2, 0, 0, 0, 1, 0, 0, 0,  // Targets
-                                      2, 0, 0, 0}));
+  // Result, an empty ResultText, Sequence, Targets.
+  EXPECT_EQ(Encode(list), HandBytes().U32(0).Text(u"").U32(7, 2, 1, 2).bytes());
 
   // A failed response carries only the head, whatever its fields hold.
   list.Result = 0x8004021B;
   list.ResultText = u"x";
-  EXPECT_EQ(Encode(list),
-            (ByteVector{0x1B, 0x02, 0x04, 0x80, 2, 0, 0, 0, 'x', 0, 0, 0, 7, 0, 0, 0}));
+  EXPECT_EQ(Encode(list), HandBytes().U32(0x8004021B).Text(u"x").U32(7).bytes());
 
   CRequestProcessLockRequest lock;
   lock.ProcessId = 12;
@@ -194,7 +190,7 @@ TEST(CatalogueTest, HandComputedEncodings) {
 // A failed response decodes from its head alone; a broken head leaves an empty one.
 TEST(CatalogueTest, ResponseHeads) {
   CFetchConsoleCacheResponse failed;
-  ASSERT_TRUE(DecodeAll({5, 0, 0, 0, 3, 0, 0, 0, 'n', 0, 'o', 0, 0, 0, 9, 0, 0, 0}, failed));
+  ASSERT_TRUE(DecodeAll(HandBytes().U32(5).Text(u"no").U32(9).bytes(), failed));
   EXPECT_EQ(failed.Result, 5u);
   EXPECT_EQ(failed.ResultText, u"no");
   EXPECT_EQ(failed.Sequence, 9u);

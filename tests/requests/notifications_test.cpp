@@ -133,10 +133,8 @@ TEST(NotificationLayoutTest, HandWrittenBodiesDecodeInTheirFieldOrder) {
 template <class Notification>
 bool Populate(CNotification& message) {
   auto* notification = dynamic_cast<Notification*>(&message);
-  if (notification == nullptr) return false;
-  testing::FieldFiller filler;
-  Notification::VisitFields(*notification, filler);
-  return true;
+  if (notification != nullptr) Notification::VisitFields(*notification, testing::FieldFiller());
+  return notification != nullptr;
 }
 
 std::map<uint32_t, bool (*)(CNotification&)> Populators() {
