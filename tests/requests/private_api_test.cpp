@@ -24,18 +24,21 @@ using testing::Reply;
 using testing::ScriptedServer;
 using testing::WaitUntil;
 
+using Delivery = std::pair<int, uint32_t>;  // the sink's number, the notification's type number
+
+struct DeliveryLog {
+  std::mutex mutex;
+  std::vector<Delivery> deliveries;  // guarded by mutex
+};
+
 // A notify client whose "sink" is a number: two clients wrap the same sink when their numbers
 // match. Every delivery is recorded, then handed to an optional action.
 class RecordingClient final : public IVEEventNotifyClient {
  public:
   using Action = std::function<void(const std::shared_ptr<CNotification>&)>;
 
-  RecordingClient(int sink, std::shared_ptr<std::vector<std::pair<int, uint32_t>>> log,
-                  std::shared_ptr<std::mutex> log_mutex, Action action = nullptr)
-      : sink_(sink),
-        log_(std::move(log)),
-        log_mutex_(std::move(log_mutex)),
-        action_(std::move(action)) {}
+  RecordingClient(int sink, std::shared_ptr<DeliveryLog> log, Action action)
+      : sink_(sink), log_(std::move(log)), action_(std::move(action)) {}
 
   bool IsSameSink(const IVEEventNotifyClient& other) const override {
     const auto* same = dynamic_cast<const RecordingClient*>(&other);
@@ -44,8 +47,8 @@ class RecordingClient final : public IVEEventNotifyClient {
 
   HRESULT Deliver(uint32_t, const std::shared_ptr<CNotification>& notification) override {
     {
-      std::lock_guard lock(*log_mutex_);
-      log_->emplace_back(sink_, notification->GetTypeNumber());
+      std::lock_guard lock(log_->mutex);
+      log_->deliveries.emplace_back(sink_, notification->GetTypeNumber());
     }
     if (action_) action_(notification);
     return E_FAIL;  // a failing sink must not stop the ones after it
@@ -53,8 +56,7 @@ class RecordingClient final : public IVEEventNotifyClient {
 
  private:
   int sink_;
-  std::shared_ptr<std::vector<std::pair<int, uint32_t>>> log_;
-  std::shared_ptr<std::mutex> log_mutex_;
+  std::shared_ptr<DeliveryLog> log_;
   Action action_;
 };
 
@@ -100,13 +102,12 @@ class PrivateApiTest : public ::testing::Test {
   }
 
   std::shared_ptr<RecordingClient> Client(int sink, RecordingClient::Action action = nullptr) {
-    return std::make_shared<RecordingClient>(sink, deliveries_, deliveries_mutex_,
-                                             std::move(action));
+    return std::make_shared<RecordingClient>(sink, log_, std::move(action));
   }
 
-  std::vector<std::pair<int, uint32_t>> Deliveries() {
-    std::lock_guard lock(*deliveries_mutex_);
-    return *deliveries_;
+  std::vector<Delivery> Deliveries() {
+    std::lock_guard lock(log_->mutex);
+    return log_->deliveries;
   }
 
   // A notification for `key` that the Target group delivers.
@@ -126,9 +127,7 @@ class PrivateApiTest : public ::testing::Test {
   std::unique_ptr<ScriptedServer> server_;
   std::mutex mutex_;
   std::vector<SeenRequest> requests_;  // guarded by mutex_
-  std::shared_ptr<std::vector<std::pair<int, uint32_t>>> deliveries_ =
-      std::make_shared<std::vector<std::pair<int, uint32_t>>>();
-  std::shared_ptr<std::mutex> deliveries_mutex_ = std::make_shared<std::mutex>();
+  std::shared_ptr<DeliveryLog> log_ = std::make_shared<DeliveryLog>();
   std::shared_ptr<CKXVEPrivateAPI> api_;
 };
 
@@ -179,7 +178,7 @@ TEST_F(PrivateApiTest, AdviseAndUnadviseFollowTheRegistrationCount) {
   ASSERT_TRUE(server_->Notify(ConnectedFor(4)));  // nobody listens to target 4
   ASSERT_TRUE(WaitUntil([&] { return Deliveries().size() >= 2; }));
   const uint32_t connected = CConnectedNotification::kTypeNumber;
-  EXPECT_EQ(Deliveries(), (std::vector<std::pair<int, uint32_t>>{{1, connected}, {2, connected}}));
+  EXPECT_EQ(Deliveries(), (std::vector<Delivery>{{1, connected}, {2, connected}}));
 
   // The cancel goes out only with the last sink of the key, and for a key with none at all.
   EXPECT_EQ(api_->Unadvise(EventGroup::Target, *Client(1), 3), S_OK);
@@ -236,9 +235,8 @@ TEST_F(PrivateApiTest, ADeletedTargetsSinksHearNothingMore) {
   added.Handle = 3;
   ASSERT_TRUE(server_->Notify(added));
   ASSERT_TRUE(WaitUntil([&] { return Deliveries().size() >= 2; }));
-  EXPECT_EQ(Deliveries(),
-            (std::vector<std::pair<int, uint32_t>>{{3, CTargetDeletedNotification::kTypeNumber},
-                                                   {3, CTargetAddedNotification::kTypeNumber}}));
+  EXPECT_EQ(Deliveries(), (std::vector<Delivery>{{3, CTargetDeletedNotification::kTypeNumber},
+                                                 {3, CTargetAddedNotification::kTypeNumber}}));
   EXPECT_EQ(api_->RegistrationCount(EventGroup::Target, 3), 0u);
   EXPECT_EQ(api_->RegistrationCount(EventGroup::ConsoleOutput, 3), 0u);
   EXPECT_EQ(api_->RegistrationCount(EventGroup::Server, kNoTarget), 1u);
