@@ -161,11 +161,10 @@ TEST(ScenarioTest, RefusesMistakesWithTheirLine) {
 
 // What the subset reader does not read it refuses, with the line, rather than read differently.
 TEST(ScenarioTest, TheSubsetReaderRefusesYamlBeyondTheSubset) {
-  struct Case {
+  const struct {
     const char* text;
     const char* error;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"kits:\n  - &a {host: a}\n", "s.yaml:2: '&' starts YAML that scenario files do not use"},
       {"kits:\n  - host: a\n    name: |\n      x\n", "s.yaml:3: '|' starts YAML"},
       {"kits:\n  - host: \"a\n      b\"\n", "s.yaml:2: a quoted value must end on its line"},
@@ -180,7 +179,7 @@ TEST(ScenarioTest, TheSubsetReaderRefusesYamlBeyondTheSubset) {
        "s.yaml:3: values nest deeper than 32 levels"},
       {"kits:\n  - host: a: b\n", "s.yaml:2: a value that holds ': ' must be in quotes"},
   };
-  for (const Case& c : cases)
+  for (const auto& c : cases)
     ExpectRefused(c.text, c.error, {ReadYamlSubset});
 }
 
@@ -406,12 +405,11 @@ TEST(ScriptRunnerTest, ScriptsStartedWhileOneWaitsAreSentAtOnce) {
 }
 
 TEST(OptionsTest, ParsesWhatItKnowsAndNamesWhatItDoesNot) {
-  struct Case {
+  const struct {
     std::vector<std::string> args;
     bool ok;
     const char* error;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {{"--log-level", "12"}, false, "--log-level takes a number from 0 to 4, not '12'"},
       {{"--scenario", ""}, false, "--scenario needs a value"},
       {{"kits.yaml"}, false, "unknown argument 'kits.yaml'"},
@@ -431,7 +429,7 @@ TEST(OptionsTest, ParsesWhatItKnowsAndNamesWhatItDoesNot) {
        false,
        "--user takes up to 64 letters, digits, '.', '_' or '-', not 'a/b'"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     Options options;
     std::string error;
     EXPECT_EQ(ParseOptions(c.args, options, error), c.ok) << c.args[0];
