@@ -236,7 +236,8 @@ class CoreFiles : public ::testing::Test {
 };
 
 // A full core saves the program's pages as well as the heap; neither saves the kernel's page
-// or what cannot be read, and both put back the bytes under the breakpoints.
+// or what cannot be read, and both put back the bytes under the breakpoints. The reader records
+// the process, its threads and its modules.
 TEST_F(CoreFiles, TheReaderReadsWhatTheWriterSaved) {
   const struct {
     bool full;
@@ -295,40 +296,35 @@ TEST_F(CoreFiles, TheReaderReadsWhatTheWriterSaved) {
       EXPECT_EQ(bad, static_cast<uint32_t>(std::count(expected.begin(), expected.end(), -1)))
           << test.full << std::hex << " " << read.address;
     }
+    if (test.full) continue;
+    // The process, its threads and its modules, from the mini core.
+    const ElfCore& core = loaded.core;
+    EXPECT_EQ(core.pid, 4242u);
+    EXPECT_EQ(core.name, "prog");
+    EXPECT_EQ(core.arguments, "prog --flag");
+    ASSERT_EQ(core.threads.size(), 2u);
+    EXPECT_EQ(core.threads[1].tid, 4243u);
+
+    const ProcessInfoRecord process = CoreProcessRecord(loaded);
+    EXPECT_EQ(process.Entry, 0x21004u);
+    EXPECT_EQ(process.ProcessPathname, platform::Utf8ToUtf16(program_));
+    EXPECT_EQ(process.Reason.Code, 5u);  // SIGTRAP
+    const ThreadInfoList threads = CoreThreadRecords(core);
+    EXPECT_EQ(threads[1].Rip, 0x21005u);
+    EXPECT_EQ(threads[1].Reason.Code, 128u);  // no signal
+
+    U64List values;
+    ASSERT_TRUE(
+        ReadCoreRegisters(core.threads[0], {0x10003, 0x10012, 0x20007, 0x40000}, values).ok());
+    EXPECT_EQ(values, (U64List{0x1122334455667788, 0, 0, 0, 0x21004, 0, 0, 0, 0x1f80, 0, 0, 0,
+                               0xdeadbeef, 0, 0, 0}));
+    EXPECT_EQ(ReadCoreRegisters(core.threads[0], {0x7FFFF}, values).code,
+              static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_REG_INDEX));
+    const ModuleInfoList modules = CoreModules(loaded);
+    ASSERT_EQ(modules.size(), 1u);
+    EXPECT_EQ(modules[0].Type, 0u);  // the executable: AT_ENTRY is in it
+    EXPECT_EQ(modules[0].ModuleName, u"prog");
   }
-}
-
-TEST_F(CoreFiles, TheReaderRecordsTheProcessItsThreadsAndModules) {
-  LoadedCore loaded;
-  ASSERT_TRUE(OpenCoreFile(Write(false), loaded.bytes).ok());
-  ASSERT_TRUE(ParseElfCore(*loaded.bytes, loaded.core).ok());
-  loaded.files = std::make_unique<MappedFiles>(true);
-  const ElfCore& core = loaded.core;
-  EXPECT_EQ(core.pid, 4242u);
-  EXPECT_EQ(core.name, "prog");
-  EXPECT_EQ(core.arguments, "prog --flag");
-  ASSERT_EQ(core.threads.size(), 2u);
-  EXPECT_EQ(core.threads[1].tid, 4243u);
-
-  const ProcessInfoRecord process = CoreProcessRecord(loaded);
-  EXPECT_EQ(process.Entry, 0x21004u);
-  EXPECT_EQ(process.ProcessPathname, platform::Utf8ToUtf16(program_));
-  EXPECT_EQ(process.Reason.Code, 5u);  // SIGTRAP
-  const ThreadInfoList threads = CoreThreadRecords(core);
-  EXPECT_EQ(threads[1].Rip, 0x21005u);
-  EXPECT_EQ(threads[1].Reason.Code, 128u);  // no signal
-
-  U64List values;
-  ASSERT_TRUE(
-      ReadCoreRegisters(core.threads[0], {0x10003, 0x10012, 0x20007, 0x40000}, values).ok());
-  EXPECT_EQ(values, (U64List{0x1122334455667788, 0, 0, 0, 0x21004, 0, 0, 0, 0x1f80, 0, 0, 0,
-                             0xdeadbeef, 0, 0, 0}));
-  EXPECT_EQ(ReadCoreRegisters(core.threads[0], {0x7FFFF}, values).code,
-            static_cast<uint32_t>(KXAPI_COMMS_ERR_INVALID_REG_INDEX));
-  const ModuleInfoList modules = CoreModules(loaded);
-  ASSERT_EQ(modules.size(), 1u);
-  EXPECT_EQ(modules[0].Type, 0u);  // the executable: AT_ENTRY is in it
-  EXPECT_EQ(modules[0].ModuleName, u"prog");
 }
 
 // Each row damages a good core in one way; the reader refuses it with the code that says how.

@@ -37,26 +37,20 @@ TEST(ScenarioTest, ReadsEveryFieldOfAKit) {
 )",
                                               "kits.yaml");
   ASSERT_TRUE(result.scenario.has_value()) << result.error;
-  ASSERT_EQ(result.scenario->kits.size(), 2u);
-  const Kit& a = result.scenario->kits[0];
-  EXPECT_EQ(a.host, u"kit-a");
-  EXPECT_EQ(a.name, u"Alpha");
-  EXPECT_EQ(a.mac, (std::vector<uint8_t>{0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f}));
-  EXPECT_EQ(a.sdk_version, (std::array<uint32_t, 4>{6, 5, 4, 3}));
-  EXPECT_EQ(a.power, PowerStatus::kStandby);
-  EXPECT_FALSE(a.reachable);
-  EXPECT_TRUE(a.is_default);
-  EXPECT_EQ(a.address, u"10.0.0.7");
-  EXPECT_EQ(a.timings.boot_ms, 5u);
-  EXPECT_EQ(a.timings.power_off_ms, 6u);
-  EXPECT_EQ(a.timings.connect_ms, 7u);
-  // Defaults: the name is the host, reachable, registered, off, not discovered.
-  const Kit& b = result.scenario->kits[1];
-  EXPECT_EQ(b.name, u"kit-b");
-  EXPECT_TRUE(b.reachable);
-  EXPECT_TRUE(b.registered);
-  EXPECT_EQ(b.power, PowerStatus::kOff);
-  EXPECT_TRUE(b.address.empty());
+  // The second kit's defaults: the name is the host, reachable, registered, off, not discovered.
+  const std::vector<Kit> expected = {
+      {.host = u"kit-a",
+       .name = u"Alpha",
+       .mac = {0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f},
+       .sdk_version = {6, 5, 4, 3},
+       .power = PowerStatus::kStandby,
+       .reachable = false,
+       .is_default = true,
+       .address = u"10.0.0.7",
+       .timings = {.boot_ms = 5, .power_off_ms = 6, .connect_ms = 7}},
+      {.host = u"kit-b", .name = u"kit-b"},
+  };
+  EXPECT_EQ(result.scenario->kits, expected);
   EXPECT_NE(result.scenario->FindKit(u"KIT-B"), nullptr);
 }
 
