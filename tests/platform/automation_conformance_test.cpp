@@ -1,4 +1,5 @@
-// BSTR, VARIANT and SAFEARRAY behaviour that the library relies on. The same tests run against
+// BSTR, VARIANT, SAFEARRAY and per-thread error information behaviour that the library relies
+// on. The same tests run against
 // real OLE Automation (the Windows build, under Wine) and against our POSIX implementation;
 // where the two are allowed to differ the test says so.
 #include <gtest/gtest.h>
@@ -7,21 +8,26 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/automation.h"
 #include "platform/wide_string.h"
 #include "test_support.h"
+#include "vekxapi/com_ptr.h"
 
 namespace qv::platform {
 namespace {
 
+using test_support::CountedErrorInfo;
 using test_support::CountedObject;
 using test_support::MakeBstr;
+using test_support::MutableOle;
 using test_support::ScopedVariant;
 using test_support::UniqueBstr;
 using test_support::UniqueSafeArray;
+using vekx::ComPtr;
 
 std::ptrdiff_t OffsetIn(const void* base, const void* field) {
   return static_cast<const char*>(field) - static_cast<const char*>(base);
@@ -713,6 +719,106 @@ TEST(SafeArray, RedimKeepsTheHeadAndReleasesTheTail) {
   SAFEARRAYBOUND shrunk = {1, 1};
   ASSERT_EQ(SafeArrayRedim(array.get(), &shrunk), S_OK);
   EXPECT_EQ(object.refs(), 1u) << "the cut element is released";
+}
+
+// ---------------------------------------------------------------------------------------------
+// Per-thread error information.
+
+class ErrorInfoTest : public ::testing::Test {
+ protected:
+  // Each test starts and ends with an empty slot on the main thread.
+  void SetUp() override { SetErrorInfo(0, nullptr); }
+  void TearDown() override { SetErrorInfo(0, nullptr); }
+};
+
+TEST_F(ErrorInfoTest, WhatIsWrittenIsReadBackThroughTheSameObject) {
+  ComPtr<ICreateErrorInfo> writer;
+  ASSERT_EQ(CreateErrorInfo(writer.Put()), S_OK);
+  ASSERT_TRUE(writer);
+  const GUID kGuid = {0x12345678, 0x9ABC, 0xDEF0, {1, 2, 3, 4, 5, 6, 7, 8}};
+  EXPECT_EQ(writer->SetGUID(kGuid), S_OK);
+  EXPECT_EQ(writer->SetSource(MutableOle(u"Vesta.Target")), S_OK);
+  EXPECT_EQ(writer->SetDescription(MutableOle(u"Kit \u00e9teint \U0001F50C")), S_OK);
+  EXPECT_EQ(writer->SetHelpFile(MutableOle(u"vesta.chm")), S_OK);
+  EXPECT_EQ(writer->SetHelpContext(42), S_OK);
+
+  // Both interfaces share one identity.
+  ComPtr<IErrorInfo> reader;
+  ComPtr<ICreateErrorInfo> writer_again;
+  ComPtr<IUnknown> identity_from_writer;
+  ComPtr<IUnknown> identity_from_reader;
+  ASSERT_EQ(writer.QueryInto(IID_IErrorInfo, reader), S_OK);
+  ASSERT_EQ(reader.QueryInto(IID_ICreateErrorInfo, writer_again), S_OK);
+  EXPECT_EQ(writer_again.Get(), writer.Get());
+  ASSERT_EQ(writer.QueryInto(IID_IUnknown, identity_from_writer), S_OK);
+  ASSERT_EQ(reader.QueryInto(IID_IUnknown, identity_from_reader), S_OK);
+  EXPECT_EQ(identity_from_writer.Get(), identity_from_reader.Get());
+  void* other = reinterpret_cast<void*>(1);
+  EXPECT_EQ(reader->QueryInterface(IID_IDispatch, &other), E_NOINTERFACE);
+  EXPECT_EQ(other, nullptr);
+  // The reader alone keeps the object.
+  identity_from_reader.Reset();
+  identity_from_writer.Reset();
+  writer_again.Reset();
+  writer.Reset();
+
+  GUID guid{};
+  EXPECT_EQ(reader->GetGUID(&guid), S_OK);
+  EXPECT_TRUE(IsEqualGUID(guid, kGuid));
+  BSTR text = nullptr;
+  ASSERT_EQ(reader->GetSource(&text), S_OK);
+  EXPECT_EQ(BstrView(UniqueBstr(text).get()), u"Vesta.Target");
+  ASSERT_EQ(reader->GetDescription(&text), S_OK);
+  EXPECT_EQ(BstrView(UniqueBstr(text).get()), u"Kit \u00e9teint \U0001F50C");
+  ASSERT_EQ(reader->GetHelpFile(&text), S_OK);
+  EXPECT_EQ(BstrView(UniqueBstr(text).get()), u"vesta.chm");
+  DWORD context = 0;
+  EXPECT_EQ(reader->GetHelpContext(&context), S_OK);
+  EXPECT_EQ(context, 42u);
+}
+
+// Get hands the slot's reference over and empties the slot; Set replaces and releases.
+TEST_F(ErrorInfoTest, TheSlotHoldsOneReferenceUntilTakenOrReplaced) {
+  CountedErrorInfo info;
+  CountedErrorInfo replaced;
+  IErrorInfo* taken = reinterpret_cast<IErrorInfo*>(1);
+  EXPECT_EQ(GetErrorInfo(0, &taken), S_FALSE);
+  EXPECT_EQ(taken, nullptr);
+
+  ASSERT_EQ(SetErrorInfo(0, &replaced), S_OK);
+  ASSERT_EQ(SetErrorInfo(0, &info), S_OK);
+  EXPECT_EQ(replaced.refs(), 1u);
+  EXPECT_EQ(info.refs(), 2u) << "the slot holds a reference";
+  ASSERT_EQ(GetErrorInfo(0, &taken), S_OK);
+  EXPECT_EQ(taken, &info);
+  EXPECT_EQ(info.refs(), 2u) << "now held by the caller";
+  taken->Release();
+  EXPECT_EQ(GetErrorInfo(0, &taken), S_FALSE);
+  EXPECT_EQ(taken, nullptr);
+
+  ASSERT_EQ(SetErrorInfo(0, &info), S_OK);
+  ASSERT_EQ(SetErrorInfo(0, nullptr), S_OK);
+  EXPECT_EQ(info.refs(), 1u);
+}
+
+TEST_F(ErrorInfoTest, EachThreadHasItsOwnSlotReleasedWhenTheThreadExits) {
+  CountedErrorInfo main_info;
+  CountedErrorInfo left_by_other;
+  ASSERT_EQ(SetErrorInfo(0, &main_info), S_OK);
+  HRESULT seen_by_other = E_FAIL;
+  IErrorInfo* other_taken = reinterpret_cast<IErrorInfo*>(1);
+  std::thread([&] {
+    seen_by_other = GetErrorInfo(0, &other_taken);
+    SetErrorInfo(0, &left_by_other);
+  }).join();
+  EXPECT_EQ(seen_by_other, S_FALSE);
+  EXPECT_EQ(other_taken, nullptr);
+  EXPECT_EQ(left_by_other.refs(), 1u);
+
+  IErrorInfo* taken = nullptr;
+  ASSERT_EQ(GetErrorInfo(0, &taken), S_OK);
+  EXPECT_EQ(taken, &main_info);
+  taken->Release();
 }
 
 }  // namespace
