@@ -81,48 +81,36 @@ TEST(TargetRegistryTest, SubscriptionsAreSetsAndGoWithTheirClientAndTarget) {
   EXPECT_EQ(registry.SubscriptionCount(7), 0u);
 }
 
-TEST(TargetRegistryTest, ShutdownEndsAPowerChangeThatIsWaiting) {
-  Scenario scenario = TwoKits();
-  scenario.kits[0].power = PowerStatus::kOff;
-  scenario.kits[0].timings.boot_ms = 60000;
-  TargetRegistry registry(scenario);
-  const uint32_t a = registry.TargetList().at(0);
-  Status result;
-  std::thread power_on([&] { result = registry.PowerOn(1, a); });
-  WaitBusy(registry, a);
-  registry.Shutdown();
-  power_on.join();
-  EXPECT_EQ(result.code, Code(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED));
-  PowerStatus power{};
-  ASSERT_TRUE(registry.PowerStatusOf(a, power).ok());
-  EXPECT_EQ(power, PowerStatus::kOff);
-}
+// A client that forces the connection while another is still connecting wins at once; a power
+// change ends at once when its target is deleted or the registry shuts down.
+TEST(TargetRegistryTest, ChangesUnderWayEndWhenTheirTargetIsTakenDeletedOrShutDown) {
+  for (const bool shut_down : {false, true}) {
+    SCOPED_TRACE(shut_down ? "shut down" : "deleted");
+    Scenario scenario = TwoKits();
+    scenario.kits[0].power = PowerStatus::kOff;
+    scenario.kits[0].timings = {60000, 60000, 60000};
+    TargetRegistry registry(scenario);
+    const uint32_t a = registry.TargetList().at(0);
+    Status connect;
+    std::thread connecting([&] { connect = registry.Connect(1, a); });
+    WaitBusy(registry, a);
+    EXPECT_TRUE(registry.ForceDisconnect(2, a).ok());
+    connecting.join();
+    EXPECT_EQ(connect.code, Code(KXAPI_COMMS_ERR_TARGET_IN_USE));
+    ConnectionState state{};
+    EXPECT_TRUE(registry.ConnectionStateOf(2, a, state).ok());
+    EXPECT_EQ(state, ConnectionState::kConnected);
 
-TEST(TargetRegistryTest, ChangesUnderWayEndWhenTheirTargetIsTakenOrDeleted) {
-  Scenario scenario = TwoKits();
-  scenario.kits[0].power = PowerStatus::kOff;
-  scenario.kits[0].timings = {60000, 60000, 60000};
-  TargetRegistry registry(scenario);
-  const uint32_t a = registry.TargetList().at(0);
-
-  // A client that forces the connection while another is still connecting wins at once.
-  Status connect;
-  std::thread connecting([&] { connect = registry.Connect(1, a); });
-  WaitBusy(registry, a);
-  ASSERT_TRUE(registry.ForceDisconnect(2, a).ok());
-  connecting.join();
-  EXPECT_EQ(connect.code, Code(KXAPI_COMMS_ERR_TARGET_IN_USE));
-  ConnectionState state{};
-  ASSERT_TRUE(registry.ConnectionStateOf(2, a, state).ok());
-  EXPECT_EQ(state, ConnectionState::kConnected);
-
-  // Deleting a target ends its power change at once.
-  Status power_on;
-  std::thread powering([&] { power_on = registry.PowerOn(1, a); });
-  WaitBusy(registry, a);
-  ASSERT_TRUE(registry.DeleteTarget(a).ok());
-  powering.join();
-  EXPECT_EQ(power_on.code, Code(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED));
+    Status power_on;
+    std::thread powering([&] { power_on = registry.PowerOn(1, a); });
+    WaitBusy(registry, a);
+    EXPECT_TRUE(shut_down ? (registry.Shutdown(), true) : registry.DeleteTarget(a).ok());
+    powering.join();
+    EXPECT_EQ(power_on.code, Code(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED));
+    PowerStatus power{};
+    EXPECT_EQ(registry.PowerStatusOf(a, power).ok(), shut_down);  // a deleted target has none
+    if (shut_down) EXPECT_EQ(power, PowerStatus::kOff);
+  }
 }
 
 TEST(TargetRegistryTest, OnlyAForcedPowerOffIsAnnouncedAsOneAndTheObserverSeesWhatIsSent) {
