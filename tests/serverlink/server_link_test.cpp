@@ -49,18 +49,6 @@ class ServerLinkTest : public ::testing::Test {
   std::atomic<int> connected_hooks_{0};
 };
 
-Reply Answer(std::function<void(CResponse&)> fill = nullptr) {
-  Reply reply;
-  reply.fill = std::move(fill);
-  return reply;
-}
-
-Reply Of(Reply::Kind kind) {
-  Reply reply;
-  reply.kind = kind;
-  return reply;
-}
-
 // A GET_TARGET_LIST call, the request most of these tests send.
 LinkStatus ListTargets(ServerLink& link) {
   CGetTargetListRequest request;
@@ -72,9 +60,9 @@ LinkStatus ListTargets(ServerLink& link) {
 TEST_F(ServerLinkTest, ConnectsLazilyAndCorrelatesAnswers) {
   Serve([](const testing::ReceivedRequest& received) {
     auto* by_name = dynamic_cast<CGetTargetsByNameRequest*>(received.request.get());
-    return Answer([size = by_name ? by_name->Name.size() : 0](CResponse& response) {
+    return Reply{.fill = [size = by_name ? by_name->Name.size() : 0](CResponse& response) {
       static_cast<CGetTargetsByNameResponse&>(response).Targets = {static_cast<uint32_t>(size)};
-    });
+    }};
   });
   auto link = MakeLink();
   EXPECT_FALSE(link->IsConnected());
@@ -107,7 +95,7 @@ TEST_F(ServerLinkTest, ConnectsLazilyAndCorrelatesAnswers) {
 }
 
 TEST_F(ServerLinkTest, AnAnswerOfAnotherClassIsRefused) {
-  Serve([](const testing::ReceivedRequest&) { return Of(Reply::Kind::kWrongClass); });
+  Serve([](const testing::ReceivedRequest&) { return Reply{.kind = Reply::Kind::kWrongClass}; });
   EXPECT_EQ(ListTargets(*MakeLink()), LinkStatus::kWrongResponseType);
 }
 
@@ -143,7 +131,7 @@ TEST_F(ServerLinkTest, DroppedAnswersLeaveOnlyTheirCallerWaitingUntilTheConnecti
 }
 
 TEST_F(ServerLinkTest, DisconnectAndShutdownEndEveryBlockedWait) {
-  Serve([](const testing::ReceivedRequest&) { return Of(Reply::Kind::kSilent); });
+  Serve([](const testing::ReceivedRequest&) { return Reply{.kind = Reply::Kind::kSilent}; });
   auto link = MakeLink();
   auto call = [&] { return ListTargets(*link); };
   auto waiting = std::async(std::launch::async, call);
@@ -166,20 +154,14 @@ TEST_F(ServerLinkTest, HandshakeFailuresReportTheirStatus) {
     ScriptedServer::Options options;
     LinkStatus status;
   };
-  ScriptedServer::Options wrong_version;
-  wrong_version.version = {5, 0, 11, 0};
-  ScriptedServer::Options empty_name;
-  empty_name.empty_pipe_name = true;
-  ScriptedServer::Options cut_short;
-  cut_short.cut_handshake = true;
   const Case cases[] = {
-      {"wrong version", wrong_version, LinkStatus::kVersionMismatch},
-      {"empty pipe name", empty_name, LinkStatus::kConnectFailed},
-      {"handshake cut short", cut_short, LinkStatus::kConnectFailed},
+      {"wrong version", {.version = {5, 0, 11, 0}}, LinkStatus::kVersionMismatch},
+      {"empty pipe name", {.empty_pipe_name = true}, LinkStatus::kConnectFailed},
+      {"handshake cut short", {.cut_handshake = true}, LinkStatus::kConnectFailed},
   };
   for (const Case& c : cases) {
     user_ = testing::UniqueUser("vkxtest");
-    Serve([](const testing::ReceivedRequest&) { return Answer(); }, c.options);
+    Serve([](const testing::ReceivedRequest&) { return Reply{}; }, c.options);
     auto link = MakeLink();
     EXPECT_EQ(link->Connect(), c.status) << c.what;
     EXPECT_FALSE(link->IsConnected()) << c.what;
@@ -210,7 +192,7 @@ TEST_F(ServerLinkTest, SequenceNumbersWrap) {
   Serve([&](const testing::ReceivedRequest& received) {
     std::lock_guard lock(seen_mutex);
     sequences.push_back(received.sequence);
-    return Answer();
+    return Reply{};
   });
   auto link = MakeLink();
   ASSERT_EQ(link->Connect(), LinkStatus::kSuccess);
@@ -221,7 +203,7 @@ TEST_F(ServerLinkTest, SequenceNumbersWrap) {
 }
 
 TEST_F(ServerLinkTest, ARequestBeyondTheFrameLimitIsNotSent) {
-  Serve([](const testing::ReceivedRequest&) { return Answer(); });
+  Serve([](const testing::ReceivedRequest&) { return Reply{}; });
   auto link = MakeLink();
   CGenericProtocolWriteRequest huge;
   huge.Data.resize(kMaxFrameBodyBytes);  // plus its header and count: over the limit
