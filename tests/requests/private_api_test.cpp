@@ -68,13 +68,6 @@ struct SeenRequest {
 
 class PrivateApiTest : public ::testing::Test {
  protected:
-  void SetUp() override { api_ = MakeApi(); }
-
-  std::shared_ptr<CKXVEPrivateAPI> MakeApi() {
-    return CKXVEPrivateAPI::Create(
-        ServerLink::ServerNames{user_, platform::ServerRuntimeDirectory().value_or("")});
-  }
-
   // (Re)starts the scripted server. `refuse` names a request type the server fails.
   void Serve(uint32_t refuse = 0) {
     if (server_) server_->Stop();
@@ -86,12 +79,9 @@ class PrivateApiTest : public ::testing::Test {
             std::lock_guard lock(mutex_);
             requests_.push_back({received.type_number, received.target_handle});
           }
-          Reply reply;
-          if (received.type_number == refuse) {
-            reply.result = KXAPI_SERVER_INVALID_TARGET;
-            reply.text = u"refused";
-          }
-          return reply;
+          if (received.type_number != refuse) return Reply{};
+          return Reply{.result = static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET),
+                       .text = u"refused"};
         });
     ASSERT_TRUE(server_->Start());
   }
@@ -117,10 +107,10 @@ class PrivateApiTest : public ::testing::Test {
     return connected;
   }
 
-  HRESULT CallVersion(CKXPrivateAPI& api) {
+  HRESULT CallVersion() {
     CGetServerVersionRequest request;
     CGetServerVersionResponse response;
-    return api.Call(kNoTarget, request, response);
+    return api_->Call(kNoTarget, request, response);
   }
 
   std::u16string user_ = testing::UniqueUser("vkxpriv");
@@ -128,7 +118,8 @@ class PrivateApiTest : public ::testing::Test {
   std::mutex mutex_;
   std::vector<SeenRequest> requests_;  // guarded by mutex_
   std::shared_ptr<DeliveryLog> log_ = std::make_shared<DeliveryLog>();
-  std::shared_ptr<CKXVEPrivateAPI> api_;
+  std::shared_ptr<CKXVEPrivateAPI> api_ = CKXVEPrivateAPI::Create(
+      ServerLink::ServerNames{user_, platform::ServerRuntimeDirectory().value_or("")});
 };
 
 constexpr uint32_t kSubscribeTarget = CRequestTargetEventsRequest::kTypeNumber;
@@ -137,11 +128,11 @@ constexpr uint32_t kSubscribeServer = CRequestServerEventsRequest::kTypeNumber;
 
 TEST_F(PrivateApiTest, CallReportsTheLinkOrTheServersResult) {
   // No server for this user and none to be found beside the test or along PATH.
-  EXPECT_EQ(CallVersion(*api_), KXAPI_SERVER_INITIALIZATION_FAILURE);
+  EXPECT_EQ(CallVersion(), KXAPI_SERVER_INITIALIZATION_FAILURE);
   EXPECT_FALSE(api_->IsLinkUp());
 
   Serve(CGetTargetInfoRequest::kTypeNumber);
-  EXPECT_EQ(CallVersion(*api_), S_OK);
+  EXPECT_EQ(CallVersion(), S_OK);
   EXPECT_TRUE(api_->IsLinkUp());
   CGetTargetInfoRequest request;
   CGetTargetInfoResponse response;
@@ -152,7 +143,7 @@ TEST_F(PrivateApiTest, CallReportsTheLinkOrTheServersResult) {
   api_->ShutdownStep();
   EXPECT_EQ(api_->Disconnect(), S_OK);
   EXPECT_FALSE(api_->IsLinkUp());
-  EXPECT_EQ(CallVersion(*api_), KXAPI_SHUTTING_DOWN);
+  EXPECT_EQ(CallVersion(), KXAPI_SHUTTING_DOWN);
   EXPECT_EQ(server_->Connections(), 1);
 }
 
@@ -207,7 +198,7 @@ TEST_F(PrivateApiTest, SubscriptionsAreRenewedOnceAKeyWhenTheServerComesBack) {
 
   Serve();  // a new server: the old connection breaks
   ASSERT_TRUE(WaitUntil([&] { return !api_->IsLinkUp(); }));
-  ASSERT_EQ(CallVersion(*api_), S_OK);
+  ASSERT_EQ(CallVersion(), S_OK);
   const std::vector<SeenRequest> seen = TakeRequests();
   // One subscribe per (group, key), in the groups' order, before the call that reconnected.
   EXPECT_EQ(seen, (std::vector<SeenRequest>{{kSubscribeServer, kNoTarget},
