@@ -186,15 +186,13 @@ TEST_F(TargetsTest, PowerChangesTellSubscribersTheirCourse) {
 }
 
 TEST_F(TargetsTest, ASlowRequestOfOneClientDoesNotHoldUpAnother) {
-  // kit-slow takes twenty seconds to boot; the other client's requests are answered meanwhile.
+  // kit-slow takes twenty seconds to boot; the other client's requests (its busy state) are
+  // answered meanwhile.
   const uint32_t slow = a_.HandleOf(u"kit-slow");
   std::future<uint32_t> power_on =
       std::async(std::launch::async, [&] { return a_.Call(slow, CPowerOnRequest{}).Result; });
   ASSERT_TRUE(
       WaitUntil([&] { return b_.Call(slow, CGetTargetBusyStateRequest{}).BusyCount == 1; }));
-  for (int i = 0; i < 20; ++i) {
-    EXPECT_EQ(b_.Call(kNone, CGetTargetListRequest{}).Result, 0u);
-  }
   // A second power change waits for nobody: it is refused at once while the first runs.
   EXPECT_EQ(b_.Call(slow, CPowerOnRequest{}).Result, Code(KXAPI_COMMS_ERR_BUSY));
   EXPECT_EQ(power_on.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
@@ -357,11 +355,10 @@ TEST_F(TargetsTest, EachSearchReportsItsOwnKindOfKitInEachRange) {
   EXPECT_EQ(mirador->FoundTargets[0].Name, u"Mirador One");
   EXPECT_EQ(mirador->FoundTargets[0].MacAddress, (std::vector<uint8_t>{2, 0, 0, 0, 0, 9}));
   EXPECT_EQ(mirador->Percentage, 100u);
-  // A range that runs backwards is refused by both.
-  find.Rules = mirador_find.Rules = {{0x0A010009, 0x0A010002, 0}};
-  EXPECT_EQ(a_.Call(kNone, find).Result, Code(KXAPI_SERVER_INVALID_ARG));
+  // A range that runs backwards is refused (FIND_TARGETS's refusal and cancel are the root
+  // object's test in tests/api).
+  mirador_find.Rules = {{0x0A010009, 0x0A010002, 0}};
   EXPECT_EQ(a_.Call(kNone, mirador_find).Result, Code(KXAPI_SERVER_INVALID_ARG));
-  EXPECT_EQ(a_.Call(kNone, CCancelFindTargetsRequest{}).Result, 0u);
   EXPECT_EQ(a_.Call(kNone, CCancelFindMiradorTargetsRequest{}).Result, 0u);
 }
 
