@@ -84,9 +84,10 @@ inline nlohmann::json Json(const CtrlRun& run) {
 }
 
 // One command of a session as a user would type it, and what it must give: its exit code, fields
-// of its JSON document (by JSON pointer), texts in its standard output and error, and a pointer
-// whose value later rows name as "{name}", by the pointer's last part. In arguments and texts
-// "{name}" is replaced by the value; an expected field that is just "{name}" is the value itself.
+// of its JSON document (by JSON pointer; "" is the whole document, "(missing)" a field that must
+// not be there), texts in its standard output and error (Whole() for the whole stream), and a
+// pointer whose value later rows name as "{name}", by the pointer's last part. In arguments and
+// texts "{name}" is replaced by the value; an expected field that is just "{name}" is the value.
 struct Step {
   std::vector<std::string> args;
   int exit_code = 0;
@@ -95,6 +96,11 @@ struct Step {
   std::string err;
   std::string capture;
 };
+
+// An expected output that is the whole of its stream rather than a part of it.
+inline std::string Whole(const std::string& text) {
+  return std::string(1, '\0') + text;
+}
 
 inline void RunSteps(const std::vector<Step>& steps) {
   std::map<std::string, nlohmann::json> captured;
@@ -123,8 +129,14 @@ inline void RunSteps(const std::vector<Step>& steps) {
     }
     const CtrlRun run = Ctrl(args);
     ASSERT_EQ(run.exit_code, step.exit_code) << line << "\n" << run.out << run.err;
-    EXPECT_NE(run.out.find(substituted(step.out)), std::string::npos) << line << run.out;
-    EXPECT_NE(run.err.find(substituted(step.err)), std::string::npos) << line << run.err;
+    for (const auto& [got, want] : {std::pair{run.out, step.out}, std::pair{run.err, step.err}}) {
+      const bool whole = !want.empty() && want[0] == '\0';
+      const std::string text = substituted(whole ? want.substr(1) : want);
+      EXPECT_TRUE(whole ? got == text : got.find(text) != std::string::npos)
+          << line << "\n"
+          << (whole ? "is not" : "holds no") << " '" << text << "':\n"
+          << got;
+    }
     const nlohmann::json document = Json(run);
     for (const auto& [pointer, value] : step.fields) {
       const nlohmann::json::json_pointer at(pointer);
