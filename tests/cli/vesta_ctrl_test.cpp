@@ -30,6 +30,7 @@ using qv::clitest::Ctrl;
 using qv::clitest::CtrlRun;
 using qv::clitest::Json;
 using qv::clitest::Lines;
+using qv::clitest::Named;
 using qv::clitest::RunSteps;
 using qv::clitest::Whole;
 using qv::servertest::ReadText;
@@ -135,10 +136,8 @@ TEST_F(VestaCtrlTest, TargetsPowerDefaultAddAndDelete) {
         {"/targets/2/name", nullptr},
         {"/targets/2/power", nullptr},
         {"/targets/3/host", "kit-slow"},
-        {"/targets/4", "(missing)"}},
-       "",
-       "",
-       "/targets/1/handle"},
+        {"/targets/4", "(missing)"},
+        {"/targets/1/handle", Named("handle")}}},
       // By name, by host and by handle.
       {{"power", "on", "Two"}, 0},
       {{"power", "status", "kit-two"}, 0, {}, Whole("on\n")},
