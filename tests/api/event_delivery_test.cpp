@@ -212,12 +212,6 @@ class LiveEventsTest : public LiveApiTest {
         std::distance(std::sregex_iterator(log.begin(), log.end(), line), std::sregex_iterator()));
   }
 
-  // A call that goes to the server and back.
-  HRESULT CallServer() {
-    ULONG version[4] = {};
-    return api_->ServerVersion(&version[0], &version[1], &version[2], &version[3]);
-  }
-
   std::string scenario_;
   std::vector<vekx::ComPtr<IEventTarget>> sinks_;  // the test's reference to each sink
 };
@@ -351,7 +345,7 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
   const std::string log = StartPacketLog();
   for (RecordingSink* sink : {server, first, second, console})
     sink->Clear();
-  EXPECT_OK(CallServer());
+  EXPECT_OK(ServerVersion(api_.Get()));
 
   EXPECT_TRUE(WaitUntil([&] {
     return first->CallCount() == 3 && second->CallCount() == 3 && server->CallCount() == 2 &&
@@ -411,7 +405,7 @@ TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
   ASSERT_TRUE(WaitUntil([&] { return entered.load(); }));
 
   // The notification thread is held inside the Target group; calls on other threads go on.
-  EXPECT_OK(CallServer());
+  EXPECT_OK(ServerVersion(api_.Get()));
   auto* late = NewSink();
   EXPECT_OK(api_->AdviseServerEvents(late));
   EXPECT_OK(api_->UnadviseServerEvents(late));

@@ -34,8 +34,11 @@ inline vekx::Bstr B(std::string_view text) {
   return vekx::Bstr::FromUtf8(text);
 }
 
-// The version of the server behind `root`, its process id last.
-inline HRESULT ServerVersion(IVEKXAPI* root, ULONG (&v)[4]) {
+// The version of the server behind `root`, its process id last, in `v` when given: a call that
+// goes to the server and back.
+inline HRESULT ServerVersion(IVEKXAPI* root, ULONG* v = nullptr) {
+  ULONG own[4] = {};
+  if (v == nullptr) v = own;
   return root->ServerVersion(&v[0], &v[1], &v[2], &v[3]);
 }
 

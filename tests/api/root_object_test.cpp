@@ -107,7 +107,7 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
   EXPECT_EQ(fresh->CheckCompatibility(20), KXAPI_INCOMPATIBLE_CLIENT_TOO_OLD);
   EXPECT_EQ(fresh->CheckCompatibility(22), KXAPI_INCOMPATIBLE_CLIENT_TOO_NEW);
   EXPECT_EQ(fresh->get_Targets(targets.Put()), KXAPI_INCOMPATIBLE_CLIENT);
-  ASSERT_OK(fresh->ServerVersion(&v[0], &v[1], &v[2], &v[3]));
+  ASSERT_OK(ServerVersion(fresh.Get(), v));
   EXPECT_EQ(std::vector<ULONG>(v, v + 4), (std::vector<ULONG>{5, 0, 10, 0}));
   EXPECT_OK(fresh->CheckCompatibility(21));
   expect_version();
@@ -151,7 +151,7 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
       [&] { return fresh->get_Targets(list.Put()); },
       [&] { return fresh->DiscoverTargets(list.Put()); },
       [&] { return fresh->TargetInfo(B("kit-one").Get(), list.Put()); },
-      [&] { return fresh->ServerVersion(&v[0], &v[1], &v[2], &v[3]); },
+      [&] { return ServerVersion(fresh.Get()); },
       [&] { return fresh->FileSystemDriverVersion(&v[0], &v[1], &v[2], &v[3], &driver, &name); },
       [&] { return fresh->GetCoreDumpTargetByHost(B("dump").Get(), target.Put()); },
       [&] { return fresh->get_DefaultTarget(target.Put()); },
@@ -181,7 +181,7 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
   ComPtr<IVEKXAPI12> never_checked;
   ASSERT_OK(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(never_checked.Put())));
   ASSERT_OK(never_checked->Dispose());  // never connected: nothing to end
-  EXPECT_EQ(never_checked->ServerVersion(&v[0], &v[1], &v[2], &v[3]), E_UNEXPECTED);
+  EXPECT_EQ(ServerVersion(never_checked.Get()), E_UNEXPECTED);
   // A server the library starts serves the account's own name.
   EXPECT_FALSE(platform::ServerIsReady(platform::CurrentUserName(), servertest::RunDir(), 0));
 }
@@ -301,8 +301,7 @@ TEST_F(RootObjectTest, ServerSwitchesClientsAndTheHostDrivesRefusal) {
   ComPtr<ITarget> target;
   EXPECT_EQ(api_->GetCoreDumpTargetByHost(B("no-dump").Get(), target.Put()),
             KXAPI_SERVER_INVALID_TARGET);
-  ULONG v[4] = {};
-  ASSERT_OK(ServerVersion(api_.Get(), v));
+  ASSERT_OK(ServerVersion(api_.Get()));
   EXPECT_EQ(TakeErrorText(), TableText(KXAPI_SERVER_INVALID_TARGET) +
                                  " no core dump was loaded for the host 'no-dump'");
 
@@ -325,7 +324,7 @@ TEST_F(RootObjectTest, ServerSwitchesClientsAndTheHostDrivesRefusal) {
 
   // The host drive has no driver on any platform the server runs on, and says so.
   unsigned char letter = 0;
-  ULONG driver = 0;
+  ULONG driver = 0, v[4] = {};
   Bstr name;
   for (const auto& call : std::vector<std::function<HRESULT()>>{
            [&] { return api_->StartRVS('R', 1); },
@@ -353,7 +352,7 @@ class RootObjectServerDeathTest : public ::testing::Test {
   }
   uint32_t ServerPid(IVEKXAPI12* api) {
     ULONG v[4] = {};
-    EXPECT_OK(api->ServerVersion(&v[0], &v[1], &v[2], &v[3]));
+    EXPECT_OK(ServerVersion(api, v));
     return v[3];  // its process id
   }
   bool Ready() const { return platform::ServerIsReady(user_, servertest::RunDir(), 0); }
@@ -388,8 +387,7 @@ TEST_F(RootObjectServerDeathTest, ACallTheServerDiesInFailsAndTheNextStartsAnoth
   std::filesystem::remove(alive_file_);
   ASSERT_TRUE(testing::WaitUntil([&] { return !Ready(); }));
   std::ofstream(alive_file_) << "serve\n";
-  ULONG v[4] = {};
-  EXPECT_EQ(api->ServerVersion(&v[0], &v[1], &v[2], &v[3]), E_UNEXPECTED);
+  EXPECT_EQ(ServerVersion(api.Get()), E_UNEXPECTED);
   EXPECT_FALSE(Ready());
 }
 
@@ -403,10 +401,6 @@ TEST(ServerFaultLoopTest, CallsSurviveAServerKilledTwentyTimes) {
                   std::filesystem::path(VEKX_SERVER_EXECUTABLE).parent_path().string())};
   const std::u16string user = platform::CurrentUserName();
   const auto running = [&] { return platform::RunningServerProcessId(user, servertest::RunDir()); };
-  const auto version = [](IVEKXAPI12& api) {
-    ULONG v[4] = {};
-    return api.ServerVersion(&v[0], &v[1], &v[2], &v[3]);
-  };
   std::vector<ComPtr<IVEKXAPI12>> roots(8);
   for (auto& root : roots) {
     ASSERT_OK(CreateRootObject(CKXVEPrivateAPI::Create({user, servertest::RunDir()}),
@@ -428,7 +422,7 @@ TEST(ServerFaultLoopTest, CallsSurviveAServerKilledTwentyTimes) {
   for (auto& root : roots) {
     callers.emplace_back([&, api = root.Get()] {
       while (!stop) {
-        const HRESULT hr = version(*api);
+        const HRESULT hr = ServerVersion(api);
         if (SUCCEEDED(hr)) {
           ++succeeded;
         } else if (link_errors.count(hr) == 0) {
@@ -450,7 +444,7 @@ TEST(ServerFaultLoopTest, CallsSurviveAServerKilledTwentyTimes) {
   for (auto& caller : callers)
     caller.join();
   EXPECT_TRUE(unexpected.empty()) << std::hex << *unexpected.begin();
-  EXPECT_OK(version(*roots[0].Get()));
+  EXPECT_OK(ServerVersion(roots[0].Get()));
   for (auto& root : roots)
     root->Dispose();
   if (const auto last = running()) platform::RequestServerStop(*last);

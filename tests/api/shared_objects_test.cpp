@@ -97,12 +97,11 @@ TEST_F(SharedObjectsTest, EveryCallAfterADisposeOnAnotherThreadIsRefused) {
       ComPtr<ITarget> own;
       ePowerStatus power{};
       Bstr name;
-      ULONG v[4] = {};
       const HRESULT results[] = {
           shared->get_PowerStatus(&power),
           shared->get_Name(name.Put()),
           api_->AddTarget(B("kit-two").Get(), own.Put()),
-          api_->ServerVersion(&v[0], &v[1], &v[2], &v[3]),
+          ServerVersion(api_.Get()),
       };
       for (HRESULT hr : results) {
         // A call that overlaps the Dispose may fail either way, but one that starts after it
