@@ -170,11 +170,8 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   ASSERT_OK(target->Connect());
   const auto sink = vekx::MakeSink<StopRecorder>();
   ASSERT_OK(target->AdviseDebugEvents(sink.Get()));
-  vekx::ComPtr<IProcess> loaded;
-  ASSERT_OK(target->LoadProcess(DEVICE_APP, B("/app/loop.elf").Get(), 1, 0, nullptr, nullptr,
-                                loaded.Put()));
-  vekx::ComPtr<IProcess10> process;
-  ASSERT_OK(loaded.QueryInto(IID_IProcess10, process));
+  const auto process = LoadProcess(target.Get(), DEVICE_APP, "/app/loop.elf", true);
+  ASSERT_TRUE(process);
   const ULONG pid = Get(process.Get(), &IProcess::get_Id);
   vekx::ComPtr<IStopNotification> stop;
   sink->WaitStop(0, nullptr, &stop);
@@ -197,9 +194,8 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   ASSERT_OK(stop->get_ProcessInfo(info.Put()));
   EXPECT_EQ(Get(info.Get(), &IProcessInfo::get_Id), pid);
   const ULONG tid = Get(stop.Get(), &IStopNotification::get_ThreadId);
-  vekx::Variant threads;
-  ASSERT_OK(stop->get_Threads(threads.Put()));
-  const auto infos = Objects<IThreadInfo6>(threads, IID_IThreadInfo6);
+  const auto infos =
+      ListOf<IThreadInfo6>(stop.Get(), &IStopNotification::get_Threads, IID_IThreadInfo6);
   ASSERT_TRUE(!infos.empty() && infos[0]);
   const auto& thread_info = infos[0];
   EXPECT_EQ(Get(thread_info.Get(), &IThreadInfo6::get_RIP), 0x401004u);
@@ -236,9 +232,8 @@ TEST_F(DebugLiveTest, LargeReadsOnManyThreadsEachGetTheirOwnBytes) {
   auto target = Target("kit-debug");
   ASSERT_TRUE(target);
   ASSERT_OK(target->Connect());
-  vekx::ComPtr<IProcess> process;
-  ASSERT_OK(target->LoadProcess(DEVICE_APP, B("/app/big.elf").Get(), 1, 0, nullptr, nullptr,
-                                process.Put()));
+  const auto process = LoadProcess(target.Get(), DEVICE_APP, "/app/big.elf", true);
+  ASSERT_TRUE(process);
   const struct Read {
     uint64_t address;
     ULONG size;

@@ -148,6 +148,27 @@ uint32_t StopCode(Info* info) {
   return reason ? static_cast<uint32_t>(Get(reason.Get(), &IStopReason::get_Code)) : ~0u;
 }
 
+// The objects of `iid` in the list a getter of `object` returns.
+template <class Element, class Object, class Interface>
+std::vector<vekx::ComPtr<Element>> ListOf(Object* object,
+                                          HRESULT (STDMETHODCALLTYPE Interface::*getter)(VARIANT*),
+                                          REFIID iid) {
+  VARIANT list = Get(object, getter);
+  return Objects<Element>(vekx::Variant::Adopt(list), iid);
+}
+
+// `path` on `device` of `target` run with `args` (none when null), stopped at its entry when
+// `stopped`; null when it is not loaded.
+inline vekx::ComPtr<IProcess10> LoadProcess(ITarget* target, eDevice device, const char* path,
+                                            bool stopped, const char* args = nullptr) {
+  vekx::ComPtr<IProcess> loaded;
+  EXPECT_OK(target->LoadProcess(device, B(path).Get(), stopped ? 1 : 0, 0,
+                                args ? B(args).Get() : nullptr, nullptr, loaded.Put()));
+  vekx::ComPtr<IProcess10> process;
+  if (loaded) loaded.QueryInto(IID_IProcess10, process);
+  return process;
+}
+
 // Resumes every thread of `process`, or steps the threads `tids` names.
 inline HRESULT Resume(IProcess10* process, const vekx::Variant& tids = {}) {
   vekx::Variant failed;

@@ -76,12 +76,7 @@ class LocalTargetTest : public LiveApiTest {
   }
 
   vekx::ComPtr<IProcess10> Load(const std::string& args, bool stopped) {
-    vekx::ComPtr<IProcess> loaded;
-    EXPECT_OK(target_->LoadProcess(DEVICE_HOST, B(VEKX_DEBUGGEE).Get(), stopped ? 1 : 0, 0,
-                                   B(args).Get(), nullptr, loaded.Put()));
-    vekx::ComPtr<IProcess10> process;
-    if (loaded) loaded.QueryInto(IID_IProcess10, process);
-    return process;
+    return LoadProcess(target_.Get(), DEVICE_HOST, VEKX_DEBUGGEE, stopped, args.c_str());
   }
   std::vector<uint64_t> Memory(IProcess10* process, uint64_t address, ULONG size) {
     vekx::Variant bytes;
@@ -129,9 +124,7 @@ class LocalTargetTest : public LiveApiTest {
   // The program is among the process's modules, its entry its _start, and with `libc` the C
   // library too; how many modules there are.
   size_t ExpectProgramAndLibc(IProcess10* process, bool libc = true) {
-    vekx::Variant list;
-    EXPECT_OK(process->get_Modules(list.Put()));
-    const auto modules = Objects<IModule>(list, IID_IModule);
+    const auto modules = ListOf<IModule>(process, &IProcess10::get_Modules, IID_IModule);
     std::map<std::string, uint64_t> entries;
     for (const auto& module : modules)
       entries[GetText(module.Get(), &IModule::get_Name)] =
@@ -263,9 +256,7 @@ TEST_F(LocalTargetTest, ConsoleInputAndOutput) {
   auto process = Load("echo", false);
   ASSERT_TRUE(process);
   // Its standard streams are the server's pipes.
-  vekx::Variant files;
-  ASSERT_OK(process->get_Files(files.Put()));
-  const auto list = Objects<IFile>(files, IID_IFile);
+  const auto list = ListOf<IFile>(process.Get(), &IProcess10::get_Files, IID_IFile);
   ASSERT_GE(list.size(), 3u);
   for (ULONG fd = 0; fd < 3; ++fd) {
     EXPECT_EQ(Get(list[fd].Get(), &IFile::get_Handle), fd);
@@ -366,9 +357,8 @@ TEST_F(LocalTargetTest, ThreadsAndThreadSpecificBreakpoint) {
   ASSERT_TRUE(process);
   ASSERT_OK(process->get_Id(&pid_));
   ASSERT_TRUE(servertest::WaitUntil([&] { return Heard("OnThreadCreate") >= 4; }));
-  vekx::Variant threads;
-  ASSERT_OK(process->get_ThreadInfoSnapshot(threads.Put()));
-  const auto before = Objects<IThreadInfo>(threads, IID_IThreadInfo);
+  const auto before =
+      ListOf<IThreadInfo>(process.Get(), &IProcess10::get_ThreadInfoSnapshot, IID_IThreadInfo);
   ASSERT_EQ(before.size(), 4u);
   const ULONG chosen = Get(before[3].Get(), &IThreadInfo::get_Id);
 
@@ -377,8 +367,8 @@ TEST_F(LocalTargetTest, ThreadsAndThreadSpecificBreakpoint) {
   eThreadState state{};
   ASSERT_OK(thread->Suspend(&state));
   EXPECT_EQ(state, TDS_INHIBITED);
-  ASSERT_OK(process->get_ThreadInfoSnapshot(threads.Put()));
-  const auto after = Objects<IThreadInfo>(threads, IID_IThreadInfo);
+  const auto after =
+      ListOf<IThreadInfo>(process.Get(), &IProcess10::get_ThreadInfoSnapshot, IID_IThreadInfo);
   ASSERT_EQ(after.size(), 4u);
   for (size_t i = 0; i < 4; ++i) {
     const auto& info = after[i];
@@ -491,9 +481,8 @@ TEST_F(LocalTargetTest, CoreDumpsThatGdbReadsAndThatReopenAsReadOnlyTargets) {
   ASSERT_OK(api_->GetCoreDumpTargetByHost(B(host).Get(), found.Put()));
   EXPECT_EQ(HandleOf(dump), HandleOf(found));
 
-  vekx::Variant list;
-  ASSERT_OK(dump->get_ProcessInfoSnapshot(list.Put()));
-  const auto processes = Objects<IProcessInfo>(list, IID_IProcessInfo);
+  const auto processes =
+      ListOf<IProcessInfo>(dump.Get(), &ITarget::get_ProcessInfoSnapshot, IID_IProcessInfo);
   ASSERT_EQ(processes.size(), 1u);
   EXPECT_EQ(Get(processes[0].Get(), &IProcessInfo::get_Id), pid_);
   vekx::ComPtr<IProcess> opened;
@@ -503,8 +492,8 @@ TEST_F(LocalTargetTest, CoreDumpsThatGdbReadsAndThatReopenAsReadOnlyTargets) {
   EXPECT_EQ(Memory(reopened.Get(), marker, 4), (std::vector<uint64_t>{0xcd, 0xab, 0x34, 0x12}));
   EXPECT_EQ(Memory(reopened.Get(), tick, 1), Numbers(opcode));
 
-  ASSERT_OK(reopened->get_ThreadInfoSnapshot(list.Put()));
-  const auto threads = Objects<IThreadInfo>(list, IID_IThreadInfo);
+  const auto threads =
+      ListOf<IThreadInfo>(reopened.Get(), &IProcess10::get_ThreadInfoSnapshot, IID_IThreadInfo);
   EXPECT_EQ(threads.size(), 3u);
   vekx::ComPtr<IThread> stopped;
   for (const auto& thread : threads) {
@@ -577,9 +566,8 @@ TEST_F(LocalTargetTest, CoreDumpTheKernelWroteOpens) {
   ASSERT_TRUE(process);
   EXPECT_EQ(Memory(process.Get(), Symbol("vekx_marker"), 2), (std::vector<uint64_t>{0xed, 0x5e}));
   ExpectProgramAndLibc(process.Get(), false);
-  vekx::Variant list;
-  ASSERT_OK(dump->get_ProcessInfoSnapshot(list.Put()));
-  const auto processes = Objects<IProcessInfo>(list, IID_IProcessInfo);
+  const auto processes =
+      ListOf<IProcessInfo>(dump.Get(), &ITarget::get_ProcessInfoSnapshot, IID_IProcessInfo);
   ASSERT_EQ(processes.size(), 1u);
   EXPECT_EQ(StopCode(processes[0].Get()), STOP_REASON_SIGABRT);
   EXPECT_OK(dump->UnadviseTargetEvents(sink.Get()));

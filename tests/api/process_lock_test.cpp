@@ -74,9 +74,8 @@ Client Open(IVEKXAPI& root, ULONG pid) {
 TEST_F(ProcessLockTest, TheHolderChangesTheProcessTheOthersOnlyRead) {
   auto first_target = Target("kit-lock");
   ASSERT_TRUE(first_target);
-  vekx::ComPtr<IProcess> loaded;
-  ASSERT_OK(first_target->LoadProcess(DEVICE_APP, B("/app/lock.elf").Get(), 1, 0, nullptr, nullptr,
-                                      loaded.Put()));
+  const auto loaded = LoadProcess(first_target.Get(), DEVICE_APP, "/app/lock.elf", true);
+  ASSERT_TRUE(loaded);
   const ULONG pid = Get(loaded.Get(), &IProcess::get_Id);
   const Client a = Open(*api_.Get(), pid);
   vekx::ComPtr<IVEKXAPI> second_root;
