@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,13 +42,11 @@ constexpr char kDebugScenario[] = R"(kits:
 // check their id array first. A process object without a link shows the order.
 TEST(DebugObjectChecks, OutPointersThenLinkThenArguments) {
   vekx::ComPtr<IProcess10> process;
-  ASSERT_EQ(
-      CreateProcessObject(nullptr, 1, 7, IID_IProcess10, reinterpret_cast<void**>(process.Put())),
-      S_OK);
+  ASSERT_OK(
+      CreateProcessObject(nullptr, 1, 7, IID_IProcess10, reinterpret_cast<void**>(process.Put())));
   vekx::ComPtr<IThread2> thread;
-  ASSERT_EQ(
-      CreateThreadObject(nullptr, 1, 7, 8, IID_IThread2, reinterpret_cast<void**>(thread.Put())),
-      S_OK);
+  ASSERT_OK(
+      CreateThreadObject(nullptr, 1, 7, 8, IID_IThread2, reinterpret_cast<void**>(thread.Put())));
   VARIANT out;
   VariantInit(&out);
   ULONG number = 0;
@@ -89,7 +86,7 @@ TEST(DebugValueObjects, ThreadInfoWithoutOptionalFields) {
   record.Tid = 5;
   record.Reason.Code = 0xA0020001;
   vekx::Variant list;
-  ASSERT_EQ(OutThreadInfoArray({record}, {}, list.Put()), S_OK);
+  ASSERT_OK(OutThreadInfoArray({record}, {}, list.Put()));
   const auto infos = Objects<IThreadInfo6>(list, IID_IThreadInfo6);
   ASSERT_TRUE(infos.size() == 1 && infos[0]);
   const auto& info = infos[0];
@@ -97,7 +94,7 @@ TEST(DebugValueObjects, ThreadInfoWithoutOptionalFields) {
     const auto check =
         [&]<class Base, class Value>(HRESULT (STDMETHODCALLTYPE Base::*get)(Value*)) {
           Value value = 1;
-          EXPECT_EQ((info.Get()->*get)(&value), S_OK);
+          EXPECT_OK((info.Get()->*get)(&value));
           EXPECT_EQ(value, 0u);
         };
     (check(getters), ...);
@@ -109,14 +106,10 @@ TEST(DebugValueObjects, ThreadInfoWithoutOptionalFields) {
   for (Array get : std::initializer_list<Array>{&IThreadInfo6::get_ExtraReasonInfo,
                                                 &IThreadInfo6::get_WaitObject}) {
     vekx::Variant array;
-    ASSERT_EQ((info.Get()->*get)(array.Put()), S_OK);
+    ASSERT_OK((info.Get()->*get)(array.Put()));
     EXPECT_TRUE(Numbers(array).empty());
   }
-  vekx::ComPtr<IStopReason> reason;
-  ASSERT_EQ(info->get_StopReason(reason.Put()), S_OK);
-  eStopNotificationReason code{};
-  ASSERT_EQ(reason->get_Code(&code), S_OK);
-  EXPECT_LT(static_cast<int32_t>(code), 0);
+  EXPECT_LT(static_cast<int32_t>(StopCode(info.Get())), 0);
 }
 
 // One record of each kind of synchronisation object comes back, in kind order, as an object of
@@ -149,18 +142,17 @@ TEST(DebugValueObjects, EverySynchronisationKind) {
                                     &IID_IPosixConditionVariable,
                                     &IID_IVestaEventQueue2};
   vekx::Variant array;
-  ASSERT_EQ(OutSyncPrimitiveArray(lists, array.Put()), S_OK);
+  ASSERT_OK(OutSyncPrimitiveArray(lists, array.Put()));
   const auto elements = Objects<IDispatch>(array, IID_IDispatch);
   ASSERT_EQ(elements.size(), std::size(kInterfaces));
   for (size_t i = 0; i < elements.size(); ++i) {
     vekx::ComPtr<IDispatch> object;
-    ASSERT_EQ(elements[i].QueryInto(*kInterfaces[i], object), S_OK) << i;
+    ASSERT_OK(elements[i].QueryInto(*kInterfaces[i], object)) << i;
     // Every kind's KernelId is its first property, the eighth slot after IDispatch's seven.
     using GetKernelId = HRESULT(STDMETHODCALLTYPE*)(IDispatch*, LONG*);
     LONG id = -1;
-    EXPECT_EQ(reinterpret_cast<GetKernelId>((*reinterpret_cast<void***>(object.Get()))[7])(
-                  object.Get(), &id),
-              S_OK);
+    EXPECT_OK(reinterpret_cast<GetKernelId>((*reinterpret_cast<void***>(object.Get()))[7])(
+        object.Get(), &id));
     EXPECT_EQ(id, static_cast<LONG>(i));
   }
 }
@@ -175,84 +167,63 @@ class DebugLiveTest : public LiveApiTest {
 TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   auto target = Target("kit-debug");
   ASSERT_TRUE(target);
-  ASSERT_EQ(target->Connect(), S_OK);
+  ASSERT_OK(target->Connect());
   const auto sink = vekx::MakeSink<StopRecorder>();
-  ASSERT_EQ(target->AdviseDebugEvents(sink.Get()), S_OK);
-  vekx::ComPtr<IProcess> loaded;
-  ASSERT_EQ(target->LoadProcess(DEVICE_APP, vekx::Bstr::FromUtf8("/app/loop.elf").Get(), 1, 0,
-                                nullptr, nullptr, loaded.Put()),
-            S_OK)
-      << TakeErrorText();
-  vekx::ComPtr<IProcess10> process;
-  ASSERT_EQ(loaded.QueryInto(IID_IProcess10, process), S_OK);
-  ULONG pid = 0;
-  ASSERT_EQ(process->get_Id(&pid), S_OK);
+  ASSERT_OK(target->AdviseDebugEvents(sink.Get()));
+  const auto process = LoadProcess(target.Get(), DEVICE_APP, "/app/loop.elf", true);
+  ASSERT_TRUE(process);
+  const ULONG pid = Get(process.Get(), &IProcess::get_Id);
   vekx::ComPtr<IStopNotification> stop;
   sink->WaitStop(0, nullptr, &stop);
   ASSERT_TRUE(stop);  // the stop at the entry point
 
   vekx::Variant bytes;
   ULONG bad = 99;
-  ASSERT_EQ(process->GetMemory(0x400FFE, 4, &bad, bytes.Put()), S_OK);
+  ASSERT_OK(process->GetMemory(0x400FFE, 4, &bad, bytes.Put()));
   EXPECT_EQ(bad, 2u);  // the two bytes before the region
   vekx::Variant opcode;
   ULONG id = 0;
-  ASSERT_EQ(Break(process.Get(), 0, 0x401004, opcode, id), S_OK) << TakeErrorText();
+  ASSERT_OK(Break(process.Get(), 0, 0x401004, opcode, id));
   EXPECT_EQ(Numbers(opcode), std::vector<uint64_t>{0x90});
 
-  ASSERT_EQ(Resume(process.Get()), S_OK) << TakeErrorText();
+  ASSERT_OK(Resume(process.Get()));
   stop.Reset();
   sink->WaitStop(1, nullptr, &stop);
   ASSERT_TRUE(stop);
   vekx::ComPtr<IProcessInfo> info;
-  ASSERT_EQ(stop->get_ProcessInfo(info.Put()), S_OK);
-  ULONG stopped_pid = 0;
-  ASSERT_EQ(info->get_Id(&stopped_pid), S_OK);
-  EXPECT_EQ(stopped_pid, pid);
-  ULONG tid = 0;
-  ASSERT_EQ(stop->get_ThreadId(&tid), S_OK);
-  vekx::Variant threads;
-  ASSERT_EQ(stop->get_Threads(threads.Put()), S_OK);
-  const auto infos = Objects<IThreadInfo6>(threads, IID_IThreadInfo6);
+  ASSERT_OK(stop->get_ProcessInfo(info.Put()));
+  EXPECT_EQ(Get(info.Get(), &IProcessInfo::get_Id), pid);
+  const ULONG tid = Get(stop.Get(), &IStopNotification::get_ThreadId);
+  const auto infos =
+      ListOf<IThreadInfo6>(stop.Get(), &IStopNotification::get_Threads, IID_IThreadInfo6);
   ASSERT_TRUE(!infos.empty() && infos[0]);
   const auto& thread_info = infos[0];
-  ULONGLONG rip = 0;
-  ASSERT_EQ(thread_info->get_RIP(&rip), S_OK);
-  EXPECT_EQ(rip, 0x401004u);
-  vekx::ComPtr<IStopReason> reason;
-  ASSERT_EQ(thread_info->get_StopReason(reason.Put()), S_OK);
-  eStopNotificationReason code{};
-  ASSERT_EQ(reason->get_Code(&code), S_OK);
-  EXPECT_EQ(code, STOP_REASON_SIGSWBRKPT);
+  EXPECT_EQ(Get(thread_info.Get(), &IThreadInfo6::get_RIP), 0x401004u);
+  EXPECT_EQ(StopCode(thread_info.Get()), STOP_REASON_SIGSWBRKPT);
 
   // The thread the stop names answers for its registers; a value count that is not four per
   // id is refused unsent, twelve for three ids are sent.
   vekx::ComPtr<IThread> thread;
-  ASSERT_EQ(thread_info->get_ThreadInterface(thread.Put()), S_OK);
-  ULONG thread_id = 0;
-  ASSERT_EQ(thread->get_Id(&thread_id), S_OK);
-  EXPECT_EQ(thread_id, tid);
+  ASSERT_OK(thread_info->get_ThreadInterface(thread.Put()));
+  EXPECT_EQ(Get(thread.Get(), &IThread::get_Id), tid);
   vekx::Variant values;
-  ASSERT_EQ(thread->GetRegisters(ArrayOf(VT_I4, {REG_ID_RIP}).Get(), values.Put()), S_OK);
+  ASSERT_OK(thread->GetRegisters(ArrayOf(VT_I4, {REG_ID_RIP}).Get(), values.Put()));
   const std::vector<uint64_t> words = Numbers(values);
   ASSERT_EQ(words.size(), 4u);
   EXPECT_EQ(words[0], 0x401004u);
   const auto ids = ArrayOf(VT_I4, {REG_ID_RAX, REG_ID_RBX, REG_ID_RCX});
   EXPECT_EQ(thread->SetRegisters(ids.Get(), ArrayOf(VT_UI8, std::vector<uint64_t>(11)).Get()),
             E_INVALIDARG);
-  EXPECT_EQ(thread->SetRegisters(ids.Get(), ArrayOf(VT_UI8, std::vector<uint64_t>(12)).Get()), S_OK)
-      << TakeErrorText();
+  EXPECT_OK(thread->SetRegisters(ids.Get(), ArrayOf(VT_UI8, std::vector<uint64_t>(12)).Get()));
 
   // SyncPrimitives asks before it looks at its out-pointer: an unknown process's error wins.
   vekx::ComPtr<IProcess10> unknown;
-  ASSERT_EQ(CreateProcessObject(client_, HandleOf(target), 9999, IID_IProcess10,
-                                reinterpret_cast<void**>(unknown.Put())),
-            S_OK);
-  EXPECT_EQ(unknown->get_SyncPrimitives(nullptr),
-            static_cast<HRESULT>(KXAPI_COMMS_ERR_INVALID_PID));
+  ASSERT_OK(CreateProcessObject(client_, HandleOf(target), 9999, IID_IProcess10,
+                                reinterpret_cast<void**>(unknown.Put())));
+  EXPECT_EQ(unknown->get_SyncPrimitives(nullptr), KXAPI_COMMS_ERR_INVALID_PID);
   EXPECT_EQ(process->get_SyncPrimitives(nullptr), E_POINTER);
-  EXPECT_EQ(process->Kill(), S_OK);
-  EXPECT_EQ(target->UnadviseDebugEvents(sink.Get()), S_OK);
+  EXPECT_OK(process->Kill());
+  EXPECT_OK(target->UnadviseDebugEvents(sink.Get()));
 }
 
 // Large reads on several threads at once, each landing in its own safe array: every caller gets
@@ -260,12 +231,9 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
 TEST_F(DebugLiveTest, LargeReadsOnManyThreadsEachGetTheirOwnBytes) {
   auto target = Target("kit-debug");
   ASSERT_TRUE(target);
-  ASSERT_EQ(target->Connect(), S_OK);
-  vekx::ComPtr<IProcess> process;
-  ASSERT_EQ(target->LoadProcess(DEVICE_APP, vekx::Bstr::FromUtf8("/app/big.elf").Get(), 1, 0,
-                                nullptr, nullptr, process.Put()),
-            S_OK)
-      << TakeErrorText();
+  ASSERT_OK(target->Connect());
+  const auto process = LoadProcess(target.Get(), DEVICE_APP, "/app/big.elf", true);
+  ASSERT_TRUE(process);
   const struct Read {
     uint64_t address;
     ULONG size;

@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "api/live_api.h"
 #include "platform/automation.h"
 #include "platform/system_message.h"
 #include "platform/wide_string.h"
@@ -14,17 +15,7 @@
 namespace qv {
 namespace {
 
-// The calling thread's error object's description; empty when there is none. Takes the object.
-std::u16string TakeErrorDescription() {
-  IErrorInfo* info = nullptr;
-  if (GetErrorInfo(0, &info) != S_OK || info == nullptr) return {};
-  BSTR description = nullptr;
-  info->GetDescription(&description);
-  std::u16string text(platform::BstrView(description));
-  SysFreeString(description);
-  info->Release();
-  return text;
-}
+using apitest::TakeErrorText;
 
 TEST(ErrorReporting, DescriptionsComeFromTheTableTheSystemOrTheFallbacks) {
   struct Case {
@@ -54,13 +45,13 @@ TEST(ErrorReporting, DescriptionsComeFromTheTableTheSystemOrTheFallbacks) {
 TEST(ErrorReporting, AFailureBecomesTheThreadsErrorObjectAndASuccessLeavesIt) {
   SetErrorInfo(0, nullptr);
   EXPECT_EQ(ReportError(KXAPI_COMMS_ERR_NO_ENTRY, u"server says no"), KXAPI_COMMS_ERR_NO_ENTRY);
-  EXPECT_EQ(TakeErrorDescription(), u"Target error - The entry does not exist. server says no");
+  EXPECT_EQ(TakeErrorText(), "Target error - The entry does not exist. server says no");
 
   EXPECT_EQ(ReportError(KXAPI_TIMEOUT), KXAPI_TIMEOUT);
   EXPECT_EQ(ReportError(S_FALSE, u"ignored"), S_FALSE);  // the earlier failure stays
   EXPECT_EQ(ReportError(S_OK), S_OK);
-  EXPECT_EQ(TakeErrorDescription(), DescribeError(KXAPI_TIMEOUT, u""));
-  EXPECT_EQ(TakeErrorDescription(), u"");  // taken: nothing left
+  EXPECT_EQ(TakeErrorText(), platform::Utf16ToUtf8(DescribeError(KXAPI_TIMEOUT, u"")));
+  EXPECT_EQ(TakeErrorText(), "");  // taken: nothing left
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
-#include <memory>
 #include <regex>
 #include <string>
 #include <string_view>
@@ -178,21 +177,20 @@ class LiveEventsTest : public LiveApiTest {
 
   // Advises `sink` on every target-side group of `target`.
   void AdviseTargetSide(ITarget47* target, ULONG handle, RecordingSink* sink) {
-    ASSERT_EQ(target->AdviseTargetEvents(sink), S_OK);
-    ASSERT_EQ(target->AdviseDebugEvents(sink), S_OK);
-    ASSERT_EQ(target->AdviseConsoleOutputEvents(sink), S_OK);
-    ASSERT_EQ(target->AdviseCacheUpdateEvents(sink), S_OK);
-    ASSERT_EQ(target->AdviseControllerEvents(sink), S_OK);
-    ASSERT_EQ(target->AdviseEventViewerEvents(sink), S_OK);
-    ASSERT_EQ(target->AdviseTrickleEvents(sink), S_OK);
-    ASSERT_EQ(target->AdviseProcessLockEvents(sink), S_OK);
-    ASSERT_EQ(target->AdviseHighFreqFileCopyEvents(sink), S_OK);
-    ASSERT_EQ(target->AdviseLowFreqFileCopyEvents(sink), S_OK);
+    ASSERT_OK(target->AdviseTargetEvents(sink));
+    ASSERT_OK(target->AdviseDebugEvents(sink));
+    ASSERT_OK(target->AdviseConsoleOutputEvents(sink));
+    ASSERT_OK(target->AdviseCacheUpdateEvents(sink));
+    ASSERT_OK(target->AdviseControllerEvents(sink));
+    ASSERT_OK(target->AdviseEventViewerEvents(sink));
+    ASSERT_OK(target->AdviseTrickleEvents(sink));
+    ASSERT_OK(target->AdviseProcessLockEvents(sink));
+    ASSERT_OK(target->AdviseHighFreqFileCopyEvents(sink));
+    ASSERT_OK(target->AdviseLowFreqFileCopyEvents(sink));
     // Generic protocol sinks come with the channels that open them, which vesta-kx does not
     // serve yet; the private client files one directly.
-    ASSERT_EQ(client_->Advise(EventGroup::GenericProtocol,
-                              CVEGenericProtocolEventNotifyClient::Make(client_, sink), handle),
-              S_OK);
+    ASSERT_OK(client_->Advise(EventGroup::GenericProtocol,
+                              CVEGenericProtocolEventNotifyClient::Make(client_, sink), handle));
   }
 
   // Starts the server's packet log (through a root of its own, so that api_ does not connect).
@@ -201,7 +199,7 @@ class LiveEventsTest : public LiveApiTest {
         (servertest::TestRoot() / (platform::Utf16ToUtf8(user_) + ".packets")).string();
     std::remove(path.c_str());
     const vekx::ComPtr<IVEKXAPI12> root = CheckedRoot();
-    EXPECT_EQ(root->StartPacketLogging(vekx::Bstr::FromUtf8(path).Get()), S_OK);
+    EXPECT_OK(root->StartPacketLogging(B(path).Get()));
     root->Dispose();
     return path;
   }
@@ -212,12 +210,6 @@ class LiveEventsTest : public LiveApiTest {
     const std::regex line(" target " + std::to_string(target) + " seq [0-9]+ REQUEST " + request);
     return static_cast<size_t>(
         std::distance(std::sregex_iterator(log.begin(), log.end(), line), std::sregex_iterator()));
-  }
-
-  // A call that goes to the server and back.
-  HRESULT CallServer() {
-    ULONG version[4] = {};
-    return api_->ServerVersion(&version[0], &version[1], &version[2], &version[3]);
   }
 
   std::string scenario_;
@@ -244,7 +236,7 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
   ASSERT_TRUE(log.SetFile(log_path));
   log.SetLevel(Log::kPackets);
   auto* sink = NewSink();
-  ASSERT_EQ(api_->AdviseServerEvents(sink), S_OK);
+  ASSERT_OK(api_->AdviseServerEvents(sink));
   ASSERT_NO_FATAL_FAILURE(AdviseTargetSide(target.Get(), handle, sink));
   EXPECT_TRUE(WaitUntil([&] { return sink->CallCount() >= expected.size(); })) << sink->CallCount();
   log.SetLevel(Log::kSilent);
@@ -276,8 +268,8 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
   ULONG two_handle = 0;
   const auto two = Target("kit-two", two_handle);
   auto* bystander = NewSink();
-  ASSERT_EQ(two->AdviseTargetEvents(bystander), S_OK);
-  ASSERT_EQ(target->Delete(), S_OK);
+  ASSERT_OK(two->AdviseTargetEvents(bystander));
+  ASSERT_OK(target->Delete());
   const auto left = [&] {
     size_t count = 0;
     for (size_t group = 0; group < kEventGroupCount; ++group)
@@ -300,8 +292,8 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
   const auto again = Target("kit-one", again_handle);
   ASSERT_TRUE(again);
   auto* fresh = NewSink();
-  ASSERT_EQ(again->AdviseTargetEvents(fresh), S_OK);
-  ASSERT_EQ(again->PowerOff(), S_OK);
+  ASSERT_OK(again->AdviseTargetEvents(fresh));
+  ASSERT_OK(again->PowerOff());
   EXPECT_TRUE(WaitUntil([&] { return fresh->CallCount() == 4; }));
   std::vector<std::string> methods;
   for (const SinkCall& call : fresh->Calls())
@@ -331,10 +323,10 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
   auto* first = NewSink();
   auto* second = NewSink();  // beside `first`: the same group and key
   auto* console = NewSink();
-  ASSERT_EQ(api_->AdviseServerEvents(server), S_OK);
-  ASSERT_EQ(two->AdviseConsoleOutputEvents(console), S_OK);
-  ASSERT_EQ(one->AdviseTargetEvents(first), S_OK);
-  ASSERT_EQ(one->AdviseTargetEvents(second), S_OK);
+  ASSERT_OK(api_->AdviseServerEvents(server));
+  ASSERT_OK(two->AdviseConsoleOutputEvents(console));
+  ASSERT_OK(one->AdviseTargetEvents(first));
+  ASSERT_OK(one->AdviseTargetEvents(second));
   // The same object through another of its interfaces is the same sink.
   auto* as_later = reinterpret_cast<IEventTarget*>(static_cast<IEventTarget9*>(first));
   ASSERT_NE(static_cast<void*>(as_later), static_cast<void*>(static_cast<IEventTarget*>(first)));
@@ -342,7 +334,7 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
   EXPECT_EQ(one->AdviseTargetEvents(nullptr), E_POINTER);
   EXPECT_EQ(api_->AdviseServerEvents(nullptr), E_POINTER);
   vekx::ComPtr<IVEKXAPI12> unchecked;
-  ASSERT_EQ(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(unchecked.Put())), S_OK);
+  ASSERT_OK(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(unchecked.Put())));
   EXPECT_EQ(unchecked->AdviseServerEvents(server), KXAPI_INCOMPATIBLE_CLIENT);
   ASSERT_TRUE(WaitUntil([&] {
     return first->CallCount() == 3 && server->CallCount() == 2 && console->CallCount() == 2;
@@ -353,7 +345,7 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
   const std::string log = StartPacketLog();
   for (RecordingSink* sink : {server, first, second, console})
     sink->Clear();
-  EXPECT_EQ(CallServer(), S_OK) << TakeErrorText();
+  EXPECT_OK(ServerVersion(api_.Get()));
 
   EXPECT_TRUE(WaitUntil([&] {
     return first->CallCount() == 3 && second->CallCount() == 3 && server->CallCount() == 2 &&
@@ -371,13 +363,13 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
 
   // Each advise subscribes; only the last unadvise under a key cancels.
   auto* third = NewSink();
-  ASSERT_EQ(one->AdviseTargetEvents(third), S_OK);
+  ASSERT_OK(one->AdviseTargetEvents(third));
   EXPECT_EQ(Logged(log, "REQUEST_TARGET_EVENTS", one_handle), 2u);
-  EXPECT_EQ(one->UnadviseTargetEvents(as_later), S_OK);
-  EXPECT_EQ(one->UnadviseTargetEvents(third), S_OK);
+  EXPECT_OK(one->UnadviseTargetEvents(as_later));
+  EXPECT_OK(one->UnadviseTargetEvents(third));
   EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, one_handle), 1u);
   EXPECT_EQ(Logged(log, "CANCEL_TARGET_EVENTS", one_handle), 0u);
-  EXPECT_EQ(one->UnadviseTargetEvents(second), S_OK);
+  EXPECT_OK(one->UnadviseTargetEvents(second));
   EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, one_handle), 0u);
   EXPECT_EQ(Logged(log, "CANCEL_TARGET_EVENTS", one_handle), 1u);
 }
@@ -406,17 +398,17 @@ TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
   // On the notification thread, inside the group's delivery.
   quitter->on_call = [&] { target->UnadviseTargetEvents(quitter); };
   auto* fence = NewSink();
-  ASSERT_EQ(target->AdviseTargetEvents(slow), S_OK);
-  ASSERT_EQ(target->AdviseTargetEvents(base_only), S_OK);
-  ASSERT_EQ(target->AdviseTargetEvents(quitter), S_OK);
-  ASSERT_EQ(api_->AdviseServerEvents(fence), S_OK);
+  ASSERT_OK(target->AdviseTargetEvents(slow));
+  ASSERT_OK(target->AdviseTargetEvents(base_only));
+  ASSERT_OK(target->AdviseTargetEvents(quitter));
+  ASSERT_OK(api_->AdviseServerEvents(fence));
   ASSERT_TRUE(WaitUntil([&] { return entered.load(); }));
 
   // The notification thread is held inside the Target group; calls on other threads go on.
-  EXPECT_EQ(CallServer(), S_OK);
+  EXPECT_OK(ServerVersion(api_.Get()));
   auto* late = NewSink();
-  EXPECT_EQ(api_->AdviseServerEvents(late), S_OK);
-  EXPECT_EQ(api_->UnadviseServerEvents(late), S_OK);
+  EXPECT_OK(api_->AdviseServerEvents(late));
+  EXPECT_OK(api_->UnadviseServerEvents(late));
   EXPECT_EQ(base_only->CallCount(), 0u);
   released = true;
 
@@ -460,14 +452,13 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   // server only, would otherwise use up this client's 64 unacknowledged pieces and hold up
   // kit-one's.
   CRequestConsoleOutputEventsResponse subscribed;
-  ASSERT_EQ(client_->Call(two_handle, CRequestConsoleOutputEventsRequest(), subscribed), S_OK);
+  ASSERT_OK(client_->Call(two_handle, CRequestConsoleOutputEventsRequest(), subscribed));
   ULONG two_upper = 0;
   EXPECT_TRUE(WaitUntil(
       [&] { return two->get_ConsoleCacheIndex(&two_upper) == S_OK && two_upper == 100; }));
-  ULONG start = 0;
-  ASSERT_EQ(target->get_ConsoleCacheIndex(&start), S_OK);
+  const ULONG start = Get(target.Get(), &ITarget::get_ConsoleCacheIndex);
   auto* sink = NewSink();
-  ASSERT_EQ(target->AdviseConsoleOutputEvents(sink), S_OK);  // starts the script
+  ASSERT_OK(target->AdviseConsoleOutputEvents(sink));  // starts the script
 
   std::vector<std::string> expected;
   for (const std::string& i : Sequence(0, kPieces - 1))
@@ -477,7 +468,7 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   int fetches = 0;  // that found something
   WaitUntil([&] {
     vekx::Variant output;
-    EXPECT_EQ(target->CachedConsoleOutput(&index, output.Put()), S_OK);
+    EXPECT_OK(target->CachedConsoleOutput(&index, output.Put()));
     const auto pieces = Pieces(output);
     fetches += pieces.empty() ? 0 : 1;
     read.insert(read.end(), pieces.begin(), pieces.end());
@@ -494,9 +485,8 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
 
   // Input is cut at its first null; the echo comes back live and into the cache.
   const vekx::Bstr input(std::u16string(u"ls\0rm -rf", 9));
-  EXPECT_EQ(target->SendConsoleInputWithEcho(STREAM_USER3, PROCESS_OUTPUT,
-                                             static_cast<ULONG>(BROADCAST_PID), input.Get()),
-            S_OK);
+  EXPECT_OK(target->SendConsoleInputWithEcho(STREAM_USER3, PROCESS_OUTPUT,
+                                             static_cast<ULONG>(BROADCAST_PID), input.Get()));
   EXPECT_TRUE(WaitUntil([&] { return sink->CallCount() == kPieces + 1; }));
   const SinkCall echo = sink->Calls().back();
   EXPECT_EQ(echo.properties.at("Text"), "ls");
@@ -504,27 +494,23 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   EXPECT_EQ(echo.properties.at("Category"), "1");
   EXPECT_EQ(echo.properties.at("ProcessId"), "4294967295");
   vekx::Variant output;
-  ASSERT_EQ(target->CachedConsoleOutput(&index, output.Put()), S_OK);
+  ASSERT_OK(target->CachedConsoleOutput(&index, output.Put()));
   EXPECT_EQ(Pieces(output), std::vector<std::string>{"3 ls"});
   const vekx::Bstr empty(u"");
   EXPECT_EQ(target->SendConsoleInputWithEcho(STREAM_STDIO, KERNEL_OUTPUT, 0, empty.Get()),
             E_INVALIDARG);
   EXPECT_EQ(target->SendConsoleInput(STREAM_STDIO, KERNEL_OUTPUT, 0, nullptr), E_POINTER);
-  EXPECT_EQ(target->SendConsoleInput(STREAM_STDIO, KERNEL_OUTPUT, 0, input.Get()), S_OK);
+  EXPECT_OK(target->SendConsoleInput(STREAM_STDIO, KERNEL_OUTPUT, 0, input.Get()));
 
-  ULONG size = 0;
   EXPECT_EQ(target->put_ConsoleCacheSize(0), KXAPI_SERVER_INVALID_ARG);
-  EXPECT_EQ(target->put_ConsoleCacheSize(2048), S_OK);
-  EXPECT_EQ(target->get_ConsoleCacheSize(&size), S_OK);
-  EXPECT_EQ(size, 2048u);
+  EXPECT_OK(target->put_ConsoleCacheSize(2048));
+  EXPECT_EQ(Get(target.Get(), &ITarget47::get_ConsoleCacheSize), 2048u);
   // Clearing keeps the indices going.
-  EXPECT_EQ(target->ClearConsoleCache(), S_OK);
+  EXPECT_OK(target->ClearConsoleCache());
   index = start;
-  ASSERT_EQ(target->CachedConsoleOutput(&index, output.Put()), S_OK);
+  ASSERT_OK(target->CachedConsoleOutput(&index, output.Put()));
   EXPECT_TRUE(Pieces(output).empty());
-  ULONG upper = 0;
-  EXPECT_EQ(target->get_ConsoleCacheIndex(&upper), S_OK);
-  EXPECT_EQ(upper, start + kPieces + 1);
+  EXPECT_EQ(Get(target.Get(), &ITarget::get_ConsoleCacheIndex), start + kPieces + 1);
   EXPECT_EQ(target->CachedConsoleOutput(nullptr, output.Put()), E_POINTER);
   target->UnadviseConsoleOutputEvents(sink);
 }

@@ -1,7 +1,5 @@
 #include "api/event_sink_recorder.h"
 
-#include <cstring>
-#include <string_view>
 #include <type_traits>
 
 #include "platform/wide_string.h"

@@ -67,7 +67,7 @@ class GenericProtocolTest : public LiveApiTest {
   vekx::ComPtr<IGenericProtocol> Open(ITarget8& target, uint32_t protocol,
                                       IEventGenericProtocol* sink) {
     vekx::ComPtr<IGenericProtocol> channel;
-    EXPECT_EQ(target.OpenGenericProtocol(protocol, sink, channel.Put()), S_OK) << TakeErrorText();
+    EXPECT_OK(target.OpenGenericProtocol(protocol, sink, channel.Put()));
     return channel;
   }
 
@@ -93,25 +93,23 @@ TEST_F(GenericProtocolTest, EchoReturnsBinaryDataWhole) {
   std::vector<ULONG> counts;
   for (LONG offset = 0; offset < static_cast<LONG>(sent.size());) {
     ULONG written = 0;
-    ASSERT_EQ(channel->Write(array.Get(), offset, &written), S_OK) << TakeErrorText();
+    ASSERT_OK(channel->Write(array.Get(), offset, &written));
     counts.push_back(written);
     offset += static_cast<LONG>(written);
   }
   EXPECT_EQ(counts, (std::vector<ULONG>{65536, 65536, 65536, 3392}));
   Bytes back;
-  ASSERT_EQ(ReadBytes(*channel.Get(), sent.size(), back), S_OK) << TakeErrorText();
+  ASSERT_OK(ReadBytes(*channel.Get(), sent.size(), back));
   EXPECT_EQ(back, sent);
-  VARIANT_BOOL status = VARIANT_FALSE;
-  EXPECT_EQ(channel->get_Status(&status), S_OK);
-  EXPECT_EQ(status, VARIANT_TRUE);
+  EXPECT_EQ(Get(channel.Get(), &IGenericProtocol::get_Status), VARIANT_TRUE);
 
   // An offset outside the array is the caller's mistake and sends nothing; the channel goes on.
   ULONG written = 7;
   EXPECT_EQ(channel->Write(array.Get(), -1, &written), E_INVALIDARG);
   EXPECT_EQ(channel->Write(array.Get(), 200001, &written), E_INVALIDARG);
   EXPECT_EQ(written, 7u);
-  EXPECT_EQ(channel->Close(), S_OK);
-  EXPECT_EQ(channel->Close(), static_cast<HRESULT>(KXAPI_COMMS_ERR_INVALID_PROTOCOL));
+  EXPECT_OK(channel->Close());
+  EXPECT_EQ(channel->Close(), KXAPI_COMMS_ERR_INVALID_PROTOCOL);
 }
 
 TEST_F(GenericProtocolTest, SourceSendsItsLengthThenCloses) {
@@ -119,8 +117,7 @@ TEST_F(GenericProtocolTest, SourceSendsItsLengthThenCloses) {
   auto channel = Open(*target.Get(), 2, sink_.Get());
   ASSERT_TRUE(channel);
   Bytes got;
-  EXPECT_EQ(ReadBytes(*channel.Get(), 80000, got),
-            static_cast<HRESULT>(KXAPI_COMMS_ERR_ULP_DISCONNECT));
+  EXPECT_EQ(ReadBytes(*channel.Get(), 80000, got), KXAPI_COMMS_ERR_ULP_DISCONNECT);
   EXPECT_EQ(TakeErrorText(),
             "Target error - The upper-layer protocol disconnected. protocol 2 was closed by its "
             "endpoint");
@@ -128,16 +125,13 @@ TEST_F(GenericProtocolTest, SourceSendsItsLengthThenCloses) {
   const uint8_t pattern[] = {0x00, 0xff, 0x01};
   for (size_t i = 0; i < got.size(); ++i)
     ASSERT_EQ(got[i], pattern[i % 3]) << "at " << i;
-  VARIANT_BOOL status = VARIANT_TRUE;
-  EXPECT_EQ(channel->get_Status(&status), S_OK);
-  EXPECT_EQ(status, VARIANT_FALSE);
+  EXPECT_EQ(Get(channel.Get(), &IGenericProtocol::get_Status), VARIANT_FALSE);
 }
 
 TEST_F(GenericProtocolTest, FailedOpenLeavesNoRegistration) {
   auto target = target_ = Target("kit-one");
   vekx::ComPtr<IGenericProtocol> channel;
-  EXPECT_EQ(target->OpenGenericProtocol(9, sink_.Get(), channel.Put()),
-            static_cast<HRESULT>(KXAPI_COMMS_ERR_NOPROTOCOL));
+  EXPECT_EQ(target->OpenGenericProtocol(9, sink_.Get(), channel.Put()), KXAPI_COMMS_ERR_NOPROTOCOL);
   EXPECT_EQ(TakeErrorText(),
             "Target error - The protocol is not available. 'kit-one' has no protocol 9");
   EXPECT_FALSE(channel);
@@ -148,7 +142,7 @@ TEST_F(GenericProtocolTest, FailedOpenLeavesNoRegistration) {
   auto second = vekx::MakeSink<RecordingSink>();
   vekx::ComPtr<IGenericProtocol> again;
   EXPECT_EQ(target->OpenGenericProtocol(3, second.Get(), again.Put()),
-            static_cast<HRESULT>(KXAPI_COMMS_ERR_ALREADY_CONNECTED));
+            KXAPI_COMMS_ERR_ALREADY_CONNECTED);
   EXPECT_EQ(client_->RegistrationCount(EventGroup::GenericProtocol, handle), 1u);
 }
 
@@ -159,11 +153,11 @@ TEST_F(GenericProtocolTest, ScriptTalksAndItsStatusReachesEverySink) {
   auto script = Open(*target.Get(), 4, sink_.Get());
   ASSERT_TRUE(echo && script);
   Bytes got;
-  ASSERT_EQ(ReadBytes(*script.Get(), 6, got), S_OK);
+  ASSERT_OK(ReadBytes(*script.Get(), 6, got));
   EXPECT_EQ(AsText(got), "hello\n");
   ULONG written = 0;
-  ASSERT_EQ(script->Write(ArrayOf(VT_UI1, {'p', 'i', 'n', 'g', '\n'}).Get(), 0, &written), S_OK);
-  ASSERT_EQ(ReadBytes(*script.Get(), 5, got), S_OK);
+  ASSERT_OK(script->Write(ArrayOf(VT_UI1, {'p', 'i', 'n', 'g', '\n'}).Get(), 0, &written));
+  ASSERT_OK(ReadBytes(*script.Get(), 5, got));
   EXPECT_EQ(AsText(got), "pong\n");
 
   // Both sinks of the target hear protocol 4 go down and come back, whichever they opened.
@@ -174,8 +168,8 @@ TEST_F(GenericProtocolTest, ScriptTalksAndItsStatusReachesEverySink) {
               (std::vector<std::string>{"false", "true"}));
   }
   // Then the script hangs up.
-  EXPECT_EQ(ReadBytes(*script.Get(), 1, got), static_cast<HRESULT>(KXAPI_COMMS_ERR_ULP_DISCONNECT));
-  EXPECT_EQ(target->UnadviseGenericProtocolEvents(other.Get()), S_OK);
+  EXPECT_EQ(ReadBytes(*script.Get(), 1, got), KXAPI_COMMS_ERR_ULP_DISCONNECT);
+  EXPECT_OK(target->UnadviseGenericProtocolEvents(other.Get()));
 }
 
 #ifdef __linux__
@@ -225,15 +219,12 @@ TEST_F(ForwardTest, OpenConnectsToTheForwardedPort) {
   auto channel = Open(*target.Get(), 7, sink_.Get());
   ASSERT_TRUE(channel);
   ULONG written = 0;
-  ASSERT_EQ(channel->Write(ArrayOf(VT_UI1, {'a', 'b', 0, 'c'}).Get(), 0, &written), S_OK);
+  ASSERT_OK(channel->Write(ArrayOf(VT_UI1, {'a', 'b', 0, 'c'}).Get(), 0, &written));
   EXPECT_EQ(written, 4u);
   Bytes got;
-  EXPECT_EQ(ReadBytes(*channel.Get(), 8, got),
-            static_cast<HRESULT>(KXAPI_COMMS_ERR_ULP_DISCONNECT));
+  EXPECT_EQ(ReadBytes(*channel.Get(), 8, got), KXAPI_COMMS_ERR_ULP_DISCONNECT);
   EXPECT_EQ(got, (Bytes{'A', 'B', 0, 'C'}));
-  VARIANT_BOOL status = VARIANT_TRUE;
-  EXPECT_EQ(channel->get_Status(&status), S_OK);
-  EXPECT_EQ(status, VARIANT_FALSE);
+  EXPECT_EQ(Get(channel.Get(), &IGenericProtocol::get_Status), VARIANT_FALSE);
 }
 #endif
 

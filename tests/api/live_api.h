@@ -11,6 +11,7 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "api/root_object.h"
@@ -24,6 +25,22 @@
 namespace qv::apitest {
 
 using servertest::kQuickScenario;
+
+// The call succeeds; a failure shows the thread's error text with the code.
+#define EXPECT_OK(call) EXPECT_EQ((call), S_OK) << ::qv::apitest::TakeErrorText()
+#define ASSERT_OK(call) ASSERT_EQ((call), S_OK) << ::qv::apitest::TakeErrorText()
+
+inline vekx::Bstr B(std::string_view text) {
+  return vekx::Bstr::FromUtf8(text);
+}
+
+// The version of the server behind `root`, its process id last, in `v` when given: a call that
+// goes to the server and back.
+inline HRESULT ServerVersion(IVEKXAPI* root, ULONG* v = nullptr) {
+  ULONG own[4] = {};
+  if (v == nullptr) v = own;
+  return root->ServerVersion(&v[0], &v[1], &v[2], &v[3]);
+}
 
 // The description of the calling thread's error object, taken from it; empty when it has none.
 inline std::string TakeErrorText() {
@@ -56,7 +73,7 @@ inline vekx::Variant ArrayOf(VARTYPE type, const std::vector<uint64_t>& values) 
 template <class Interface>
 std::vector<vekx::ComPtr<Interface>> Objects(const vekx::Variant& array, REFIID iid) {
   std::vector<vekx::Variant> elements;
-  EXPECT_EQ(vekx::ArrayElements(array.Get(), elements), S_OK);
+  EXPECT_OK(vekx::ArrayElements(array.Get(), elements));
   std::vector<vekx::ComPtr<Interface>> objects(elements.size());
   for (size_t i = 0; i < elements.size(); ++i) {
     if (elements[i].Type() == VT_DISPATCH)
@@ -68,7 +85,7 @@ std::vector<vekx::ComPtr<Interface>> Objects(const vekx::Variant& array, REFIID 
 // The unsigned numbers of an array a method returned.
 inline std::vector<uint64_t> Numbers(const vekx::Variant& array) {
   std::vector<vekx::Variant> elements;
-  EXPECT_EQ(vekx::ArrayElements(array.Get(), elements), S_OK);
+  EXPECT_OK(vekx::ArrayElements(array.Get(), elements));
   std::vector<uint64_t> numbers;
   for (const vekx::Variant& element : elements) {
     const VARIANT& value = element.Get();
@@ -85,8 +102,8 @@ inline std::vector<std::string> Pairs(const vekx::Variant& array) {
   for (const auto& pair : Objects<INameValuePair>(array, IID_INameValuePair)) {
     if (!pair) return {"not an INameValuePair"};
     vekx::Bstr name, value;
-    EXPECT_EQ(pair->get_Name(name.Put()), S_OK);
-    EXPECT_EQ(pair->get_ValueString(value.Put()), S_OK);
+    EXPECT_OK(pair->get_Name(name.Put()));
+    EXPECT_OK(pair->get_ValueString(value.Put()));
     pairs.push_back(name.Utf8() + "=" + value.Utf8());
   }
   return pairs;
@@ -107,8 +124,49 @@ inline std::vector<std::string> LoggedRequests(const std::string& path) {
 template <class Target>
 ULONG HandleOf(const Target& target) {
   ULONG handle = 0;
-  EXPECT_EQ(target->get_Handle(&handle), S_OK);
+  EXPECT_OK(target->get_Handle(&handle));
   return handle;
+}
+
+// What a property getter of `object` returns; the test fails when the getter does.
+template <class Object, class Interface, class Value>
+Value Get(Object* object, HRESULT (STDMETHODCALLTYPE Interface::*getter)(Value*)) {
+  Value value{};
+  EXPECT_OK((object->*getter)(&value));
+  return value;
+}
+template <class Object, class Interface>
+std::string GetText(Object* object, HRESULT (STDMETHODCALLTYPE Interface::*getter)(BSTR*)) {
+  return vekx::Bstr::Adopt(Get(object, getter)).Utf8();
+}
+
+// The stop reason code of a process's or thread's info (all ones when it gives no reason).
+template <class Info>
+uint32_t StopCode(Info* info) {
+  vekx::ComPtr<IStopReason> reason;
+  EXPECT_OK(info->get_StopReason(reason.Put()));
+  return reason ? static_cast<uint32_t>(Get(reason.Get(), &IStopReason::get_Code)) : ~0u;
+}
+
+// The objects of `iid` in the list a getter of `object` returns.
+template <class Element, class Object, class Interface>
+std::vector<vekx::ComPtr<Element>> ListOf(Object* object,
+                                          HRESULT (STDMETHODCALLTYPE Interface::*getter)(VARIANT*),
+                                          REFIID iid) {
+  VARIANT list = Get(object, getter);
+  return Objects<Element>(vekx::Variant::Adopt(list), iid);
+}
+
+// `path` on `device` of `target` run with `args` (none when null), stopped at its entry when
+// `stopped`; null when it is not loaded.
+inline vekx::ComPtr<IProcess10> LoadProcess(ITarget* target, eDevice device, const char* path,
+                                            bool stopped, const char* args = nullptr) {
+  vekx::ComPtr<IProcess> loaded;
+  EXPECT_OK(target->LoadProcess(device, B(path).Get(), stopped ? 1 : 0, 0,
+                                args ? B(args).Get() : nullptr, nullptr, loaded.Put()));
+  vekx::ComPtr<IProcess10> process;
+  if (loaded) loaded.QueryInto(IID_IProcess10, process);
+  return process;
 }
 
 // Resumes every thread of `process`, or steps the threads `tids` names.
@@ -151,15 +209,10 @@ class StopRecorder : public vekx::EventSink<IEventDebug> {
     }
     if (stop != nullptr) *stop = last;
     vekx::ComPtr<IProcessInfo> info;
-    vekx::ComPtr<IStopReason> reason;
-    eStopNotificationReason code{};
-    EXPECT_EQ(last->get_ProcessInfo(info.Put()), S_OK);
-    ULONG tid = 0;
-    EXPECT_EQ(last->get_ThreadId(&tid), S_OK);
+    EXPECT_OK(last->get_ProcessInfo(info.Put()));
+    const ULONG tid = Get(last.Get(), &IStopNotification::get_ThreadId);
     if (thread != nullptr) *thread = tid;
-    if (!info || info->get_StopReason(reason.Put()) != S_OK || reason->get_Code(&code) != S_OK)
-      return 0;
-    return static_cast<uint32_t>(code);
+    return info ? StopCode(info.Get()) : 0;
   }
 
  private:
@@ -176,9 +229,8 @@ class LiveApiTest : public ::testing::Test {
   void SetUp() override {
     ASSERT_NO_FATAL_FAILURE(StartServer());
     client_ = CKXVEPrivateAPI::Create({user_, servertest::RunDir()});
-    ASSERT_EQ(CreateRootObject(client_, IID_IVEKXAPI12, reinterpret_cast<void**>(api_.Put())),
-              S_OK);
-    ASSERT_EQ(api_->CheckCompatibility(21), S_OK);
+    ASSERT_OK(CreateRootObject(client_, IID_IVEKXAPI12, reinterpret_cast<void**>(api_.Put())));
+    ASSERT_OK(api_->CheckCompatibility(21));
   }
 
   // Starts the test's server on Scenario() and waits until it serves.
@@ -204,9 +256,9 @@ class LiveApiTest : public ::testing::Test {
   // A new root object for this test's server that has passed CheckCompatibility.
   vekx::ComPtr<IVEKXAPI12> CheckedRoot() {
     vekx::ComPtr<IVEKXAPI12> root;
-    EXPECT_EQ(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(root.Put())), S_OK);
+    EXPECT_OK(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(root.Put())));
     if (root) {
-      EXPECT_EQ(root->CheckCompatibility(21), S_OK);
+      EXPECT_OK(root->CheckCompatibility(21));
     }
     return root;
   }
@@ -222,8 +274,7 @@ class LiveApiTest : public ::testing::Test {
   // A new target object for `host`, added (or found) through `root` or else api_.
   vekx::ComPtr<ITarget47> Target(const char* host, IVEKXAPI12* root = nullptr) {
     vekx::ComPtr<ITarget> target;
-    EXPECT_EQ((root ? root : api_.Get())->AddTarget(vekx::Bstr::FromUtf8(host).Get(), target.Put()),
-              S_OK);
+    EXPECT_OK((root ? root : api_.Get())->AddTarget(B(host).Get(), target.Put()));
     vekx::ComPtr<ITarget47> latest;
     if (target) target.QueryInto(IID_ITarget47, latest);
     return latest;

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "api/live_api.h"
 #include "platform/process_identity.h"
@@ -59,10 +58,10 @@ struct Client {
 Client Open(IVEKXAPI& root, ULONG pid) {
   Client client;
   vekx::ComPtr<ITarget> target;
-  EXPECT_EQ(root.AddTarget(vekx::Bstr::FromUtf8("kit-lock").Get(), target.Put()), S_OK);
-  EXPECT_EQ(target.QueryInto(IID_ITarget34, client.target), S_OK);
+  EXPECT_OK(root.AddTarget(B("kit-lock").Get(), target.Put()));
+  EXPECT_OK(target.QueryInto(IID_ITarget34, client.target));
   vekx::Variant list;
-  EXPECT_EQ(target->get_ProcessInfoSnapshot(list.Put()), S_OK);
+  EXPECT_OK(target->get_ProcessInfoSnapshot(list.Put()));
   for (const auto& info : Objects<IProcessInfo>(list, IID_IProcessInfo)) {
     ULONG id = 0;
     if (info && info->get_Id(&id) == S_OK && id == pid)
@@ -75,23 +74,19 @@ Client Open(IVEKXAPI& root, ULONG pid) {
 TEST_F(ProcessLockTest, TheHolderChangesTheProcessTheOthersOnlyRead) {
   auto first_target = Target("kit-lock");
   ASSERT_TRUE(first_target);
-  vekx::ComPtr<IProcess> loaded;
-  ASSERT_EQ(first_target->LoadProcess(DEVICE_APP, vekx::Bstr::FromUtf8("/app/lock.elf").Get(), 1, 0,
-                                      nullptr, nullptr, loaded.Put()),
-            S_OK)
-      << TakeErrorText();
-  ULONG pid = 0;
-  ASSERT_EQ(loaded->get_Id(&pid), S_OK);
+  const auto loaded = LoadProcess(first_target.Get(), DEVICE_APP, "/app/lock.elf", true);
+  ASSERT_TRUE(loaded);
+  const ULONG pid = Get(loaded.Get(), &IProcess::get_Id);
   const Client a = Open(*api_.Get(), pid);
   vekx::ComPtr<IVEKXAPI> second_root;
-  ASSERT_EQ(NewRoot(IID_IVEKXAPI, reinterpret_cast<void**>(second_root.Put())), S_OK);
-  ASSERT_EQ(second_root->CheckCompatibility(21), S_OK);
+  ASSERT_OK(NewRoot(IID_IVEKXAPI, reinterpret_cast<void**>(second_root.Put())));
+  ASSERT_OK(second_root->CheckCompatibility(21));
   const Client b = Open(*second_root.Get(), pid);
   ASSERT_TRUE(a.process && b.process);
   const auto sink = vekx::MakeSink<AskedSink>();
-  ASSERT_EQ(a.target->AdviseProcessLockEvents(sink.Get()), S_OK);
+  ASSERT_OK(a.target->AdviseProcessLockEvents(sink.Get()));
 
-  const HRESULT kNotOwner = static_cast<HRESULT>(KXAPI_ERR_NOT_PROCESS_OWNER);
+  const HRESULT kNotOwner = KXAPI_ERR_NOT_PROCESS_OWNER;
   const ULONG own_pid = platform::CurrentProcessId();
   // Each step, then what each client's write gives; reads always work.
   const struct {
@@ -102,13 +97,13 @@ TEST_F(ProcessLockTest, TheHolderChangesTheProcessTheOthersOnlyRead) {
       {"nobody holds it", [] { return S_OK; }, S_OK, S_OK, S_OK},
       {"a locks", [&] { return a.target->RequestProcessLock(); }, S_OK, S_OK, kNotOwner},
       {"b asks in vain", [&] { return b.target->RequestProcessLock(); },
-       static_cast<HRESULT>(KXAPI_COMMS_ERR_TARGET_IN_USE), S_OK, kNotOwner},
+       KXAPI_COMMS_ERR_TARGET_IN_USE, S_OK, kNotOwner},
       {"a asks again", [&] { return a.target->RequestProcessLock(); },
-       static_cast<HRESULT>(KXAPI_ERR_ALREADY_PROCESS_OWNER), S_OK, kNotOwner},
+       KXAPI_ERR_ALREADY_PROCESS_OWNER, S_OK, kNotOwner},
       {"b cannot release a's lock", [&] { return b.target->ReleaseProcessLock(); }, kNotOwner, S_OK,
        kNotOwner},
       {"b reclaims nothing", [&] { return b.target->ReclaimProcessLock(); },
-       static_cast<HRESULT>(KXAPI_ERR_PROCESS_OWNERSHIP_TRANSFER_NOT_IN_PROGRESS), S_OK, kNotOwner},
+       KXAPI_ERR_PROCESS_OWNERSHIP_TRANSFER_NOT_IN_PROGRESS, S_OK, kNotOwner},
       {"a transfers to b", [&] { return a.target->TransferProcessLock(own_pid); }, S_OK, kNotOwner,
        S_OK},
       {"a reclaims", [&] { return a.target->ReclaimProcessLock(); }, S_OK, S_OK, kNotOwner},
@@ -119,16 +114,14 @@ TEST_F(ProcessLockTest, TheHolderChangesTheProcessTheOthersOnlyRead) {
     EXPECT_EQ(step.run(), step.result) << step.step << ": " << TakeErrorText();
     EXPECT_EQ(a.Write(), step.a_writes) << step.step << ", a writes";
     EXPECT_EQ(b.Write(), step.b_writes) << step.step << ", b writes";
-    EXPECT_EQ(a.Read(), S_OK) << step.step;
+    EXPECT_OK(a.Read()) << step.step;
   }
   EXPECT_TRUE(servertest::WaitUntil([&] { return sink->asked.load() == 1; }))
       << "the holder hears of b's request";
   // b's lock goes with its connection.
-  ASSERT_EQ(second_root->Dispose(), S_OK);
+  ASSERT_OK(second_root->Dispose());
   EXPECT_TRUE(servertest::WaitUntil([&] { return a.Write() == S_OK; }));
-  VARIANT_BOOL locked = VARIANT_TRUE;
-  EXPECT_EQ(a.target->get_IsProcessLocked(&locked), S_OK);
-  EXPECT_EQ(locked, VARIANT_FALSE);
+  EXPECT_EQ(Get(a.target.Get(), &ITarget34::get_IsProcessLocked), VARIANT_FALSE);
 }
 
 }  // namespace

@@ -4,10 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -50,9 +48,8 @@ TEST_F(SharedObjectsTest, CallsFromManyThreadsGetTheirOwnAnswersAndErrorObjects)
       // The shared target's count moves on every thread; a private one comes and goes.
       shared->AddRef();
       ComPtr<ITarget> own;
-      const HRESULT added = round % 2 == 0
-                                ? api_->AddTarget(Bstr::FromUtf8("kit-one").Get(), own.Put())
-                                : api_->get_DefaultTarget(own.Put());
+      const HRESULT added = round % 2 == 0 ? api_->AddTarget(B("kit-one").Get(), own.Put())
+                                           : api_->get_DefaultTarget(own.Put());
       if (added != S_OK)
         ADD_FAILURE() << "thread " + std::to_string(index) + ": target " + Hex(added);
       ePowerStatus power{};
@@ -91,7 +88,7 @@ TEST_F(SharedObjectsTest, EveryCallAfterADisposeOnAnotherThreadIsRefused) {
   std::atomic<int> calls_before{0};
   std::thread disposer([&] {
     WaitUntil([&] { return calls_before.load() >= kThreads * 5; });
-    EXPECT_EQ(api_->Dispose(), S_OK);
+    EXPECT_OK(api_->Dispose());
     disposed.store(true);
   });
   OnThreads([&](int index) {
@@ -100,12 +97,11 @@ TEST_F(SharedObjectsTest, EveryCallAfterADisposeOnAnotherThreadIsRefused) {
       ComPtr<ITarget> own;
       ePowerStatus power{};
       Bstr name;
-      ULONG v[4] = {};
       const HRESULT results[] = {
           shared->get_PowerStatus(&power),
           shared->get_Name(name.Put()),
-          api_->AddTarget(Bstr::FromUtf8("kit-two").Get(), own.Put()),
-          api_->ServerVersion(&v[0], &v[1], &v[2], &v[3]),
+          api_->AddTarget(B("kit-two").Get(), own.Put()),
+          ServerVersion(api_.Get()),
       };
       for (HRESULT hr : results) {
         // A call that overlaps the Dispose may fail either way, but one that starts after it

@@ -84,17 +84,27 @@ inline nlohmann::json Json(const CtrlRun& run) {
 }
 
 // One command of a session as a user would type it, and what it must give: its exit code, fields
-// of its JSON document (by JSON pointer), texts in its standard output and error, and a pointer
-// whose value later rows name as "{name}", by the pointer's last part. In arguments and texts
-// "{name}" is replaced by the value; an expected field that is just "{name}" is the value itself.
+// of its JSON document (by JSON pointer; "" is the whole document, "(missing)" a field that must
+// not be there, Named() one whose value later rows use), and texts in its standard output and
+// error (Whole() for the whole stream). In arguments and texts "{name}" is replaced by the value
+// Named(name); an expected field that is just "{name}" is the value itself.
 struct Step {
   std::vector<std::string> args;
   int exit_code = 0;
   std::vector<std::pair<std::string, nlohmann::json>> fields;
   std::string out;
   std::string err;
-  std::string capture;
 };
+
+// An expected output that is the whole of its stream rather than a part of it.
+inline std::string Whole(const std::string& text) {
+  return std::string(1, '\0') + text;
+}
+
+// A field, whatever its value, that later rows name as "{name}".
+inline nlohmann::json Named(const std::string& name) {
+  return std::string(1, '\0') + name;
+}
 
 inline void RunSteps(const std::vector<Step>& steps) {
   std::map<std::string, nlohmann::json> captured;
@@ -123,19 +133,25 @@ inline void RunSteps(const std::vector<Step>& steps) {
     }
     const CtrlRun run = Ctrl(args);
     ASSERT_EQ(run.exit_code, step.exit_code) << line << "\n" << run.out << run.err;
-    EXPECT_NE(run.out.find(substituted(step.out)), std::string::npos) << line << run.out;
-    EXPECT_NE(run.err.find(substituted(step.err)), std::string::npos) << line << run.err;
+    for (const auto& [got, want] : {std::pair{run.out, step.out}, std::pair{run.err, step.err}}) {
+      const bool whole = !want.empty() && want[0] == '\0';
+      const std::string text = substituted(whole ? want.substr(1) : want);
+      EXPECT_TRUE(whole ? got == text : got.find(text) != std::string::npos)
+          << line << "\n"
+          << (whole ? "is not" : "holds no") << " '" << text << "':\n"
+          << got;
+    }
     const nlohmann::json document = Json(run);
     for (const auto& [pointer, value] : step.fields) {
       const nlohmann::json::json_pointer at(pointer);
+      if (value.is_string() && value.get<std::string>().starts_with('\0')) {
+        ASSERT_TRUE(document.contains(at)) << line << pointer << "\n" << run.out;
+        captured[value.get<std::string>().substr(1)] = document[at];
+        continue;
+      }
       EXPECT_EQ(document.contains(at) ? document[at] : nlohmann::json("(missing)"), expected(value))
           << line << pointer << "\n"
           << run.out;
-    }
-    if (!step.capture.empty()) {
-      const nlohmann::json::json_pointer at(step.capture);
-      ASSERT_TRUE(document.contains(at)) << line << run.out;
-      captured[step.capture.substr(step.capture.rfind('/') + 1)] = document[at];
     }
   }
 }

@@ -11,6 +11,7 @@
 
 namespace {
 
+using qv::clitest::Named;
 using qv::clitest::Step;
 
 class DebugCommandsTest : public qv::clitest::BuiltInKitTest {};
@@ -25,10 +26,7 @@ TEST_F(DebugCommandsTest, SessionOnTheSampleProgram) {
       {{"ps", kit}, 0, {}, "PID  NAME    PARENT  MAIN THREAD"},
       {{"--json", "load", kit, "/app/sample.elf", "--stop-at-entry", "--", "-v", "two words"},
        0,
-       {},
-       "",
-       "",
-       "/pid"},
+       {{"/pid", Named("pid")}}},
       {{"--json", "threads", kit, "{pid}"},
        0,
        {{"/threads/0/name", "main"},
@@ -36,10 +34,8 @@ TEST_F(DebugCommandsTest, SessionOnTheSampleProgram) {
         {"/threads/0/wait_state", "TDI_SUSPENDED"},
         {"/threads/0/rip", "0x401000"},
         {"/threads/0/stop_reason/name", "STOP_REASON_DL_STOP_INIT"},
-        {"/threads/1/name", "worker"}},
-       "",
-       "",
-       "/threads/0/tid"},
+        {"/threads/1/name", "worker"},
+        {"/threads/0/tid", Named("tid")}}},
       {{"--json", "mem", "read", kit, "{pid}", "0x404000", "17"},
        0,
        {{"/data", "48656c6c6f2066726f6d2073616d706c65"}, {"/bad", 0}}},
@@ -55,7 +51,9 @@ TEST_F(DebugCommandsTest, SessionOnTheSampleProgram) {
        {{"/rax", "0x1234"}, {"/ymm1", "0x4000000000000000300000000000000020000000000000001"}}},
       {{"--json", "regs", kit, "{pid}", "{tid}"}, 0, {{"/rax", "0x1234"}, {"/rflags", "0x0"}}},
       // The loop's nop after push rbp; mov rbp, rsp.
-      {{"--json", "break", kit, "{pid}", "0x401004"}, 0, {{"/original", "90"}}, "", "", "/id"},
+      {{"--json", "break", kit, "{pid}", "0x401004"},
+       0,
+       {{"/original", "90"}, {"/id", Named("id")}}},
       {{"--json", "mem", "read", kit, "{pid}", "0x401004", "1"}, 0, {{"/data", "cc"}}},
       {{"--json", "break", kit, "{pid}", "0x401008", "--hw", "--write", "--size", "4"}, 0, {}},
       {{"--json", "break", kit, "{pid}", "--list"},

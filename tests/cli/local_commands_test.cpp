@@ -16,6 +16,7 @@
 
 namespace {
 
+using qv::clitest::Named;
 using qv::clitest::RunSteps;
 
 bool PtraceAllowed() {
@@ -60,11 +61,10 @@ TEST_F(LocalCommandsTest, SymbolsOfTheMainProgramStandForAddresses) {
     RunSteps({
         {{"--json", "load", "localhost", program, "--stop-at-entry", "--", "spin"},
          0,
-         {},
-         "",
-         "",
-         "/pid"},
-        {{"--json", "break", "localhost", "{pid}", "vekx_tick"}, 0, {}, "", "", "/address"},
+         {{"/pid", Named("pid")}}},
+        {{"--json", "break", "localhost", "{pid}", "vekx_tick"},
+         0,
+         {{"/address", Named("address")}}},
         // Where the program really is: the stop lands on it (a wrong load bias would fault or
         // never stop).
         {{"--json", "resume", "localhost", "{pid}", "--wait", "--timeout", "10"},

@@ -10,39 +10,27 @@ namespace {
 
 using qv::clitest::Ctrl;
 using qv::clitest::CtrlRun;
-using qv::clitest::Json;
+using qv::clitest::Whole;
 using qv::servertest::TestRoot;
 
 class ProtocolCommandTest : public qv::clitest::BuiltInKitTest {};
 
 TEST_F(ProtocolCommandTest, ListsStatusesAndRefusesJsonWhileCopying) {
-  const CtrlRun list = Ctrl({"--json", "proto", "devkit-alpha", "--list"});
-  ASSERT_EQ(list.exit_code, 0) << list.err;
-  EXPECT_EQ(Json(list)["protocols"], nlohmann::json::parse(R"([
-      {"protocol": 1, "endpoint": "echo", "available": true, "open_channels": 0},
-      {"protocol": 2, "endpoint": "source", "available": true, "open_channels": 0},
-      {"protocol": 3, "endpoint": "sink", "available": true, "open_channels": 0}])"));
-
-  struct Case {
-    std::vector<std::string> args;
-    int exit_code;
-    const char* out;
-  };
-  const Case cases[] = {
-      {{"proto", "devkit-alpha", "1", "--status"}, 0, "protocol 1: available\n"},
+  qv::clitest::RunSteps({
+      {{"--json", "proto", "devkit-alpha", "--list"}, 0, {{"/protocols", nlohmann::json::parse(R"([
+           {"protocol": 1, "endpoint": "echo", "available": true, "open_channels": 0},
+           {"protocol": 2, "endpoint": "source", "available": true, "open_channels": 0},
+           {"protocol": 3, "endpoint": "sink", "available": true, "open_channels": 0}])")}}},
+      {{"proto", "devkit-alpha", "1", "--status"}, 0, {}, Whole("protocol 1: available\n")},
       {{"proto", "devkit-alpha", "9", "--status"},
        0,
-       "protocol 9: not available (Target error - The protocol is not available. "
-       "'devkit-alpha' has no protocol 9)\n"},
-      {{"--json", "proto", "devkit-alpha", "1"}, 2, ""},
-      {{"proto", "devkit-alpha"}, 2, ""},
-      {{"proto", "devkit-alpha", "9"}, 1, ""},
-  };
-  for (const Case& c : cases) {
-    const CtrlRun run = Ctrl(c.args);
-    EXPECT_EQ(run.exit_code, c.exit_code) << c.args[2] << c.args.back() << run.err;
-    EXPECT_EQ(qv::clitest::Lines(run.out), c.out);
-  }
+       {},
+       Whole("protocol 9: not available (Target error - The protocol is not available. "
+             "'devkit-alpha' has no protocol 9)\n")},
+      {{"--json", "proto", "devkit-alpha", "1"}, 2, {}, Whole("")},
+      {{"proto", "devkit-alpha"}, 2, {}, Whole("")},
+      {{"proto", "devkit-alpha", "9"}, 1, {}, Whole("")},
+  });
 }
 
 #ifndef _WIN32

@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,7 +19,6 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/ctrl_run.h"
-#include "platform/pipe.h"
 #include "platform/server_process.h"
 #include "server/server_harness.h"
 #include "support/child_program.h"
@@ -31,6 +29,9 @@ using qv::clitest::Ctrl;
 using qv::clitest::CtrlRun;
 using qv::clitest::Json;
 using qv::clitest::Lines;
+using qv::clitest::Named;
+using qv::clitest::RunSteps;
+using qv::clitest::Whole;
 using qv::servertest::ReadText;
 using qv::servertest::TestRoot;
 
@@ -60,15 +61,6 @@ std::string RunUntil(const std::vector<std::string>& args, const std::string& un
   return Lines(ReadText(path));
 }
 
-// The target of `targets --json` whose host is `host`; null when there is none.
-nlohmann::json TargetWithHost(const std::string& host) {
-  const nlohmann::json list = Json(Ctrl({"--json", "targets"}));
-  for (const auto& target : list.value("targets", nlohmann::json::array())) {
-    if (target["host"] == host) return target;
-  }
-  return nullptr;
-}
-
 // vesta-ctrl serves the account's own user name; the test process's runtime directory keeps its
 // servers apart from any other.
 class VestaCtrlTest : public qv::servertest::ServerTest {
@@ -88,139 +80,89 @@ TEST_F(VestaCtrlTest, CommandLineMistakesExitWithTwo) {
            {"find", "10.1.0.9-10.1.0.1"},
            {"error", "not-a-code"},
            {"--timeout", "0", "targets"},
+           {"events", "--group", "sideways"},
        }) {
-    std::string joined;
-    for (const auto& arg : args)
-      joined += arg + " ";
-    const CtrlRun run = Ctrl(args);
-    EXPECT_EQ(run.exit_code, 2) << joined << run.err;
-    EXPECT_FALSE(run.err.empty()) << joined;
-    EXPECT_EQ(run.out, "") << joined;
+    RunSteps({{args, 2, {}, Whole(""), "Run with --help for more information.\n"}});
   }
 }
 
-TEST_F(VestaCtrlTest, UnknownTargetFailsWithOneAndSaysWhy) {
-  const CtrlRun run = Ctrl({"info", "kit-nowhere"});
-  EXPECT_EQ(run.exit_code, 1);
-  EXPECT_EQ(run.err,
-            "vesta-ctrl: no target has the handle, host name or name 'kit-nowhere' (see "
-            "'vesta-ctrl targets')\n");
-  EXPECT_EQ(run.out, "");
-
-  const CtrlRun json = Ctrl({"--json", "power", "on", "kit-nowhere"});
-  EXPECT_EQ(json.exit_code, 1);
-  EXPECT_EQ(Json(json)["error"]["message"],
-            "no target has the handle, host name or name 'kit-nowhere' (see 'vesta-ctrl "
-            "targets')");
+TEST_F(VestaCtrlTest, FailuresExitWithOneAndSayWhy) {
+  const std::string nowhere =
+      "no target has the handle, host name or name 'kit-nowhere' (see 'vesta-ctrl targets')";
+  const std::string entry = Whole("0x8004021B  Target error - The entry does not exist.\n");
+  RunSteps({
+      {{"info", "kit-nowhere"}, 1, {}, Whole(""), Whole("vesta-ctrl: " + nowhere + "\n")},
+      {{"--json", "power", "on", "kit-nowhere"}, 1, {{"/error/message", nowhere}}},
+      // kit-gone is registered but never answers: the library's description, then the server's.
+      {{"power", "on", "kit-gone"},
+       1,
+       {},
+       Whole(""),
+       Whole("vesta-ctrl: Target error - Could not connect. no kit answers at 'kit-gone'; check "
+             "the host name and the network\n")},
+      {{"--json", "connect", "kit-gone"}, 1, {{"/error/code", "0x80040246"}}},
+      // info says so once, plainly, rather than an error beside "off" and "available".
+      {{"info", "kit-gone"},
+       0,
+       {},
+       Whole("handle:       3\nhost:         kit-gone\nname:         kit-gone\ntype:         VE\n"
+             "power:        unreachable\nconnection:   unreachable\nreachable:    no\n"
+             "mac address:  unknown\nsdk version:  5.0.10.0\ndefault:      no\n")},
+      // error describes result codes, given in hexadecimal or as a signed decimal.
+      {{"error", "0x8004021B"}, 0, {}, entry},
+      {{"error", "-2147220965"}, 0, {}, entry},
+      {{"--json", "error", "0"}, 0, {{"", {{"code", "0x00000000"}, {"description", "Success."}}}}},
+      {{"error", "0x80041000"},
+       1,
+       {},
+       Whole(""),
+       Whole("vesta-ctrl: 0x80041000 is not one of the library's result codes\n")},
+  });
 }
 
-TEST_F(VestaCtrlTest, ServerFailureCarriesTheLibrarysDescription) {
-  // kit-gone is registered but never answers.
-  CtrlRun run = Ctrl({"power", "on", "kit-gone"});
-  EXPECT_EQ(run.exit_code, 1);
-  EXPECT_EQ(run.err.rfind("vesta-ctrl: Target error - Could not connect.", 0), 0u) << run.err;
-
-  const nlohmann::json json = Json(Ctrl({"--json", "connect", "kit-gone"}));
-  EXPECT_EQ(json["error"]["code"], "0x80040246") << json;
-
-  // info says so once, plainly, rather than an error beside "off" and "available".
-  run = Ctrl({"info", "kit-gone"});
-  EXPECT_EQ(run.exit_code, 0) << run.err;
-  for (const char* line : {"\npower:        unreachable\n", "\nconnection:   unreachable\n",
-                           "\nreachable:    no\n", "\nmac address:  unknown\n"})
-    EXPECT_NE(run.out.find(line), std::string::npos) << line << run.out;
-  EXPECT_EQ(run.out.find("error"), std::string::npos) << run.out;
-}
-
-TEST_F(VestaCtrlTest, ErrorDescribesResultCodes) {
-  CtrlRun run = Ctrl({"error", "0x8004021B"});
-  EXPECT_EQ(run.exit_code, 0);
-  EXPECT_EQ(run.out, "0x8004021B  Target error - The entry does not exist.\n");
-  // The same code as a signed decimal.
-  EXPECT_EQ(Ctrl({"error", "-2147220965"}).out, run.out);
-
-  run = Ctrl({"--json", "error", "0"});
-  EXPECT_EQ(Json(run), nlohmann::json({{"code", "0x00000000"}, {"description", "Success."}}));
-
-  run = Ctrl({"error", "0x80041000"});
-  EXPECT_EQ(run.exit_code, 1);
-  EXPECT_EQ(run.err, "vesta-ctrl: 0x80041000 is not one of the library's result codes\n");
-}
-
-TEST_F(VestaCtrlTest, TargetsListsEveryRegisteredKit) {
-  const CtrlRun run = Ctrl({"--json", "targets"});
-  ASSERT_EQ(run.exit_code, 0) << run.err;
-  const nlohmann::json list = Json(run);
-  ASSERT_TRUE(list.is_object()) << run.out;
-  ASSERT_EQ(list["targets"].size(), 4u) << run.out;  // kit-spare is not registered.
-  const nlohmann::json one = TargetWithHost("kit-one");
-  EXPECT_EQ(one["name"], "One");
-  EXPECT_EQ(one["power"], "on");
-  EXPECT_EQ(one["connection"], "available");
-  EXPECT_EQ(one["default"], true);
-  EXPECT_TRUE(one["handle"].is_number_unsigned());
-  // What an unreachable kit cannot tell is null, not made up.
-  const nlohmann::json gone = TargetWithHost("kit-gone");
-  EXPECT_TRUE(gone["name"].is_null()) << gone;
-  EXPECT_TRUE(gone["power"].is_null()) << gone;
-
-  // The human table: every row's cells start under their column's header.
-  const CtrlRun table = Ctrl({"targets"});
-  std::istringstream lines(table.out);
-  std::string header;
-  std::getline(lines, header);
-  ASSERT_EQ(header.rfind("HANDLE", 0), 0u) << table.out;
-  const std::size_t host_column = header.find("HOST");
-  const std::size_t power_column = header.find("POWER");
-  int rows = 0;
-  for (std::string line; std::getline(lines, line); ++rows) {
-    EXPECT_NE(line[host_column], ' ') << table.out;
-    EXPECT_EQ(line[host_column - 1], ' ') << table.out;
-    EXPECT_NE(line[power_column], ' ') << table.out;
-    EXPECT_NE(line.back(), ' ') << table.out;
-  }
-  EXPECT_EQ(rows, 4);
-}
-
-TEST_F(VestaCtrlTest, PowerAndDefaultChangeTheTargetsState) {
-  const nlohmann::json two = TargetWithHost("kit-two");
-  ASSERT_EQ(two["power"], "off");
-  const std::string handle = std::to_string(two["handle"].get<unsigned>());
-
-  // By name, by host and by handle.
-  CtrlRun run = Ctrl({"power", "on", "Two"});
-  EXPECT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_EQ(Ctrl({"power", "status", "kit-two"}).out, "on\n");
-  run = Ctrl({"--json", "default", handle});
-  EXPECT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_EQ(Json(run)["default"]["host"], "kit-two");
-  EXPECT_EQ(TargetWithHost("kit-two")["default"], true);
-  EXPECT_EQ(TargetWithHost("kit-one")["default"], false);
-  EXPECT_EQ(Json(Ctrl({"--json", "default"}))["default"]["handle"], two["handle"]);
-
-  run = Ctrl({"power", "off", handle});
-  EXPECT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_EQ(TargetWithHost("kit-two")["power"], "off");
-}
-
-TEST_F(VestaCtrlTest, AddInfoAndDelete) {
-  CtrlRun run = Ctrl({"--json", "add", "kit-spare"});
-  ASSERT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_EQ(Json(run)["target"]["host"], "kit-spare");
-
-  run = Ctrl({"--json", "info", "kit-spare"});
-  ASSERT_EQ(run.exit_code, 0) << run.err;
-  const nlohmann::json info = Json(run);
-  EXPECT_EQ(info["target"]["host"], "kit-spare");
-  bool names_host = false;
-  for (const auto& pair : info["info"])
-    names_host = names_host || pair["value"] == "kit-spare";
-  EXPECT_TRUE(names_host) << info;
-
-  run = Ctrl({"delete", "kit-spare"});
-  EXPECT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_TRUE(TargetWithHost("kit-spare").is_null());
-  EXPECT_EQ(Ctrl({"delete", "kit-spare"}).exit_code, 1);
+// The kits in registration order: kit-one, kit-two, kit-gone, kit-slow (kit-spare is not
+// registered). Rows name kit-two's handle {handle}.
+TEST_F(VestaCtrlTest, TargetsPowerDefaultAddAndDelete) {
+  const nlohmann::json one = {{"connection", "available"}, {"default", true}, {"handle", 1},
+                              {"host", "kit-one"},         {"name", "One"},   {"power", "on"}};
+  RunSteps({
+      // What an unreachable kit cannot tell is null, not made up.
+      {{"--json", "targets"},
+       0,
+       {{"/targets/0", one},
+        {"/targets/1/power", "off"},
+        {"/targets/2/host", "kit-gone"},
+        {"/targets/2/name", nullptr},
+        {"/targets/2/power", nullptr},
+        {"/targets/3/host", "kit-slow"},
+        {"/targets/4", "(missing)"},
+        {"/targets/1/handle", Named("handle")}}},
+      // The human table: every row's cells start under their column's header.
+      {{"targets"},
+       0,
+       {},
+       Whole("HANDLE  NAME      HOST      POWER  CONNECTION  DEFAULT\n"
+             "1       One       kit-one   on     available   *\n"
+             "2       Two       kit-two   off    available\n"
+             "3       -         kit-gone  -      available\n"
+             "4       kit-slow  kit-slow  off    available\n")},
+      // By name, by host and by handle.
+      {{"power", "on", "Two"}, 0},
+      {{"power", "status", "kit-two"}, 0, {}, Whole("on\n")},
+      {{"--json", "default", "{handle}"}, 0, {{"/default/host", "kit-two"}}},
+      {{"--json", "targets"}, 0, {{"/targets/0/default", false}, {"/targets/1/default", true}}},
+      {{"--json", "default"}, 0, {{"/default/handle", "{handle}"}}},
+      {{"power", "off", "{handle}"}, 0},
+      {{"--json", "targets"}, 0, {{"/targets/1/power", "off"}}},
+      {{"--json", "add", "kit-spare"}, 0, {{"/target/host", "kit-spare"}}},
+      {{"--json", "info", "kit-spare"},
+       0,
+       {{"/target/host", "kit-spare"},
+        {"/info/1", {{"name", "HostName"}, {"value", "kit-spare"}}}}},
+      {{"delete", "kit-spare"}, 0},
+      {{"--json", "targets"}, 0, {{"/targets/3/host", "kit-slow"}, {"/targets/4", "(missing)"}}},
+      {{"delete", "kit-spare"}, 1, {}, "", "'kit-spare'"},
+  });
 }
 
 // kit-one's console output runs from the server's start for a few seconds, one numbered line at a
@@ -278,20 +220,16 @@ TEST_F(VestaCtrlEventsTest, ConsoleFollowsItsCacheWithoutGapOrRepeat) {
   EXPECT_EQ(RunUntil({"console", "kit-one", "--follow"}, last), every_line);
 
   // The cache alone, from an index, with each piece's index in JSON; another port's is empty.
-  const CtrlRun tail =
-      Ctrl({"--json", "console", "kit-one", "--since", std::to_string(kConsoleLines - 1)});
-  EXPECT_EQ(tail.exit_code, 0) << tail.err;
-  const nlohmann::json piece = Json(tail);
-  EXPECT_EQ(piece["index"], kConsoleLines - 1) << tail.out;
-  EXPECT_EQ(piece["port"], 1);
-  EXPECT_EQ(piece["text"], last);
-  EXPECT_EQ(Ctrl({"console", "kit-one", "--port", "2"}).out, "");
-
   // Input with echo comes back as output on its port; empty input is refused by the library.
-  CtrlRun run = Ctrl({"console", "kit-one", "--send", "echo me", "--port", "2", "--echo"});
-  EXPECT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_EQ(Ctrl({"console", "kit-one", "--port", "2"}).out, "echo me");
-  run = Ctrl({"console", "kit-one", "--send", ""});
+  RunSteps({
+      {{"--json", "console", "kit-one", "--since", std::to_string(kConsoleLines - 1)},
+       0,
+       {{"/index", kConsoleLines - 1}, {"/port", 1}, {"/text", last}}},
+      {{"console", "kit-one", "--port", "2"}, 0, {}, Whole("")},
+      {{"console", "kit-one", "--send", "echo me", "--port", "2", "--echo"}, 0},
+      {{"console", "kit-one", "--port", "2"}, 0, {}, Whole("echo me")},
+  });
+  const CtrlRun run = Ctrl({"console", "kit-one", "--send", ""});
   EXPECT_EQ(run.exit_code, 1);
   // The system's text for E_INVALIDARG, which differs between Linux, Windows and Wine.
   EXPECT_EQ(run.err.rfind("vesta-ctrl: ", 0), 0u) << run.err;
@@ -317,19 +255,17 @@ TEST_F(VestaCtrlEventsTest, EventsPrintsEachScriptedEventAsOneLine) {
             nlohmann::json({{"ProcessId", 4660}, {"Available", false}, {"Owner", "build-agent"}}));
   EXPECT_TRUE(line["time"].is_string());
 
-  EXPECT_EQ(Ctrl({"events", "--group", "sideways"}).exit_code, 2);
-
   // Without a TARGET, a target added while the command runs is followed too.
   ASSERT_EQ(Ctrl({"delete", "kit-two"}).exit_code, 0);
   // The server group's first subscription brings a line: the command has subscribed by then.
-  const std::string later = RunUntil({"events", "--group", "server,target"}, "OnIdle", [] {
-    EXPECT_EQ(Ctrl({"add", "kit-two"}).exit_code, 0);
+  std::string handle;
+  const std::string later = RunUntil({"events", "--group", "server,target"}, "OnIdle", [&] {
+    const nlohmann::json added = Json(Ctrl({"--json", "add", "kit-two"}));
+    EXPECT_TRUE(added["target"]["handle"].is_number()) << added;
+    // "<time>  <handle> [(<name>)]  OnBusy"
+    handle = "  " + added["target"]["handle"].dump() + " ";
     EXPECT_EQ(Ctrl({"power", "on", "kit-two"}).exit_code, 0);
   });
-  const nlohmann::json kit_two = TargetWithHost("kit-two");
-  ASSERT_FALSE(kit_two.is_null());
-  // "<time>  <handle> [(<name>)]  OnBusy"
-  const std::string handle = "  " + kit_two["handle"].dump() + " ";
   for (const char* method : {"  OnBusy\n", "  OnIdle\n"}) {
     const size_t at = later.find(method);
     ASSERT_NE(at, std::string::npos) << later;
@@ -339,18 +275,19 @@ TEST_F(VestaCtrlEventsTest, EventsPrintsEachScriptedEventAsOneLine) {
 }
 
 TEST_F(VestaCtrlEventsTest, FindListsTheKitsItsProgressEventsReport) {
-  CtrlRun run = Ctrl({"find", "10.1.0.1", "10.1.0.2-10.1.0.9"});
-  EXPECT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_EQ(run.out, "10.1.0.1\n10.1.0.2\nAdd one with 'vesta-ctrl add ADDRESS'.\n");
-  // Standard error is no terminal here: plain progress lines rather than a bar.
-  EXPECT_EQ(run.err, "searching: 50%, 1 found\nsearching: 100%, 2 found\n");
-
-  run = Ctrl({"--json", "find", "10.2.0.0/16"});
-  EXPECT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_EQ(Json(run), nlohmann::json({{"searched", {"10.2.0.0/16"}},
-                                       {"found", nlohmann::json::array()},
-                                       {"finished", true},
-                                       {"joined", nlohmann::json::array()}}));
+  const nlohmann::json none = nlohmann::json::array();
+  RunSteps({
+      // Standard error is no terminal here: plain progress lines rather than a bar.
+      {{"find", "10.1.0.1", "10.1.0.2-10.1.0.9"},
+       0,
+       {},
+       Whole("10.1.0.1\n10.1.0.2\nAdd one with 'vesta-ctrl add ADDRESS'.\n"),
+       Whole("searching: 50%, 1 found\nsearching: 100%, 2 found\n")},
+      {{"--json", "find", "10.2.0.0/16"},
+       0,
+       {{"",
+         {{"searched", {"10.2.0.0/16"}}, {"found", none}, {"finished", true}, {"joined", none}}}}},
+  });
 }
 
 // No server at first: `server start` has the library start one, `server stop` ends it.
@@ -369,20 +306,17 @@ class VestaCtrlServerTest : public ::testing::Test {
 TEST_F(VestaCtrlServerTest, StartStatusAndStop) {
   EXPECT_EQ(Json(Ctrl({"--json", "server", "status"})),
             nlohmann::json({{"running", false}, {"pid", nullptr}}));
-
-  CtrlRun run = Ctrl({"server", "start"});
-  ASSERT_EQ(run.exit_code, 0) << run.err;
+  const CtrlRun start = Ctrl({"server", "start"});
+  ASSERT_EQ(start.exit_code, 0) << start.err;
   const std::optional<std::uint32_t> pid = RunningServer();
   ASSERT_TRUE(pid.has_value());
-  EXPECT_EQ(run.out, "vesta-kx 5.0.10.0 started (process " + std::to_string(*pid) + ").\n");
-  EXPECT_EQ(Json(Ctrl({"--json", "server", "status"})),
-            nlohmann::json({{"running", true}, {"pid", *pid}}));
-  EXPECT_EQ(Ctrl({"server", "start"}).out,
-            "vesta-kx is already running (process " + std::to_string(*pid) + ").\n");
-
-  run = Ctrl({"server", "stop"});
-  EXPECT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_EQ(run.out, "vesta-kx (process " + std::to_string(*pid) + ") stopped.\n");
+  const std::string process = "(process " + std::to_string(*pid) + ")";
+  EXPECT_EQ(start.out, "vesta-kx 5.0.10.0 started " + process + ".\n");
+  RunSteps({
+      {{"--json", "server", "status"}, 0, {{"", {{"running", true}, {"pid", *pid}}}}},
+      {{"server", "start"}, 0, {}, Whole("vesta-kx is already running " + process + ".\n")},
+      {{"server", "stop"}, 0, {}, Whole("vesta-kx " + process + " stopped.\n")},
+  });
   EXPECT_FALSE(RunningServer().has_value());
   EXPECT_EQ(Ctrl({"server", "stop"}).out, "vesta-kx is not running.\n");
 }

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <functional>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -46,19 +47,22 @@ bool Running(const std::string& text) {
   return std::system(("pgrep -f " + Quoted("^" + text) + " >/dev/null").c_str()) == 0;
 }
 
-enum class Debugger { kGdb, kLldb };
 enum class After { kNothing, kStillRunning, kGone };
 
 struct Row {
   const char* name;
-  Debugger debugger;
-  std::string target;                 // "localhost" or a kit of the built-in scenario
-  std::vector<std::string> program;   // "{inferior}" is the test program, "{tag}" a unique word
+  // The debugger (gdb or lldb), the target ("localhost" or a kit of the built-in scenario), then
+  // the program and its arguments: "{inferior}" is the test program, "{tag}" a unique word.
+  const char* session;
   std::vector<std::string> commands;  // one per -ex / -o
   std::vector<std::string> expected;  // regular expressions the output must contain, in order
   After after = After::kNothing;      // what becomes of "{inferior} ... {tag}"
   std::function<void(const std::string&)> check = nullptr;
 };
+
+void PrintTo(const Row& row, std::ostream* out) {
+  *out << row.name;
+}
 
 std::string Tag() {
   return "tag" + std::to_string(getpid());
@@ -74,25 +78,22 @@ std::string Substituted(std::string text) {
 }
 
 // The script that runs one session; the debugger's output goes to `out`.
-std::string Script(const Row& row, const std::string& out) {
-  std::string program;
-  for (const std::string& arg : row.program)
-    program += " " + Quoted(Substituted(arg));
+std::string Script(const std::string& debugger, const std::string& target,
+                   const std::string& program, const Row& row, const std::string& out) {
   const std::string local_file =
-      row.target == "localhost" ? " " + Quoted(VEKX_GDB_INFERIOR) : std::string();
+      target == "localhost" ? " " + Quoted(VEKX_GDB_INFERIOR) : std::string();
   std::string script;
-  if (row.debugger == Debugger::kGdb) {
-    script +=
-        "timeout 60 gdb -nx -batch -q -ex 'set confirm off' -ex 'set pagination off' " +
-        std::string("-ex 'set sysroot /' -ex ") +
-        Quoted("target remote | " + Quoted(VEKX_GDBSERVER) + " " + row.target + " --" + program);
+  if (debugger == "gdb") {
+    script += "timeout 60 gdb -nx -batch -q -ex 'set confirm off' -ex 'set pagination off' " +
+              std::string("-ex 'set sysroot /' -ex ") +
+              Quoted("target remote | " + Quoted(VEKX_GDBSERVER) + " " + target + " --" + program);
     for (const std::string& command : row.commands)
       script += " -ex " + Quoted(Substituted(command));
     script += local_file + " >" + Quoted(out) + " 2>&1";
   } else {
     const std::string err = out + ".server";
     script +=
-        Quoted(VEKX_GDBSERVER) + " --listen 127.0.0.1:0 " + row.target + " --" + program + " 2>" +
+        Quoted(VEKX_GDBSERVER) + " --listen 127.0.0.1:0 " + target + " --" + program + " 2>" +
         Quoted(err) + " & for i in $(seq 200); do grep -q 'Listening on port' " + Quoted(err) +
         " && break; sleep 0.05; done; port=$(sed -n 's/Listening on port //p' " + Quoted(err) +
         "); timeout 60 lldb -b --no-lldbinit" + local_file + " -o \"gdb-remote 127.0.0.1:$port\"";
@@ -137,40 +138,30 @@ void ExpectWatched(const std::string& output) {
 
 const Row kRows[] = {
     {"BreakContinueBacktrace",
-     Debugger::kGdb,
-     "localhost",
-     {"{inferior}", "count", "5"},
+     "gdb localhost {inferior} count 5",
      {"break gdb_hit", "continue", "backtrace", "continue", "print i", "print gdb_counter"},
      {R"(Breakpoint 1 at 0x[0-9a-f]+: file .*gdb_inferior\.cpp)",
       R"(Breakpoint 1, gdb_hit \(i=0\))", R"(#0 +gdb_hit \(i=0\) at .*gdb_inferior\.cpp:\d+)",
       R"(#1 +0x[0-9a-f]+ in main \(argc=3)", R"(Breakpoint 1, gdb_hit \(i=1\))", R"(\$1 = 1)",
       R"(\$2 = 0)"}},
     {"PrintAndSetGlobal",
-     Debugger::kGdb,
-     "localhost",
-     {"{inferior}", "count", "2"},
+     "gdb localhost {inferior} count 2",
      {"break gdb_hit", "continue", "print gdb_value", "set var gdb_value = 1234", "print gdb_value",
       "print/x gdb_value", "info registers rip"},
      {R"(\$1 = 7)", R"(\$2 = 1234)", R"(\$3 = 0x4d2)",
       R"(rip +0x[0-9a-f]+ +0x[0-9a-f]+ <gdb_hit\(int\)\+\d+>)"}},
     {"SoftwareWatchpointOnAWrite",
-     Debugger::kGdb,
-     "localhost",
-     {"{inferior}", "count", "2"},
+     "gdb localhost {inferior} count 2",
      {"set can-use-hw-watchpoints 0", "break gdb_store", "continue", "watch gdb_value", "continue"},
      {R"(Breakpoint 1, gdb_store \(v=42\))", R"(Watchpoint 2: gdb_value)",
       R"(Watchpoint 2: gdb_value\s+Old value = 7\s+New value = 42)"}},
     {"StepAndFinish",
-     Debugger::kGdb,
-     "localhost",
-     {"{inferior}", "count", "3"},
+     "gdb localhost {inferior} count 3",
      {"tbreak gdb_hit", "continue", "finish", "step", "step", "print i"},
      {R"(gdb_hit \(i=0\))", R"(main \(argc=3)", R"(gdb_hit \(i=1\) at .*gdb_inferior\.cpp)",
       R"(\$1 = 1)"}},
     {"HardwarePointsProgramTheDebugRegisters",
-     Debugger::kGdb,
-     "localhost",
-     {"{inferior}", "count", "2"},
+     "gdb localhost {inferior} count 2",
      {"break gdb_store", "continue", "set breakpoint always-inserted on", "watch gdb_value",
       "awatch gdb_counter", "rwatch gdb_value", "hbreak *gdb_hit", "print &gdb_value",
       "print &gdb_counter", "print gdb_hit", "monitor debug-registers", "delete",
@@ -181,16 +172,12 @@ const Row kRows[] = {
      After::kNothing,
      ExpectWatched},
     {"ThreadsOfAThreadedProgram",
-     Debugger::kGdb,
-     "localhost",
-     {"{inferior}", "threads", "3"},
+     "gdb localhost {inferior} threads 3",
      {"break gdb_threads_ready", "continue", "info threads", "kill"},
      {R"(hit Breakpoint 1, gdb_threads_ready)", R"(\* 1 +Thread [0-9a-f.]+ .*gdb_threads_ready)",
       R"(\n +4 +Thread )"}},
     {"InterruptARunningLoop",
-     Debugger::kGdb,
-     "localhost",
-     {"{inferior}", "loop", "{tag}"},
+     "gdb localhost {inferior} loop {tag}",
      // Ctrl-C a second into the run (past the loader's stops): gdb sends 0x03.
      {"break main", "continue", "delete",
       "python import threading, os, signal; threading.Timer(1.0, lambda: os.kill(os.getpid(), "
@@ -199,75 +186,62 @@ const Row kRows[] = {
      {R"(Program received signal SIGINT)", R"(\$1 = true)"},
      After::kGone},
     {"DetachLeavesTheProgramRunning",
-     Debugger::kGdb,
-     "localhost",
-     {"{inferior}", "loop", "{tag}"},
+     "gdb localhost {inferior} loop {tag}",
      {"print gdb_counter", "detach"},
      {R"(\$1 = 0)", R"(\[Inferior 1 \(.*\) detached\])"},
      After::kStillRunning},
     {"KillEndsTheProgram",
-     Debugger::kGdb,
-     "localhost",
-     {"{inferior}", "loop", "{tag}"},
+     "gdb localhost {inferior} loop {tag}",
      {"break main", "continue", "kill"},
      {R"(Breakpoint 1, main)", R"(\[Inferior 1 \(.*\) killed\])"},
      After::kGone},
     {"ExitCodeAndConsoleOutput",
-     Debugger::kGdb,
-     "localhost",
-     {"{inferior}", "count", "4"},
+     "gdb localhost {inferior} count 4",
      {"continue"},
      {R"(done 6)", R"(\[Inferior 1 \(.*\) exited with code 03\])"}},
     {"VirtualProcessRegistersAndMemory",
-     Debugger::kGdb,
-     "devkit-alpha",
-     {"/app/sample.elf"},
+     "gdb devkit-alpha /app/sample.elf",
      {"x/s 0x404000", "print/x $rip", "print/x $rsp", "x/4xb 0x401000",
       "set var *(char*)0x404000 = 'J'", "x/s 0x404000", "info threads"},
      {R"(0x404000:\s+"Hello from sample")", R"(\$1 = 0x401000)", R"(\$2 = 0x7ffff000)",
       R"(0x401000:\s+0x55\s+0x48\s+0x89\s+0xe5)", R"(0x404000:\s+"Jello from sample")",
       R"(Thread [0-9a-f]+ "main")", R"(Thread [0-9a-f]+ "worker")"}},
     {"LldbBreakBacktraceAndGlobal",
-     Debugger::kLldb,
-     "localhost",
-     {"{inferior}", "count", "3"},
+     "lldb localhost {inferior} count 3",
      {"breakpoint set -n gdb_hit", "continue", "continue", "bt", "target variable gdb_counter",
       "process kill"},
      {R"(Breakpoint 1: where = gdb_inferior`::gdb_hit\(int\))", R"(stop reason = breakpoint 1)",
       R"(frame #0: 0x[0-9a-f]+ gdb_inferior`::gdb_hit\(i=1\))", R"(frame #1: .*`main)",
       R"(\(volatile long\) gdb_counter = 0)", R"(Process \d+ exited with status = 9)"}},
     {"LldbVirtualProcessRegistersAndMemory",
-     Debugger::kLldb,
-     "devkit-alpha",
-     {"/app/sample.elf"},
+     "lldb devkit-alpha /app/sample.elf",
      {"register read rip rsp", "memory read --format s 0x404000"},
      {R"(rip = 0x0000000000401000)", R"(rsp = 0x000000007ffff000)", R"("Hello from sample")"}},
 };
 
-const Row& RowNamed(const char* name) {
-  for (const Row& row : kRows)
-    if (std::string(row.name) == name) return row;
-  std::abort();
-}
-
 }  // namespace
 
-class DebuggerSessionTest : public qv::servertest::ServerTest {
+// One test per row, so that ctest runs them side by side.
+class DebuggerSessionTest : public qv::servertest::ServerTest,
+                            public ::testing::WithParamInterface<Row> {
  protected:
   DebuggerSessionTest() : ServerTest(qv::platform::CurrentUserName()) {}
   void SetUp() override {}
-  void RunRow(const char* name);
 };
 
-void DebuggerSessionTest::RunRow(const char* name) {
-  const Row& row = RowNamed(name);
-  const char* tool = row.debugger == Debugger::kGdb ? "gdb" : "lldb";
+TEST_P(DebuggerSessionTest, Session) {
+  const Row& row = GetParam();
+  std::istringstream words(row.session);
+  std::string tool, target, program, word;
+  words >> tool >> target;
+  while (words >> word)
+    program += " " + Quoted(Substituted(word));
   if (!Installed(tool)) GTEST_SKIP() << tool << " is not installed: not tested";
-  if (row.target == "localhost" && !PtraceAllowed())
+  if (target == "localhost" && !PtraceAllowed())
     GTEST_SKIP() << "this process may not trace its children: not tested";
   ASSERT_NO_FATAL_FAILURE(StartServer(/*built_in=*/true));
   const std::string out = (TestRoot() / "debugger.out").string();
-  const std::string script = Script(row, out);
+  const std::string script = Script(tool, target, program, row, out);
   std::system(script.c_str());
   const std::string output = ReadText(out);
   size_t from = 0;
@@ -291,22 +265,5 @@ void DebuggerSessionTest::RunRow(const char* name) {
   }
 }
 
-// One test per row, so that ctest runs them side by side.
-#define VEKX_SESSION(Name)            \
-  TEST_F(DebuggerSessionTest, Name) { \
-    RunRow(#Name);                    \
-  }
-VEKX_SESSION(BreakContinueBacktrace)
-VEKX_SESSION(PrintAndSetGlobal)
-VEKX_SESSION(SoftwareWatchpointOnAWrite)
-VEKX_SESSION(StepAndFinish)
-VEKX_SESSION(HardwarePointsProgramTheDebugRegisters)
-VEKX_SESSION(ThreadsOfAThreadedProgram)
-VEKX_SESSION(InterruptARunningLoop)
-VEKX_SESSION(DetachLeavesTheProgramRunning)
-VEKX_SESSION(KillEndsTheProgram)
-VEKX_SESSION(ExitCodeAndConsoleOutput)
-VEKX_SESSION(VirtualProcessRegistersAndMemory)
-VEKX_SESSION(LldbBreakBacktraceAndGlobal)
-VEKX_SESSION(LldbVirtualProcessRegistersAndMemory)
-#undef VEKX_SESSION
+INSTANTIATE_TEST_SUITE_P(Rows, DebuggerSessionTest, ::testing::ValuesIn(kRows),
+                         [](const auto& info) { return std::string(info.param.name); });

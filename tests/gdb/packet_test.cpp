@@ -163,7 +163,7 @@ TEST(RequestTest, ThreadsAndResumeActions) {
 
 TEST(StopSignalsTest, TableRows) {
   const struct {
-    std::uint32_t reason;
+    std::int64_t reason;  // where an enum's type is int, the large constants are negative
     int signal;
     StopKind kind;
   } cases[] = {
@@ -176,22 +176,19 @@ TEST(StopSignalsTest, TableRows) {
       {STOP_REASON_SIGSUSPEND_PROCESS, kGdbSigInt, StopKind::kInterrupt},
       {STOP_REASON_SIGSUSPEND_THREAD, kGdbSigInt, StopKind::kInterrupt},
       {STOP_REASON_DL_STOP_INIT, kGdbSigTrap, StopKind::kSignal},
-      {static_cast<std::uint32_t>(STOP_REASON_LIBC_ABORT), kGdbSigAbrt, StopKind::kSignal},
-      {static_cast<std::uint32_t>(STOP_REASON_LIBC_EXIT_SUCCESS), kGdbSigTrap, StopKind::kSignal},
-      {static_cast<std::uint32_t>(STOP_REASON_SYSTEM_USER_DEBUG_REQUEST_ASYNC), kGdbSigInt,
-       StopKind::kInterrupt},
-      {static_cast<std::uint32_t>(STOP_REASON_SYSTEM_STACK_CHECK_FAILURE), kGdbSigSegv,
-       StopKind::kSignal},
-      {static_cast<std::uint32_t>(STOP_REASON_GPU_FAULT_ASYNC), kGdbSigBus, StopKind::kSignal},
-      {static_cast<std::uint32_t>(STOP_REASON_SLV_MUTEX_UNLOCK_NOT_OWNED), kGdbSigTrap,
-       StopKind::kSignal},
+      {STOP_REASON_LIBC_ABORT, kGdbSigAbrt, StopKind::kSignal},
+      {STOP_REASON_LIBC_EXIT_SUCCESS, kGdbSigTrap, StopKind::kSignal},
+      {STOP_REASON_SYSTEM_USER_DEBUG_REQUEST_ASYNC, kGdbSigInt, StopKind::kInterrupt},
+      {STOP_REASON_SYSTEM_STACK_CHECK_FAILURE, kGdbSigSegv, StopKind::kSignal},
+      {STOP_REASON_GPU_FAULT_ASYNC, kGdbSigBus, StopKind::kSignal},
+      {STOP_REASON_SLV_MUTEX_UNLOCK_NOT_OWNED, kGdbSigTrap, StopKind::kSignal},
       {0, kGdbSigUnknown, StopKind::kSignal},
       {0x1234, kGdbSigUnknown, StopKind::kSignal},
   };
   for (const auto& c : cases) {
-    const StopMeaning meaning = MeaningOf(c.reason);
-    EXPECT_EQ(meaning.gdb_signal, c.signal) << std::hex << c.reason;
-    EXPECT_EQ(meaning.kind, c.kind) << std::hex << c.reason;
+    const std::uint32_t reason = static_cast<std::uint32_t>(c.reason);
+    EXPECT_EQ(MeaningOf(reason).gdb_signal, c.signal) << std::hex << reason;
+    EXPECT_EQ(MeaningOf(reason).kind, c.kind) << std::hex << reason;
   }
 }
 

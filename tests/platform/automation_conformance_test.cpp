@@ -1,4 +1,5 @@
-// BSTR, VARIANT and SAFEARRAY behaviour that the library relies on. The same tests run against
+// BSTR, VARIANT, SAFEARRAY and per-thread error information behaviour that the library relies
+// on. The same tests run against
 // real OLE Automation (the Windows build, under Wine) and against our POSIX implementation;
 // where the two are allowed to differ the test says so.
 #include <gtest/gtest.h>
@@ -7,21 +8,26 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/automation.h"
 #include "platform/wide_string.h"
 #include "test_support.h"
+#include "vekxapi/com_ptr.h"
 
 namespace qv::platform {
 namespace {
 
+using test_support::CountedErrorInfo;
 using test_support::CountedObject;
 using test_support::MakeBstr;
+using test_support::MutableOle;
 using test_support::ScopedVariant;
 using test_support::UniqueBstr;
 using test_support::UniqueSafeArray;
+using vekx::ComPtr;
 
 std::ptrdiff_t OffsetIn(const void* base, const void* field) {
   return static_cast<const char*>(field) - static_cast<const char*>(base);
@@ -156,7 +162,7 @@ TEST(Bstr, LengthIsThePrefixNotAScan) {
   }
 }
 
-TEST(Bstr, ByteLengthMayBeOddAndANullSourceGivesABuffer) {
+TEST(Bstr, NullSourcesAndStringsAndOddByteLengths) {
   UniqueBstr b(SysAllocStringByteLen("abc", 3));
   ASSERT_NE(b, nullptr);
   EXPECT_EQ(SysStringByteLen(b.get()), 3u);
@@ -176,9 +182,7 @@ TEST(Bstr, ByteLengthMayBeOddAndANullSourceGivesABuffer) {
   // Our guarantee, not OLE's: Windows leaves the characters uninitialised.
   EXPECT_EQ(BstrView(buffer.get()), std::u16string(5, u'\0'));
 #endif
-}
 
-TEST(Bstr, NullStringsAndAllocStringStopsAtTheFirstZero) {
   EXPECT_EQ(SysAllocString(nullptr), nullptr);
   EXPECT_EQ(SysStringLen(nullptr), 0u);
   EXPECT_EQ(SysStringByteLen(nullptr), 0u);
@@ -189,9 +193,8 @@ TEST(Bstr, NullStringsAndAllocStringStopsAtTheFirstZero) {
   EXPECT_EQ(SysStringLen(empty.get()), 0u);
   EXPECT_NE(MakeBstr(u""), nullptr);
 
-  UniqueBstr b(SysAllocString(ToOleChars(u"ab\0cd")));
-  ASSERT_NE(b, nullptr);
-  EXPECT_EQ(BstrView(b.get()), u"ab");
+  // SysAllocString stops at the first zero.
+  EXPECT_EQ(BstrView(UniqueBstr(SysAllocString(ToOleChars(u"ab\0cd"))).get()), u"ab");
 }
 
 TEST(Bstr, ReallocMayReadFromTheStringItReplaces) {
@@ -241,16 +244,11 @@ TEST(Variant, ClearReleasesWhatItOwnsAndNothingElse) {
     V_VT(&v) = c.vt;
     if ((c.vt & VT_ARRAY) != 0) {
       V_ARRAY(&v) = VectorHolding(static_cast<VARTYPE>(c.vt & VT_TYPEMASK), &object);
-    } else if ((c.vt & VT_BYREF) != 0) {
-      slot = &object;
-      V_UNKNOWNREF(&v) = &slot;
-      object.AddRef();
-    } else if (c.vt == VT_DISPATCH) {
-      V_DISPATCH(&v) = &object;
-      object.AddRef();
     } else {
-      V_UNKNOWN(&v) = &object;
       object.AddRef();
+      slot = &object;
+      V_UNKNOWN(&v) = slot;  // Where VT_DISPATCH keeps the same pointer.
+      if ((c.vt & VT_BYREF) != 0) V_UNKNOWNREF(&v) = &slot;
     }
     ASSERT_EQ(object.refs(), 2u);
     EXPECT_EQ(VariantClear(&v), S_OK);
@@ -364,29 +362,22 @@ Source Real(VARTYPE vt, double real) {
   return {.vt = vt, .real = real};
 }
 
-// The integer (and boolean) types: their width in bytes and whether they are signed.
-struct IntegerType {
-  VARTYPE vt;
-  std::size_t width;
-  bool is_signed;
-};
-constexpr IntegerType kIntegerTypes[] = {
-    {VT_I1, 1, true},    {VT_UI1, 1, false},  {VT_I2, 2, true},   {VT_UI2, 2, false},
-    {VT_BOOL, 2, true},  {VT_I4, 4, true},    {VT_UI4, 4, false}, {VT_INT, 4, true},
-    {VT_UINT, 4, false}, {VT_ERROR, 4, true}, {VT_I8, 8, true},   {VT_UI8, 8, false}};
-
-const IntegerType* IntegerTypeOf(VARTYPE vt) {
-  for (const IntegerType& type : kIntegerTypes) {
-    if (type.vt == vt) return &type;
+// The width in bytes of an integer (or boolean) type; 0 for any other type.
+std::size_t IntegerWidth(VARTYPE vt) {
+  constexpr std::pair<VARTYPE, std::size_t> kWidths[] = {
+      {VT_I1, 1},  {VT_UI1, 1}, {VT_I2, 2},   {VT_UI2, 2},   {VT_BOOL, 2}, {VT_I4, 4},
+      {VT_UI4, 4}, {VT_INT, 4}, {VT_UINT, 4}, {VT_ERROR, 4}, {VT_I8, 8},   {VT_UI8, 8}};
+  for (const auto& [type, width] : kWidths) {
+    if (type == vt) return width;
   }
-  return nullptr;
+  return 0;
 }
 
 // Integers go into the value at their own width, the low bytes first as the layout has them.
 void Fill(const Source& source, VARIANT* v) {
   V_VT(v) = source.vt;
-  if (const IntegerType* type = IntegerTypeOf(source.vt)) {
-    std::memcpy(&V_UI8(v), &source.integer, type->width);
+  if (const std::size_t width = IntegerWidth(source.vt)) {
+    std::memcpy(&V_UI8(v), &source.integer, width);
   } else if (source.vt == VT_R4) {
     V_R4(v) = static_cast<float>(source.real);
   } else if (source.vt == VT_R8) {
@@ -394,20 +385,6 @@ void Fill(const Source& source, VARIANT* v) {
   } else if (source.vt == VT_BSTR) {
     V_BSTR(v) = AllocBstr(source.text);
   }
-}
-
-// A result read back as a 64-bit integer, at its type's width and signedness.
-std::int64_t IntegerOf(const VARIANT* v) {
-  const IntegerType* type = IntegerTypeOf(V_VT(v));
-  if (type == nullptr) {
-    ADD_FAILURE() << "not an integer type: " << V_VT(v);
-    return 0;
-  }
-  std::uint64_t bits = 0;
-  std::memcpy(&bits, &V_UI8(v), type->width);
-  const int unused = 64 - 8 * static_cast<int>(type->width);
-  if (!type->is_signed || unused == 0) return static_cast<std::int64_t>(bits);
-  return static_cast<std::int64_t>(bits << unused) >> unused;
 }
 
 // One conversion, and what it gives: text for VT_BSTR, `real` for VT_R8, otherwise `integer`.
@@ -500,8 +477,13 @@ TEST(Variant, ChangeTypeBetweenIntegersBooleansAndText) {
       EXPECT_EQ(BstrView(V_BSTR(&result)), c.text);
     } else if (c.to == VT_R8) {
       EXPECT_EQ(V_R8(&result), c.real);
-    } else if (c.to != VT_NULL && c.to != VT_EMPTY) {
-      EXPECT_EQ(IntegerOf(&result), c.integer);
+    } else if (const std::size_t width = IntegerWidth(c.to)) {
+      // The result's bytes at its width, against the expected value's low bytes.
+      std::uint64_t got = 0;
+      std::uint64_t expected = 0;
+      std::memcpy(&got, &V_UI8(&result), width);
+      std::memcpy(&expected, &c.integer, width);
+      EXPECT_EQ(got, expected);
     }
   }
 }
@@ -535,29 +517,27 @@ struct ElementCase {
 };
 
 // Element sizes and the features SafeArrayCreate records, per element type.
-constexpr ElementCase kElementCases[] = {
-    {VT_UI1, 1, FADF_HAVEVARTYPE},
-    {VT_I1, 1, FADF_HAVEVARTYPE},
-    {VT_I2, 2, FADF_HAVEVARTYPE},
-    {VT_UI2, 2, FADF_HAVEVARTYPE},
-    {VT_BOOL, 2, FADF_HAVEVARTYPE},
-    {VT_I4, 4, FADF_HAVEVARTYPE},
-    {VT_UI4, 4, FADF_HAVEVARTYPE},
-    {VT_INT, 4, FADF_HAVEVARTYPE},
-    {VT_UINT, 4, FADF_HAVEVARTYPE},
-    {VT_R4, 4, FADF_HAVEVARTYPE},
-    {VT_ERROR, 4, FADF_HAVEVARTYPE},
-    {VT_I8, 8, FADF_HAVEVARTYPE},
-    {VT_UI8, 8, FADF_HAVEVARTYPE},
-    {VT_R8, 8, FADF_HAVEVARTYPE},
-    {VT_DATE, 8, FADF_HAVEVARTYPE},
-    {VT_CY, 8, FADF_HAVEVARTYPE},
-    {VT_DECIMAL, 16, FADF_HAVEVARTYPE},
-    {VT_BSTR, 8, FADF_HAVEVARTYPE | FADF_BSTR},
-    {VT_VARIANT, 24, FADF_HAVEVARTYPE | FADF_VARIANT},
-    {VT_UNKNOWN, 8, FADF_HAVEIID | FADF_UNKNOWN},
-    {VT_DISPATCH, 8, FADF_HAVEIID | FADF_DISPATCH},
-};
+constexpr ElementCase kElementCases[] = {{VT_UI1, 1, FADF_HAVEVARTYPE},
+                                         {VT_I1, 1, FADF_HAVEVARTYPE},
+                                         {VT_I2, 2, FADF_HAVEVARTYPE},
+                                         {VT_UI2, 2, FADF_HAVEVARTYPE},
+                                         {VT_BOOL, 2, FADF_HAVEVARTYPE},
+                                         {VT_I4, 4, FADF_HAVEVARTYPE},
+                                         {VT_UI4, 4, FADF_HAVEVARTYPE},
+                                         {VT_INT, 4, FADF_HAVEVARTYPE},
+                                         {VT_UINT, 4, FADF_HAVEVARTYPE},
+                                         {VT_R4, 4, FADF_HAVEVARTYPE},
+                                         {VT_ERROR, 4, FADF_HAVEVARTYPE},
+                                         {VT_I8, 8, FADF_HAVEVARTYPE},
+                                         {VT_UI8, 8, FADF_HAVEVARTYPE},
+                                         {VT_R8, 8, FADF_HAVEVARTYPE},
+                                         {VT_DATE, 8, FADF_HAVEVARTYPE},
+                                         {VT_CY, 8, FADF_HAVEVARTYPE},
+                                         {VT_DECIMAL, 16, FADF_HAVEVARTYPE},
+                                         {VT_BSTR, 8, FADF_HAVEVARTYPE | FADF_BSTR},
+                                         {VT_VARIANT, 24, FADF_HAVEVARTYPE | FADF_VARIANT},
+                                         {VT_UNKNOWN, 8, FADF_HAVEIID | FADF_UNKNOWN},
+                                         {VT_DISPATCH, 8, FADF_HAVEIID | FADF_DISPATCH}};
 
 TEST(SafeArray, ElementTypesAreRecordedAsWindowsRecordsThem) {
   for (const ElementCase& c : kElementCases) {
@@ -739,6 +719,106 @@ TEST(SafeArray, RedimKeepsTheHeadAndReleasesTheTail) {
   SAFEARRAYBOUND shrunk = {1, 1};
   ASSERT_EQ(SafeArrayRedim(array.get(), &shrunk), S_OK);
   EXPECT_EQ(object.refs(), 1u) << "the cut element is released";
+}
+
+// ---------------------------------------------------------------------------------------------
+// Per-thread error information.
+
+class ErrorInfoTest : public ::testing::Test {
+ protected:
+  // Each test starts and ends with an empty slot on the main thread.
+  void SetUp() override { SetErrorInfo(0, nullptr); }
+  void TearDown() override { SetErrorInfo(0, nullptr); }
+};
+
+TEST_F(ErrorInfoTest, WhatIsWrittenIsReadBackThroughTheSameObject) {
+  ComPtr<ICreateErrorInfo> writer;
+  ASSERT_EQ(CreateErrorInfo(writer.Put()), S_OK);
+  ASSERT_TRUE(writer);
+  const GUID kGuid = {0x12345678, 0x9ABC, 0xDEF0, {1, 2, 3, 4, 5, 6, 7, 8}};
+  EXPECT_EQ(writer->SetGUID(kGuid), S_OK);
+  EXPECT_EQ(writer->SetSource(MutableOle(u"Vesta.Target")), S_OK);
+  EXPECT_EQ(writer->SetDescription(MutableOle(u"Kit \u00e9teint \U0001F50C")), S_OK);
+  EXPECT_EQ(writer->SetHelpFile(MutableOle(u"vesta.chm")), S_OK);
+  EXPECT_EQ(writer->SetHelpContext(42), S_OK);
+
+  // Both interfaces share one identity.
+  ComPtr<IErrorInfo> reader;
+  ComPtr<ICreateErrorInfo> writer_again;
+  ComPtr<IUnknown> identity_from_writer;
+  ComPtr<IUnknown> identity_from_reader;
+  ASSERT_EQ(writer.QueryInto(IID_IErrorInfo, reader), S_OK);
+  ASSERT_EQ(reader.QueryInto(IID_ICreateErrorInfo, writer_again), S_OK);
+  EXPECT_EQ(writer_again.Get(), writer.Get());
+  ASSERT_EQ(writer.QueryInto(IID_IUnknown, identity_from_writer), S_OK);
+  ASSERT_EQ(reader.QueryInto(IID_IUnknown, identity_from_reader), S_OK);
+  EXPECT_EQ(identity_from_writer.Get(), identity_from_reader.Get());
+  void* other = reinterpret_cast<void*>(1);
+  EXPECT_EQ(reader->QueryInterface(IID_IDispatch, &other), E_NOINTERFACE);
+  EXPECT_EQ(other, nullptr);
+  // The reader alone keeps the object.
+  identity_from_reader.Reset();
+  identity_from_writer.Reset();
+  writer_again.Reset();
+  writer.Reset();
+
+  GUID guid{};
+  EXPECT_EQ(reader->GetGUID(&guid), S_OK);
+  EXPECT_TRUE(IsEqualGUID(guid, kGuid));
+  BSTR text = nullptr;
+  ASSERT_EQ(reader->GetSource(&text), S_OK);
+  EXPECT_EQ(BstrView(UniqueBstr(text).get()), u"Vesta.Target");
+  ASSERT_EQ(reader->GetDescription(&text), S_OK);
+  EXPECT_EQ(BstrView(UniqueBstr(text).get()), u"Kit \u00e9teint \U0001F50C");
+  ASSERT_EQ(reader->GetHelpFile(&text), S_OK);
+  EXPECT_EQ(BstrView(UniqueBstr(text).get()), u"vesta.chm");
+  DWORD context = 0;
+  EXPECT_EQ(reader->GetHelpContext(&context), S_OK);
+  EXPECT_EQ(context, 42u);
+}
+
+// Get hands the slot's reference over and empties the slot; Set replaces and releases.
+TEST_F(ErrorInfoTest, TheSlotHoldsOneReferenceUntilTakenOrReplaced) {
+  CountedErrorInfo info;
+  CountedErrorInfo replaced;
+  IErrorInfo* taken = reinterpret_cast<IErrorInfo*>(1);
+  EXPECT_EQ(GetErrorInfo(0, &taken), S_FALSE);
+  EXPECT_EQ(taken, nullptr);
+
+  ASSERT_EQ(SetErrorInfo(0, &replaced), S_OK);
+  ASSERT_EQ(SetErrorInfo(0, &info), S_OK);
+  EXPECT_EQ(replaced.refs(), 1u);
+  EXPECT_EQ(info.refs(), 2u) << "the slot holds a reference";
+  ASSERT_EQ(GetErrorInfo(0, &taken), S_OK);
+  EXPECT_EQ(taken, &info);
+  EXPECT_EQ(info.refs(), 2u) << "now held by the caller";
+  taken->Release();
+  EXPECT_EQ(GetErrorInfo(0, &taken), S_FALSE);
+  EXPECT_EQ(taken, nullptr);
+
+  ASSERT_EQ(SetErrorInfo(0, &info), S_OK);
+  ASSERT_EQ(SetErrorInfo(0, nullptr), S_OK);
+  EXPECT_EQ(info.refs(), 1u);
+}
+
+TEST_F(ErrorInfoTest, EachThreadHasItsOwnSlotReleasedWhenTheThreadExits) {
+  CountedErrorInfo main_info;
+  CountedErrorInfo left_by_other;
+  ASSERT_EQ(SetErrorInfo(0, &main_info), S_OK);
+  HRESULT seen_by_other = E_FAIL;
+  IErrorInfo* other_taken = reinterpret_cast<IErrorInfo*>(1);
+  std::thread([&] {
+    seen_by_other = GetErrorInfo(0, &other_taken);
+    SetErrorInfo(0, &left_by_other);
+  }).join();
+  EXPECT_EQ(seen_by_other, S_FALSE);
+  EXPECT_EQ(other_taken, nullptr);
+  EXPECT_EQ(left_by_other.refs(), 1u);
+
+  IErrorInfo* taken = nullptr;
+  ASSERT_EQ(GetErrorInfo(0, &taken), S_OK);
+  EXPECT_EQ(taken, &main_info);
+  taken->Release();
 }
 
 }  // namespace

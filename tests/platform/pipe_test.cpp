@@ -4,17 +4,15 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -87,30 +85,18 @@ void LetItBlock() {
 // returns, on any thread, fails the run instead of hanging it.
 class Watchdog {
  public:
-  Watchdog()
-      : thread_([this] {
-          std::unique_lock<std::mutex> lock(mutex_);
-          if (!done_changed_.wait_for(lock, 4 * kHangLimit, [this] { return done_; })) {
-            std::fputs("pipe_test: the test hangs\n", stderr);
-            std::_Exit(1);
-          }
-        }) {}
   ~Watchdog() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      done_ = true;
-    }
-    done_changed_.notify_all();
+    done_.set_value();
     thread_.join();
   }
-  Watchdog(const Watchdog&) = delete;
-  Watchdog& operator=(const Watchdog&) = delete;
 
  private:
-  std::mutex mutex_;
-  std::condition_variable done_changed_;
-  bool done_ = false;  // guarded by mutex_
-  std::thread thread_;
+  std::promise<void> done_;
+  std::thread thread_{[done = done_.get_future()] {
+    if (done.wait_for(4 * kHangLimit) == std::future_status::ready) return;
+    std::fputs("pipe_test: the test hangs\n", stderr);
+    std::_Exit(1);
+  }};
 };
 
 // Writes `bytes` as one part.
@@ -199,62 +185,60 @@ TEST_F(PipeTest, GatheredPartsArriveInOrderAndWhole) {
   EXPECT_EQ(got, 0u);
 }
 
-TEST_F(PipeTest, StopEndsBlockedReadsAndWritesAndThePipeStaysUsable) {
+// A stop signal ends each blocked operation (and, while it stays set, ends a new one at once);
+// what the operation blocked serves on once the signal is reset.
+TEST_F(PipeTest, StopEndsBlockedOperationsAndWhatTheyBlockedServesOn) {
   ASSERT_NO_FATAL_FAILURE(Connect());
   uint8_t buffer[4];
-  std::future<IoResult> read = std::async(
-      std::launch::async, [&] { return client_->ReadExact(buffer, sizeof(buffer), stop_); });
-  LetItBlock();
-  stop_.Set();
-  EXPECT_TRUE(stop_.IsSet());
-  EXPECT_EQ(Await(read, [&] { server_->Close(); }), IoResult::kStopped);
-  // While it stays set, nothing waits.
-  EXPECT_EQ(client_->ReadExact(buffer, sizeof(buffer), stop_), IoResult::kStopped);
-
-  // The cancelled read took nothing from the stream.
-  stop_.Reset();
-  EXPECT_FALSE(stop_.IsSet());
   const Bytes message = {1, 2, 3, 4};
-  ASSERT_EQ(Send(*server_, message, stop_), IoResult::kOk);
-  ASSERT_EQ(client_->ReadExact(buffer, sizeof(buffer), stop_), IoResult::kOk);
-  EXPECT_EQ(Bytes(buffer, buffer + 4), message);
-
-  // A write that cannot finish because nobody reads ends on the signal too.
   const Bytes flood(64 << 20, 0x5a);
-  std::future<IoResult> write =
-      std::async(std::launch::async, [&] { return Send(*client_, flood, stop_); });
-  LetItBlock();
-  stop_.Set();
-  EXPECT_EQ(Await(write, [&] { server_->Close(); }), IoResult::kStopped);
-}
-
-TEST_F(PipeTest, StopEndsABlockedAcceptAndTheListenerServesOn) {
-  ASSERT_NO_FATAL_FAILURE(Listen());
-  std::future<IoResult> accepted =
-      std::async(std::launch::async, [&] { return listener_->Accept(server_, stop_); });
-  LetItBlock();
-  stop_.Set();
+  std::unique_ptr<Pipe> accepted;
   std::unique_ptr<Pipe> unblocker;
   uint32_t error = 0;
-  EXPECT_EQ(Await(accepted, [&] { Pipe::Connect(name_, 1000, unblocker, error); }),
-            IoResult::kStopped);
-  EXPECT_EQ(server_, nullptr);
-
-  stop_.Reset();
-  ASSERT_NO_FATAL_FAILURE(ConnectTo(*listener_, name_, client_, server_));
-  ASSERT_EQ(Send(*client_, {42}, stop_), IoResult::kOk);
-  uint8_t got = 0;
-  EXPECT_EQ(server_->ReadExact(&got, 1, stop_), IoResult::kOk);
-  EXPECT_EQ(got, 42);
+  const struct {
+    const char* name;
+    std::function<IoResult()> operation;
+    std::function<void()> unblock;  // Ends the operation when the signal does not.
+    std::function<void()> then;     // Runs with the signal reset.
+  } kCases[] = {
+      {"read", [&] { return client_->ReadExact(buffer, sizeof(buffer), stop_); },
+       [&] { server_->Close(); },
+       [&] {  // The cancelled read took nothing from the stream.
+         ASSERT_EQ(Send(*server_, message, stop_), IoResult::kOk);
+         ASSERT_EQ(client_->ReadExact(buffer, sizeof(buffer), stop_), IoResult::kOk);
+         EXPECT_EQ(Bytes(buffer, buffer + 4), message);
+       }},
+      {"accept", [&] { return listener_->Accept(accepted, stop_); },
+       [&] { Pipe::Connect(name_, 1000, unblocker, error); },
+       [&] {
+         EXPECT_EQ(accepted, nullptr);
+         ASSERT_NO_FATAL_FAILURE(ConnectTo(*listener_, name_, client_, server_));
+         ASSERT_EQ(Send(*client_, {42}, stop_), IoResult::kOk);
+         EXPECT_EQ(server_->ReadExact(buffer, 1, stop_), IoResult::kOk);
+         EXPECT_EQ(buffer[0], 42);
+       }},
+      // A write that cannot finish because nobody reads.
+      {"write", [&] { return Send(*client_, flood, stop_); }, [&] { server_->Close(); }, [] {}},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    std::future<IoResult> result = std::async(std::launch::async, c.operation);
+    LetItBlock();
+    stop_.Set();
+    EXPECT_TRUE(stop_.IsSet());
+    EXPECT_EQ(Await(result, c.unblock), IoResult::kStopped);
+    EXPECT_EQ(c.operation(), IoResult::kStopped) << "while it stays set, nothing waits";
+    stop_.Reset();
+    EXPECT_FALSE(stop_.IsSet());
+    c.then();
+  }
 }
 
 TEST_F(PipeTest, OneListenerPerNameAtATime) {
-  const std::u16string name = UniqueName();
+  ASSERT_NO_FATAL_FAILURE(Listen());
   uint32_t error = 0;
-  std::unique_ptr<PipeListener> first;
-  ASSERT_EQ(PipeListener::Create(name, first, error), IoResult::kOk) << error;
   std::unique_ptr<PipeListener> second;
-  const IoResult again = PipeListener::Create(name, second, error);
+  const IoResult again = PipeListener::Create(name_, second, error);
   if (test_support::RunningUnderWine()) {
     // Known difference: Wine 8 ignores FILE_FLAG_FIRST_PIPE_INSTANCE and adds an instance.
     // One server per user rests on the server's instance lock there.
@@ -266,50 +250,42 @@ TEST_F(PipeTest, OneListenerPerNameAtATime) {
   }
 
   // The refused one took nothing from the first: its clients still get through.
-  ConnectTo(*first, name, client_, server_);
+  ConnectTo(*listener_, name_, client_, server_);
 
   // Once the first has gone, the name is free again.
-  first.reset();
-  EXPECT_EQ(PipeListener::Create(name, second, error), IoResult::kOk) << error;
+  listener_.reset();
+  EXPECT_EQ(PipeListener::Create(name_, second, error), IoResult::kOk) << error;
 }
 
 TEST_F(PipeTest, ConnectWaitsForALateServerAndTimesOutWhenNobodyServes) {
-  std::unique_ptr<Pipe> client;
   uint32_t error = 0;
-  EXPECT_EQ(Pipe::Connect(UniqueName(), 200, client, error), IoResult::kTimedOut);
+  EXPECT_EQ(Pipe::Connect(UniqueName(), 200, client_, error), IoResult::kTimedOut);
   EXPECT_NE(error, 0u);
-  EXPECT_EQ(client, nullptr);
+  EXPECT_EQ(client_, nullptr);
 
   // A server that appears while the client waits is found.
-  const std::u16string name = UniqueName();
-  StopSignal stop;
-  std::unique_ptr<PipeListener> listener;
-  std::unique_ptr<Pipe> server;
+  name_ = UniqueName();
   std::future<IoResult> served = std::async(std::launch::async, [&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     uint32_t create_error = 0;
-    const IoResult created = PipeListener::Create(name, listener, create_error);
-    return created == IoResult::kOk ? listener->Accept(server, stop) : created;
+    const IoResult created = PipeListener::Create(name_, listener_, create_error);
+    return created == IoResult::kOk ? listener_->Accept(server_, stop_) : created;
   });
-  EXPECT_EQ(Pipe::Connect(name, kConnectTimeoutMs, client, error), IoResult::kOk) << error;
-  EXPECT_EQ(Await(served, [&] { stop.Set(); }), IoResult::kOk);
-  EXPECT_NE(client, nullptr);
+  EXPECT_EQ(Pipe::Connect(name_, kConnectTimeoutMs, client_, error), IoResult::kOk) << error;
+  EXPECT_EQ(Await(served, [&] { stop_.Set(); }), IoResult::kOk);
+  EXPECT_NE(client_, nullptr);
 }
 
 TEST_F(PipeTest, ClientsRacingForInstancesAllGetThrough) {
-  const std::u16string name = UniqueName();
-  uint32_t error = 0;
-  std::unique_ptr<PipeListener> listener;
-  ASSERT_EQ(PipeListener::Create(name, listener, error), IoResult::kOk) << error;
+  ASSERT_NO_FATAL_FAILURE(Listen());
   constexpr int kClients = 4;
-  StopSignal stop;
   std::future<std::vector<int>> server_side = std::async(std::launch::async, [&] {
     std::vector<int> seen;
     for (int i = 0; i < kClients; ++i) {
       std::unique_ptr<Pipe> server;
-      if (listener->Accept(server, stop) != IoResult::kOk) break;
+      if (listener_->Accept(server, stop_) != IoResult::kOk) break;
       uint8_t id = 0;
-      if (server->ReadExact(&id, 1, stop) != IoResult::kOk) break;
+      if (server->ReadExact(&id, 1, stop_) != IoResult::kOk) break;
       seen.push_back(id);
     }
     return seen;
@@ -319,17 +295,17 @@ TEST_F(PipeTest, ClientsRacingForInstancesAllGetThrough) {
     clients.push_back(std::async(std::launch::async, [&, i] {
       std::unique_ptr<Pipe> client;
       uint32_t client_error = 0;
-      IoResult result = Pipe::Connect(name, kConnectTimeoutMs, client, client_error);
+      IoResult result = Pipe::Connect(name_, kConnectTimeoutMs, client, client_error);
       if (result != IoResult::kOk) return result;
-      result = Send(*client, {static_cast<uint8_t>(i)}, stop);
+      result = Send(*client, {static_cast<uint8_t>(i)}, stop_);
       // Stay connected until the server has read the id.
       uint8_t ignored;
-      if (result == IoResult::kOk) client->ReadExact(&ignored, 1, stop);
+      if (result == IoResult::kOk) client->ReadExact(&ignored, 1, stop_);
       return result;
     }));
   }
-  std::vector<int> seen = Await(server_side, [&] { stop.Set(); });
-  stop.Set();  // Releases the clients waiting on their reads.
+  std::vector<int> seen = Await(server_side, [&] { stop_.Set(); });
+  stop_.Set();  // Releases the clients waiting on their reads.
   for (auto& client : clients)
     EXPECT_EQ(Await(client, [] {}), IoResult::kOk);
   std::sort(seen.begin(), seen.end());
@@ -475,9 +451,7 @@ TEST_F(RuntimeDirectoryTest, RefusedWhenOthersCouldReachItOrItIsNoDirectory) {
   expect_refused("is a symbolic link");
   ASSERT_EQ(unlink(dir.c_str()), 0);
 
-  std::FILE* file = std::fopen(dir.c_str(), "w");
-  ASSERT_NE(file, nullptr);
-  std::fclose(file);
+  ASSERT_TRUE(std::ofstream(dir).good());
   expect_refused("is not a directory");
 
   // The parent must exist: only the last level is created.
@@ -552,9 +526,7 @@ TEST_F(RuntimeDirectoryTest, StaleSocketIsReplacedButOtherFilesAreNot) {
   client.reset();
 
   // A plain file of that name is somebody's data.
-  std::FILE* file = std::fopen(path.c_str(), "w");
-  ASSERT_NE(file, nullptr);
-  std::fclose(file);
+  ASSERT_TRUE(std::ofstream(path).good());
   EXPECT_EQ(PipeListener::Create(name, listener, error), IoResult::kFailed);
   EXPECT_TRUE(std::filesystem::is_regular_file(path));
 }

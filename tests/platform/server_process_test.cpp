@@ -107,24 +107,7 @@ TEST(ServerReadiness, FollowsTheMarkersLifetime) {
 }
 
 #ifndef _WIN32
-TEST(ServerReadiness, FileNobodyHoldsMeansNoServer) {
-  TempDir dir;
-  const std::u16string user = UniqueUser();
-  const fs::path file = dir.path() / ("qv_ve_run_svr" + Utf16ToUtf8(user));
-
-  // What a crashed server leaves behind.
-  WriteFile(file, "left over");
-  ASSERT_TRUE(fs::exists(file));
-  EXPECT_FALSE(ServerIsReady(user, dir.runtime_dir(), 0));
-
-  // The server of a new start takes the file over.
-  std::unique_ptr<ReadinessMarker> marker = ReadinessMarker::Create(user, dir.runtime_dir());
-  ASSERT_NE(marker, nullptr);
-  EXPECT_TRUE(ServerIsReady(user, dir.runtime_dir(), 0));
-  EXPECT_EQ(ReadinessMarker::Create(user, dir.runtime_dir()), nullptr) << "one marker at a time";
-}
-
-TEST(ServerReadiness, UnusableNamesAndDirectoriesMeanNoServerAndNewFilesArePrivate) {
+TEST(ServerReadiness, LeftoverFilesAndUnusableNamesMeanNoServerAndNewFilesArePrivate) {
   TempDir dir;
   const std::string missing = (dir.path() / "missing").string();
   const std::u16string user = UniqueUser();
@@ -147,6 +130,16 @@ TEST(ServerReadiness, UnusableNamesAndDirectoriesMeanNoServerAndNewFilesArePriva
   struct stat info {};
   ASSERT_EQ(stat(file.c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0600u);
+  EXPECT_EQ(ReadinessMarker::Create(user, dir.runtime_dir()), nullptr) << "one marker at a time";
+
+  // What a crashed server leaves behind means no server; a new start takes the file over.
+  marker.reset();
+  WriteFile(file, "left over");
+  ASSERT_TRUE(fs::exists(file));
+  EXPECT_FALSE(ServerIsReady(user, dir.runtime_dir(), 0));
+  marker = ReadinessMarker::Create(user, dir.runtime_dir());
+  ASSERT_NE(marker, nullptr);
+  EXPECT_TRUE(ServerIsReady(user, dir.runtime_dir(), 0));
 }
 #else
 TEST(ServerReadiness, EventThatIsNotSignalledMeansNoServerUntilAWaitSeesItSet) {
@@ -200,18 +193,16 @@ TEST(InstanceLock, OneHolderAtATime) {
 }
 
 #ifndef _WIN32
-TEST(InstanceLock, MissingRuntimeDirectoryIsASystemError) {
+// The holder's id is the lock file's text while it holds the lock; only a held lock naming a
+// running vesta-kx counts, so neither a crashed server's leftover nor a reused id is signalled.
+// Without the runtime directory there is no lock: a system error.
+TEST(InstanceLock, RecordsItsHolderForTheStopRequestAndNeedsItsDirectory) {
   TempDir dir;
   InstanceLockFailure failure = InstanceLockFailure::kHeldElsewhere;
   EXPECT_EQ(InstanceLock::TryAcquire(u"user", (dir.path() / "missing").string(), &failure),
             nullptr);
   EXPECT_EQ(failure, InstanceLockFailure::kSystemError);
-}
 
-// The holder's id is the lock file's text while it holds the lock; only a held lock naming a
-// running vesta-kx counts, so neither a crashed server's leftover nor a reused id is signalled.
-TEST(InstanceLock, RecordsItsHolderForTheStopRequest) {
-  TempDir dir;
   const fs::path file = fs::path(dir.runtime_dir()) / "vesta-kx.lock";
   WriteFile(file, std::to_string(getpid()) + "\n");  // As a crashed server would leave it.
   EXPECT_EQ(RunningServerProcessId(u"user", dir.runtime_dir()), std::nullopt);
@@ -245,9 +236,15 @@ std::optional<std::u16string> ServerBesideThisProgram() {
   return Utf8ToUtf16(candidate.string());
 }
 
-TEST(FindServerExecutable, SearchesTheHostDirectoryThenPathInOrder) {
+// Never the current directory, which the empty, "." and relative entries name.
+TEST(FindServerExecutable, SearchesTheHostDirectoryThenPathInOrderButNeverTheCurrentDirectory) {
   TempDir dir;
   const fs::path root = dir.path();
+  MakeServerFile(root / "cwd", 0755);
+  std::error_code error;
+  const fs::path old_cwd = fs::current_path(error);
+  fs::current_path(root / "cwd", error);
+  ASSERT_FALSE(error);
   MakeServerFile(root / "host", 0755);
   MakeServerFile(root / "first", 0644);                  // Not executable: skipped.
   fs::create_directories(root / "dir_named" / kServer);  // A directory: skipped.
@@ -270,31 +267,16 @@ TEST(FindServerExecutable, SearchesTheHostDirectoryThenPathInOrder) {
       {"", (root / "third").string(), root / "third" / kServer},
       {"", (root / "first").string() + ":" + (root / "missing").string(), std::nullopt},
       {"", "", std::nullopt},
+      {"", ":.:./:../cwd", std::nullopt},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.host_dir + " | " + c.path_list);
     const std::optional<std::u16string> found = FindServerExecutableIn(c.host_dir, c.path_list);
-    ASSERT_EQ(found.has_value(), c.expected.has_value());
-    if (found) {
-      EXPECT_EQ(fs::path(Utf16ToUtf8(*found)), *c.expected);
-    }
+    EXPECT_EQ(found.has_value(), c.expected.has_value());
+    if (found && c.expected) EXPECT_EQ(fs::path(Utf16ToUtf8(*found)), *c.expected);
   }
-}
-
-TEST(FindServerExecutable, NeverSearchesTheCurrentDirectory) {
-  TempDir dir;
-  MakeServerFile(dir.path() / "cwd", 0755);
-  std::error_code error;
-  const fs::path old_cwd = fs::current_path(error);
-  fs::current_path(dir.path() / "cwd", error);
-  ASSERT_FALSE(error);
-
-  // The empty, "." and relative entries all name the current directory here.
-  EXPECT_EQ(FindServerExecutableIn("", ":.:./:../cwd"), std::nullopt);
-  {
-    ScopedVariable path("PATH", ":.");
-    EXPECT_EQ(FindServerExecutable(), ServerBesideThisProgram());
-  }
+  ScopedVariable path("PATH", ":.");
+  EXPECT_EQ(FindServerExecutable(), ServerBesideThisProgram());
   fs::current_path(old_cwd, error);
 }
 

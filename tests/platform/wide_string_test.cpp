@@ -43,10 +43,7 @@ TEST(WideString, WellFormedTextRoundTrips) {
 TEST(WideString, IllFormedUtf8BecomesReplacementCharacters) {
   const Utf8Case kCases[] = {
       {"lone continuation", "\x80", u"\uFFFD"},
-      {"never a lead byte",
-       "a\xFF"
-       "b",
-       u"a\uFFFDb"},
+      {"never a lead byte", std::string("a\xFF") + 'b', u"a\uFFFDb"},
       {"overlong two bytes", "\xC0\xAF", u"\uFFFD\uFFFD"},
       {"overlong three bytes", "\xE0\x80\xAF", u"\uFFFD\uFFFD\uFFFD"},
       {"encoded surrogate", "\xED\xA0\x80", u"\uFFFD\uFFFD\uFFFD"},
@@ -54,10 +51,7 @@ TEST(WideString, IllFormedUtf8BecomesReplacementCharacters) {
       {"lead byte past F4", "\xF5\x80", u"\uFFFD\uFFFD"},
       {"truncated at end", "ok\xE2\x82", u"ok\uFFFD"},
       {"truncated before ascii", "\xE2\x82z", u"\uFFFDz"},
-      {"truncated four bytes",
-       "\xF0\x9F\x98"
-       "a",
-       u"\uFFFDa"},
+      {"truncated four bytes", std::string("\xF0\x9F\x98") + 'a', u"\uFFFDa"},
       {"lead byte then lead byte", "\xC3\xC3\xA9", u"\uFFFD\u00E9"},
   };
   for (const Utf8Case& c : kCases) {
@@ -68,10 +62,7 @@ TEST(WideString, IllFormedUtf8BecomesReplacementCharacters) {
 
 TEST(WideString, UnpairedSurrogatesBecomeReplacementCharacters) {
   const Utf8Case kCases[] = {
-      {"lone high",
-       "\xEF\xBF\xBD"
-       "a",
-       std::u16string{0xD800, u'a'}},
+      {"lone high", std::string("\xEF\xBF\xBD") + 'a', std::u16string{0xD800, u'a'}},
       {"lone low", "a\xEF\xBF\xBD", std::u16string{u'a', 0xDC00}},
       {"high at end", "\xEF\xBF\xBD", std::u16string{0xDBFF}},
       {"low then high", "\xEF\xBF\xBD\xEF\xBF\xBD", std::u16string{0xDC00, 0xD800}},

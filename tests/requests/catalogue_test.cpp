@@ -14,6 +14,7 @@ namespace {
 using testing::ByteVector;
 using testing::DecodeAll;
 using testing::Encode;
+using testing::HandBytes;
 
 // The operations as the protocol document lists them, transcribed independently of the .def
 // rows, so that a typo in either shows up here.
@@ -133,22 +134,9 @@ std::map<std::string, uint32_t> ParseOperationTable() {
   std::map<std::string, uint32_t> operations;
   std::istringstream in(kOperationTable);
   std::string name, number;
-  while (in >> name >> number) {
-    if (!number.empty() && number.back() == ';') number.pop_back();
-    operations[name] = static_cast<uint32_t>(std::stoul(number, nullptr, 16));
-  }
+  while (in >> name >> number)
+    operations[name] = static_cast<uint32_t>(std::stoul(number, nullptr, 16));  // stops at ';'
   return operations;
-}
-
-TEST(CatalogueTest, FactoriesHoldExactlyTheDocumentedOperations) {
-  std::map<std::string, uint32_t> requests;
-  std::map<std::string, uint32_t> responses;
-  for (const auto& entry : RequestFactory().Entries())
-    requests[platform::Utf16ToUtf8(entry.name)] = entry.type_number;
-  for (const auto& entry : ResponseFactory().Entries())
-    responses[platform::Utf16ToUtf8(entry.name)] = entry.type_number;
-  EXPECT_EQ(responses, requests);
-  EXPECT_EQ(requests, ParseOperationTable());
 }
 
 TEST(CatalogueTest, BuildingAFactoryFindsATypeNumberUsedTwice) {
@@ -165,25 +153,20 @@ TEST(CatalogueTest, HandComputedEncodings) {
   CAddTargetRequest add;
   add.TargetType = u"VE";
   add.HostName = u"kit1";
-  EXPECT_EQ(Encode(add), (ByteVector{3, 0, 0, 0, 'V', 0, 'E', 0, 0,   0,  // target type
-                                     5, 0, 0, 0, 'k', 0, 'i', 0, 't', 0, '1', 0, 0, 0}));
+  EXPECT_EQ(Encode(add), HandBytes().Text(u"VE").Text(u"kit1").bytes());
   EXPECT_EQ(add.ToString(), "{ TargetType:VE HostName:kit1 }");
   EXPECT_EQ(add.GetTypeNumber(), 0x2c3903b5u);
 
   CGetTargetListResponse list;
   list.Sequence = 7;
   list.Targets = {1, 2};
-  EXPECT_EQ(Encode(list), (ByteVector{0, 0, 0, 0,              // Result
-                                      1, 0, 0, 0, 0, 0,        // empty ResultText
-                                      7, 0, 0, 0,              // Sequence
-                                      2, 0, 0, 0, 1, 0, 0, 0,  // Targets
-                                      2, 0, 0, 0}));
+  // Result, an empty ResultText, Sequence, Targets.
+  EXPECT_EQ(Encode(list), HandBytes().U32(0).Text(u"").U32(7, 2, 1, 2).bytes());
 
   // A failed response carries only the head, whatever its fields hold.
   list.Result = 0x8004021B;
   list.ResultText = u"x";
-  EXPECT_EQ(Encode(list),
-            (ByteVector{0x1B, 0x02, 0x04, 0x80, 2, 0, 0, 0, 'x', 0, 0, 0, 7, 0, 0, 0}));
+  EXPECT_EQ(Encode(list), HandBytes().U32(0x8004021B).Text(u"x").U32(7).bytes());
 
   CRequestProcessLockRequest lock;
   lock.ProcessId = 12;
@@ -193,26 +176,23 @@ TEST(CatalogueTest, HandComputedEncodings) {
   EXPECT_EQ(lock.GetTypeNumber(), 394069046u);
 }
 
-TEST(CatalogueTest, AFailedResponseDecodesFromItsHeadAlone) {
-  const ByteVector bytes{5, 0, 0, 0, 3, 0, 0, 0, 'n', 0, 'o', 0, 0, 0, 9, 0, 0, 0};
-  MessageBuffer buffer(bytes.data(), bytes.size());
-  CFetchConsoleCacheResponse response;
-  ASSERT_TRUE(response.Deserialize(buffer));
-  EXPECT_EQ(response.Result, 5u);
-  EXPECT_EQ(response.ResultText, u"no");
-  EXPECT_EQ(response.Sequence, 9u);
-  EXPECT_TRUE(response.Records.empty());
-}
+// A failed response decodes from its head alone; a broken head leaves an empty one.
+TEST(CatalogueTest, ResponseHeads) {
+  CFetchConsoleCacheResponse failed;
+  ASSERT_TRUE(DecodeAll(HandBytes().U32(5).Text(u"no").U32(9).bytes(), failed));
+  EXPECT_EQ(failed.Result, 5u);
+  EXPECT_EQ(failed.ResultText, u"no");
+  EXPECT_EQ(failed.Sequence, 9u);
+  EXPECT_TRUE(failed.Records.empty());
 
-TEST(CatalogueTest, ABrokenHeadLeavesAnEmptyHead) {
-  const ByteVector bytes{5, 0, 0, 0, 3, 0, 0, 0, 'n', 0};  // text cut short
-  MessageBuffer buffer(bytes.data(), bytes.size());
-  CGetDefaultTargetResponse response;
-  response.Sequence = 3;
-  EXPECT_FALSE(response.Deserialize(buffer));
-  EXPECT_EQ(response.Result, 0u);
-  EXPECT_EQ(response.Sequence, 0u);
-  EXPECT_TRUE(response.ResultText.empty());
+  const ByteVector cut_text{5, 0, 0, 0, 3, 0, 0, 0, 'n', 0};
+  MessageBuffer buffer(cut_text.data(), cut_text.size());
+  CGetDefaultTargetResponse broken;
+  broken.Sequence = 3;
+  EXPECT_FALSE(broken.Deserialize(buffer));
+  EXPECT_EQ(broken.Result, 0u);
+  EXPECT_EQ(broken.Sequence, 0u);
+  EXPECT_TRUE(broken.ResultText.empty());
 }
 
 TEST(CatalogueTest, TruncatedResponsesNeverDecode) {
@@ -223,20 +203,21 @@ TEST(CatalogueTest, TruncatedResponsesNeverDecode) {
   const ByteVector bytes = Encode(full);
   for (size_t n = 0; n < bytes.size(); ++n) {
     MessageBuffer buffer(bytes.data(), n);
-    CFetchConsoleCacheResponse response;
-    EXPECT_FALSE(response.Deserialize(buffer)) << n;
+    EXPECT_FALSE(CFetchConsoleCacheResponse().Deserialize(buffer)) << n;
   }
-  MessageBuffer buffer(bytes.data(), bytes.size());
   CFetchConsoleCacheResponse response;
-  ASSERT_TRUE(response.Deserialize(buffer));
+  ASSERT_TRUE(DecodeAll(bytes, response));
   EXPECT_EQ(response.Records, full.Records);
   EXPECT_EQ(response.NextIndex, 10u);
 }
 
-// Each message of both factories round-trips, and a response takes over only one of its own class
-// (another class's answer is the link's test).
-TEST(CatalogueTest, EveryMessageRoundTripsThroughItsFactory) {
+// Both factories hold exactly the documented operations; each message round-trips, and a response
+// takes over only one of its own class (another class's answer is the link's test).
+TEST(CatalogueTest, FactoriesHoldTheDocumentedOperationsAndEachRoundTrips) {
+  std::map<std::string, uint32_t> requests;
+  std::map<std::string, uint32_t> responses;
   for (const auto& entry : RequestFactory().Entries()) {
+    requests[platform::Utf16ToUtf8(entry.name)] = entry.type_number;
     auto request = RequestFactory().Create(entry.type_number);
     ASSERT_NE(request, nullptr);
     EXPECT_EQ(request->GetTypeNumber(), entry.type_number);
@@ -249,6 +230,7 @@ TEST(CatalogueTest, EveryMessageRoundTripsThroughItsFactory) {
     EXPECT_EQ(decoded->ToString(), request->ToString());
   }
   for (const auto& entry : ResponseFactory().Entries()) {
+    responses[platform::Utf16ToUtf8(entry.name)] = entry.type_number;
     auto response = ResponseFactory().Create(entry.type_number);
     ASSERT_NE(response, nullptr);
     uint32_t number = 0;
@@ -263,6 +245,8 @@ TEST(CatalogueTest, EveryMessageRoundTripsThroughItsFactory) {
     EXPECT_EQ(buffer.Size(), 0u);
     EXPECT_TRUE(decoded->Assign(response));
   }
+  EXPECT_EQ(responses, requests);
+  EXPECT_EQ(requests, ParseOperationTable());
   EXPECT_EQ(RequestFactory().Create(0x12345678), nullptr);
   EXPECT_EQ(ResponseFactory().Create(0), nullptr);
   EXPECT_TRUE(ResponseFactory().NameOf(0).empty());

@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <cstring>
 #include <map>
+#include <sstream>
 #include <string>
-#include <string_view>
 
 namespace qv {
 namespace {
@@ -20,136 +20,50 @@ using testing::DecodeAll;
 using testing::Encode;
 using testing::HandBytes;
 
-// The class column of the notification catalogue, copied by hand rather than generated from
-// notifications.def, so that a name or number mistyped there shows up here.
-constexpr std::string_view kCatalogueColumn = R"(
-qv::CCacheUpdateNotification ("CACHE_UPDATE", 0x0EB0141C)
-qv::CCacheClearedNotification ("CACHE_CLEARED", 0x71D7BFE9)
-qv::CConsoleOutputNotification ("CONSOLE_OUTPUT", 0x58386DC9)
-qv::CBufferReadyNotification ("BUFFER_READY", 0x209FA434)
-qv::CRecordedDataNotification ("RECORDED_DATA", 0x701766A7)
-qv::CDataReadyNotification ("DATA_READY", 0x31C90A34)
-qv::CRecordingEndedNotification ("RECORDING_ENDED", 0x56000F42)
-qv::CStopNotificationNotification ("STOP_NOTIFICATION", 0x15E7F412)
-qv::CProcessCreateNotification ("PROCESS_CREATE", 0x39FCB498)
-qv::CProcessExitNotification ("PROCESS_EXIT", 0x37C57C5E)
-qv::CProcessKillNotification ("PROCESS_KILL", 0x37C88730)
-qv::CDynamicLibraryLoadNotification ("DYNAMIC_LIBRARY_LOAD", 0x2321485F)
-qv::CDynamicLibraryUnloadNotification ("DYNAMIC_LIBRARY_UNLOAD", 0x05877522)
-qv::CThreadCreateNotification ("THREAD_CREATE", 0x13373F51)
-qv::CThreadExitNotification ("THREAD_EXIT", 0x593C04D7)
-qv::CCoredumpCompletedNotification ("COREDUMP_COMPLETED", 0x75AAD6C1)
-qv::CCoredumpInProgressNotification ("COREDUMP_IN_PROGRESS", 0x2C6A9530)
-qv::CProcessLoadingNotification ("PROCESS_LOADING", 0x27190662)
-qv::CLoadExecNotification ("LOAD_EXEC", 0x693CADEA)
-qv::CLoadExecFailNotification ("LOAD_EXEC_FAIL", 0x727DA006)
-qv::CLoadExecTimeoutNotification ("LOAD_EXEC_TIMEOUT", 0x5DBBF4F1)
-qv::CApplicationSpawnNotification ("APPLICATION_SPAWN", 0x74001722)
-qv::CApplicationKillNotification ("APPLICATION_KILL", 0x6C3990C5)
-qv::CApplicationSuspendedNotification ("APPLICATION_SUSPENDED", 0x0CC355A4)
-qv::CApplicationResumedNotification ("APPLICATION_RESUMED", 0x0F04156E)
-qv::CTraceFullNotification ("TRACE_FULL", 0x794E3407)
-qv::CTraceWritingStoppedNotification ("TRACE_WRITING_STOPPED", 0x56753D17)
-qv::CProtocolStatusNotification ("PROTOCOL_STATUS", 0x1129DA1B)
-qv::CFileCopySkippedNotification ("FILE_COPY_SKIPPED", 0x17ED2D10)
-qv::CFileCopyProgressNotification ("FILE_COPY_PROGRESS", 0x79022C15)
-qv::CFileCopyProgressErrorNotification ("FILE_COPY_PROGRESS_ERROR", 0x435B12DF)
-qv::CFileCopyStartNotification ("FILE_COPY_START", 0x4B07D78E)
-qv::CFileCopyEndNotification ("FILE_COPY_END", 0x162A5217)
-qv::CFileCopyOverallProgressNotification ("FILE_COPY_OVERALL_PROGRESS", 0x15D5C3EA)
-qv::CFileErrorNotification ("FILE_ERROR", 0x1D6F7BCF)
-qv::CStatusUpdateNotification ("STATUS_UPDATE", 0x52D9ABAC)
-qv::CTrickleDownloadProgressNotification ("TRICKLE_DOWNLOAD_PROGRESS", 0x55CB3E5E)
-qv::CTrickleDownloadErrorNotification ("TRICKLE_DOWNLOAD_ERROR", 0x0425BE93)
-qv::CTrickleDownloadTimeoutNotification ("TRICKLE_DOWNLOAD_TIMEOUT", 0x11DADD70)
-qv::CLockReleaseNotification ("LOCK_RELEASE", 0x2AC413CF)
-qv::CLockStatusChangedNotification ("LOCK_STATUS_CHANGED", 0x08104E5C)
-qv::COwnershipRequestNotification ("OWNERSHIP_REQUEST", 0x47A45D6D)
-qv::CTargetAddedNotification ("TARGET_ADDED", 0x15DE5E3E)
-qv::CDefaultTargetChangedNotification ("DEFAULT_TARGET_CHANGED", 0x3452855B)
-qv::CTargetDeletedNotification ("TARGET_DELETED", 0x70C3DA23)
-qv::CTargetFindProgressNotification ("TARGET_FIND_PROGRESS", 0x1476EA22)
-qv::CFileSkippedErrorNotification ("FILE_SKIPPED_ERROR", 0x4190F93F)
-qv::CMiradorTargetFindProgressNotification ("MIRADOR_TARGET_FIND_PROGRESS", 0x72F23B6F)
-qv::CUsbTargetPluggedInNotification ("USB_TARGET_PLUGGED_IN", 0x4C64C9D5)
-qv::CUsbTargetUnpluggedNotification ("USB_TARGET_UNPLUGGED", 0x771BC421)
-qv::CIpChangedNotification ("IP_CHANGED", 0x2595AC68)
-qv::CCommsDisconnectNotification ("COMMS_DISCONNECT", 0x5C8D5ACE)
-qv::CForcedPowerOffNotification ("FORCED_POWER_OFF", 0x74383B00)
-qv::CFileServingRootChangedNotification ("FILE_SERVING_ROOT_CHANGED", 0x64463091)
-qv::CFileServingCaseSensitivityChangedNotification ("FILE_SERVING_CASE_SENSITIVITY_CHANGED", 0x3263CA74)
-qv::CProgressNotification ("PROGRESS", 0x2229981A)
-qv::CConnectNotification ("CONNECT", 0x342EB5AF)
-qv::CConnectedNotification ("CONNECTED", 0x7AB2EAD8)
-qv::CDisconnectNotification ("DISCONNECT", 0x00D016EF)
-qv::CPowerStateNotification ("POWER_STATE", 0x3C4F7733)
-qv::CDisplayPowerStateNotification ("DISPLAY_POWER_STATE", 0x57D91D29)
-qv::CSettingsChangedNotification ("SETTINGS_CHANGED", 0x1D5FB540)
-qv::CNameUpdateNotification ("NAME_UPDATE", 0x59383C69)
-qv::CMultiPhaseProgressNotification ("MULTI_PHASE_PROGRESS", 0x2E04E6B6)
-qv::CMultiPhaseProgressErrorNotification ("MULTI_PHASE_PROGRESS_ERROR", 0x40B09A20)
-qv::CUpdateProgressNotification ("UPDATE_PROGRESS", 0x09D7129D)
-qv::CUpdateErrorNotification ("UPDATE_ERROR", 0x4F7CE332)
-qv::CBusyNotification ("BUSY", 0x7C834188)
-qv::CIdleNotification ("IDLE", 0x7C86CEE3)
-qv::CForceDisconnectedNotification ("FORCE_DISCONNECTED", 0x768D5927)
-qv::CRebootIntoReleaseModeNotification ("REBOOT_INTO_RELEASE_MODE", 0x23213110)
-qv::CSaveDataProgressNotification ("SAVE_DATA_PROGRESS", 0x585D0B03)
-qv::CSaveDataErrorNotification ("SAVE_DATA_ERROR", 0x04B14558)
-qv::CSaveDataTimeoutNotification ("SAVE_DATA_TIMEOUT", 0x63632975)
-qv::CMountProgressNotification ("MOUNT_PROGRESS", 0x24D9636D)
-qv::CMountErrorNotification ("MOUNT_ERROR", 0x10246602)
-qv::CUnmountProgressNotification ("UNMOUNT_PROGRESS", 0x6934A510)
-qv::CUnmountErrorNotification ("UNMOUNT_ERROR", 0x430F5285)
-qv::CUsbStatusNotification ("USB_STATUS", 0x02D26753)
-qv::CHostNameChangedNotification ("HOST_NAME_CHANGED", 0x2471B9EE)
-qv::CUsbMassStorageStatusNotification ("USB_MASS_STORAGE_STATUS", 0x2C62E63C)
-qv::CMountBdProgressNotification ("MOUNT_BD_PROGRESS", 0x5549A853)
-qv::CMountBdErrorNotification ("MOUNT_BD_ERROR", 0x201264A8)
-qv::CUnmountBdProgressNotification ("UNMOUNT_BD_PROGRESS", 0x1D7BDEB6)
-qv::CUnmountBdErrorNotification ("UNMOUNT_BD_ERROR", 0x396A7DEB)
-qv::CAppDataUnmountedNotification ("APP_DATA_UNMOUNTED", 0x4DB2587F)
-qv::CMoveTitleProgressNotification ("MOVE_TITLE_PROGRESS", 0x6E19C3F3)
-qv::CMoveTitleErrorNotification ("MOVE_TITLE_ERROR", 0x094F2448)
-qv::CMoveTitleTimeoutNotification ("MOVE_TITLE_TIMEOUT", 0x06F48465)
-qv::CEventViewerXMLChangedNotification ("EVENT_VIEWER_XML_CHANGED", 0x2B3546D4)
-qv::CEventFilterChangedNotification ("EVENT_FILTER_CHANGED", 0x371D3357)
-qv::CQueryErrorNotification ("QUERY_ERROR", 0x56AEC0A5)
-qv::CNotificationEventNotification ("NOTIFICATION_EVENT", 0x2E87902E)
-qv::CDeviceReadyNotification ("DEVICE_READY", 0x3EF501AA)
-)";
+// The wire names and numbers of the notification catalogue, copied by hand rather than generated
+// from notifications.def, so that a name or number mistyped there shows up here.
+constexpr const char* kCatalogue = R"(
+CACHE_UPDATE 0x0EB0141C; CACHE_CLEARED 0x71D7BFE9; CONSOLE_OUTPUT 0x58386DC9;
+BUFFER_READY 0x209FA434; RECORDED_DATA 0x701766A7; DATA_READY 0x31C90A34;
+RECORDING_ENDED 0x56000F42; STOP_NOTIFICATION 0x15E7F412; PROCESS_CREATE 0x39FCB498;
+PROCESS_EXIT 0x37C57C5E; PROCESS_KILL 0x37C88730; DYNAMIC_LIBRARY_LOAD 0x2321485F;
+DYNAMIC_LIBRARY_UNLOAD 0x05877522; THREAD_CREATE 0x13373F51; THREAD_EXIT 0x593C04D7;
+COREDUMP_COMPLETED 0x75AAD6C1; COREDUMP_IN_PROGRESS 0x2C6A9530; PROCESS_LOADING 0x27190662;
+LOAD_EXEC 0x693CADEA; LOAD_EXEC_FAIL 0x727DA006; LOAD_EXEC_TIMEOUT 0x5DBBF4F1;
+APPLICATION_SPAWN 0x74001722; APPLICATION_KILL 0x6C3990C5; APPLICATION_SUSPENDED 0x0CC355A4;
+APPLICATION_RESUMED 0x0F04156E; TRACE_FULL 0x794E3407; TRACE_WRITING_STOPPED 0x56753D17;
+PROTOCOL_STATUS 0x1129DA1B; FILE_COPY_SKIPPED 0x17ED2D10; FILE_COPY_PROGRESS 0x79022C15;
+FILE_COPY_PROGRESS_ERROR 0x435B12DF; FILE_COPY_START 0x4B07D78E; FILE_COPY_END 0x162A5217;
+FILE_COPY_OVERALL_PROGRESS 0x15D5C3EA; FILE_ERROR 0x1D6F7BCF; STATUS_UPDATE 0x52D9ABAC;
+TRICKLE_DOWNLOAD_PROGRESS 0x55CB3E5E; TRICKLE_DOWNLOAD_ERROR 0x0425BE93;
+TRICKLE_DOWNLOAD_TIMEOUT 0x11DADD70; LOCK_RELEASE 0x2AC413CF; LOCK_STATUS_CHANGED 0x08104E5C;
+OWNERSHIP_REQUEST 0x47A45D6D; TARGET_ADDED 0x15DE5E3E; DEFAULT_TARGET_CHANGED 0x3452855B;
+TARGET_DELETED 0x70C3DA23; TARGET_FIND_PROGRESS 0x1476EA22; FILE_SKIPPED_ERROR 0x4190F93F;
+MIRADOR_TARGET_FIND_PROGRESS 0x72F23B6F; USB_TARGET_PLUGGED_IN 0x4C64C9D5;
+USB_TARGET_UNPLUGGED 0x771BC421; IP_CHANGED 0x2595AC68; COMMS_DISCONNECT 0x5C8D5ACE;
+FORCED_POWER_OFF 0x74383B00; FILE_SERVING_ROOT_CHANGED 0x64463091;
+FILE_SERVING_CASE_SENSITIVITY_CHANGED 0x3263CA74; PROGRESS 0x2229981A; CONNECT 0x342EB5AF;
+CONNECTED 0x7AB2EAD8; DISCONNECT 0x00D016EF; POWER_STATE 0x3C4F7733;
+DISPLAY_POWER_STATE 0x57D91D29; SETTINGS_CHANGED 0x1D5FB540; NAME_UPDATE 0x59383C69;
+MULTI_PHASE_PROGRESS 0x2E04E6B6; MULTI_PHASE_PROGRESS_ERROR 0x40B09A20;
+UPDATE_PROGRESS 0x09D7129D; UPDATE_ERROR 0x4F7CE332; BUSY 0x7C834188; IDLE 0x7C86CEE3;
+FORCE_DISCONNECTED 0x768D5927; REBOOT_INTO_RELEASE_MODE 0x23213110; SAVE_DATA_PROGRESS 0x585D0B03;
+SAVE_DATA_ERROR 0x04B14558; SAVE_DATA_TIMEOUT 0x63632975; MOUNT_PROGRESS 0x24D9636D;
+MOUNT_ERROR 0x10246602; UNMOUNT_PROGRESS 0x6934A510; UNMOUNT_ERROR 0x430F5285;
+USB_STATUS 0x02D26753; HOST_NAME_CHANGED 0x2471B9EE; USB_MASS_STORAGE_STATUS 0x2C62E63C;
+MOUNT_BD_PROGRESS 0x5549A853; MOUNT_BD_ERROR 0x201264A8; UNMOUNT_BD_PROGRESS 0x1D7BDEB6;
+UNMOUNT_BD_ERROR 0x396A7DEB; APP_DATA_UNMOUNTED 0x4DB2587F; MOVE_TITLE_PROGRESS 0x6E19C3F3;
+MOVE_TITLE_ERROR 0x094F2448; MOVE_TITLE_TIMEOUT 0x06F48465; EVENT_VIEWER_XML_CHANGED 0x2B3546D4;
+EVENT_FILTER_CHANGED 0x371D3357; QUERY_ERROR 0x56AEC0A5; NOTIFICATION_EVENT 0x2E87902E;
+DEVICE_READY 0x3EF501AA;)";
 
-// {wire name, type number} for every line of kCatalogueColumn.
-std::map<uint32_t, std::u16string> ParseCatalogueColumn() {
+std::map<uint32_t, std::u16string> ParseCatalogue() {
   std::map<uint32_t, std::u16string> rows;
-  size_t pos = 0;
-  while ((pos = kCatalogueColumn.find("(\"", pos)) != std::string_view::npos) {
-    const size_t name_end = kCatalogueColumn.find('"', pos + 2);
-    const std::string_view name = kCatalogueColumn.substr(pos + 2, name_end - pos - 2);
-    const size_t hex = kCatalogueColumn.find("0x", name_end) + 2;
-    const uint32_t number = static_cast<uint32_t>(
-        std::stoul(std::string(kCatalogueColumn.substr(hex, 8)), nullptr, 16));
-    rows.emplace(number, std::u16string(name.begin(), name.end()));
-    pos = hex;
-  }
+  std::istringstream in(kCatalogue);
+  std::string name, number;
+  while (in >> name >> number)
+    rows.emplace(std::stoul(number, nullptr, 16), std::u16string(name.begin(), name.end()));
   return rows;
-}
-
-TEST(NotificationCatalogueTest, FactoryHoldsExactlyTheCatalogue) {
-  const auto& factory = NotificationFactory();
-  std::map<uint32_t, std::u16string> by_number;
-  for (const auto& entry : factory.Entries()) {
-    const std::string name(entry.name.begin(), entry.name.end());
-    SCOPED_TRACE(name);
-    const auto made = factory.Create(entry.type_number);
-    ASSERT_NE(made, nullptr);
-    EXPECT_EQ(made->GetTypeNumber(), entry.type_number);
-    EXPECT_EQ(made->GetName(), entry.name);
-    EXPECT_EQ(factory.NameOf(entry.type_number), entry.name);
-    by_number[entry.type_number] = entry.name;
-  }
-  EXPECT_EQ(by_number, ParseCatalogueColumn());
-  EXPECT_EQ(factory.Create(0x12345678), nullptr);
 }
 
 // Hand-written bodies decode field by field (shown by the rendering) and encode back to the same
@@ -202,10 +116,8 @@ TEST(NotificationLayoutTest, HandWrittenBodiesDecodeInTheirFieldOrder) {
 template <class Notification>
 bool Populate(CNotification& message) {
   auto* notification = dynamic_cast<Notification*>(&message);
-  if (notification == nullptr) return false;
-  testing::FieldFiller filler;
-  Notification::VisitFields(*notification, filler);
-  return true;
+  if (notification != nullptr) Notification::VisitFields(*notification, testing::FieldFiller());
+  return notification != nullptr;
 }
 
 std::map<uint32_t, bool (*)(CNotification&)> Populators() {
@@ -217,15 +129,23 @@ std::map<uint32_t, bool (*)(CNotification&)> Populators() {
   };
 }
 
-TEST(NotificationCatalogueTest, EveryNotificationRoundTrips) {
+// Every notification the factory makes carries the catalogue's name and number, round-trips
+// empty and with every field set, and no proper prefix of its full body decodes.
+TEST(NotificationCatalogueTest, FactoryHoldsExactlyTheCatalogueAndEachRoundTrips) {
   const auto& factory = NotificationFactory();
   const auto populators = Populators();
+  std::map<uint32_t, std::u16string> by_number;
   for (const auto& entry : factory.Entries()) {
     SCOPED_TRACE(std::string(entry.name.begin(), entry.name.end()));
+    by_number[entry.type_number] = entry.name;
+    EXPECT_EQ(factory.NameOf(entry.type_number), entry.name);
     const auto populator = populators.find(entry.type_number);
     ASSERT_NE(populator, populators.end());
 
     const auto empty = factory.Create(entry.type_number);
+    ASSERT_NE(empty, nullptr);
+    EXPECT_EQ(empty->GetTypeNumber(), entry.type_number);
+    EXPECT_EQ(empty->GetName(), entry.name);
     const auto full = factory.Create(entry.type_number);
     ASSERT_TRUE(populator->second(*full));
     const ByteVector empty_wire = Encode(*empty);
@@ -251,6 +171,8 @@ TEST(NotificationCatalogueTest, EveryNotificationRoundTrips) {
       EXPECT_FALSE(factory.Create(entry.type_number)->Deserialize(shorter)) << length;
     }
   }
+  EXPECT_EQ(by_number, ParseCatalogue());
+  EXPECT_EQ(factory.Create(0x12345678), nullptr);
 }
 
 }  // namespace

@@ -24,18 +24,21 @@ using testing::Reply;
 using testing::ScriptedServer;
 using testing::WaitUntil;
 
+using Delivery = std::pair<int, uint32_t>;  // the sink's number, the notification's type number
+
+struct DeliveryLog {
+  std::mutex mutex;
+  std::vector<Delivery> deliveries;  // guarded by mutex
+};
+
 // A notify client whose "sink" is a number: two clients wrap the same sink when their numbers
 // match. Every delivery is recorded, then handed to an optional action.
 class RecordingClient final : public IVEEventNotifyClient {
  public:
   using Action = std::function<void(const std::shared_ptr<CNotification>&)>;
 
-  RecordingClient(int sink, std::shared_ptr<std::vector<std::pair<int, uint32_t>>> log,
-                  std::shared_ptr<std::mutex> log_mutex, Action action = nullptr)
-      : sink_(sink),
-        log_(std::move(log)),
-        log_mutex_(std::move(log_mutex)),
-        action_(std::move(action)) {}
+  RecordingClient(int sink, std::shared_ptr<DeliveryLog> log, Action action)
+      : sink_(sink), log_(std::move(log)), action_(std::move(action)) {}
 
   bool IsSameSink(const IVEEventNotifyClient& other) const override {
     const auto* same = dynamic_cast<const RecordingClient*>(&other);
@@ -44,8 +47,8 @@ class RecordingClient final : public IVEEventNotifyClient {
 
   HRESULT Deliver(uint32_t, const std::shared_ptr<CNotification>& notification) override {
     {
-      std::lock_guard lock(*log_mutex_);
-      log_->emplace_back(sink_, notification->GetTypeNumber());
+      std::lock_guard lock(log_->mutex);
+      log_->deliveries.emplace_back(sink_, notification->GetTypeNumber());
     }
     if (action_) action_(notification);
     return E_FAIL;  // a failing sink must not stop the ones after it
@@ -53,8 +56,7 @@ class RecordingClient final : public IVEEventNotifyClient {
 
  private:
   int sink_;
-  std::shared_ptr<std::vector<std::pair<int, uint32_t>>> log_;
-  std::shared_ptr<std::mutex> log_mutex_;
+  std::shared_ptr<DeliveryLog> log_;
   Action action_;
 };
 
@@ -66,13 +68,6 @@ struct SeenRequest {
 
 class PrivateApiTest : public ::testing::Test {
  protected:
-  void SetUp() override { api_ = MakeApi(); }
-
-  std::shared_ptr<CKXVEPrivateAPI> MakeApi() {
-    return CKXVEPrivateAPI::Create(
-        ServerLink::ServerNames{user_, platform::ServerRuntimeDirectory().value_or("")});
-  }
-
   // (Re)starts the scripted server. `refuse` names a request type the server fails.
   void Serve(uint32_t refuse = 0) {
     if (server_) server_->Stop();
@@ -84,12 +79,9 @@ class PrivateApiTest : public ::testing::Test {
             std::lock_guard lock(mutex_);
             requests_.push_back({received.type_number, received.target_handle});
           }
-          Reply reply;
-          if (received.type_number == refuse) {
-            reply.result = KXAPI_SERVER_INVALID_TARGET;
-            reply.text = u"refused";
-          }
-          return reply;
+          if (received.type_number != refuse) return Reply{};
+          return Reply{.result = static_cast<uint32_t>(KXAPI_SERVER_INVALID_TARGET),
+                       .text = u"refused"};
         });
     ASSERT_TRUE(server_->Start());
   }
@@ -100,13 +92,12 @@ class PrivateApiTest : public ::testing::Test {
   }
 
   std::shared_ptr<RecordingClient> Client(int sink, RecordingClient::Action action = nullptr) {
-    return std::make_shared<RecordingClient>(sink, deliveries_, deliveries_mutex_,
-                                             std::move(action));
+    return std::make_shared<RecordingClient>(sink, log_, std::move(action));
   }
 
-  std::vector<std::pair<int, uint32_t>> Deliveries() {
-    std::lock_guard lock(*deliveries_mutex_);
-    return *deliveries_;
+  std::vector<Delivery> Deliveries() {
+    std::lock_guard lock(log_->mutex);
+    return log_->deliveries;
   }
 
   // A notification for `key` that the Target group delivers.
@@ -116,20 +107,19 @@ class PrivateApiTest : public ::testing::Test {
     return connected;
   }
 
-  HRESULT CallVersion(CKXPrivateAPI& api) {
+  HRESULT CallVersion() {
     CGetServerVersionRequest request;
     CGetServerVersionResponse response;
-    return api.Call(kNoTarget, request, response);
+    return api_->Call(kNoTarget, request, response);
   }
 
   std::u16string user_ = testing::UniqueUser("vkxpriv");
   std::unique_ptr<ScriptedServer> server_;
   std::mutex mutex_;
   std::vector<SeenRequest> requests_;  // guarded by mutex_
-  std::shared_ptr<std::vector<std::pair<int, uint32_t>>> deliveries_ =
-      std::make_shared<std::vector<std::pair<int, uint32_t>>>();
-  std::shared_ptr<std::mutex> deliveries_mutex_ = std::make_shared<std::mutex>();
-  std::shared_ptr<CKXVEPrivateAPI> api_;
+  std::shared_ptr<DeliveryLog> log_ = std::make_shared<DeliveryLog>();
+  std::shared_ptr<CKXVEPrivateAPI> api_ = CKXVEPrivateAPI::Create(
+      ServerLink::ServerNames{user_, platform::ServerRuntimeDirectory().value_or("")});
 };
 
 constexpr uint32_t kSubscribeTarget = CRequestTargetEventsRequest::kTypeNumber;
@@ -138,11 +128,11 @@ constexpr uint32_t kSubscribeServer = CRequestServerEventsRequest::kTypeNumber;
 
 TEST_F(PrivateApiTest, CallReportsTheLinkOrTheServersResult) {
   // No server for this user and none to be found beside the test or along PATH.
-  EXPECT_EQ(CallVersion(*api_), KXAPI_SERVER_INITIALIZATION_FAILURE);
+  EXPECT_EQ(CallVersion(), KXAPI_SERVER_INITIALIZATION_FAILURE);
   EXPECT_FALSE(api_->IsLinkUp());
 
   Serve(CGetTargetInfoRequest::kTypeNumber);
-  EXPECT_EQ(CallVersion(*api_), S_OK);
+  EXPECT_EQ(CallVersion(), S_OK);
   EXPECT_TRUE(api_->IsLinkUp());
   CGetTargetInfoRequest request;
   CGetTargetInfoResponse response;
@@ -153,7 +143,7 @@ TEST_F(PrivateApiTest, CallReportsTheLinkOrTheServersResult) {
   api_->ShutdownStep();
   EXPECT_EQ(api_->Disconnect(), S_OK);
   EXPECT_FALSE(api_->IsLinkUp());
-  EXPECT_EQ(CallVersion(*api_), KXAPI_SHUTTING_DOWN);
+  EXPECT_EQ(CallVersion(), KXAPI_SHUTTING_DOWN);
   EXPECT_EQ(server_->Connections(), 1);
 }
 
@@ -179,7 +169,7 @@ TEST_F(PrivateApiTest, AdviseAndUnadviseFollowTheRegistrationCount) {
   ASSERT_TRUE(server_->Notify(ConnectedFor(4)));  // nobody listens to target 4
   ASSERT_TRUE(WaitUntil([&] { return Deliveries().size() >= 2; }));
   const uint32_t connected = CConnectedNotification::kTypeNumber;
-  EXPECT_EQ(Deliveries(), (std::vector<std::pair<int, uint32_t>>{{1, connected}, {2, connected}}));
+  EXPECT_EQ(Deliveries(), (std::vector<Delivery>{{1, connected}, {2, connected}}));
 
   // The cancel goes out only with the last sink of the key, and for a key with none at all.
   EXPECT_EQ(api_->Unadvise(EventGroup::Target, *Client(1), 3), S_OK);
@@ -208,7 +198,7 @@ TEST_F(PrivateApiTest, SubscriptionsAreRenewedOnceAKeyWhenTheServerComesBack) {
 
   Serve();  // a new server: the old connection breaks
   ASSERT_TRUE(WaitUntil([&] { return !api_->IsLinkUp(); }));
-  ASSERT_EQ(CallVersion(*api_), S_OK);
+  ASSERT_EQ(CallVersion(), S_OK);
   const std::vector<SeenRequest> seen = TakeRequests();
   // One subscribe per (group, key), in the groups' order, before the call that reconnected.
   EXPECT_EQ(seen, (std::vector<SeenRequest>{{kSubscribeServer, kNoTarget},
@@ -236,9 +226,8 @@ TEST_F(PrivateApiTest, ADeletedTargetsSinksHearNothingMore) {
   added.Handle = 3;
   ASSERT_TRUE(server_->Notify(added));
   ASSERT_TRUE(WaitUntil([&] { return Deliveries().size() >= 2; }));
-  EXPECT_EQ(Deliveries(),
-            (std::vector<std::pair<int, uint32_t>>{{3, CTargetDeletedNotification::kTypeNumber},
-                                                   {3, CTargetAddedNotification::kTypeNumber}}));
+  EXPECT_EQ(Deliveries(), (std::vector<Delivery>{{3, CTargetDeletedNotification::kTypeNumber},
+                                                 {3, CTargetAddedNotification::kTypeNumber}}));
   EXPECT_EQ(api_->RegistrationCount(EventGroup::Target, 3), 0u);
   EXPECT_EQ(api_->RegistrationCount(EventGroup::ConsoleOutput, 3), 0u);
   EXPECT_EQ(api_->RegistrationCount(EventGroup::Server, kNoTarget), 1u);

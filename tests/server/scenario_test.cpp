@@ -1,15 +1,21 @@
-// Reading scenarios and the command line of vesta-kx.
+// Reading scenarios (kits, their scripts and program images) and the command line of vesta-kx.
 #include "server/kits/scenario.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <filesystem>
+#include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "platform/wide_string.h"
 #include "server/core/options.h"
 #include "server/dispatch_harness.h"
+#include "server/kits/scenario_script.h"
+#include "server/kits/script_runner.h"
 
 namespace qv::server {
 namespace {
@@ -31,93 +37,128 @@ TEST(ScenarioTest, ReadsEveryFieldOfAKit) {
 )",
                                               "kits.yaml");
   ASSERT_TRUE(result.scenario.has_value()) << result.error;
-  ASSERT_EQ(result.scenario->kits.size(), 2u);
-  const Kit& a = result.scenario->kits[0];
-  EXPECT_EQ(a.host, u"kit-a");
-  EXPECT_EQ(a.name, u"Alpha");
-  EXPECT_EQ(a.mac, (std::vector<uint8_t>{0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f}));
-  EXPECT_EQ(a.sdk_version, (std::array<uint32_t, 4>{6, 5, 4, 3}));
-  EXPECT_EQ(a.power, PowerStatus::kStandby);
-  EXPECT_FALSE(a.reachable);
-  EXPECT_TRUE(a.is_default);
-  EXPECT_EQ(a.address, u"10.0.0.7");
-  EXPECT_EQ(a.timings.boot_ms, 5u);
-  EXPECT_EQ(a.timings.power_off_ms, 6u);
-  EXPECT_EQ(a.timings.connect_ms, 7u);
-  // Defaults: the name is the host, reachable, registered, off, not discovered.
-  const Kit& b = result.scenario->kits[1];
-  EXPECT_EQ(b.name, u"kit-b");
-  EXPECT_TRUE(b.reachable);
-  EXPECT_TRUE(b.registered);
-  EXPECT_EQ(b.power, PowerStatus::kOff);
-  EXPECT_TRUE(b.address.empty());
+  // The second kit's defaults: the name is the host, reachable, registered, off, not discovered.
+  const std::vector<Kit> expected = {
+      {.host = u"kit-a",
+       .name = u"Alpha",
+       .mac = {0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f},
+       .sdk_version = {6, 5, 4, 3},
+       .power = PowerStatus::kStandby,
+       .reachable = false,
+       .is_default = true,
+       .address = u"10.0.0.7",
+       .timings = {.boot_ms = 5, .power_off_ms = 6, .connect_ms = 7}},
+      {.host = u"kit-b", .name = u"kit-b"},
+  };
+  EXPECT_EQ(result.scenario->kits, expected);
   EXPECT_NE(result.scenario->FindKit(u"KIT-B"), nullptr);
 }
 
+// Each row's text follows `head`: a kit's first lines, a script's or a step list's, a program
+// image's; every reader of the build refuses it with the error that names its line.
 TEST(ScenarioTest, RefusesMistakesWithTheirLine) {
-  struct Case {
+  const std::string none, kit = "kits:\n  - host: a\n", scripts = kit + "    scripts:\n",
+                          protocol = kit + "    protocols:\n      - ",
+                          steps = scripts + "      - steps:\n          - ",
+                          image = "kits:\n  - host: dk\n    images:\n      - ";
+  const struct {
+    const std::string& head;
     const char* text;
     const char* error;
-  };
-  const Case cases[] = {
-      {"kits:\n  - host: a\n    power: sideways\n",
+  } cases[] = {
+      {kit, "    power: sideways\n",
        "s.yaml:3: 'power' must be on, off or standby, not 'sideways'"},
-      {"kits:\n  - host: a\n    hots: b\n", "s.yaml:3: unknown key 'hots' in a kit"},
-      {"kits:\n  - name: a\n", "s.yaml:2: a kit needs a 'host'"},
-      {"kits:\n  - host: a\n  - host: A\n", "s.yaml:3: host 'A' is listed twice"},
-      {"kits:\n  - host: a\n    mac: 00:11:22:33:44\n", "s.yaml:3: 'mac' must be six hex"},
-      {"kits:\n  - host: a\n    sdk_version: 1.2.3\n", "s.yaml:3: 'sdk_version' must be 4"},
-      {"kits:\n  - host: a\n    address: 10.0.0.256\n", "s.yaml:3: 'address' must be 4"},
-      {"kits:\n  - host: a\n    timings: {boot_ms: -1}\n", "s.yaml:3: 'boot_ms' must be a whole"},
-      {"kits:\n  - host: a\n    reachable: maybe\n", "s.yaml:3: 'reachable' must be true or false"},
-      {"kits:\n  - host: a\n    default: true\n  - host: b\n    default: true\n",
+      {kit, "    hots: b\n", "s.yaml:3: unknown key 'hots' in a kit"},
+      {none, "kits:\n  - name: a\n", "s.yaml:2: a kit needs a 'host'"},
+      {kit, "  - host: A\n", "s.yaml:3: host 'A' is listed twice"},
+      {kit, "    mac: 00:11:22:33:44\n", "s.yaml:3: 'mac' must be six hex"},
+      {kit, "    sdk_version: 1.2.3\n", "s.yaml:3: 'sdk_version' must be 4"},
+      {kit, "    address: 10.0.0.256\n", "s.yaml:3: 'address' must be 4"},
+      {kit, "    timings: {boot_ms: -1}\n", "s.yaml:3: 'boot_ms' must be a whole"},
+      {kit, "    reachable: maybe\n", "s.yaml:3: 'reachable' must be true or false"},
+      {kit, "    default: true\n  - host: b\n    default: true\n",
        "s.yaml:5: only one kit can be default"},
-      {"kits:\n  - host: a\n    registered: false\n    default: true\n",
+      {kit, "    registered: false\n    default: true\n",
        "s.yaml:4: a default kit must be registered"},
-      {"kits: {host: a}\n", "s.yaml:1: 'kits' must be a list"},
-      {"targets: []\n", "s.yaml:1: unknown key 'targets' in the scenario"},
-      {"kits:\n  - host: [a\n", "s.yaml:"},
-      {"kits:\n  - host: a\n    protocols:\n      - {number: 1, endpoint: telnet}\n",
+      {none, "kits: {host: a}\n", "s.yaml:1: 'kits' must be a list"},
+      {none, "targets: []\n", "s.yaml:1: unknown key 'targets' in the scenario"},
+      {none, "kits:\n  - host: [a\n", "s.yaml:"},
+      {protocol, "{number: 1, endpoint: telnet}\n",
        "s.yaml:4: 'endpoint' must be echo, source, sink, script or forward, not 'telnet'"},
-      {"kits:\n  - host: a\n    protocols:\n      - {number: 1, endpoint: echo}\n"
-       "      - {number: 1, endpoint: sink}\n",
+      {protocol, "{number: 1, endpoint: echo}\n      - {number: 1, endpoint: sink}\n",
        "s.yaml:5: protocol 1 is listed twice"},
-      {"kits:\n  - host: a\n    protocols:\n      - {number: 1, endpoint: source}\n",
-       "s.yaml:4: a source needs a 'length'"},
-      {"kits:\n  - host: a\n    protocols:\n      - {number: 1, endpoint: echo, length: 5}\n",
+      {protocol, "{number: 1, endpoint: source}\n", "s.yaml:4: a source needs a 'length'"},
+      {protocol, "{number: 1, endpoint: echo, length: 5}\n",
        "s.yaml:4: 'length' does not belong to echo"},
-      {"kits:\n  - host: a\n    protocols:\n      - {number: 1, endpoint: forward, to: x}\n",
+      {protocol, "{number: 1, endpoint: forward, to: x}\n",
        "s.yaml:4: only the local target forwards protocols"},
-      {"kits:\n  - host: a\n    protocols:\n      - number: 1\n        endpoint: script\n"
-       "        steps: [{send: a, expect: b}]\n",
+      {protocol, "number: 1\n        endpoint: script\n        steps: [{send: a, expect: b}]\n",
        "s.yaml:6: a script step takes one of send, expect, status or close"},
-      {"kits:\n  - host: a\n    protocols:\n      - number: 1\n        endpoint: script\n"
-       "        steps: [{status: sideways}]\n",
+      {protocol, "number: 1\n        endpoint: script\n        steps: [{status: sideways}]\n",
        "s.yaml:6: 'status' must be down or up, not 'sideways'"},
+      // Kit scripts.
+      {scripts, "      - trigger: later\n        steps: []\n",
+       "s.yaml:4: 'trigger' must be server_start or first_subscription, not 'later'"},
+      {scripts, "      - steps: []\n", "s.yaml:4: a script needs a list of 'steps'"},
+      {scripts, "      - trigger: server_start\n", "s.yaml:4: a script needs a list of 'steps'"},
+      {steps, "notification: CONSOLE_OUTPU\n", "s.yaml:5: unknown notification 'CONSOLE_OUTPU'"},
+      {steps, "notification: DEVICE_READY\n", "s.yaml:5: 'DEVICE_READY' reaches no subscriber"},
+      {steps, "after_ms: 1\n", "s.yaml:5: a step needs a 'notification'"},
+      {steps, "notification: IDLE\n            fields: {Port: 1}\n",
+       "s.yaml:6: unknown key 'Port' in the fields of IDLE (known: TargetKey)"},
+      {steps, "notification: CONSOLE_OUTPUT\n            fields: {Port: 4294967296}\n",
+       "s.yaml:6: 'Port' must be a whole number from 0 to 4294967295, not '4294967296'"},
+      {steps, "notification: CONSOLE_OUTPUT\n            fields: {Port: -1}\n",
+       "s.yaml:6: 'Port' must be a whole number from 0"},
+      {steps, "notification: CONSOLE_OUTPUT\n            fields: {Text: [a]}\n",
+       "s.yaml:6: 'Text' must be a single value"},
+      {steps, "notification: RECORDED_DATA\n            fields: {Data: abc}\n",
+       "s.yaml:6: 'Data' must be hex byte pairs"},
+      {steps, "notification: FILE_COPY_START\n            fields: {TargetList: 1}\n",
+       "s.yaml:6: 'TargetList' must be a list"},
+      {steps, "notification: PROTOCOL_STATUS\n            fields: {Availability: 2}\n",
+       "s.yaml:6: 'Availability' must be true or false"},
+      {steps, "notification: NOTIFICATION_EVENT\n            fields: {Header: {Idd: 1}}\n",
+       "s.yaml:6: unknown key 'Idd' in the fields of Header"},
+      {steps, "notification: IDLE\n            repeat: 0\n",
+       "s.yaml:6: 'repeat' must be at least 1"},
+      {steps, "notification: IDLE\n            every: 1\n",
+       "s.yaml:6: unknown key 'every' in a step"},
+      // Program images.
+      {image, "{path: /a, threads: [{registers: {rxx: 1}}]}\n",
+       "s.yaml:4: 'rxx' is not a register"},
+      {image, "{path: /a, regions: [{base: 0, size: 4}, {base: 2, size: 4}]}\n",
+       "s.yaml:4: this region overlaps an earlier one"},
+      {image, "{path: /a, regions: [{base: 0, fill: \"90\"}]}\n",
+       "s.yaml:4: a region needs a 'size'"},
+      {image, "{path: /a, regions: [{base: 0, hex: \"9\"}]}\n",
+       "s.yaml:4: 'hex' must be whole pairs of hex digits"},
+      {image, "{path: /a, entry: 0x1g}\n", "s.yaml:4: 'entry' must be a number"},
+      {image, "{path: /a, regions: [{base: 0, size: 1, protection: rwz}]}\n",
+       "s.yaml:4: 'protection' must be"},
+      {image, "{path: /a, sync: [{kind: Mutex}]}\n",
+       "s.yaml:4: 'Mutex' is not a kind of synchronisation object"},
+      {image, "{path: /a, sync: [{kind: VestaMutex, Owner: 1}]}\n",
+       "s.yaml:4: unknown key 'Owner'"},
+      {image, "{path: /a, sync: [{kind: VestaMutex, OwnerThreadID: 1}]}\n",
+       "s.yaml:4: 'OwnerThreadID' takes the name of one of the image's threads (a)"},
+      {image, "{path: /a, sync: [{kind: VestaMutex}, {kind: PosixMutex, KernelID: 1}]}\n",
+       "s.yaml:4: kernel id 1 is given to two objects"},
+      {image, "{path: /a, sync: [{kind: VestaMutex, Name: m}, {kind: PosixMutex, Name: m}]}\n",
+       "s.yaml:4: two synchronisation objects are named 'm'"},
+      {image, "{path: /a, threads: [{wait: m}]}\n",
+       "s.yaml:4: 'wait' names none of the image's synchronisation"},
   };
-  for (const Case& c : cases)
-    ExpectRefused(c.text, c.error);
-}
-
-TEST(ScenarioTest, AnEmptyFileIsAnEmptyScenario) {
-  const ScenarioResult empty = ParseScenario("", "empty.yaml");
-  ASSERT_TRUE(empty.scenario.has_value()) << empty.error;
-  EXPECT_TRUE(empty.scenario->kits.empty());
-}
-
-TEST(ScenarioTest, TheExampleScenarioParses) {
-  const ScenarioResult result = LoadScenarioFile(VEKX_SOURCE_DIR "/scenarios/example.yaml");
-  ASSERT_TRUE(result.scenario.has_value()) << result.error;
-  EXPECT_EQ(result.scenario->kits.size(), 4u);
+  for (const auto& c : cases)
+    ExpectRefused(c.head + c.text, c.error);
 }
 
 // What the subset reader does not read it refuses, with the line, rather than read differently.
 TEST(ScenarioTest, TheSubsetReaderRefusesYamlBeyondTheSubset) {
-  struct Case {
+  const struct {
     const char* text;
     const char* error;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"kits:\n  - &a {host: a}\n", "s.yaml:2: '&' starts YAML that scenario files do not use"},
       {"kits:\n  - host: a\n    name: |\n      x\n", "s.yaml:3: '|' starts YAML"},
       {"kits:\n  - host: \"a\n      b\"\n", "s.yaml:2: a quoted value must end on its line"},
@@ -132,7 +173,7 @@ TEST(ScenarioTest, TheSubsetReaderRefusesYamlBeyondTheSubset) {
        "s.yaml:3: values nest deeper than 32 levels"},
       {"kits:\n  - host: a: b\n", "s.yaml:2: a value that holds ': ' must be in quotes"},
   };
-  for (const Case& c : cases)
+  for (const auto& c : cases)
     ExpectRefused(c.text, c.error, {ReadYamlSubset});
 }
 
@@ -142,20 +183,26 @@ std::string RefusedLine(const std::string& error) {
   const size_t start = error.find(':') + 1;
   return error.substr(start, error.find(':', start) - start);
 }
+#endif
 
-// The Windows build's reader and yaml-cpp read every scenario the same way: the same document
-// (values and their lines), the same kits, or a refusal at the same line.
-TEST(ScenarioTest, TheSubsetReaderAndYamlCppAgree) {
-  std::vector<std::pair<std::string, std::string>> files;  // what it is, its text
+// Every reader of the build reads the shipped scenarios and the texts that the subset reads, the
+// empty file among them, and refuses the mistakes; the Windows build's reader and yaml-cpp read
+// each the same way: the same document (values and their lines), the same kits, or a refusal at
+// the same line.
+TEST(ScenarioTest, TheReadersAgreeOnEveryScenario) {
+  struct File {
+    std::string what, text;
+    bool read;
+  };
+  std::vector<File> files;
   for (const auto& entry : std::filesystem::directory_iterator(VEKX_SOURCE_DIR "/scenarios")) {
     if (entry.path().extension() == ".yaml") {
-      files.emplace_back(entry.path().filename().string(), servertest::ReadText(entry.path()));
+      files.push_back({entry.path().filename().string(), servertest::ReadText(entry.path()), true});
     }
   }
   ASSERT_FALSE(files.empty());
-  files.emplace_back("the quick test scenario", servertest::kQuickScenario);
-  const char* texts[] = {
-      // What the subset reads.
+  files.push_back({"the quick test scenario", servertest::kQuickScenario, true});
+  const char* read[] = {
       "",
       "# only a comment\n",
       "---\nkits:\n- host: a\n- host: b\n",
@@ -166,6 +213,8 @@ TEST(ScenarioTest, TheSubsetReaderAndYamlCppAgree) {
       "kits:\n  -\n    host: a\n    timings:\n      boot_ms: 1\n\n      connect_ms: 2\n",
       "kits:\n  - {host: a, name: b c, timings: {boot_ms: 1,},}\n",
       "kits:\n  - host: a\n    mac: 00:11:22:33:44:55\n    name: a#b\n",
+  };
+  const char* refused[] = {
       // Mistakes in the scenario (more are refused by both readers above).
       "kits:\n  - host: a\n  - [a, 'b']\n",
       "kits:\n  - host: a\n    name:\n",
@@ -184,33 +233,177 @@ TEST(ScenarioTest, TheSubsetReaderAndYamlCppAgree) {
       "kits:\n  - host: a\n - host: b\n",
       "kits:\n  - host: a\n    timings:\n      boot_ms: 1\n     connect_ms: 2\n",
   };
-  for (const char* text : texts)
-    files.emplace_back(text, text);
+  for (const char* text : read)
+    files.push_back({text, text, true});
+  for (const char* text : refused)
+    files.push_back({text, text, false});
 
-  for (const auto& [what, text] : files) {
+  for (const auto& [what, text, expected] : files) {
     SCOPED_TRACE(what);
-    const ScenarioResult ours = ParseScenarioWith(ReadYamlSubset, text, "s.yaml");
-    const ScenarioResult theirs = ParseScenarioWith(ReadYamlWithYamlCpp, text, "s.yaml");
-    ASSERT_EQ(ours.scenario.has_value(), theirs.scenario.has_value())
-        << "subset: " << ours.error << "\nyaml-cpp: " << theirs.error;
-    if (ours.scenario) {
+    std::vector<ScenarioResult> results;
+    for (const DocumentReader reader : Readers()) {
+      results.push_back(ParseScenarioWith(reader, text, "s.yaml"));
+      EXPECT_EQ(results.back().scenario.has_value(), expected) << results.back().error;
+    }
+#ifdef VEKX_SERVER_HAVE_YAML
+    const ScenarioResult &ours = results[0], &theirs = results[1];
+    if (ours.scenario && theirs.scenario) {
       EXPECT_EQ(ReadYamlSubset(text), ReadYamlWithYamlCpp(text));
       EXPECT_EQ(ours.scenario->kits, theirs.scenario->kits);
     } else {
       EXPECT_EQ(RefusedLine(ours.error), RefusedLine(theirs.error))
           << "subset: " << ours.error << "\nyaml-cpp: " << theirs.error;
     }
+#endif
+  }
+  EXPECT_TRUE(ParseScenario("", "empty.yaml").scenario.value_or(Scenario{}).kits.empty());
+  const ScenarioResult example = LoadScenarioFile(VEKX_SOURCE_DIR "/scenarios/example.yaml");
+  EXPECT_EQ(example.scenario.value_or(Scenario{}).kits.size(), 4u) << example.error;
+}
+
+// Kit scripts: every field type of the catalogue written as text.
+constexpr char kScripted[] = R"(kits:
+  - host: kit-a
+    scripts:
+      - trigger: server_start
+        steps:
+          - notification: CONSOLE_OUTPUT
+            after_ms: 5
+            repeat: 3
+            fields: {Port: 2, Category: 0x10, ProcessId: 77, Timestamp: 18446744073709551615, Text: "ready\n"}
+          - notification: NOTIFICATION_EVENT
+            fields:
+              Header: {Id: 1, Type: 2, Timestamp: 3}
+              Data: "de:ad be EF"
+          - notification: MIRADOR_TARGET_FIND_PROGRESS
+            fields:
+              TargetKey: 9
+              Description: ~
+              FoundTargets:
+                - {HostName: m1, Name: One, MacAddress: 0102030405ff}
+          - notification: FILE_COPY_START
+            fields: {TargetList: [1, 2], Id: 4}
+      - steps:
+          - notification: PROTOCOL_STATUS
+            fields: {Availability: true}
+          - notification: SAVE_DATA_ERROR
+            fields: {Result: 0x80004005, RawResult: 7}
+)";
+
+TEST(ScenarioScriptTest, EveryFieldTypeIsWrittenAsDocumented) {
+  for (DocumentReader reader : Readers()) {
+    const ScenarioResult result = ParseScenarioWith(reader, kScripted, "s.yaml");
+    ASSERT_TRUE(result.scenario.has_value()) << result.error;
+    const auto& scripts = result.scenario->kits[0].scripts;
+    ASSERT_EQ(scripts.size(), 2u);
+    EXPECT_EQ(scripts[0].trigger, ScriptTrigger::kServerStart);
+    EXPECT_EQ(scripts[1].trigger, ScriptTrigger::kFirstSubscription);
+    ASSERT_EQ(scripts[0].steps.size(), 4u);
+    EXPECT_EQ(scripts[0].steps[0].after_ms, 5u);
+    EXPECT_EQ(scripts[0].steps[0].repeat, 3u);
+
+    const auto console = ScriptedNotification(scripts[0].steps[0], 42);
+    const auto* output = dynamic_cast<const CConsoleOutputNotification*>(console.get());
+    ASSERT_NE(output, nullptr);
+    EXPECT_EQ(output->TargetKey, 42u);  // not given: the kit's handle
+    EXPECT_EQ(output->Port, 2u);
+    EXPECT_EQ(output->Category, 16u);
+    EXPECT_EQ(output->ProcessId, 77u);
+    EXPECT_EQ(output->Timestamp, UINT64_MAX);
+    EXPECT_EQ(output->Text, u"ready\n");
+
+    const auto viewer = ScriptedNotification(scripts[0].steps[1], 42);
+    const auto* event = dynamic_cast<const CNotificationEventNotification*>(viewer.get());
+    ASSERT_NE(event, nullptr);
+    EXPECT_EQ(event->Header, (EventHeader{1, 2, 3}));
+    EXPECT_EQ(event->Data, (Bytes{0xde, 0xad, 0xbe, 0xef}));
+
+    const auto find = ScriptedNotification(scripts[0].steps[2], 42);
+    const auto* found = dynamic_cast<const CMiradorTargetFindProgressNotification*>(find.get());
+    ASSERT_NE(found, nullptr);
+    EXPECT_EQ(found->TargetKey, 9u);  // given: kept
+    EXPECT_EQ(found->Description, u"");
+    ASSERT_EQ(found->FoundTargets.size(), 1u);
+    EXPECT_EQ(found->FoundTargets[0].Name, u"One");
+    EXPECT_EQ(found->FoundTargets[0].MacAddress, (Bytes{1, 2, 3, 4, 5, 0xff}));
+
+    const auto copy = ScriptedNotification(scripts[0].steps[3], 42);
+    EXPECT_EQ(dynamic_cast<const CFileCopyStartNotification&>(*copy).TargetList, (U32List{1, 2}));
+    const auto status = ScriptedNotification(scripts[1].steps[0], 42);
+    EXPECT_TRUE(dynamic_cast<const CProtocolStatusNotification&>(*status).Availability);
+    const auto error = ScriptedNotification(scripts[1].steps[1], 42);
+    EXPECT_EQ(dynamic_cast<const CSaveDataErrorNotification&>(*error).Result, 0x80004005u);
   }
 }
-#endif
+
+// {time_ns} is the steady clock when the step is sent, {n} the repetition; other braces stay.
+TEST(ScenarioScriptTest, TextPlaceholdersAreExpandedWhenSent) {
+  const ScenarioResult result = ParseScenario(R"(kits:
+  - host: a
+    scripts:
+      - steps:
+          - notification: CONSOLE_OUTPUT
+            fields: {Text: "{n}:{time_ns} {x} {n"}
+)",
+                                              "s.yaml");
+  ASSERT_TRUE(result.scenario.has_value()) << result.error;
+  const ScriptStep& step = result.scenario->kits[0].scripts[0].steps[0];
+  const auto now_ns = [] {
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                     std::chrono::steady_clock::now().time_since_epoch())
+                                     .count());
+  };
+  const uint64_t before = now_ns();
+  const auto sent = ScriptedNotification(step, 1, 7);
+  const uint64_t after = now_ns();
+  const std::string text =
+      platform::Utf16ToUtf8(dynamic_cast<const CConsoleOutputNotification&>(*sent).Text);
+  ASSERT_EQ(text.rfind("7:", 0), 0u) << text;
+  size_t end = 0;
+  const uint64_t time_ns = std::stoull(text.substr(2), &end);
+  EXPECT_GE(time_ns, before);
+  EXPECT_LE(time_ns, after);
+  EXPECT_EQ(text.substr(2 + end), " {x} {n");
+  // The body kept the placeholders: the next sending expands them afresh.
+  EXPECT_EQ(dynamic_cast<const CConsoleOutputNotification&>(*ScriptedNotification(step, 1, 8))
+                .Text.substr(0, 2),
+            u"8:");
+}
+
+// Scripts started while the runner waits for a later one are sent at once, and the wait survives
+// the runner's list growing under it (under AddressSanitizer a wait on a moved entry shows).
+TEST(ScriptRunnerTest, ScriptsStartedWhileOneWaitsAreSentAtOnce) {
+  std::mutex mutex;
+  std::condition_variable sent;
+  std::vector<std::u16string> hosts;
+  ScriptRunner runner([&](const std::u16string& host, const ScriptStep&, uint32_t) {
+    std::lock_guard lock(mutex);
+    hosts.push_back(host);
+    sent.notify_all();
+  });
+  const KitScript later{ScriptTrigger::kServerStart, {ScriptStep{.after_ms = 60'000}}};
+  const KitScript now{ScriptTrigger::kServerStart, {ScriptStep{}}};
+  runner.Start(u"later", later);
+  constexpr size_t kStarted = 40;
+  std::vector<std::u16string> expected;
+  for (size_t i = 0; i < kStarted; ++i) {
+    expected.push_back(u"kit-" + platform::Utf8ToUtf16(std::to_string(i)));
+    runner.Start(expected.back(), now);
+  }
+  std::unique_lock lock(mutex);
+  ASSERT_TRUE(
+      sent.wait_for(lock, std::chrono::seconds(10), [&] { return hosts.size() == kStarted; }));
+  std::sort(hosts.begin(), hosts.end());
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(hosts, expected);  // each once, and not the one that waits a minute
+}
 
 TEST(OptionsTest, ParsesWhatItKnowsAndNamesWhatItDoesNot) {
-  struct Case {
+  const struct {
     std::vector<std::string> args;
     bool ok;
     const char* error;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {{"--log-level", "12"}, false, "--log-level takes a number from 0 to 4, not '12'"},
       {{"--scenario", ""}, false, "--scenario needs a value"},
       {{"kits.yaml"}, false, "unknown argument 'kits.yaml'"},
@@ -230,7 +423,7 @@ TEST(OptionsTest, ParsesWhatItKnowsAndNamesWhatItDoesNot) {
        false,
        "--user takes up to 64 letters, digits, '.', '_' or '-', not 'a/b'"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     Options options;
     std::string error;
     EXPECT_EQ(ParseOptions(c.args, options, error), c.ok) << c.args[0];

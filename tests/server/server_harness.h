@@ -139,12 +139,7 @@ inline std::string ReadText(const std::filesystem::path& path) {
 }
 
 inline bool WaitUntil(const std::function<bool()>& done, int timeout_ms = 10000) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
+  return testing::WaitUntil(done, std::chrono::milliseconds(timeout_ms));
 }
 
 // One vesta-kx process.
@@ -389,12 +384,6 @@ class ServerTest : public ::testing::Test {
   const std::u16string user_;
   std::vector<std::string> extra_args_;  // more of vesta-kx's options, set before SetUp
   std::unique_ptr<ServerProcess> server_;
-};
-
-// The same on the built-in scenario, which every build serves.
-class BuiltInServerTest : public ServerTest {
- protected:
-  void SetUp() override { StartServer(true); }
 };
 
 }  // namespace qv::servertest

@@ -11,7 +11,8 @@ namespace {
 
 using testing::ByteVector;
 
-FrameHeaderCheck Parse(const ByteVector& bytes, uint32_t& length) {
+template <class Bytes>
+FrameHeaderCheck Parse(const Bytes& bytes, uint32_t& length) {
   uint8_t header[kFrameHeaderBytes];
   std::memcpy(header, bytes.data(), kFrameHeaderBytes);
   return ParseFrameHeader(header, length);
@@ -23,17 +24,16 @@ TEST(FrameTest, HeaderLayoutAndChecks) {
             (ByteVector{0, 0, 0, 0, 4, 3, 2, 1, 0, 0, 0, 0, 0, 0, 0, 0}));
 
   uint32_t length = 0;
-  EXPECT_EQ(Parse(ByteVector(header.begin(), header.end()), length), FrameHeaderCheck::kOk);
+  EXPECT_EQ(Parse(header, length), FrameHeaderCheck::kOk);
   EXPECT_EQ(length, 0x01020304u);
   // The trailing reserved words are not examined; the first one is.
-  EXPECT_EQ(Parse({0, 0, 0, 0, 5, 0, 0, 0, 9, 9, 9, 9, 9, 9, 9, 9}, length), FrameHeaderCheck::kOk);
-  EXPECT_EQ(Parse({1, 0, 0, 0, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, length),
+  EXPECT_EQ(Parse(ByteVector{0, 0, 0, 0, 5, 0, 0, 0, 9, 9, 9, 9, 9, 9, 9, 9}, length),
+            FrameHeaderCheck::kOk);
+  EXPECT_EQ(Parse(ByteVector{1, 0, 0, 0, 5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, length),
             FrameHeaderCheck::kBadReservedWord);
 
-  const auto at_limit = EncodeFrameHeader(kMaxFrameBodyBytes);
-  EXPECT_EQ(Parse(ByteVector(at_limit.begin(), at_limit.end()), length), FrameHeaderCheck::kOk);
-  const auto beyond = EncodeFrameHeader(kMaxFrameBodyBytes + 1);
-  EXPECT_EQ(Parse(ByteVector(beyond.begin(), beyond.end()), length), FrameHeaderCheck::kTooLarge);
+  EXPECT_EQ(Parse(EncodeFrameHeader(kMaxFrameBodyBytes), length), FrameHeaderCheck::kOk);
+  EXPECT_EQ(Parse(EncodeFrameHeader(kMaxFrameBodyBytes + 1), length), FrameHeaderCheck::kTooLarge);
 }
 
 TEST(FrameTest, RequestHeaderIsTypeTargetSequence) {

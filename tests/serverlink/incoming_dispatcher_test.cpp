@@ -22,13 +22,12 @@ using Outcome = IncomingDispatcher::Outcome;
 using testing::ByteVector;
 using testing::HandBytes;
 
-// Builds an incoming body: kind, type number, then the message's own encoding.
+// An incoming body: kind, type number, then the message's own encoding.
 template <class Message>
-MessageBuffer Incoming(IncomingKind kind, const Message& message) {
-  MessageBuffer body;
-  EXPECT_TRUE(WriteField(body, static_cast<uint32_t>(kind)));
-  EXPECT_TRUE(WriteField(body, Message::kTypeNumber));
-  EXPECT_TRUE(message.Serialize(body));
+ByteVector Incoming(IncomingKind kind, const Message& message) {
+  ByteVector body = HandBytes().U32(static_cast<uint32_t>(kind), Message::kTypeNumber).bytes();
+  const ByteVector own = testing::Encode(message);
+  body.insert(body.end(), own.begin(), own.end());
   return body;
 }
 
@@ -38,6 +37,11 @@ class IncomingDispatcherTest : public ::testing::Test {
       : dispatcher_(ResponseFactory(), NotificationFactory(), store_,
                     [this](std::shared_ptr<CNotification> n) { queued_.push_back(std::move(n)); }) {
     epoch_ = store_.Reset();
+  }
+
+  Outcome Dispatch(const ByteVector& body) {
+    MessageBuffer buffer(body.data(), body.size());
+    return dispatcher_.Dispatch(buffer);
   }
 
   // What a waiter for `sequence` finds. The response should already be there; if it is not, the
@@ -59,22 +63,22 @@ class IncomingDispatcherTest : public ::testing::Test {
 };
 
 // What cannot be delivered is dropped, and the awaited response after it still arrives as its
-// own class. (A failed response's decoding from its head alone is the catalogue's test.)
+// own class. Of all that, only an unknown response type is logged, at level one. (A failed
+// response's decoding from its head alone is the catalogue's test.)
 TEST_F(IncomingDispatcherTest, EveryMalformedOrUnexpectedMessageIsDropped) {
   ASSERT_TRUE(store_.Await(1));
 
   CGetDefaultTargetResponse unawaited;
   unawaited.Sequence = 2;
-  MessageBuffer unawaited_body = Incoming(IncomingKind::kResponse, unawaited);
   const struct {
     ByteVector body;
     Outcome outcome;
   } kCases[] = {
-      {ByteVector(unawaited_body.Data(), unawaited_body.Data() + unawaited_body.Size()),
-       Outcome::kUnawaitedResponse},
+      {Incoming(IncomingKind::kResponse, unawaited), Outcome::kUnawaitedResponse},
       // A response's Result, then nothing.
       {HandBytes().U32(0, CGetDefaultTargetResponse::kTypeNumber, 0).bytes(),
        Outcome::kUndecodableResponse},
+      {HandBytes().U32(0, 4242).bytes(), Outcome::kUnknownResponseType},
       {{}, Outcome::kNoKind},
       {HandBytes().U32(7).bytes(), Outcome::kIgnoredKind},
       {HandBytes().U32(1, 0x12345678).bytes(), Outcome::kUnknownNotificationType},
@@ -82,43 +86,31 @@ TEST_F(IncomingDispatcherTest, EveryMalformedOrUnexpectedMessageIsDropped) {
       {HandBytes().U32(1, CTargetAddedNotification::kTypeNumber, kNoTarget).bytes(),
        Outcome::kUndecodableNotification},
   };
-  for (const auto& c : kCases) {
-    MessageBuffer body(c.body.data(), c.body.size());
-    EXPECT_EQ(dispatcher_.Dispatch(body), c.outcome) << static_cast<int>(c.outcome);
-  }
-  EXPECT_TRUE(queued_.empty());
-
-  // None of that disturbed the caller waiting for 1, which still gets its answer.
-  CGetDefaultTargetResponse awaited;
-  awaited.Sequence = 1;
-  awaited.Handle = 12;
-  MessageBuffer good = Incoming(IncomingKind::kResponse, awaited);
-  EXPECT_EQ(dispatcher_.Dispatch(good), Outcome::kResponseDelivered);
-  auto arrived = std::dynamic_pointer_cast<CGetDefaultTargetResponse>(Arrived(1));
-  ASSERT_NE(arrived, nullptr);
-  EXPECT_EQ(arrived->Handle, 12u);
-}
-
-TEST_F(IncomingDispatcherTest, AnUnknownResponseTypeIsLoggedAtLevelOne) {
   const std::string path =
       ::testing::TempDir() + "vekx_dispatch_" + std::to_string(std::random_device{}()) + ".txt";
   Log& log = LibraryLog();
   const int level = log.Level();
   log.SetLevel(Log::kErrors);
   ASSERT_TRUE(log.SetFile(path));
-
-  MessageBuffer body;
-  WriteField(body, uint32_t{0});
-  WriteField(body, uint32_t{4242});
-  EXPECT_EQ(dispatcher_.Dispatch(body), Outcome::kUnknownResponseType);
-
+  for (const auto& c : kCases)
+    EXPECT_EQ(Dispatch(c.body), c.outcome) << static_cast<int>(c.outcome);
   log.SetStandardError();
   log.SetLevel(level);
+  EXPECT_TRUE(queued_.empty());
   std::ifstream in(path);
   std::stringstream text;
   text << in.rdbuf();
   EXPECT_EQ(text.str(), "MSG\tAPI Un-identified response type 4242\n");
   std::remove(path.c_str());
+
+  // None of that disturbed the caller waiting for 1, which still gets its answer.
+  CGetDefaultTargetResponse awaited;
+  awaited.Sequence = 1;
+  awaited.Handle = 12;
+  EXPECT_EQ(Dispatch(Incoming(IncomingKind::kResponse, awaited)), Outcome::kResponseDelivered);
+  auto arrived = std::dynamic_pointer_cast<CGetDefaultTargetResponse>(Arrived(1));
+  ASSERT_NE(arrived, nullptr);
+  EXPECT_EQ(arrived->Handle, 12u);
 }
 
 TEST_F(IncomingDispatcherTest, NotificationsGoToTheQueueDecoded) {
@@ -126,8 +118,7 @@ TEST_F(IncomingDispatcherTest, NotificationsGoToTheQueueDecoded) {
   added.TargetKey = kNoTarget;
   added.HostName = u"kit7";
   added.Handle = 3;
-  MessageBuffer body = Incoming(IncomingKind::kNotification, added);
-  EXPECT_EQ(dispatcher_.Dispatch(body), Outcome::kNotificationQueued);
+  EXPECT_EQ(Dispatch(Incoming(IncomingKind::kNotification, added)), Outcome::kNotificationQueued);
   ASSERT_EQ(queued_.size(), 1u);
   auto queued = std::dynamic_pointer_cast<CTargetAddedNotification>(queued_[0]);
   ASSERT_NE(queued, nullptr);

@@ -24,6 +24,15 @@ void WriteBlock(CLumoOStream& out, std::initializer_list<uint32_t> fields) {
   ASSERT_TRUE(out.EndBlock());
 }
 
+// Opens a block and reads `words` u32 values from it, its length first; returns the last one.
+uint32_t OpenAndRead(CLumoIStream& in, MessageBuffer& buffer, int words) {
+  uint32_t value = 0;
+  EXPECT_TRUE(in.BeginBlock());
+  for (int i = 0; i < words; ++i)
+    EXPECT_TRUE(ReadField(buffer, value));
+  return value;
+}
+
 TEST(LumoStreamTest, BlockLengthCountsItselfAndTheContentsButNotThePadding) {
   MessageBuffer buffer;
   CLumoOStream out(buffer);
@@ -36,10 +45,7 @@ TEST(LumoStreamTest, BlockLengthCountsItselfAndTheContentsButNotThePadding) {
 
   // The reader lands after the ninth byte: it skips to the recorded end, not over the padding.
   CLumoIStream in(buffer);
-  ASSERT_TRUE(in.BeginBlock());
-  uint32_t length = 0;
-  ASSERT_TRUE(ReadField(buffer, length));
-  EXPECT_EQ(length, 9u);
+  EXPECT_EQ(OpenAndRead(in, buffer, 1), 9u);
   ASSERT_TRUE(in.EndBlock());
   EXPECT_EQ(buffer.ReadOffset(), 9u);
   EXPECT_FALSE(in.Failed());
@@ -52,18 +58,10 @@ TEST(LumoStreamTest, AReaderThatKnowsFewerFieldsLandsAtTheBlockEnd) {
   WriteBlock(out, {40});
 
   CLumoIStream in(buffer);
-  uint32_t value = 0;
-  ASSERT_TRUE(in.BeginBlock());
-  ASSERT_TRUE(ReadField(buffer, value));  // length
-  ASSERT_TRUE(ReadField(buffer, value));
-  EXPECT_EQ(value, 10u);
+  EXPECT_EQ(OpenAndRead(in, buffer, 2), 10u);
   ASSERT_TRUE(in.EndBlock());
   EXPECT_FALSE(in.Failed());
-
-  ASSERT_TRUE(in.BeginBlock());
-  ASSERT_TRUE(ReadField(buffer, value));
-  ASSERT_TRUE(ReadField(buffer, value));
-  EXPECT_EQ(value, 40u);
+  EXPECT_EQ(OpenAndRead(in, buffer, 2), 40u);
   ASSERT_TRUE(in.EndBlock());
   EXPECT_EQ(buffer.Size(), 0u);
 }
@@ -75,10 +73,7 @@ TEST(LumoStreamTest, ReadingPastABlockSetsAStickyFailure) {
   WriteBlock(out, {2, 3});
 
   CLumoIStream in(buffer);
-  uint32_t value = 0;
-  ASSERT_TRUE(in.BeginBlock());
-  for (int i = 0; i < 3; ++i)
-    ASSERT_TRUE(ReadField(buffer, value));  // one word too many
+  OpenAndRead(in, buffer, 3);  // one word too many
   EXPECT_FALSE(in.EndBlock());
   EXPECT_TRUE(in.Failed());
   EXPECT_FALSE(in.BeginBlock());  // stays failed even though a block follows
@@ -86,19 +81,15 @@ TEST(LumoStreamTest, ReadingPastABlockSetsAStickyFailure) {
 }
 
 TEST(LumoStreamTest, BlocksThatCannotBeReadFail) {
-  const ByteVector short_length{9, 0};
-  MessageBuffer truncated_word(short_length.data(), short_length.size());
-  CLumoIStream no_length(truncated_word);
-  EXPECT_FALSE(no_length.BeginBlock());
-  EXPECT_TRUE(no_length.Failed());
-
-  // A length that claims more than the buffer holds fails at EndBlock.
-  const ByteVector claims_more{40, 0, 0, 0, 1, 2};
-  MessageBuffer buffer(claims_more.data(), claims_more.size());
-  CLumoIStream in(buffer);
-  ASSERT_TRUE(in.BeginBlock());
-  EXPECT_FALSE(in.EndBlock());
-  EXPECT_TRUE(in.Failed());
+  // A length word cut short fails at BeginBlock; a length that claims more than the buffer holds
+  // fails at EndBlock.
+  for (const ByteVector& bytes : {ByteVector{9, 0}, ByteVector{40, 0, 0, 0, 1, 2}}) {
+    MessageBuffer buffer(bytes.data(), bytes.size());
+    CLumoIStream in(buffer);
+    EXPECT_EQ(in.BeginBlock(), bytes.size() >= 4);
+    EXPECT_FALSE(in.EndBlock());
+    EXPECT_TRUE(in.Failed());
+  }
 
   MessageBuffer empty;
   CLumoIStream unbalanced(empty);

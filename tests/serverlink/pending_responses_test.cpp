@@ -4,11 +4,14 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <thread>
 #include <vector>
 
 namespace qv {
 namespace {
+
+using Deadline = std::optional<std::chrono::steady_clock::time_point>;
 
 std::shared_ptr<CResponse> ResponseFor(uint32_t sequence) {
   auto response = std::make_shared<CResponse>();
@@ -16,169 +19,156 @@ std::shared_ptr<CResponse> ResponseFor(uint32_t sequence) {
   return response;
 }
 
-TEST(PendingResponseStoreTest, AResponseReachesItsWaiterBeforeOrAfterTheWaitStarts) {
-  PendingResponseStore store;
-  const uint64_t epoch = store.Reset();
-  ASSERT_TRUE(store.Await(1));
-  ASSERT_TRUE(store.Await(2));
-  ASSERT_TRUE(store.Deliver(ResponseFor(1)));
+class PendingResponseStoreTest : public ::testing::Test {
+ protected:
+  // A wait on the current connection; what arrives lands in response_.
+  std::error_code Wait(uint32_t sequence, Deadline deadline = {}, bool may_read = false) {
+    return store_.Wait(sequence, epoch_, response_, deadline, may_read);
+  }
 
-  std::shared_ptr<CResponse> response;
-  EXPECT_EQ(store.Wait(1, epoch, response), WaitError::kWaitSuccess);
-  ASSERT_NE(response, nullptr);
-  EXPECT_EQ(response->Sequence, 1u);
+  // Callers awaiting 0 to count - 1 on the current connection, each waiting on a thread of its own.
+  std::vector<std::future<std::error_code>> Waiters(uint32_t count) {
+    std::vector<std::future<std::error_code>> waiters;
+    for (uint32_t i = 0; i < count; ++i) {
+      EXPECT_TRUE(store_.Await(i));
+      waiters.push_back(std::async(std::launch::async, [this, i, epoch = epoch_] {
+        std::shared_ptr<CResponse> response;
+        return store_.Wait(i, epoch, response);
+      }));
+    }
+    return waiters;
+  }
 
-  std::thread late([&] { store.Deliver(ResponseFor(2)); });
-  EXPECT_EQ(store.Wait(2, epoch, response), WaitError::kWaitSuccess);
-  EXPECT_EQ(response->Sequence, 2u);
+  PendingResponseStore store_;
+  uint64_t epoch_ = store_.Reset();
+  std::shared_ptr<CResponse> response_;
+};
+
+TEST_F(PendingResponseStoreTest, AResponseReachesItsWaiterBeforeOrAfterTheWaitStarts) {
+  ASSERT_TRUE(store_.Await(1));
+  ASSERT_TRUE(store_.Await(2));
+  ASSERT_TRUE(store_.Deliver(ResponseFor(1)));
+  EXPECT_EQ(Wait(1), WaitError::kWaitSuccess);
+  ASSERT_NE(response_, nullptr);
+  EXPECT_EQ(response_->Sequence, 1u);
+
+  std::thread late([&] { store_.Deliver(ResponseFor(2)); });
+  EXPECT_EQ(Wait(2), WaitError::kWaitSuccess);
+  EXPECT_EQ(response_->Sequence, 2u);
   late.join();
 }
 
-TEST(PendingResponseStoreTest, UnawaitedResponsesAreDroppedAndLaterOnesStillArrive) {
-  PendingResponseStore store;
-  const uint64_t epoch = store.Reset();
-  ASSERT_TRUE(store.Await(5));
-  EXPECT_FALSE(store.Deliver(ResponseFor(4)));  // nobody awaits 4
-  EXPECT_TRUE(store.Deliver(ResponseFor(5)));
-  EXPECT_FALSE(store.Deliver(ResponseFor(5)));  // awaited once, answered once
-  std::shared_ptr<CResponse> response;
-  EXPECT_EQ(store.Wait(5, epoch, response), WaitError::kWaitSuccess);
+TEST_F(PendingResponseStoreTest, UnawaitedResponsesAreDroppedAndLaterOnesStillArrive) {
+  ASSERT_TRUE(store_.Await(5));
+  EXPECT_FALSE(store_.Deliver(ResponseFor(4)));  // nobody awaits 4
+  EXPECT_TRUE(store_.Deliver(ResponseFor(5)));
+  EXPECT_FALSE(store_.Deliver(ResponseFor(5)));  // awaited once, answered once
+  EXPECT_EQ(Wait(5), WaitError::kWaitSuccess);
 
-  store.Forget(6);
-  ASSERT_TRUE(store.Await(6));
-  store.Forget(6);
-  EXPECT_FALSE(store.Deliver(ResponseFor(6)));
+  store_.Forget(6);
+  ASSERT_TRUE(store_.Await(6));
+  store_.Forget(6);
+  EXPECT_FALSE(store_.Deliver(ResponseFor(6)));
 }
 
-TEST(PendingResponseStoreTest, AWaiterPastItsDeadlineLeavesAndItsLateAnswerIsDropped) {
-  PendingResponseStore store;
-  const uint64_t epoch = store.Reset();
-  ASSERT_TRUE(store.Await(7));
-  ASSERT_TRUE(store.Await(8));
-  std::shared_ptr<CResponse> response;
-  const auto soon = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
-  EXPECT_EQ(store.Wait(7, epoch, response, soon), WaitError::kWaitTimedOut);
-  EXPECT_EQ(response, nullptr);
-  EXPECT_FALSE(store.Deliver(ResponseFor(7)));  // nobody waits for it any more
+TEST_F(PendingResponseStoreTest, AWaiterPastItsDeadlineLeavesAndItsLateAnswerIsDropped) {
+  ASSERT_TRUE(store_.Await(7));
+  ASSERT_TRUE(store_.Await(8));
+  EXPECT_EQ(Wait(7, std::chrono::steady_clock::now() + std::chrono::milliseconds(20)),
+            WaitError::kWaitTimedOut);
+  EXPECT_EQ(response_, nullptr);
+  EXPECT_FALSE(store_.Deliver(ResponseFor(7)));  // nobody waits for it any more
   // An answer already in is taken even when the deadline has passed.
-  ASSERT_TRUE(store.Deliver(ResponseFor(8)));
-  EXPECT_EQ(store.Wait(8, epoch, response, std::chrono::steady_clock::now()),
-            WaitError::kWaitSuccess);
-  EXPECT_EQ(response->Sequence, 8u);
+  ASSERT_TRUE(store_.Deliver(ResponseFor(8)));
+  EXPECT_EQ(Wait(8, std::chrono::steady_clock::now()), WaitError::kWaitSuccess);
+  EXPECT_EQ(response_->Sequence, 8u);
 }
 
-TEST(PendingResponseStoreTest, AbortWakesEveryWaiterWithWaitAbort) {
-  PendingResponseStore store;
-  const uint64_t epoch = store.Reset();
-  std::vector<std::thread> waiters;
-  std::vector<std::error_code> results(3);
-  for (uint32_t i = 0; i < 3; ++i) {
-    ASSERT_TRUE(store.Await(i));
-    waiters.emplace_back([&, i] {
-      std::shared_ptr<CResponse> response;
-      results[i] = store.Wait(i, epoch, response);
-    });
-  }
-  store.Abort();
-  for (auto& waiter : waiters)
-    waiter.join();
-  for (const auto& result : results) {
+TEST_F(PendingResponseStoreTest, AbortWakesEveryWaiterWithWaitAbort) {
+  auto waiters = Waiters(3);
+  store_.Abort();
+  for (auto& waiter : waiters) {
+    const std::error_code result = waiter.get();
     EXPECT_EQ(result, WaitError::kWaitAbort);
     EXPECT_EQ(result.message(), "WaitAbort");
   }
   // Until the next connection resets it, the store stays aborted.
-  std::shared_ptr<CResponse> response;
-  EXPECT_EQ(store.Wait(9, epoch, response), WaitError::kWaitAbort);
+  EXPECT_EQ(Wait(9), WaitError::kWaitAbort);
 }
 
-TEST(PendingResponseStoreTest, ANewConnectionAloneWakesTheWaitersOfTheOldOne) {
-  PendingResponseStore store;
-  const uint64_t old_epoch = store.Reset();
-  std::vector<std::thread> waiters;
-  std::vector<std::error_code> results(2);
-  for (uint32_t i = 0; i < 2; ++i) {
-    ASSERT_TRUE(store.Await(i));
-    waiters.emplace_back([&, i] {
-      std::shared_ptr<CResponse> response;
-      results[i] = store.Wait(i, old_epoch, response);
-    });
-  }
+TEST_F(PendingResponseStoreTest, ANewConnectionAloneWakesTheWaitersOfTheOldOne) {
+  const uint64_t old_epoch = epoch_;
+  auto waiters = Waiters(2);
   // Give the waiters time to block, so that Reset has to wake them rather than they find the
   // new epoch on arrival (either way they must leave).
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  const uint64_t new_epoch = store.Reset();
+  epoch_ = store_.Reset();
   for (auto& waiter : waiters)
-    waiter.join();
-  for (const auto& result : results)
-    EXPECT_EQ(result, WaitError::kWaitAbort);
-  EXPECT_NE(new_epoch, old_epoch);
+    EXPECT_EQ(waiter.get(), WaitError::kWaitAbort);
+  EXPECT_NE(epoch_, old_epoch);
   // A waiter of the old connection that arrives only now leaves at once, and Reset forgot the
   // numbers the old connection awaited.
-  std::shared_ptr<CResponse> response;
-  EXPECT_EQ(store.Wait(0, old_epoch, response), WaitError::kWaitAbort);
-  EXPECT_FALSE(store.Deliver(ResponseFor(0)));
+  EXPECT_EQ(store_.Wait(0, old_epoch, response_), WaitError::kWaitAbort);
+  EXPECT_FALSE(store_.Deliver(ResponseFor(0)));
   // The same sequence number on the new connection waits for, and gets, its own answer.
-  ASSERT_TRUE(store.Await(1));
-  ASSERT_TRUE(store.Deliver(ResponseFor(1)));
-  EXPECT_EQ(store.Wait(1, new_epoch, response), WaitError::kWaitSuccess);
+  ASSERT_TRUE(store_.Await(1));
+  ASSERT_TRUE(store_.Deliver(ResponseFor(1)));
+  EXPECT_EQ(Wait(1), WaitError::kWaitSuccess);
 }
 
-TEST(PendingResponseStoreTest, OneCallerAtATimeReadsThePipeAndPassesItOnWhenItsAnswerIsIn) {
-  PendingResponseStore store;
-  const uint64_t epoch = store.Reset();
+TEST_F(PendingResponseStoreTest, OneCallerAtATimeReadsThePipeAndPassesItOnWhenItsAnswerIsIn) {
   for (uint32_t sequence : {1u, 2u, 3u})
-    ASSERT_TRUE(store.Await(sequence));
-  std::shared_ptr<CResponse> response;
-  ASSERT_EQ(store.Wait(1, epoch, response, {}, true), WaitError::kWaitReadYourself);
+    ASSERT_TRUE(store_.Await(sequence));
+  ASSERT_EQ(Wait(1, {}, true), WaitError::kWaitReadYourself);
 
   // While caller 1 reads, the read thread stands aside, a caller that may read waits its turn
   // and a caller with a deadline never reads.
   std::error_code second_first, second_last, limited;
   std::thread second([&] {
     std::shared_ptr<CResponse> answer;
-    second_first = store.Wait(2, epoch, answer, {}, true);
-    ASSERT_TRUE(store.Deliver(ResponseFor(2)));
-    EXPECT_TRUE(store.IsReady(2));
-    store.EndCallerRead();
-    second_last = store.Wait(2, epoch, answer, {}, true);
+    second_first = store_.Wait(2, epoch_, answer, {}, true);
+    ASSERT_TRUE(store_.Deliver(ResponseFor(2)));
+    EXPECT_TRUE(store_.IsReady(2));
+    store_.EndCallerRead();
+    second_last = store_.Wait(2, epoch_, answer, {}, true);
   });
   std::thread with_deadline([&] {
     std::shared_ptr<CResponse> answer;
-    limited = store.Wait(3, epoch, answer, std::chrono::steady_clock::now() + std::chrono::hours(1),
-                         true);
+    limited = store_.Wait(3, epoch_, answer,
+                          std::chrono::steady_clock::now() + std::chrono::hours(1), true);
   });
   std::atomic<bool> read_thread_read{false};
   std::thread read_thread([&] {
-    store.AwaitReadThreadsTurn();
+    store_.AwaitReadThreadsTurn();
     read_thread_read = true;
-    store.EndReadThreadsTurn();
+    store_.EndReadThreadsTurn();
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_FALSE(read_thread_read);
-  ASSERT_TRUE(store.Deliver(ResponseFor(3)));
+  ASSERT_TRUE(store_.Deliver(ResponseFor(3)));
   with_deadline.join();
   EXPECT_EQ(limited, WaitError::kWaitSuccess);
-  ASSERT_TRUE(store.Deliver(ResponseFor(1)));
-  store.EndCallerRead();
+  ASSERT_TRUE(store_.Deliver(ResponseFor(1)));
+  store_.EndCallerRead();
   second.join();
   EXPECT_EQ(second_first, WaitError::kWaitReadYourself);
   EXPECT_EQ(second_last, WaitError::kWaitSuccess);
-  EXPECT_EQ(store.Wait(1, epoch, response, {}, true), WaitError::kWaitSuccess);
+  EXPECT_EQ(Wait(1, {}, true), WaitError::kWaitSuccess);
   // With nobody left to read for, the read thread takes the pipe back.
   read_thread.join();
   EXPECT_TRUE(read_thread_read);
 
   // A read thread standing aside for a reading caller leaves on Abort, and the disconnecting
   // thread waits for the caller to let go of the pipe.
-  ASSERT_TRUE(store.Await(4));
-  ASSERT_EQ(store.Wait(4, epoch, response, {}, true), WaitError::kWaitReadYourself);
-  std::thread parked([&] { store.AwaitReadThreadsTurn(); });
-  store.Abort();
+  ASSERT_TRUE(store_.Await(4));
+  ASSERT_EQ(Wait(4, {}, true), WaitError::kWaitReadYourself);
+  std::thread parked([&] { store_.AwaitReadThreadsTurn(); });
+  store_.Abort();
   parked.join();
-  std::thread disconnecting([&] { store.AwaitNoCallerReading(); });
-  store.EndCallerRead();
+  std::thread disconnecting([&] { store_.AwaitNoCallerReading(); });
+  store_.EndCallerRead();
   disconnecting.join();
-  EXPECT_EQ(store.Wait(4, epoch, response, {}, true), WaitError::kWaitAbort);
+  EXPECT_EQ(Wait(4, {}, true), WaitError::kWaitAbort);
 }
 
 }  // namespace

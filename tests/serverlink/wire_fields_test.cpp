@@ -13,7 +13,6 @@ namespace qv {
 namespace {
 
 using testing::ByteVector;
-using testing::DecodeAll;
 using testing::Encode;
 
 template <class T>
