@@ -46,8 +46,8 @@ TEST_F(HostileTest, RequestsThatCannotBeDecodedAreAnsweredAndTheConnectionStays)
       {"unknown type number", 0x01020304, {}, kBad, "0x01020304"},
       // The client does not wait for an acknowledgement's answer; a refused one is answered.
       {"acknowledgement", CAckConsoleOutputRequest::kTypeNumber, {}, KXAPI_SUCCESS, nullptr},
-      {"acknowledgement with bytes after it", CAckConsoleOutputRequest::kTypeNumber, Words(0),
-       kBad, "ACK_CONSOLE_OUTPUT"},
+      {"acknowledgement with bytes after it", CAckConsoleOutputRequest::kTypeNumber, Words(0), kBad,
+       "ACK_CONSOLE_OUTPUT"},
       // A string count that promises more units than follow.
       {"truncated string", CAddTargetRequest::kTypeNumber, Words(50, 0x00410041), kBad,
        "ADD_TARGET"},
