@@ -273,7 +273,9 @@ TEST(FindServerExecutable, SearchesTheHostDirectoryThenPathInOrderButNeverTheCur
     SCOPED_TRACE(c.host_dir + " | " + c.path_list);
     const std::optional<std::u16string> found = FindServerExecutableIn(c.host_dir, c.path_list);
     EXPECT_EQ(found.has_value(), c.expected.has_value());
-    if (found && c.expected) EXPECT_EQ(fs::path(Utf16ToUtf8(*found)), *c.expected);
+    if (found && c.expected) {
+      EXPECT_EQ(fs::path(Utf16ToUtf8(*found)), *c.expected);
+    }
   }
   ScopedVariable path("PATH", ":.");
   EXPECT_EQ(FindServerExecutable(), ServerBesideThisProgram());

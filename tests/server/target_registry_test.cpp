@@ -109,7 +109,9 @@ TEST(TargetRegistryTest, ChangesUnderWayEndWhenTheirTargetIsTakenDeletedOrShutDo
     EXPECT_EQ(power_on.code, Code(KXAPI_COMMS_ERR_POWER_OPERATION_FAILED));
     PowerStatus power{};
     EXPECT_EQ(registry.PowerStatusOf(a, power).ok(), shut_down);  // a deleted target has none
-    if (shut_down) EXPECT_EQ(power, PowerStatus::kOff);
+    if (shut_down) {
+      EXPECT_EQ(power, PowerStatus::kOff);
+    }
   }
 }
 
