@@ -197,7 +197,13 @@ TEST(ScenarioTest, TheReadersAgreeOnEveryScenario) {
   std::vector<File> files;
   for (const auto& entry : std::filesystem::directory_iterator(VEKX_SOURCE_DIR "/scenarios")) {
     if (entry.path().extension() == ".yaml") {
-      files.push_back({entry.path().filename().string(), servertest::ReadText(entry.path()), true});
+      std::string text = servertest::ReadText(entry.path());
+#ifdef __linux__
+      const bool read = true;
+#else
+      const bool read = text.find("\nlocal:") == std::string::npos;  // the local target is Linux's
+#endif
+      files.push_back({entry.path().filename().string(), std::move(text), read});
     }
   }
   ASSERT_FALSE(files.empty());
