@@ -516,31 +516,24 @@ struct ElementCase {
   USHORT features;
 };
 
-// Element sizes and the features SafeArrayCreate records, per element type.
-constexpr ElementCase kElementCases[] = {{VT_UI1, 1, FADF_HAVEVARTYPE},
-                                         {VT_I1, 1, FADF_HAVEVARTYPE},
-                                         {VT_I2, 2, FADF_HAVEVARTYPE},
-                                         {VT_UI2, 2, FADF_HAVEVARTYPE},
-                                         {VT_BOOL, 2, FADF_HAVEVARTYPE},
-                                         {VT_I4, 4, FADF_HAVEVARTYPE},
-                                         {VT_UI4, 4, FADF_HAVEVARTYPE},
-                                         {VT_INT, 4, FADF_HAVEVARTYPE},
-                                         {VT_UINT, 4, FADF_HAVEVARTYPE},
-                                         {VT_R4, 4, FADF_HAVEVARTYPE},
-                                         {VT_ERROR, 4, FADF_HAVEVARTYPE},
-                                         {VT_I8, 8, FADF_HAVEVARTYPE},
-                                         {VT_UI8, 8, FADF_HAVEVARTYPE},
-                                         {VT_R8, 8, FADF_HAVEVARTYPE},
-                                         {VT_DATE, 8, FADF_HAVEVARTYPE},
-                                         {VT_CY, 8, FADF_HAVEVARTYPE},
-                                         {VT_DECIMAL, 16, FADF_HAVEVARTYPE},
-                                         {VT_BSTR, 8, FADF_HAVEVARTYPE | FADF_BSTR},
-                                         {VT_VARIANT, 24, FADF_HAVEVARTYPE | FADF_VARIANT},
-                                         {VT_UNKNOWN, 8, FADF_HAVEIID | FADF_UNKNOWN},
-                                         {VT_DISPATCH, 8, FADF_HAVEIID | FADF_DISPATCH}};
-
+// Element sizes and the features SafeArrayCreate records, per element type: plain values record
+// only their type; strings, variants and interfaces also how an element is freed.
 TEST(SafeArray, ElementTypesAreRecordedAsWindowsRecordsThem) {
-  for (const ElementCase& c : kElementCases) {
+  std::vector<ElementCase> cases = {{VT_BSTR, 8, FADF_HAVEVARTYPE | FADF_BSTR},
+                                    {VT_VARIANT, 24, FADF_HAVEVARTYPE | FADF_VARIANT},
+                                    {VT_UNKNOWN, 8, FADF_HAVEIID | FADF_UNKNOWN},
+                                    {VT_DISPATCH, 8, FADF_HAVEIID | FADF_DISPATCH}};
+  const std::pair<UINT, std::vector<VARTYPE>> kValueSizes[] = {
+      {1, {VT_UI1, VT_I1}},
+      {2, {VT_I2, VT_UI2, VT_BOOL}},
+      {4, {VT_I4, VT_UI4, VT_INT, VT_UINT, VT_R4, VT_ERROR}},
+      {8, {VT_I8, VT_UI8, VT_R8, VT_DATE, VT_CY}},
+      {16, {VT_DECIMAL}}};
+  for (const auto& [size, types] : kValueSizes) {
+    for (VARTYPE vt : types)
+      cases.push_back({vt, size, FADF_HAVEVARTYPE});
+  }
+  for (const ElementCase& c : cases) {
     SCOPED_TRACE(c.vt);
     SAFEARRAYBOUND bound = {3, -2};
     UniqueSafeArray array(SafeArrayCreate(c.vt, 1, &bound));
