@@ -41,43 +41,33 @@ constexpr char kDebugScenario[] = R"(kits:
 // Each method checks its out-pointers, then the link, before anything is sent; register calls
 // check their id array first. A process object without a link shows the order.
 TEST(DebugObjectChecks, OutPointersThenLinkThenArguments) {
-  vekx::ComPtr<IProcess10> process;
-  ASSERT_OK(
-      CreateProcessObject(nullptr, 1, 7, IID_IProcess10, reinterpret_cast<void**>(process.Put())));
-  vekx::ComPtr<IThread2> thread;
-  ASSERT_OK(
-      CreateThreadObject(nullptr, 1, 7, 8, IID_IThread2, reinterpret_cast<void**>(thread.Put())));
+  vekx::ComPtr<IProcess10> p;  // process 7 of target 1
+  ASSERT_OK(CreateProcessObject(nullptr, 1, 7, IID_IProcess10, reinterpret_cast<void**>(p.Put())));
+  vekx::ComPtr<IThread2> t;  // its thread 8
+  ASSERT_OK(CreateThreadObject(nullptr, 1, 7, 8, IID_IThread2, reinterpret_cast<void**>(t.Put())));
   VARIANT out;
   VariantInit(&out);
-  ULONG number = 0;
-  const vekx::Variant i4_ids = ArrayOf(VT_I4, {0x10000});
-  const vekx::Variant u4_ids = ArrayOf(VT_UI4, {0x10000});
+  ULONG pid = 0;
+  const vekx::Variant i4 = ArrayOf(VT_I4, {0x10000}), u4 = ArrayOf(VT_UI4, {0x10000});  // ids
   const struct {
-    const char* call;
-    std::function<HRESULT()> run;
     HRESULT expected;
+    std::function<HRESULT()> call;
+    const char* what;
   } kCases[] = {
-      {"GetMemory null buffer", [&] { return process->GetMemory(0, 1, &number, nullptr); },
-       E_POINTER},
-      {"GetMemory null bad count", [&] { return process->GetMemory(0, 1, nullptr, &out); },
-       E_UNEXPECTED},
-      {"Resume wrong ids, no link", [&] { return process->Resume(u4_ids.Get(), &out); },
-       E_UNEXPECTED},
-      {"SyncPrimitives null out, no link", [&] { return process->get_SyncPrimitives(nullptr); },
-       E_UNEXPECTED},
-      {"Suspend null thread list", [&] { return process->Suspend(nullptr, &out, &out); },
-       E_POINTER},
-      {"Id without a link", [&] { return process->get_Id(&number); }, S_OK},
-      {"GetRegisters VT_UI4 ids", [&] { return thread->GetRegisters(u4_ids.Get(), nullptr); },
-       E_INVALIDARG},
-      {"GetRegisters VT_I4 ids, no link",
-       [&] { return thread->GetRegisters(i4_ids.Get(), nullptr); }, E_UNEXPECTED},
-      {"GetCompressedMemory null buffer",
-       [&] { return process->GetCompressedMemory(0, 1, 1, VARIANT_TRUE, nullptr); }, E_POINTER},
+      {E_POINTER, [&] { return p->GetMemory(0, 1, &pid, nullptr); }, "GetMemory, null buffer"},
+      {E_UNEXPECTED, [&] { return p->GetMemory(0, 1, nullptr, &out); }, "GetMemory, null count"},
+      {E_UNEXPECTED, [&] { return p->Resume(u4.Get(), &out); }, "Resume, wrong ids"},
+      {E_UNEXPECTED, [&] { return p->get_SyncPrimitives(nullptr); }, "SyncPrimitives"},
+      {E_POINTER, [&] { return p->Suspend(nullptr, &out, &out); }, "Suspend, null list"},
+      {S_OK, [&] { return p->get_Id(&pid); }, "get_Id, no link"},
+      {E_INVALIDARG, [&] { return t->GetRegisters(u4.Get(), nullptr); }, "GetRegisters, VT_UI4"},
+      {E_UNEXPECTED, [&] { return t->GetRegisters(i4.Get(), nullptr); }, "GetRegisters, no link"},
+      {E_POINTER, [&] { return p->GetCompressedMemory(0, 1, 1, VARIANT_TRUE, nullptr); },
+       "GetCompressedMemory"},
   };
   for (const auto& test : kCases)
-    EXPECT_EQ(test.run(), test.expected) << test.call;
-  EXPECT_EQ(number, 7u);
+    EXPECT_EQ(test.call(), test.expected) << test.what;
+  EXPECT_EQ(pid, 7u);
 }
 
 // Optional fields left out read as zero; a stop code above 0x7FFFFFFF reads back negative.
@@ -121,26 +111,14 @@ TEST(DebugValueObjects, EverySynchronisationKind) {
   lists.Kind##List.emplace_back().KernelID = kernel_id++;
   VEKX_SYNC_OBJECT_KINDS(VEKX_ONE_OF_KIND)
 #undef VEKX_ONE_OF_KIND
-  const IID* const kInterfaces[] = {&IID_IUltQueueDataResourcePool,
-                                    &IID_IUltWaitingQueueResourcePool,
-                                    &IID_IUltQueue,
-                                    &IID_IUltRwlock,
-                                    &IID_IUltSemaphore,
-                                    &IID_IUltConditionVariable,
-                                    &IID_IUltMutex,
-                                    &IID_IVestaSemaphore,
-                                    &IID_IVestaKernelSemaphore,
-                                    &IID_IVestaEventFlag,
-                                    &IID_IVestaKernelEventFlag,
-                                    &IID_IVestaMutex,
-                                    &IID_IPosixMutex,
-                                    &IID_IVestaBarrier,
-                                    &IID_IPosixBarrier,
-                                    &IID_IVestaRwlock2,
-                                    &IID_IPosixRwlock2,
-                                    &IID_IVestaConditionVariable,
-                                    &IID_IPosixConditionVariable,
-                                    &IID_IVestaEventQueue2};
+  const IID* const kInterfaces[] = {
+      &IID_IUltQueueDataResourcePool, &IID_IUltWaitingQueueResourcePool, &IID_IUltQueue,
+      &IID_IUltRwlock, &IID_IUltSemaphore, &IID_IUltConditionVariable, &IID_IUltMutex,
+      // then the system's kinds, each beside its POSIX twin where it has one
+      &IID_IVestaSemaphore, &IID_IVestaKernelSemaphore, &IID_IVestaEventFlag,
+      &IID_IVestaKernelEventFlag, &IID_IVestaMutex, &IID_IPosixMutex, &IID_IVestaBarrier,
+      &IID_IPosixBarrier, &IID_IVestaRwlock2, &IID_IPosixRwlock2, &IID_IVestaConditionVariable,
+      &IID_IPosixConditionVariable, &IID_IVestaEventQueue2};
   vekx::Variant array;
   ASSERT_OK(OutSyncPrimitiveArray(lists, array.Put()));
   const auto elements = Objects<IDispatch>(array, IID_IDispatch);
@@ -208,9 +186,7 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   EXPECT_EQ(Get(thread.Get(), &IThread::get_Id), tid);
   vekx::Variant values;
   ASSERT_OK(thread->GetRegisters(ArrayOf(VT_I4, {REG_ID_RIP}).Get(), values.Put()));
-  const std::vector<uint64_t> words = Numbers(values);
-  ASSERT_EQ(words.size(), 4u);
-  EXPECT_EQ(words[0], 0x401004u);
+  EXPECT_EQ(Numbers(values), (std::vector<uint64_t>{0x401004, 0, 0, 0}));
   const auto ids = ArrayOf(VT_I4, {REG_ID_RAX, REG_ID_RBX, REG_ID_RCX});
   EXPECT_EQ(thread->SetRegisters(ids.Get(), ArrayOf(VT_UI8, std::vector<uint64_t>(11)).Get()),
             E_INVALIDARG);
@@ -260,20 +236,14 @@ TEST_F(DebugLiveTest, LargeReadsOnManyThreadsEachGetTheirOwnBytes) {
         vekx::Variant bytes;
         ULONG bad = 0;
         void* data = nullptr;
-        if (process->GetMemory(read.address, read.size, &bad, bytes.Put()) != S_OK ||
-            bad != read.bad || bytes.Type() != (VT_ARRAY | VT_UI1) ||
-            bytes.Get().parray->rgsabound[0].cElements != read.size ||
-            SafeArrayAccessData(bytes.Get().parray, &data) != S_OK) {
-          ++wrong;
-          return;
-        }
-        SafeArrayUnaccessData(bytes.Get().parray);
-        for (size_t i = 0; i < read.size; ++i) {
-          if (static_cast<const uint8_t*>(data)[i] != expected(read.address + i)) {
-            ++wrong;
-            return;
-          }
-        }
+        bool right = process->GetMemory(read.address, read.size, &bad, bytes.Put()) == S_OK &&
+                     bad == read.bad && bytes.Type() == (VT_ARRAY | VT_UI1) &&
+                     bytes.Get().parray->rgsabound[0].cElements == read.size &&
+                     SafeArrayAccessData(bytes.Get().parray, &data) == S_OK;
+        for (size_t i = 0; right && i < read.size; ++i)
+          right = static_cast<const uint8_t*>(data)[i] == expected(read.address + i);
+        if (data != nullptr) SafeArrayUnaccessData(bytes.Get().parray);
+        if (!right) ++wrong;
       });
     }
   }
