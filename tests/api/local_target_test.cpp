@@ -67,13 +67,6 @@ class LocalTargetTest : public LiveApiTest {
   }
   // How many calls of the Debug group's `method` were heard.
   size_t Heard(const char* method) const { return heard_->Values(method, "").size(); }
-  // Waits until the last process exit heard is `code`.
-  bool WaitExit(ULONG code) {
-    return servertest::WaitUntil([&] {
-      const auto codes = heard_->Values("OnProcessExit", "ExitCode");
-      return !codes.empty() && codes.back() == std::to_string(code);
-    });
-  }
 
   vekx::ComPtr<IProcess10> Load(const std::string& args, bool stopped) {
     return LoadProcess(target_.Get(), DEVICE_HOST, VEKX_DEBUGGEE, stopped, args.c_str());
@@ -113,14 +106,6 @@ class LocalTargetTest : public LiveApiTest {
     ASSERT_EQ(events_->WaitStop(stops), STOP_REASON_DL_STOP_INIT) << args;
     if (address != 0) {
       ASSERT_OK(Break(process_.Get(), 0, address, opcode_, bp_));
-    }
-  }
-  // Resumes the process into its breakpoint until `threads` threads have started (its main
-  // thread's first call stops it meanwhile); the thread that stopped last in `tid`.
-  void BreakUntilThreads(IProcess10* process, size_t threads, ULONG& tid) {
-    for (int stops = 1; Heard("OnThreadCreate") < threads && stops < 10; ++stops) {
-      ASSERT_OK(Resume(process));
-      ASSERT_EQ(events_->WaitStop(stops, &tid), STOP_REASON_SIGSWBRKPT);
     }
   }
   // The program is among the process's modules, its entry its _start, and with `libc` the C
@@ -241,7 +226,10 @@ TEST_F(LocalTargetTest, ExitCodesSignalsAndChildrenThroughTheParentsBreakpoints)
     EXPECT_EQ(events_->WaitStop(stops++, &tid), test.stop);
     EXPECT_TRUE(!test.breaks || tid == pid_) << "the child stopped";
     EXPECT_OK(Resume(process_.Get()));
-    EXPECT_TRUE(WaitExit(test.exit_code));
+    EXPECT_TRUE(servertest::WaitUntil([&] {
+      return heard_->Values("OnProcessExit", "ExitCode") ==
+             std::vector<std::string>{std::to_string(test.exit_code)};
+    })) << ::testing::PrintToString(heard_->Values("OnProcessExit", "ExitCode"));
   }
 }
 
@@ -400,7 +388,11 @@ TEST_F(LocalTargetTest, CoreDumpsThatGdbReadsAndThatReopenAsReadOnlyTargets) {
   ULONG tid = 0;
   ASSERT_NO_FATAL_FAILURE(LoadStopped("threads 2", tick));
   IProcess10* process = process_.Get();
-  ASSERT_NO_FATAL_FAILURE(BreakUntilThreads(process, 3, tid));
+  // Into the breakpoint until three threads have started (the main thread stops there meanwhile).
+  for (int stops = 1; Heard("OnThreadCreate") < 3 && stops < 10; ++stops) {
+    ASSERT_OK(Resume(process));
+    ASSERT_EQ(events_->WaitStop(stops, &tid), STOP_REASON_SIGSWBRKPT);
+  }
   ULONG written = 0;
   ASSERT_OK(process->SetMemory(marker, ArrayOf(VT_UI1, {0xcd, 0xab, 0x34, 0x12}).Get(), &written));
   const std::vector<uint64_t> ids = {REG_ID_RIP,    REG_ID_RSP,    REG_ID_RBX,   REG_ID_R12,
