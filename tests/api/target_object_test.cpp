@@ -190,16 +190,8 @@ TEST_F(TargetObjectTest, MacAddressTravelsAsSixBytesAndIsTakenAsBytesOrText) {
   auto mac = [&] {
     vekx::Variant address;
     EXPECT_OK(one->get_MacAddress(address.Put()));
-    std::vector<uint8_t> bytes;
-    LONG upper = -1;
-    void* data = nullptr;
-    if (address.Type() == (VT_ARRAY | VT_UI1) &&
-        SafeArrayGetUBound(address.Get().parray, 1, &upper) == S_OK &&
-        SafeArrayAccessData(address.Get().parray, &data) == S_OK) {
-      bytes.assign(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + upper + 1);
-      SafeArrayUnaccessData(address.Get().parray);
-    }
-    return bytes;
+    EXPECT_EQ(address.Type(), VT_ARRAY | VT_UI1);
+    return Numbers(address);
   };
   auto put_text = [&](const char* text) {
     vekx::Variant value;
@@ -211,11 +203,12 @@ TEST_F(TargetObjectTest, MacAddressTravelsAsSixBytesAndIsTakenAsBytesOrText) {
 
   vekx::Variant original;
   ASSERT_OK(one->get_MacAddress(original.Put()));
-  EXPECT_EQ(mac(), (std::vector<uint8_t>{2, 0, 0, 0, 0, 1}));
+  const std::vector<uint64_t> kOriginal = {2, 0, 0, 0, 0, 1};
+  EXPECT_EQ(mac(), kOriginal);
   EXPECT_OK(put_text("0a-1B-2c-3D-4e-5F"));
-  EXPECT_EQ(mac(), (std::vector<uint8_t>{0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f}));
+  EXPECT_EQ(mac(), (std::vector<uint64_t>{0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f}));
   EXPECT_OK(one->put_MacAddress(original.Get()));
-  EXPECT_EQ(mac(), (std::vector<uint8_t>{2, 0, 0, 0, 0, 1}));
+  EXPECT_EQ(mac(), kOriginal);
 
   // A wrong length, digit or type is refused here and changes nothing.
   EXPECT_EQ(put_text("0a:1b:2c:3d:4e"), E_INVALIDARG);
@@ -223,7 +216,7 @@ TEST_F(TargetObjectTest, MacAddressTravelsAsSixBytesAndIsTakenAsBytesOrText) {
   vekx::Variant number;
   number.Put()->vt = VT_UI4;
   EXPECT_EQ(one->put_MacAddress(number.Get()), E_INVALIDARG);
-  EXPECT_EQ(mac(), (std::vector<uint8_t>{2, 0, 0, 0, 0, 1}));
+  EXPECT_EQ(mac(), kOriginal);
 }
 
 TEST_F(TargetObjectTest, DefaultIsTheServersOneAndAnyPutMakesIt) {
