@@ -168,29 +168,20 @@ class LiveEventsTest : public LiveApiTest {
     return sink.Get();
   }
 
-  // A target object and its handle.
-  vekx::ComPtr<ITarget47> Target(const char* host, ULONG& handle) {
-    vekx::ComPtr<ITarget47> target = LiveApiTest::Target(host);
-    if (target) handle = HandleOf(target);
-    return target;
-  }
-
   // Advises `sink` on every target-side group of `target`.
   void AdviseTargetSide(ITarget47* target, ULONG handle, RecordingSink* sink) {
-    ASSERT_OK(target->AdviseTargetEvents(sink));
-    ASSERT_OK(target->AdviseDebugEvents(sink));
-    ASSERT_OK(target->AdviseConsoleOutputEvents(sink));
-    ASSERT_OK(target->AdviseCacheUpdateEvents(sink));
-    ASSERT_OK(target->AdviseControllerEvents(sink));
-    ASSERT_OK(target->AdviseEventViewerEvents(sink));
-    ASSERT_OK(target->AdviseTrickleEvents(sink));
-    ASSERT_OK(target->AdviseProcessLockEvents(sink));
-    ASSERT_OK(target->AdviseHighFreqFileCopyEvents(sink));
-    ASSERT_OK(target->AdviseLowFreqFileCopyEvents(sink));
     // Generic protocol sinks come with the channels that open them, which vesta-kx does not
     // serve yet; the private client files one directly.
-    ASSERT_OK(client_->Advise(EventGroup::GenericProtocol,
-                              CVEGenericProtocolEventNotifyClient::Make(client_, sink), handle));
+    for (const HRESULT advised :
+         {target->AdviseTargetEvents(sink), target->AdviseDebugEvents(sink),
+          target->AdviseConsoleOutputEvents(sink), target->AdviseCacheUpdateEvents(sink),
+          target->AdviseControllerEvents(sink), target->AdviseEventViewerEvents(sink),
+          target->AdviseTrickleEvents(sink), target->AdviseProcessLockEvents(sink),
+          target->AdviseHighFreqFileCopyEvents(sink), target->AdviseLowFreqFileCopyEvents(sink),
+          client_->Advise(EventGroup::GenericProtocol,
+                          CVEGenericProtocolEventNotifyClient::Make(client_, sink), handle)}) {
+      ASSERT_OK(advised);
+    }
   }
 
   // Starts the server's packet log (through a root of its own, so that api_ does not connect).
@@ -226,9 +217,9 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
 #include "vekxapi/event_sinks.def"
   ASSERT_EQ(expected.size(), kNotificationCount - 1);  // all but DEVICE_READY reach a sink
   ASSERT_NO_FATAL_FAILURE(Serve(TwoKits(scripts)));
-  ULONG handle = 0;
-  const auto target = Target("kit-one", handle);
+  const auto target = Target("kit-one");
   ASSERT_TRUE(target);
+  const ULONG handle = HandleOf(target);
 
   const std::string log_path = ::testing::TempDir() + "vkxevt_notify.log";
   std::remove(log_path.c_str());
@@ -265,8 +256,7 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
 
   // Deleting the target drops its registrations in every group but the Server group's, and only
   // its own. The sweep follows the Server group's delivery on the notification thread.
-  ULONG two_handle = 0;
-  const auto two = Target("kit-two", two_handle);
+  const auto two = Target("kit-two");
   auto* bystander = NewSink();
   ASSERT_OK(two->AdviseTargetEvents(bystander));
   ASSERT_OK(target->Delete());
@@ -279,7 +269,7 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
   ASSERT_TRUE(WaitUntil([&] { return left() == 0; })) << left();
   EXPECT_EQ(sink->Values("OnTargetDeleted", "Handle").back(), std::to_string(handle));
   EXPECT_EQ(client_->RegistrationCount(EventGroup::Server, 0xFFFFFFFF), 1u);
-  EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, two_handle), 1u);
+  EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, HandleOf(two)), 1u);
   // The deleted target's cache is refused, and the index and output stay as they were.
   ULONG index = 5;
   vekx::Variant untouched;
@@ -288,8 +278,7 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
   EXPECT_EQ(untouched.Get().vt, VT_EMPTY);
 
   // Added again, the kit is a new target; a sink advised on it hears its power change.
-  ULONG again_handle = 0;
-  const auto again = Target("kit-one", again_handle);
+  const auto again = Target("kit-one");
   ASSERT_TRUE(again);
   auto* fresh = NewSink();
   ASSERT_OK(again->AdviseTargetEvents(fresh));
@@ -314,10 +303,8 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
                         Script({Step("USB_TARGET_PLUGGED_IN", "{Address: 1}"),
                                 Step("USB_TARGET_PLUGGED_IN", "{Address: 2}")}),
                     Script({Step("CONSOLE_OUTPUT", "{Port: 1, Text: \"line {n}\"}", 0, 2)}))));
-  ULONG one_handle = 0;
-  ULONG two_handle = 0;
-  const auto one = Target("kit-one", one_handle);
-  const auto two = Target("kit-two", two_handle);
+  const auto one = Target("kit-one");
+  const auto two = Target("kit-two");
   ASSERT_TRUE(one && two);
   auto* server = NewSink();
   auto* first = NewSink();
@@ -357,21 +344,24 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
   EXPECT_EQ(server->Values("OnUsbTargetPluggedIn", "Address"), Sequence(1, 2));
   EXPECT_EQ(console->Values("OnConsoleOutput", "Text"),
             (std::vector<std::string>{"line 0", "line 1"}));
+  const ULONG one_handle = HandleOf(one);
   EXPECT_EQ(Logged(log, "REQUEST_TARGET_EVENTS", one_handle), 1u);
   EXPECT_EQ(Logged(log, "REQUEST_SERVER_EVENTS", 0xFFFFFFFF), 1u);
-  EXPECT_EQ(Logged(log, "REQUEST_CONSOLE_OUTPUT_EVENTS", two_handle), 1u);
+  EXPECT_EQ(Logged(log, "REQUEST_CONSOLE_OUTPUT_EVENTS", HandleOf(two)), 1u);
 
   // Each advise subscribes; only the last unadvise under a key cancels.
   auto* third = NewSink();
   ASSERT_OK(one->AdviseTargetEvents(third));
   EXPECT_EQ(Logged(log, "REQUEST_TARGET_EVENTS", one_handle), 2u);
-  EXPECT_OK(one->UnadviseTargetEvents(as_later));
-  EXPECT_OK(one->UnadviseTargetEvents(third));
-  EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, one_handle), 1u);
-  EXPECT_EQ(Logged(log, "CANCEL_TARGET_EVENTS", one_handle), 0u);
-  EXPECT_OK(one->UnadviseTargetEvents(second));
-  EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, one_handle), 0u);
-  EXPECT_EQ(Logged(log, "CANCEL_TARGET_EVENTS", one_handle), 1u);
+  const struct {
+    IEventTarget* sink;
+    size_t left, cancels;
+  } unadvised[] = {{as_later, 2, 0}, {third, 1, 0}, {second, 0, 1}};
+  for (const auto& [sink, left, cancels] : unadvised) {
+    EXPECT_OK(one->UnadviseTargetEvents(sink));
+    EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, one_handle), left);
+    EXPECT_EQ(Logged(log, "CANCEL_TARGET_EVENTS", one_handle), cancels);
+  }
 }
 
 TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
@@ -382,8 +372,7 @@ TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
     steps.push_back(Step("DISPLAY_POWER_STATE", "{DisplayPowerState: " + i + "}"));  // version 7
   }
   ASSERT_NO_FATAL_FAILURE(Serve(TwoKits(Script(steps))));
-  ULONG handle = 0;
-  const auto target = Target("kit-one", handle);
+  const auto target = Target("kit-one");
   ASSERT_TRUE(target);
 
   auto* slow = NewSink();
@@ -398,9 +387,8 @@ TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
   // On the notification thread, inside the group's delivery.
   quitter->on_call = [&] { target->UnadviseTargetEvents(quitter); };
   auto* fence = NewSink();
-  ASSERT_OK(target->AdviseTargetEvents(slow));
-  ASSERT_OK(target->AdviseTargetEvents(base_only));
-  ASSERT_OK(target->AdviseTargetEvents(quitter));
+  for (IEventTarget* sink : std::initializer_list<IEventTarget*>{slow, base_only, quitter})
+    ASSERT_OK(target->AdviseTargetEvents(sink));
   ASSERT_OK(api_->AdviseServerEvents(fence));
   ASSERT_TRUE(WaitUntil([&] { return entered.load(); }));
 
@@ -422,7 +410,7 @@ TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
   EXPECT_EQ(base_only->Values("OnProgress", "RequestId"), Sequence(1, 5));
   EXPECT_EQ(quitter->Values("OnProgress", "RequestId"), Sequence(1, 1));  // and went at once
   EXPECT_EQ(quitter->CallCount(), 1u);
-  EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, handle), 2u);
+  EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, HandleOf(target)), 2u);
 }
 
 // Each piece of a cache fetch as "port text".
@@ -443,26 +431,24 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   ASSERT_NO_FATAL_FAILURE(Serve(TwoKits(
       Script({Step("CONSOLE_OUTPUT", "{Port: 1, Category: 1, Text: \"piece {n}\"}", 1, kPieces)}),
       Script({Step("CONSOLE_OUTPUT", "{Text: x}", 0, 100)}))));
-  ULONG handle = 0;
-  ULONG two_handle = 0;
-  const auto target = Target("kit-one", handle);
-  const auto two = Target("kit-two", two_handle);
+  const auto target = Target("kit-one");
+  const auto two = Target("kit-two");
   ASSERT_TRUE(target && two);
   // Output of a target that has no sink is acknowledged too: kit-two's, subscribed to on the
   // server only, would otherwise use up this client's 64 unacknowledged pieces and hold up
   // kit-one's.
   CRequestConsoleOutputEventsResponse subscribed;
-  ASSERT_OK(client_->Call(two_handle, CRequestConsoleOutputEventsRequest(), subscribed));
-  ULONG two_upper = 0;
-  EXPECT_TRUE(WaitUntil(
-      [&] { return two->get_ConsoleCacheIndex(&two_upper) == S_OK && two_upper == 100; }));
+  ASSERT_OK(client_->Call(HandleOf(two), CRequestConsoleOutputEventsRequest(), subscribed));
+  EXPECT_TRUE(WaitUntil([&] { return Get(two.Get(), &ITarget::get_ConsoleCacheIndex) == 100; }));
   const ULONG start = Get(target.Get(), &ITarget::get_ConsoleCacheIndex);
   auto* sink = NewSink();
   ASSERT_OK(target->AdviseConsoleOutputEvents(sink));  // starts the script
 
-  std::vector<std::string> expected;
-  for (const std::string& i : Sequence(0, kPieces - 1))
+  std::vector<std::string> texts, expected;  // as the sink hears them, and as the cache gives them
+  for (const std::string& i : Sequence(0, kPieces - 1)) {
+    texts.push_back("piece " + i);
     expected.push_back("1 piece " + i);
+  }
   std::vector<std::string> read;
   ULONG index = start;
   int fetches = 0;  // that found something
@@ -478,10 +464,7 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   EXPECT_GT(fetches, 2);  // read while the output came, not all at once
   EXPECT_EQ(index, start + kPieces);
   EXPECT_TRUE(WaitUntil([&] { return sink->CallCount() == kPieces; }));
-  std::vector<std::string> heard;
-  for (const std::string& text : sink->Values("OnConsoleOutput", "Text"))
-    heard.push_back("1 " + text);
-  EXPECT_EQ(heard, expected);
+  EXPECT_EQ(sink->Values("OnConsoleOutput", "Text"), texts);
 
   // Input is cut at its first null; the echo comes back live and into the cache.
   const vekx::Bstr input(std::u16string(u"ls\0rm -rf", 9));
