@@ -244,8 +244,7 @@ TEST_F(LocalTargetTest, ConsoleInputAndOutput) {
   ASSERT_GE(list.size(), 3u);
   for (ULONG fd = 0; fd < 3; ++fd) {
     EXPECT_EQ(Get(list[fd].Get(), &IFile::get_Handle), fd);
-    const std::string path = GetText(list[fd].Get(), &IFile::get_Path);
-    EXPECT_EQ(path.rfind("pipe:", 0), 0u) << path;
+    EXPECT_EQ(GetText(list[fd].Get(), &IFile::get_Path).substr(0, 5), "pipe:");
   }
   ASSERT_OK(process->SendConsoleInput(STREAM_STDIO, B("ping\n").Get()));
   EXPECT_TRUE(servertest::WaitUntil([&] {
@@ -273,12 +272,11 @@ TEST_F(LocalTargetTest, HardwareBreakpointsProgramTheDebugRegisters) {
       {counter, HWBREAKPT_FLAG_BREAK_ON_WRITE, 2, S_OK},
       {tick, code, 1, KXAPI_COMMS_ERR_NO_FREE_HWBRKPT},  // a fifth
   };
-  std::vector<ULONG> ids(std::size(kSlots));
-  for (size_t i = 0; i < ids.size(); ++i) {
-    const auto& slot = kSlots[i];
-    ASSERT_EQ(process_->SetHardwareBreakpoint(slot.address, slot.flags, slot.size, &ids[i]),
-              slot.result)
-        << i;
+  std::vector<ULONG> ids;
+  for (const auto& row : kSlots) {
+    ULONG id = 0;
+    ASSERT_EQ(process_->SetHardwareBreakpoint(row.address, row.flags, row.size, &id), row.result);
+    ids.push_back(id);
   }
   // All four in the debug registers is the gdb tests' HardwarePointsProgramTheDebugRegisters.
   ASSERT_OK(process_->ClearHardwareBreakpoint(ids[0]));
@@ -364,15 +362,6 @@ TEST_F(LocalTargetTest, ThreadsAndThreadSpecificBreakpoint) {
   EXPECT_OK(process->Kill());
 }
 
-// What gdb answers about the test program and `core`, one command after another.
-std::string Gdb(const std::string& core, const std::vector<std::string>& commands) {
-  std::string line = std::string("gdb -batch -nx '") + VEKX_DEBUGGEE + "' '" + core + "'";
-  for (const std::string& command : commands)
-    line += " -ex '" + command + "'";
-  EXPECT_NE(std::system((line + " >'" + core + ".gdb' 2>&1").c_str()), -1);
-  return servertest::ReadText(core + ".gdb");
-}
-
 // A core file of a program stopped at a breakpoint, with three threads and a changed global. As
 // Debian's gdb reads it back: the stopped thread's rip, the global's new value, the code byte
 // under the breakpoint as the program has it (not the int3), and every thread; a mini dump leaves
@@ -420,8 +409,12 @@ TEST_F(LocalTargetTest, CoreDumpsThatGdbReadsAndThatReopenAsReadOnlyTargets) {
                 std::is_sorted(percents.begin(), percents.end()))
         << ::testing::PrintToString(percents);
     if (gdb) {  // else not read back here
-      const std::string answer = Gdb(core, {"print/d $rip", "print/x vekx_marker",
-                                            "print/d *(unsigned char*)&vekx_tick", "info threads"});
+      std::string gdb_line = std::string("gdb -batch -nx '") + VEKX_DEBUGGEE + "' '" + core + "'";
+      for (const char* command : {"print/d $rip", "print/x vekx_marker",
+                                  "print/d *(unsigned char*)&vekx_tick", "info threads"})
+        gdb_line += std::string(" -ex '") + command + "'";
+      EXPECT_NE(std::system((gdb_line + " >'" + core + ".gdb' 2>&1").c_str()), -1);
+      const std::string answer = servertest::ReadText(core + ".gdb");
       for (const std::string& part :
            {"$1 = " + std::to_string(tick) + "\n", std::string("$2 = 0x1234abcd\n"),
             "$3 = " + std::to_string(Numbers(opcode_)[0]) + "\n", std::string("\n  3 ")}) {
