@@ -25,12 +25,8 @@ constexpr char kDebugScenario[] = R"(kits:
     images:
       - path: /app/loop.elf
         entry: 0x401000
-        regions:
-          - {base: 0x401000, hex: "55 48 89 e5 90 90", size: 4096}
-        threads:
-          - name: main
-            path: [0x401000, 0x401004, 0x401005]
-            loop: true
+        regions: [{base: 0x401000, hex: "55 48 89 e5 90 90", size: 4096}]
+        threads: [{name: main, path: [0x401000, 0x401004, 0x401005], loop: true}]
       - path: /app/big.elf
         entry: 0x10000000
         regions:
