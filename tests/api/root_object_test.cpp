@@ -20,6 +20,7 @@
 #include "api/automation_object.h"
 #include "api/error_descriptions.h"
 #include "api/live_api.h"
+#include "api/result_values.h"
 #include "platform/process_identity.h"
 #include "platform/server_process.h"
 #include "platform/wide_string.h"
@@ -51,18 +52,11 @@ std::vector<ULONG> Handles(const Variant& list) {
 
 // VT_ARRAY | VT_VARIANT holding `rules` as dispatch pointers, as a script would pass them.
 Variant RuleArray(const std::vector<IDispatch*>& rules) {
+  std::vector<ComPtr<IDispatch>> objects;
+  for (IDispatch* rule : rules)
+    objects.emplace_back(rule);
   Variant array;
-  SAFEARRAY* data = SafeArrayCreateVector(VT_VARIANT, 0, static_cast<ULONG>(rules.size()));
-  for (LONG i = 0; i < static_cast<LONG>(rules.size()); ++i) {
-    VARIANT element;
-    VariantInit(&element);
-    element.vt = VT_DISPATCH;
-    element.pdispVal = rules[i];
-    SafeArrayPutElement(data, &i, &element);  // copies: AddRefs the rule
-  }
-  VARIANT* out = array.Put();
-  out->vt = VT_ARRAY | VT_VARIANT;
-  out->parray = data;
+  EXPECT_OK(OutObjectArray(objects, array.Put()));
   return array;
 }
 
@@ -123,15 +117,13 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
   expect_local();
   EXPECT_OK(fresh->get_Targets(targets.Put()));
 
-  ComPtr<ITarget> made_before;
-  ASSERT_OK(fresh->AddTarget(B("kit-one").Get(), made_before.Put()));
-  ComPtr<ITarget47> target_before;
-  ASSERT_OK(made_before.QueryInto(IID_ITarget47, target_before));
-  const ULONG handle_before = HandleOf(made_before);
+  const ComPtr<ITarget47> target_before = Target("kit-one", fresh.Get());
+  ASSERT_TRUE(target_before);
+  const ULONG handle_before = HandleOf(target_before);
   EXPECT_OK(fresh->Dispose());
   EXPECT_OK(fresh->Dispose());
   expect_local();
-  EXPECT_EQ(HandleOf(made_before), handle_before);
+  EXPECT_EQ(HandleOf(target_before), handle_before);
 
   // Stop the server: a disposed root neither reaches nor starts one.
   StopServer();
@@ -310,9 +302,7 @@ TEST_F(RootObjectTest, ServerSwitchesClientsAndTheHostDrivesRefusal) {
       FAILED(api_->LoadCoreDump(B("/tmp/core").Get(), nullptr, B("dump-one").Get(), target.Put())));
   ComPtr<ITarget> dump;
   ASSERT_OK(api_->GetCoreDumpTargetByHost(B("dump-one").Get(), dump.Put()));
-  ComPtr<ITarget> kit;
-  ASSERT_OK(api_->AddTarget(B("kit-one").Get(), kit.Put()));
-  EXPECT_NE(HandleOf(dump), HandleOf(kit));
+  EXPECT_NE(HandleOf(dump), HandleOf(Target("kit-one")));
 
   // The host drive has no driver on any platform the server runs on, and says so.
   unsigned char letter = 0;
