@@ -140,15 +140,13 @@ std::string Fill(testing::FieldFiller& filler, std::map<std::string, std::string
   return Step(platform::Utf16ToUtf8(Notification::kName), fields.empty() ? "" : "{" + fields + "}");
 }
 
-// The fields a debug object would be built from, which the event does not expose one by one.
-size_t ObjectSourceFields(std::string_view method) {
-  if (method == "OnStopNotification") return 3;  // ThreadId, Process, Threads
-  if (method == "OnDynamicLibraryLoad" || method == "OnLoadExec" || method == "OnLoadExecFail" ||
-      method == "OnLoadExecTimeout") {
-    return 1;  // Module or ProcessId
-  }
-  return 0;
-}
+// By sink method, how many fields the debug objects are built from, which the event does not
+// expose one by one: ThreadId, Process and Threads for a stop, else Module or ProcessId.
+const std::map<std::string, size_t> kObjectSourceFields = {{"OnStopNotification", 3},
+                                                           {"OnDynamicLibraryLoad", 1},
+                                                           {"OnLoadExec", 1},
+                                                           {"OnLoadExecFail", 1},
+                                                           {"OnLoadExecTimeout", 1}};
 
 // Each test serves a scenario of its own.
 class LiveEventsTest : public LiveApiTest {
@@ -249,8 +247,10 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
       ASSERT_TRUE(values.count(property)) << property;
       EXPECT_EQ(text, values[property]) << property;
     }
-    EXPECT_EQ(call.properties.size() - objects + ObjectSourceFields(call.method), values.size());
-    EXPECT_EQ(objects > 0, ObjectSourceFields(call.method) > 0);
+    const auto source = kObjectSourceFields.find(call.method);
+    const size_t sources = source == kObjectSourceFields.end() ? 0 : source->second;
+    EXPECT_EQ(call.properties.size() - objects + sources, values.size());
+    EXPECT_EQ(objects > 0, sources > 0);
   }
   EXPECT_EQ(heard.size(), expected.size());
 
