@@ -147,9 +147,7 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   const auto process = LoadProcess(target.Get(), DEVICE_APP, "/app/loop.elf", true);
   ASSERT_TRUE(process);
   const ULONG pid = Get(process.Get(), &IProcess::get_Id);
-  vekx::ComPtr<IStopNotification> stop;
-  sink->WaitStop(0, nullptr, &stop);
-  ASSERT_TRUE(stop);  // the stop at the entry point
+  ASSERT_NE(sink->WaitStop(0), 0u);  // the stop at the entry point
 
   vekx::Variant bytes;
   ULONG bad = 99;
@@ -161,9 +159,8 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   EXPECT_EQ(Numbers(opcode), std::vector<uint64_t>{0x90});
 
   ASSERT_OK(Resume(process.Get()));
-  stop.Reset();
-  sink->WaitStop(1, nullptr, &stop);
-  ASSERT_TRUE(stop);
+  vekx::ComPtr<IStopNotification> stop;
+  ASSERT_EQ(sink->WaitStop(1, nullptr, &stop), STOP_REASON_SIGSWBRKPT);
   vekx::ComPtr<IProcessInfo> info;
   ASSERT_OK(stop->get_ProcessInfo(info.Put()));
   EXPECT_EQ(Get(info.Get(), &IProcessInfo::get_Id), pid);
