@@ -166,33 +166,6 @@ class LiveEventsTest : public LiveApiTest {
     return sink.Get();
   }
 
-  // Advises `sink` on every target-side group of `target`.
-  void AdviseTargetSide(ITarget47* target, ULONG handle, RecordingSink* sink) {
-    // Generic protocol sinks come with the channels that open them, which vesta-kx does not
-    // serve yet; the private client files one directly.
-    for (const HRESULT advised :
-         {target->AdviseTargetEvents(sink), target->AdviseDebugEvents(sink),
-          target->AdviseConsoleOutputEvents(sink), target->AdviseCacheUpdateEvents(sink),
-          target->AdviseControllerEvents(sink), target->AdviseEventViewerEvents(sink),
-          target->AdviseTrickleEvents(sink), target->AdviseProcessLockEvents(sink),
-          target->AdviseHighFreqFileCopyEvents(sink), target->AdviseLowFreqFileCopyEvents(sink),
-          client_->Advise(EventGroup::GenericProtocol,
-                          CVEGenericProtocolEventNotifyClient::Make(client_, sink), handle)}) {
-      ASSERT_OK(advised);
-    }
-  }
-
-  // Starts the server's packet log (through a root of its own, so that api_ does not connect).
-  std::string StartPacketLog() {
-    const std::string path =
-        (servertest::TestRoot() / (platform::Utf16ToUtf8(user_) + ".packets")).string();
-    std::remove(path.c_str());
-    const vekx::ComPtr<IVEKXAPI12> root = CheckedRoot();
-    EXPECT_OK(root->StartPacketLogging(B(path).Get()));
-    root->Dispose();
-    return path;
-  }
-
   // How many `request`s for `target` the packet log at `path` shows.
   static size_t Logged(const std::string& path, const std::string& request, uint32_t target) {
     const std::string log = servertest::ReadText(path);
@@ -225,8 +198,19 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
   ASSERT_TRUE(log.SetFile(log_path));
   log.SetLevel(Log::kPackets);
   auto* sink = NewSink();
-  ASSERT_OK(api_->AdviseServerEvents(sink));
-  ASSERT_NO_FATAL_FAILURE(AdviseTargetSide(target.Get(), handle, sink));
+  // Every group. Generic protocol sinks come with the channels that open them, which vesta-kx
+  // does not serve yet; the private client files one directly.
+  for (const HRESULT advised :
+       {api_->AdviseServerEvents(sink), target->AdviseTargetEvents(sink),
+        target->AdviseDebugEvents(sink), target->AdviseConsoleOutputEvents(sink),
+        target->AdviseCacheUpdateEvents(sink), target->AdviseControllerEvents(sink),
+        target->AdviseEventViewerEvents(sink), target->AdviseTrickleEvents(sink),
+        target->AdviseProcessLockEvents(sink), target->AdviseHighFreqFileCopyEvents(sink),
+        target->AdviseLowFreqFileCopyEvents(sink),
+        client_->Advise(EventGroup::GenericProtocol,
+                        CVEGenericProtocolEventNotifyClient::Make(client_, sink), handle)}) {
+    ASSERT_OK(advised);
+  }
   EXPECT_TRUE(WaitUntil([&] { return sink->CallCount() >= expected.size(); })) << sink->CallCount();
   log.SetLevel(Log::kSilent);
   log.SetStandardError();
@@ -329,7 +313,13 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
 
   server_->Kill();
   ASSERT_NO_FATAL_FAILURE(StartServer());
-  const std::string log = StartPacketLog();
+  // The server's packet log, started through a root of its own so that api_ does not connect.
+  const std::string log =
+      (servertest::TestRoot() / (platform::Utf16ToUtf8(user_) + ".packets")).string();
+  std::remove(log.c_str());
+  const vekx::ComPtr<IVEKXAPI12> logger = CheckedRoot();
+  ASSERT_OK(logger->StartPacketLogging(B(log).Get()));
+  logger->Dispose();
   for (RecordingSink* sink : {server, first, second, console})
     sink->Clear();
   EXPECT_OK(ServerVersion(api_.Get()));
