@@ -222,9 +222,8 @@ TEST_F(RootObjectTest, TargetsListsAndLookups) {
   std::vector<Variant> addresses;
   ASSERT_OK(vekx::ArrayElements(list.Get(), addresses));
   std::vector<std::string> found;
-  for (const Variant& address : addresses) {
+  for (const Variant& address : addresses)
     found.push_back(Bstr(platform::BstrView(address.Get().bstrVal)).Utf8());
-  }
   EXPECT_EQ(found, (std::vector<std::string>{"10.1.0.1", "10.1.0.2"}));
 }
 
