@@ -141,12 +141,6 @@ TEST(DebugRecordsTest, UnknownWaitObjectKindFailsToDecode) {
 }
 
 TEST(DebugRecordsTest, RendersLabelsAndAbsentOptionals) {
-  CGetMemoryRequest request;
-  request.ProcessID = 81;
-  request.BaseAddress = 4096;
-  request.Size = 16;
-  EXPECT_EQ(request.ToString(), "{ ProcessID:81 BaseAddress:4096 Size:16 }");
-
   CGetThreadInfoSnapshotResponse response;
   response.Sequence = 4;
   ThreadInfoRecord thread;
