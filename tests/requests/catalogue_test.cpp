@@ -12,7 +12,6 @@ namespace qv {
 namespace {
 
 using testing::ByteVector;
-using testing::DecodeAll;
 using testing::Encode;
 using testing::HandBytes;
 
@@ -175,22 +174,6 @@ TEST(CatalogueTest, ABrokenResponseHeadLeavesAnEmptyOne) {
   EXPECT_EQ(broken.Result, 0u);
   EXPECT_EQ(broken.Sequence, 0u);
   EXPECT_TRUE(broken.ResultText.empty());
-}
-
-TEST(CatalogueTest, TruncatedResponsesNeverDecode) {
-  CFetchConsoleCacheResponse full;
-  full.Sequence = 4;
-  full.NextIndex = 10;
-  full.Records = {{0, 1, 99, 1234, 5, u"hello"}, {1, 0, 100, 1, 1, u""}};
-  const ByteVector bytes = Encode(full);
-  for (size_t n = 0; n < bytes.size(); ++n) {
-    MessageBuffer buffer(bytes.data(), n);
-    EXPECT_FALSE(CFetchConsoleCacheResponse().Deserialize(buffer)) << n;
-  }
-  CFetchConsoleCacheResponse response;
-  ASSERT_TRUE(DecodeAll(bytes, response));
-  EXPECT_EQ(response.Records, full.Records);
-  EXPECT_EQ(response.NextIndex, 10u);
 }
 
 // Both factories hold exactly the documented operations; each message round-trips, and a response
