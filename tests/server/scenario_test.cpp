@@ -264,10 +264,10 @@ TEST(ScenarioTest, TheReadersAgreeOnEveryScenario) {
   }
 }
 
-// Kit scripts: the forms of field values that no scenario of the end-to-end tests writes (the
-// largest 64-bit number, null, byte pairs with separators and upper case, a target key of the
-// step's own) and the text placeholders: {time_ns} is the steady clock when the step is sent, {n}
-// the repetition; other braces stay.
+// Kit scripts: the forms of field values that no scenario of the end-to-end tests writes (hex
+// above 2^31, the largest 64-bit number, null, byte pairs with separators and upper case, a target
+// key of the step's own) and the text placeholders: {time_ns} is the steady clock when the step is
+// sent, {n} the repetition; other braces stay.
 TEST(ScenarioScriptTest, FieldFormsAndPlaceholdersAreWrittenAsDocumented) {
   constexpr char kScripted[] = R"(kits:
   - host: kit-a
@@ -276,7 +276,7 @@ TEST(ScenarioScriptTest, FieldFormsAndPlaceholdersAreWrittenAsDocumented) {
         steps:
           - notification: CONSOLE_OUTPUT
             after_ms: 5
-            fields: {Timestamp: 18446744073709551615, Text: "{n}:{time_ns} {x} {n"}
+            fields: {Category: 0x80004005, Timestamp: 18446744073709551615, Text: "{n}:{time_ns} {x} {n"}
           - notification: NOTIFICATION_EVENT
             fields: {TargetKey: 9, Data: "de:ad be EF"}
           - notification: CONSOLE_OUTPUT
@@ -300,6 +300,7 @@ TEST(ScenarioScriptTest, FieldFormsAndPlaceholdersAreWrittenAsDocumented) {
     const uint64_t after = now_ns();
     const auto& output = dynamic_cast<const CConsoleOutputNotification&>(*sent);
     EXPECT_EQ(output.TargetKey, 42u);  // not given: the kit's handle
+    EXPECT_EQ(output.Category, 0x80004005u);
     EXPECT_EQ(output.Timestamp, UINT64_MAX);
     const std::string text = platform::Utf16ToUtf8(output.Text);
     ASSERT_EQ(text.rfind("7:", 0), 0u) << text;
