@@ -135,8 +135,7 @@ class LocalTargetTest : public LiveApiTest {
 // changed, passes the breakpoint once resumed, steps, has its registers written and read back
 // (the upper half of a YMM register too), and is killed.
 TEST_F(LocalTargetTest, BreakReadWriteStepRegistersKill) {
-  const uint64_t tick = Symbol("vekx_tick");
-  const uint64_t counter = Symbol("vekx_counter");
+  const uint64_t tick = Symbol("vekx_tick"), counter = Symbol("vekx_counter");
   ASSERT_NE(tick, 0u);
   ASSERT_NO_FATAL_FAILURE(LoadStopped("spin", tick));
   IProcess10* process = process_.Get();
@@ -257,8 +256,7 @@ TEST_F(LocalTargetTest, ConsoleInputAndOutput) {
 // a fifth is refused, and clearing one frees its slot.
 TEST_F(LocalTargetTest, HardwareBreakpointsProgramTheDebugRegisters) {
   ASSERT_NO_FATAL_FAILURE(LoadStopped("spin"));
-  const uint64_t tick = Symbol("vekx_tick");
-  const uint64_t counter = Symbol("vekx_counter");
+  const uint64_t tick = Symbol("vekx_tick"), counter = Symbol("vekx_counter");
   const auto code = static_cast<eHardwareBreakPtFlags>(0);
   const struct {
     uint64_t address;
@@ -292,9 +290,8 @@ TEST_F(LocalTargetTest, HardwareBreakpointsProgramTheDebugRegisters) {
 // without the breakpoint. The server refuses to attach to its own ancestors.
 TEST_F(LocalTargetTest, AttachBreakDetach) {
   const std::string scope = servertest::ReadText("/proc/sys/kernel/yama/ptrace_scope");
-  if (geteuid() != 0 && !scope.empty() && scope[0] != '0') {
+  if (geteuid() != 0 && !scope.empty() && scope[0] != '0')
     GTEST_SKIP() << "Yama's ptrace_scope lets only descendants be traced: not tested";
-  }
   const pid_t child = fork();
   if (child == 0) {
     execl(VEKX_DEBUGGEE, VEKX_DEBUGGEE, "spin", nullptr);
@@ -372,8 +369,7 @@ TEST_F(LocalTargetTest, ThreadsAndThreadSpecificBreakpoint) {
 // pseudo host finds it. Nothing is dumped while the program runs.
 TEST_F(LocalTargetTest, CoreDumpsThatGdbReadsAndThatReopenAsReadOnlyTargets) {
   const bool gdb = std::filesystem::exists("/usr/bin/gdb");
-  const uint64_t tick = Symbol("vekx_tick");
-  const uint64_t marker = Symbol("vekx_marker");
+  const uint64_t tick = Symbol("vekx_tick"), marker = Symbol("vekx_marker");
   ULONG tid = 0;
   ASSERT_NO_FATAL_FAILURE(LoadStopped("threads 2", tick));
   IProcess10* process = process_.Get();
