@@ -25,12 +25,8 @@ constexpr char kDebugScenario[] = R"(kits:
     images:
       - path: /app/loop.elf
         entry: 0x401000
-        regions:
-          - {base: 0x401000, hex: "55 48 89 e5 90 90", size: 4096}
-        threads:
-          - name: main
-            path: [0x401000, 0x401004, 0x401005]
-            loop: true
+        regions: [{base: 0x401000, hex: "55 48 89 e5 90 90", size: 4096}]
+        threads: [{name: main, path: [0x401000, 0x401004, 0x401005], loop: true}]
       - path: /app/big.elf
         entry: 0x10000000
         regions:
@@ -41,43 +37,33 @@ constexpr char kDebugScenario[] = R"(kits:
 // Each method checks its out-pointers, then the link, before anything is sent; register calls
 // check their id array first. A process object without a link shows the order.
 TEST(DebugObjectChecks, OutPointersThenLinkThenArguments) {
-  vekx::ComPtr<IProcess10> process;
-  ASSERT_OK(
-      CreateProcessObject(nullptr, 1, 7, IID_IProcess10, reinterpret_cast<void**>(process.Put())));
-  vekx::ComPtr<IThread2> thread;
-  ASSERT_OK(
-      CreateThreadObject(nullptr, 1, 7, 8, IID_IThread2, reinterpret_cast<void**>(thread.Put())));
+  vekx::ComPtr<IProcess10> p;  // process 7 of target 1
+  ASSERT_OK(CreateProcessObject(nullptr, 1, 7, IID_IProcess10, reinterpret_cast<void**>(p.Put())));
+  vekx::ComPtr<IThread2> t;  // its thread 8
+  ASSERT_OK(CreateThreadObject(nullptr, 1, 7, 8, IID_IThread2, reinterpret_cast<void**>(t.Put())));
   VARIANT out;
   VariantInit(&out);
-  ULONG number = 0;
-  const vekx::Variant i4_ids = ArrayOf(VT_I4, {0x10000});
-  const vekx::Variant u4_ids = ArrayOf(VT_UI4, {0x10000});
+  ULONG pid = 0;
+  const vekx::Variant i4 = ArrayOf(VT_I4, {0x10000}), u4 = ArrayOf(VT_UI4, {0x10000});  // ids
   const struct {
-    const char* call;
-    std::function<HRESULT()> run;
     HRESULT expected;
+    std::function<HRESULT()> call;
+    const char* what;
   } kCases[] = {
-      {"GetMemory null buffer", [&] { return process->GetMemory(0, 1, &number, nullptr); },
-       E_POINTER},
-      {"GetMemory null bad count", [&] { return process->GetMemory(0, 1, nullptr, &out); },
-       E_UNEXPECTED},
-      {"Resume wrong ids, no link", [&] { return process->Resume(u4_ids.Get(), &out); },
-       E_UNEXPECTED},
-      {"SyncPrimitives null out, no link", [&] { return process->get_SyncPrimitives(nullptr); },
-       E_UNEXPECTED},
-      {"Suspend null thread list", [&] { return process->Suspend(nullptr, &out, &out); },
-       E_POINTER},
-      {"Id without a link", [&] { return process->get_Id(&number); }, S_OK},
-      {"GetRegisters VT_UI4 ids", [&] { return thread->GetRegisters(u4_ids.Get(), nullptr); },
-       E_INVALIDARG},
-      {"GetRegisters VT_I4 ids, no link",
-       [&] { return thread->GetRegisters(i4_ids.Get(), nullptr); }, E_UNEXPECTED},
-      {"GetCompressedMemory null buffer",
-       [&] { return process->GetCompressedMemory(0, 1, 1, VARIANT_TRUE, nullptr); }, E_POINTER},
+      {E_POINTER, [&] { return p->GetMemory(0, 1, &pid, nullptr); }, "GetMemory, null buffer"},
+      {E_UNEXPECTED, [&] { return p->GetMemory(0, 1, nullptr, &out); }, "GetMemory, null count"},
+      {E_UNEXPECTED, [&] { return p->Resume(u4.Get(), &out); }, "Resume, wrong ids"},
+      {E_UNEXPECTED, [&] { return p->get_SyncPrimitives(nullptr); }, "SyncPrimitives"},
+      {E_POINTER, [&] { return p->Suspend(nullptr, &out, &out); }, "Suspend, null list"},
+      {S_OK, [&] { return p->get_Id(&pid); }, "get_Id, no link"},
+      {E_INVALIDARG, [&] { return t->GetRegisters(u4.Get(), nullptr); }, "GetRegisters, VT_UI4"},
+      {E_UNEXPECTED, [&] { return t->GetRegisters(i4.Get(), nullptr); }, "GetRegisters, no link"},
+      {E_POINTER, [&] { return p->GetCompressedMemory(0, 1, 1, VARIANT_TRUE, nullptr); },
+       "GetCompressedMemory"},
   };
   for (const auto& test : kCases)
-    EXPECT_EQ(test.run(), test.expected) << test.call;
-  EXPECT_EQ(number, 7u);
+    EXPECT_EQ(test.call(), test.expected) << test.what;
+  EXPECT_EQ(pid, 7u);
 }
 
 // Optional fields left out read as zero; a stop code above 0x7FFFFFFF reads back negative.
@@ -102,13 +88,9 @@ TEST(DebugValueObjects, ThreadInfoWithoutOptionalFields) {
   zero(&IThreadInfo6::get_RIP, &IThreadInfo6::get_BranchFrom, &IThreadInfo6::get_BranchTo,
        &IThreadInfo6::get_CurrentPTC, &IThreadInfo6::get_SyscallStartPTC, &IThreadInfo6::get_CpuId,
        &IThreadInfo6::get_Flags);
-  using Array = HRESULT (STDMETHODCALLTYPE IThreadInfo6::*)(VARIANT*);
-  for (Array get : std::initializer_list<Array>{&IThreadInfo6::get_ExtraReasonInfo,
-                                                &IThreadInfo6::get_WaitObject}) {
-    vekx::Variant array;
-    ASSERT_OK((info.Get()->*get)(array.Put()));
-    EXPECT_TRUE(Numbers(array).empty());
-  }
+  EXPECT_TRUE(
+      ListOf<IUnknown>(info.Get(), &IThreadInfo6::get_ExtraReasonInfo, IID_IUnknown).empty());
+  EXPECT_TRUE(ListOf<IUnknown>(info.Get(), &IThreadInfo6::get_WaitObject, IID_IUnknown).empty());
   EXPECT_LT(static_cast<int32_t>(StopCode(info.Get())), 0);
 }
 
@@ -121,26 +103,14 @@ TEST(DebugValueObjects, EverySynchronisationKind) {
   lists.Kind##List.emplace_back().KernelID = kernel_id++;
   VEKX_SYNC_OBJECT_KINDS(VEKX_ONE_OF_KIND)
 #undef VEKX_ONE_OF_KIND
-  const IID* const kInterfaces[] = {&IID_IUltQueueDataResourcePool,
-                                    &IID_IUltWaitingQueueResourcePool,
-                                    &IID_IUltQueue,
-                                    &IID_IUltRwlock,
-                                    &IID_IUltSemaphore,
-                                    &IID_IUltConditionVariable,
-                                    &IID_IUltMutex,
-                                    &IID_IVestaSemaphore,
-                                    &IID_IVestaKernelSemaphore,
-                                    &IID_IVestaEventFlag,
-                                    &IID_IVestaKernelEventFlag,
-                                    &IID_IVestaMutex,
-                                    &IID_IPosixMutex,
-                                    &IID_IVestaBarrier,
-                                    &IID_IPosixBarrier,
-                                    &IID_IVestaRwlock2,
-                                    &IID_IPosixRwlock2,
-                                    &IID_IVestaConditionVariable,
-                                    &IID_IPosixConditionVariable,
-                                    &IID_IVestaEventQueue2};
+  const IID* const kInterfaces[] = {
+      &IID_IUltQueueDataResourcePool, &IID_IUltWaitingQueueResourcePool, &IID_IUltQueue,
+      &IID_IUltRwlock, &IID_IUltSemaphore, &IID_IUltConditionVariable, &IID_IUltMutex,
+      // then the system's kinds, each beside its POSIX twin where it has one
+      &IID_IVestaSemaphore, &IID_IVestaKernelSemaphore, &IID_IVestaEventFlag,
+      &IID_IVestaKernelEventFlag, &IID_IVestaMutex, &IID_IPosixMutex, &IID_IVestaBarrier,
+      &IID_IPosixBarrier, &IID_IVestaRwlock2, &IID_IPosixRwlock2, &IID_IVestaConditionVariable,
+      &IID_IPosixConditionVariable, &IID_IVestaEventQueue2};
   vekx::Variant array;
   ASSERT_OK(OutSyncPrimitiveArray(lists, array.Put()));
   const auto elements = Objects<IDispatch>(array, IID_IDispatch);
@@ -173,9 +143,7 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   const auto process = LoadProcess(target.Get(), DEVICE_APP, "/app/loop.elf", true);
   ASSERT_TRUE(process);
   const ULONG pid = Get(process.Get(), &IProcess::get_Id);
-  vekx::ComPtr<IStopNotification> stop;
-  sink->WaitStop(0, nullptr, &stop);
-  ASSERT_TRUE(stop);  // the stop at the entry point
+  ASSERT_NE(sink->WaitStop(0), 0u);  // the stop at the entry point
 
   vekx::Variant bytes;
   ULONG bad = 99;
@@ -187,9 +155,8 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   EXPECT_EQ(Numbers(opcode), std::vector<uint64_t>{0x90});
 
   ASSERT_OK(Resume(process.Get()));
-  stop.Reset();
-  sink->WaitStop(1, nullptr, &stop);
-  ASSERT_TRUE(stop);
+  vekx::ComPtr<IStopNotification> stop;
+  ASSERT_EQ(sink->WaitStop(1, nullptr, &stop), STOP_REASON_SIGSWBRKPT);
   vekx::ComPtr<IProcessInfo> info;
   ASSERT_OK(stop->get_ProcessInfo(info.Put()));
   EXPECT_EQ(Get(info.Get(), &IProcessInfo::get_Id), pid);
@@ -208,9 +175,7 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   EXPECT_EQ(Get(thread.Get(), &IThread::get_Id), tid);
   vekx::Variant values;
   ASSERT_OK(thread->GetRegisters(ArrayOf(VT_I4, {REG_ID_RIP}).Get(), values.Put()));
-  const std::vector<uint64_t> words = Numbers(values);
-  ASSERT_EQ(words.size(), 4u);
-  EXPECT_EQ(words[0], 0x401004u);
+  EXPECT_EQ(Numbers(values), (std::vector<uint64_t>{0x401004, 0, 0, 0}));
   const auto ids = ArrayOf(VT_I4, {REG_ID_RAX, REG_ID_RBX, REG_ID_RCX});
   EXPECT_EQ(thread->SetRegisters(ids.Get(), ArrayOf(VT_UI8, std::vector<uint64_t>(11)).Get()),
             E_INVALIDARG);
@@ -245,12 +210,10 @@ TEST_F(DebugLiveTest, LargeReadsOnManyThreadsEachGetTheirOwnBytes) {
       {0x103F0000, 128 << 10, 64 << 10},  // off the end of the second
       {0x10000000, 2000, 0},              // small
   };
+  // The fills' bytes go up by 0x11: 11 22 33 in the first region, 44 to 88 in the second.
   auto expected = [](uint64_t address) -> uint8_t {
-    static const uint8_t kFirst[] = {0x11, 0x22, 0x33};
-    static const uint8_t kSecond[] = {0x44, 0x55, 0x66, 0x77, 0x88};
-    if (address < 0x10200000) return kFirst[(address - 0x10000000) % 3];
-    if (address < 0x10400000) return kSecond[(address - 0x10200000) % 5];
-    return 0;
+    if (address < 0x10200000) return 0x11 * (1 + (address - 0x10000000) % 3);
+    return address < 0x10400000 ? 0x44 + 0x11 * ((address - 0x10200000) % 5) : 0;
   };
   std::vector<std::thread> threads;
   std::atomic<int> wrong{0};
@@ -260,20 +223,14 @@ TEST_F(DebugLiveTest, LargeReadsOnManyThreadsEachGetTheirOwnBytes) {
         vekx::Variant bytes;
         ULONG bad = 0;
         void* data = nullptr;
-        if (process->GetMemory(read.address, read.size, &bad, bytes.Put()) != S_OK ||
-            bad != read.bad || bytes.Type() != (VT_ARRAY | VT_UI1) ||
-            bytes.Get().parray->rgsabound[0].cElements != read.size ||
-            SafeArrayAccessData(bytes.Get().parray, &data) != S_OK) {
-          ++wrong;
-          return;
-        }
-        SafeArrayUnaccessData(bytes.Get().parray);
-        for (size_t i = 0; i < read.size; ++i) {
-          if (static_cast<const uint8_t*>(data)[i] != expected(read.address + i)) {
-            ++wrong;
-            return;
-          }
-        }
+        bool right = process->GetMemory(read.address, read.size, &bad, bytes.Put()) == S_OK &&
+                     bad == read.bad && bytes.Type() == (VT_ARRAY | VT_UI1) &&
+                     bytes.Get().parray->rgsabound[0].cElements == read.size &&
+                     SafeArrayAccessData(bytes.Get().parray, &data) == S_OK;
+        for (size_t i = 0; right && i < read.size; ++i)
+          right = static_cast<const uint8_t*>(data)[i] == expected(read.address + i);
+        if (data != nullptr) SafeArrayUnaccessData(bytes.Get().parray);
+        if (!right) ++wrong;
       });
     }
   }

@@ -140,15 +140,13 @@ std::string Fill(testing::FieldFiller& filler, std::map<std::string, std::string
   return Step(platform::Utf16ToUtf8(Notification::kName), fields.empty() ? "" : "{" + fields + "}");
 }
 
-// The fields a debug object would be built from, which the event does not expose one by one.
-size_t ObjectSourceFields(std::string_view method) {
-  if (method == "OnStopNotification") return 3;  // ThreadId, Process, Threads
-  if (method == "OnDynamicLibraryLoad" || method == "OnLoadExec" || method == "OnLoadExecFail" ||
-      method == "OnLoadExecTimeout") {
-    return 1;  // Module or ProcessId
-  }
-  return 0;
-}
+// By sink method, how many fields the debug objects are built from, which the event does not
+// expose one by one: ThreadId, Process and Threads for a stop, else Module or ProcessId.
+const std::map<std::string, size_t> kObjectSourceFields = {{"OnStopNotification", 3},
+                                                           {"OnDynamicLibraryLoad", 1},
+                                                           {"OnLoadExec", 1},
+                                                           {"OnLoadExecFail", 1},
+                                                           {"OnLoadExecTimeout", 1}};
 
 // Each test serves a scenario of its own.
 class LiveEventsTest : public LiveApiTest {
@@ -166,42 +164,6 @@ class LiveEventsTest : public LiveApiTest {
     const auto sink = vekx::MakeSink<Sink>();
     sinks_.emplace_back(sink.Get());
     return sink.Get();
-  }
-
-  // A target object and its handle.
-  vekx::ComPtr<ITarget47> Target(const char* host, ULONG& handle) {
-    vekx::ComPtr<ITarget47> target = LiveApiTest::Target(host);
-    if (target) handle = HandleOf(target);
-    return target;
-  }
-
-  // Advises `sink` on every target-side group of `target`.
-  void AdviseTargetSide(ITarget47* target, ULONG handle, RecordingSink* sink) {
-    ASSERT_OK(target->AdviseTargetEvents(sink));
-    ASSERT_OK(target->AdviseDebugEvents(sink));
-    ASSERT_OK(target->AdviseConsoleOutputEvents(sink));
-    ASSERT_OK(target->AdviseCacheUpdateEvents(sink));
-    ASSERT_OK(target->AdviseControllerEvents(sink));
-    ASSERT_OK(target->AdviseEventViewerEvents(sink));
-    ASSERT_OK(target->AdviseTrickleEvents(sink));
-    ASSERT_OK(target->AdviseProcessLockEvents(sink));
-    ASSERT_OK(target->AdviseHighFreqFileCopyEvents(sink));
-    ASSERT_OK(target->AdviseLowFreqFileCopyEvents(sink));
-    // Generic protocol sinks come with the channels that open them, which vesta-kx does not
-    // serve yet; the private client files one directly.
-    ASSERT_OK(client_->Advise(EventGroup::GenericProtocol,
-                              CVEGenericProtocolEventNotifyClient::Make(client_, sink), handle));
-  }
-
-  // Starts the server's packet log (through a root of its own, so that api_ does not connect).
-  std::string StartPacketLog() {
-    const std::string path =
-        (servertest::TestRoot() / (platform::Utf16ToUtf8(user_) + ".packets")).string();
-    std::remove(path.c_str());
-    const vekx::ComPtr<IVEKXAPI12> root = CheckedRoot();
-    EXPECT_OK(root->StartPacketLogging(B(path).Get()));
-    root->Dispose();
-    return path;
   }
 
   // How many `request`s for `target` the packet log at `path` shows.
@@ -226,9 +188,9 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
 #include "vekxapi/event_sinks.def"
   ASSERT_EQ(expected.size(), kNotificationCount - 1);  // all but DEVICE_READY reach a sink
   ASSERT_NO_FATAL_FAILURE(Serve(TwoKits(scripts)));
-  ULONG handle = 0;
-  const auto target = Target("kit-one", handle);
+  const auto target = Target("kit-one");
   ASSERT_TRUE(target);
+  const ULONG handle = HandleOf(target);
 
   const std::string log_path = ::testing::TempDir() + "vkxevt_notify.log";
   std::remove(log_path.c_str());
@@ -236,8 +198,19 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
   ASSERT_TRUE(log.SetFile(log_path));
   log.SetLevel(Log::kPackets);
   auto* sink = NewSink();
-  ASSERT_OK(api_->AdviseServerEvents(sink));
-  ASSERT_NO_FATAL_FAILURE(AdviseTargetSide(target.Get(), handle, sink));
+  // Every group. Generic protocol sinks come with the channels that open them, which vesta-kx
+  // does not serve yet; the private client files one directly.
+  for (const HRESULT advised :
+       {api_->AdviseServerEvents(sink), target->AdviseTargetEvents(sink),
+        target->AdviseDebugEvents(sink), target->AdviseConsoleOutputEvents(sink),
+        target->AdviseCacheUpdateEvents(sink), target->AdviseControllerEvents(sink),
+        target->AdviseEventViewerEvents(sink), target->AdviseTrickleEvents(sink),
+        target->AdviseProcessLockEvents(sink), target->AdviseHighFreqFileCopyEvents(sink),
+        target->AdviseLowFreqFileCopyEvents(sink),
+        client_->Advise(EventGroup::GenericProtocol,
+                        CVEGenericProtocolEventNotifyClient::Make(client_, sink), handle)}) {
+    ASSERT_OK(advised);
+  }
   EXPECT_TRUE(WaitUntil([&] { return sink->CallCount() >= expected.size(); })) << sink->CallCount();
   log.SetLevel(Log::kSilent);
   log.SetStandardError();
@@ -258,15 +231,16 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
       ASSERT_TRUE(values.count(property)) << property;
       EXPECT_EQ(text, values[property]) << property;
     }
-    EXPECT_EQ(call.properties.size() - objects + ObjectSourceFields(call.method), values.size());
-    EXPECT_EQ(objects > 0, ObjectSourceFields(call.method) > 0);
+    const auto source = kObjectSourceFields.find(call.method);
+    const size_t sources = source == kObjectSourceFields.end() ? 0 : source->second;
+    EXPECT_EQ(call.properties.size() - objects + sources, values.size());
+    EXPECT_EQ(objects > 0, sources > 0);
   }
   EXPECT_EQ(heard.size(), expected.size());
 
   // Deleting the target drops its registrations in every group but the Server group's, and only
   // its own. The sweep follows the Server group's delivery on the notification thread.
-  ULONG two_handle = 0;
-  const auto two = Target("kit-two", two_handle);
+  const auto two = Target("kit-two");
   auto* bystander = NewSink();
   ASSERT_OK(two->AdviseTargetEvents(bystander));
   ASSERT_OK(target->Delete());
@@ -279,7 +253,7 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
   ASSERT_TRUE(WaitUntil([&] { return left() == 0; })) << left();
   EXPECT_EQ(sink->Values("OnTargetDeleted", "Handle").back(), std::to_string(handle));
   EXPECT_EQ(client_->RegistrationCount(EventGroup::Server, 0xFFFFFFFF), 1u);
-  EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, two_handle), 1u);
+  EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, HandleOf(two)), 1u);
   // The deleted target's cache is refused, and the index and output stay as they were.
   ULONG index = 5;
   vekx::Variant untouched;
@@ -288,8 +262,7 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
   EXPECT_EQ(untouched.Get().vt, VT_EMPTY);
 
   // Added again, the kit is a new target; a sink advised on it hears its power change.
-  ULONG again_handle = 0;
-  const auto again = Target("kit-one", again_handle);
+  const auto again = Target("kit-one");
   ASSERT_TRUE(again);
   auto* fresh = NewSink();
   ASSERT_OK(again->AdviseTargetEvents(fresh));
@@ -314,10 +287,8 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
                         Script({Step("USB_TARGET_PLUGGED_IN", "{Address: 1}"),
                                 Step("USB_TARGET_PLUGGED_IN", "{Address: 2}")}),
                     Script({Step("CONSOLE_OUTPUT", "{Port: 1, Text: \"line {n}\"}", 0, 2)}))));
-  ULONG one_handle = 0;
-  ULONG two_handle = 0;
-  const auto one = Target("kit-one", one_handle);
-  const auto two = Target("kit-two", two_handle);
+  const auto one = Target("kit-one");
+  const auto two = Target("kit-two");
   ASSERT_TRUE(one && two);
   auto* server = NewSink();
   auto* first = NewSink();
@@ -342,7 +313,13 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
 
   server_->Kill();
   ASSERT_NO_FATAL_FAILURE(StartServer());
-  const std::string log = StartPacketLog();
+  // The server's packet log, started through a root of its own so that api_ does not connect.
+  const std::string log =
+      (servertest::TestRoot() / (platform::Utf16ToUtf8(user_) + ".packets")).string();
+  std::remove(log.c_str());
+  const vekx::ComPtr<IVEKXAPI12> logger = CheckedRoot();
+  ASSERT_OK(logger->StartPacketLogging(B(log).Get()));
+  logger->Dispose();
   for (RecordingSink* sink : {server, first, second, console})
     sink->Clear();
   EXPECT_OK(ServerVersion(api_.Get()));
@@ -357,21 +334,24 @@ TEST_F(LiveEventsTest, SubscriptionsGoBySinkAndAreRenewedOnceWhenTheServerComesB
   EXPECT_EQ(server->Values("OnUsbTargetPluggedIn", "Address"), Sequence(1, 2));
   EXPECT_EQ(console->Values("OnConsoleOutput", "Text"),
             (std::vector<std::string>{"line 0", "line 1"}));
+  const ULONG one_handle = HandleOf(one);
   EXPECT_EQ(Logged(log, "REQUEST_TARGET_EVENTS", one_handle), 1u);
   EXPECT_EQ(Logged(log, "REQUEST_SERVER_EVENTS", 0xFFFFFFFF), 1u);
-  EXPECT_EQ(Logged(log, "REQUEST_CONSOLE_OUTPUT_EVENTS", two_handle), 1u);
+  EXPECT_EQ(Logged(log, "REQUEST_CONSOLE_OUTPUT_EVENTS", HandleOf(two)), 1u);
 
   // Each advise subscribes; only the last unadvise under a key cancels.
   auto* third = NewSink();
   ASSERT_OK(one->AdviseTargetEvents(third));
   EXPECT_EQ(Logged(log, "REQUEST_TARGET_EVENTS", one_handle), 2u);
-  EXPECT_OK(one->UnadviseTargetEvents(as_later));
-  EXPECT_OK(one->UnadviseTargetEvents(third));
-  EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, one_handle), 1u);
-  EXPECT_EQ(Logged(log, "CANCEL_TARGET_EVENTS", one_handle), 0u);
-  EXPECT_OK(one->UnadviseTargetEvents(second));
-  EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, one_handle), 0u);
-  EXPECT_EQ(Logged(log, "CANCEL_TARGET_EVENTS", one_handle), 1u);
+  const struct {
+    IEventTarget* sink;
+    size_t left, cancels;
+  } unadvised[] = {{as_later, 2, 0}, {third, 1, 0}, {second, 0, 1}};
+  for (const auto& [sink, left, cancels] : unadvised) {
+    EXPECT_OK(one->UnadviseTargetEvents(sink));
+    EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, one_handle), left);
+    EXPECT_EQ(Logged(log, "CANCEL_TARGET_EVENTS", one_handle), cancels);
+  }
 }
 
 TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
@@ -382,8 +362,7 @@ TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
     steps.push_back(Step("DISPLAY_POWER_STATE", "{DisplayPowerState: " + i + "}"));  // version 7
   }
   ASSERT_NO_FATAL_FAILURE(Serve(TwoKits(Script(steps))));
-  ULONG handle = 0;
-  const auto target = Target("kit-one", handle);
+  const auto target = Target("kit-one");
   ASSERT_TRUE(target);
 
   auto* slow = NewSink();
@@ -398,9 +377,8 @@ TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
   // On the notification thread, inside the group's delivery.
   quitter->on_call = [&] { target->UnadviseTargetEvents(quitter); };
   auto* fence = NewSink();
-  ASSERT_OK(target->AdviseTargetEvents(slow));
-  ASSERT_OK(target->AdviseTargetEvents(base_only));
-  ASSERT_OK(target->AdviseTargetEvents(quitter));
+  for (IEventTarget* sink : std::initializer_list<IEventTarget*>{slow, base_only, quitter})
+    ASSERT_OK(target->AdviseTargetEvents(sink));
   ASSERT_OK(api_->AdviseServerEvents(fence));
   ASSERT_TRUE(WaitUntil([&] { return entered.load(); }));
 
@@ -422,7 +400,7 @@ TEST_F(LiveEventsTest, SlowFailingAndLeavingSinksHoldUpNothingElse) {
   EXPECT_EQ(base_only->Values("OnProgress", "RequestId"), Sequence(1, 5));
   EXPECT_EQ(quitter->Values("OnProgress", "RequestId"), Sequence(1, 1));  // and went at once
   EXPECT_EQ(quitter->CallCount(), 1u);
-  EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, handle), 2u);
+  EXPECT_EQ(client_->RegistrationCount(EventGroup::Target, HandleOf(target)), 2u);
 }
 
 // Each piece of a cache fetch as "port text".
@@ -443,26 +421,24 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   ASSERT_NO_FATAL_FAILURE(Serve(TwoKits(
       Script({Step("CONSOLE_OUTPUT", "{Port: 1, Category: 1, Text: \"piece {n}\"}", 1, kPieces)}),
       Script({Step("CONSOLE_OUTPUT", "{Text: x}", 0, 100)}))));
-  ULONG handle = 0;
-  ULONG two_handle = 0;
-  const auto target = Target("kit-one", handle);
-  const auto two = Target("kit-two", two_handle);
+  const auto target = Target("kit-one");
+  const auto two = Target("kit-two");
   ASSERT_TRUE(target && two);
   // Output of a target that has no sink is acknowledged too: kit-two's, subscribed to on the
   // server only, would otherwise use up this client's 64 unacknowledged pieces and hold up
   // kit-one's.
   CRequestConsoleOutputEventsResponse subscribed;
-  ASSERT_OK(client_->Call(two_handle, CRequestConsoleOutputEventsRequest(), subscribed));
-  ULONG two_upper = 0;
-  EXPECT_TRUE(WaitUntil(
-      [&] { return two->get_ConsoleCacheIndex(&two_upper) == S_OK && two_upper == 100; }));
+  ASSERT_OK(client_->Call(HandleOf(two), CRequestConsoleOutputEventsRequest(), subscribed));
+  EXPECT_TRUE(WaitUntil([&] { return Get(two.Get(), &ITarget::get_ConsoleCacheIndex) == 100; }));
   const ULONG start = Get(target.Get(), &ITarget::get_ConsoleCacheIndex);
   auto* sink = NewSink();
   ASSERT_OK(target->AdviseConsoleOutputEvents(sink));  // starts the script
 
-  std::vector<std::string> expected;
-  for (const std::string& i : Sequence(0, kPieces - 1))
+  std::vector<std::string> texts, expected;  // as the sink hears them, and as the cache gives them
+  for (const std::string& i : Sequence(0, kPieces - 1)) {
+    texts.push_back("piece " + i);
     expected.push_back("1 piece " + i);
+  }
   std::vector<std::string> read;
   ULONG index = start;
   int fetches = 0;  // that found something
@@ -478,10 +454,7 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   EXPECT_GT(fetches, 2);  // read while the output came, not all at once
   EXPECT_EQ(index, start + kPieces);
   EXPECT_TRUE(WaitUntil([&] { return sink->CallCount() == kPieces; }));
-  std::vector<std::string> heard;
-  for (const std::string& text : sink->Values("OnConsoleOutput", "Text"))
-    heard.push_back("1 " + text);
-  EXPECT_EQ(heard, expected);
+  EXPECT_EQ(sink->Values("OnConsoleOutput", "Text"), texts);
 
   // Input is cut at its first null; the echo comes back live and into the cache.
   const vekx::Bstr input(std::u16string(u"ls\0rm -rf", 9));

@@ -56,18 +56,19 @@ HRESULT ReadBytes(IGenericProtocol& channel, size_t size, Bytes& bytes) {
   return S_OK;
 }
 
-std::string AsText(const Bytes& bytes) {
-  return {bytes.begin(), bytes.end()};
-}
-
 class GenericProtocolTest : public LiveApiTest {
  protected:
   std::string Scenario() const override { return kProtocolScenario; }
+  void SetUp() override {
+    ASSERT_NO_FATAL_FAILURE(LiveApiTest::SetUp());
+    target_ = Target(host_);
+    ASSERT_TRUE(target_);
+  }
 
-  vekx::ComPtr<IGenericProtocol> Open(ITarget8& target, uint32_t protocol,
-                                      IEventGenericProtocol* sink) {
+  // `protocol` of the test's target, opened with `sink` (the test's own unless given).
+  vekx::ComPtr<IGenericProtocol> Open(uint32_t protocol, IEventGenericProtocol* sink = nullptr) {
     vekx::ComPtr<IGenericProtocol> channel;
-    EXPECT_OK(target.OpenGenericProtocol(protocol, sink, channel.Put()));
+    EXPECT_OK(target_->OpenGenericProtocol(protocol, sink ? sink : sink_.Get(), channel.Put()));
     return channel;
   }
 
@@ -77,13 +78,13 @@ class GenericProtocolTest : public LiveApiTest {
     LiveApiTest::TearDown();
   }
 
+  const char* host_ = "kit-one";
   vekx::ComPtr<RecordingSink> sink_ = vekx::MakeSink<RecordingSink>();
   vekx::ComPtr<ITarget47> target_;
 };
 
 TEST_F(GenericProtocolTest, EchoReturnsBinaryDataWhole) {
-  auto target = target_ = Target("kit-one");
-  auto channel = Open(*target.Get(), 1, sink_.Get());
+  auto channel = Open(1);
   ASSERT_TRUE(channel);
   Bytes sent(200000);
   for (size_t i = 0; i < sent.size(); ++i)
@@ -113,8 +114,7 @@ TEST_F(GenericProtocolTest, EchoReturnsBinaryDataWhole) {
 }
 
 TEST_F(GenericProtocolTest, SourceSendsItsLengthThenCloses) {
-  auto target = target_ = Target("kit-one");
-  auto channel = Open(*target.Get(), 2, sink_.Get());
+  auto channel = Open(2);
   ASSERT_TRUE(channel);
   Bytes got;
   EXPECT_EQ(ReadBytes(*channel.Get(), 80000, got), KXAPI_COMMS_ERR_ULP_DISCONNECT);
@@ -129,36 +129,35 @@ TEST_F(GenericProtocolTest, SourceSendsItsLengthThenCloses) {
 }
 
 TEST_F(GenericProtocolTest, FailedOpenLeavesNoRegistration) {
-  auto target = target_ = Target("kit-one");
   vekx::ComPtr<IGenericProtocol> channel;
-  EXPECT_EQ(target->OpenGenericProtocol(9, sink_.Get(), channel.Put()), KXAPI_COMMS_ERR_NOPROTOCOL);
+  EXPECT_EQ(target_->OpenGenericProtocol(9, sink_.Get(), channel.Put()),
+            KXAPI_COMMS_ERR_NOPROTOCOL);
   EXPECT_EQ(TakeErrorText(),
             "Target error - The protocol is not available. 'kit-one' has no protocol 9");
   EXPECT_FALSE(channel);
-  const ULONG handle = HandleOf(target);
+  const ULONG handle = HandleOf(target_);
   EXPECT_EQ(client_->RegistrationCount(EventGroup::GenericProtocol, handle), 0u);
   // The same sink again is not refused as registered, and a second open of one number is.
-  channel = Open(*target.Get(), 3, sink_.Get());
+  channel = Open(3);
   auto second = vekx::MakeSink<RecordingSink>();
   vekx::ComPtr<IGenericProtocol> again;
-  EXPECT_EQ(target->OpenGenericProtocol(3, second.Get(), again.Put()),
+  EXPECT_EQ(target_->OpenGenericProtocol(3, second.Get(), again.Put()),
             KXAPI_COMMS_ERR_ALREADY_CONNECTED);
   EXPECT_EQ(client_->RegistrationCount(EventGroup::GenericProtocol, handle), 1u);
 }
 
 TEST_F(GenericProtocolTest, ScriptTalksAndItsStatusReachesEverySink) {
-  auto target = target_ = Target("kit-one");
   auto other = vekx::MakeSink<RecordingSink>();
-  auto echo = Open(*target.Get(), 1, other.Get());
-  auto script = Open(*target.Get(), 4, sink_.Get());
+  auto echo = Open(1, other.Get());
+  auto script = Open(4);
   ASSERT_TRUE(echo && script);
   Bytes got;
   ASSERT_OK(ReadBytes(*script.Get(), 6, got));
-  EXPECT_EQ(AsText(got), "hello\n");
+  EXPECT_EQ(got, (Bytes{'h', 'e', 'l', 'l', 'o', '\n'}));
   ULONG written = 0;
   ASSERT_OK(script->Write(ArrayOf(VT_UI1, {'p', 'i', 'n', 'g', '\n'}).Get(), 0, &written));
   ASSERT_OK(ReadBytes(*script.Get(), 5, got));
-  EXPECT_EQ(AsText(got), "pong\n");
+  EXPECT_EQ(got, (Bytes{'p', 'o', 'n', 'g', '\n'}));
 
   // Both sinks of the target hear protocol 4 go down and come back, whichever they opened.
   for (RecordingSink* sink : {sink_.Get(), other.Get()}) {
@@ -169,7 +168,7 @@ TEST_F(GenericProtocolTest, ScriptTalksAndItsStatusReachesEverySink) {
   }
   // Then the script hangs up.
   EXPECT_EQ(ReadBytes(*script.Get(), 1, got), KXAPI_COMMS_ERR_ULP_DISCONNECT);
-  EXPECT_OK(target->UnadviseGenericProtocolEvents(other.Get()));
+  EXPECT_OK(target_->UnadviseGenericProtocolEvents(other.Get()));
 }
 
 #ifdef __linux__
@@ -196,6 +195,7 @@ class ForwardTest : public GenericProtocolTest {
       if (got > 0) send(peer, text, static_cast<size_t>(got), MSG_NOSIGNAL);
       close(peer);
     });
+    host_ = "localhost";
     GenericProtocolTest::SetUp();
   }
   void TearDown() override {
@@ -215,8 +215,7 @@ class ForwardTest : public GenericProtocolTest {
 };
 
 TEST_F(ForwardTest, OpenConnectsToTheForwardedPort) {
-  auto target = target_ = Target("localhost");
-  auto channel = Open(*target.Get(), 7, sink_.Get());
+  auto channel = Open(7);
   ASSERT_TRUE(channel);
   ULONG written = 0;
   ASSERT_OK(channel->Write(ArrayOf(VT_UI1, {'a', 'b', 0, 'c'}).Get(), 0, &written));

@@ -10,8 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -22,6 +21,7 @@
 #include "api/live_api.h"
 #include "debug/process_object.h"
 #include "debug/thread_object.h"
+#include "support/test_environment.h"
 #include "vekxapi/event_sink.h"
 
 namespace qv::apitest {
@@ -67,13 +67,6 @@ class LocalTargetTest : public LiveApiTest {
   }
   // How many calls of the Debug group's `method` were heard.
   size_t Heard(const char* method) const { return heard_->Values(method, "").size(); }
-  // Waits until the last process exit heard is `code`.
-  bool WaitExit(ULONG code) {
-    return servertest::WaitUntil([&] {
-      const auto codes = heard_->Values("OnProcessExit", "ExitCode");
-      return !codes.empty() && codes.back() == std::to_string(code);
-    });
-  }
 
   vekx::ComPtr<IProcess10> Load(const std::string& args, bool stopped) {
     return LoadProcess(target_.Get(), DEVICE_HOST, VEKX_DEBUGGEE, stopped, args.c_str());
@@ -103,22 +96,16 @@ class LocalTargetTest : public LiveApiTest {
     EXPECT_OK(thread->GetRegisters(ArrayOf(VT_I4, ids).Get(), values.Put()));
     return Numbers(values);
   }
-  // The program run with `args`, stopped at its entry (after `stops` earlier stops), its pid in
-  // pid_; then a breakpoint for every thread at `address`, its original code in `opcode`.
-  void LoadAndBreak(const std::string& args, uint64_t address, vekx::ComPtr<IProcess10>& process,
-                    vekx::Variant& opcode, ULONG& id, int stops = 0) {
-    process = Load(args, true);
-    ASSERT_TRUE(process) << args;
-    ASSERT_OK(process->get_Id(&pid_));
+  // The program run with `args` in process_, stopped at its entry (after `stops` earlier stops),
+  // its pid in pid_; with an `address`, a breakpoint there for every thread too (bp_, its
+  // original code in opcode_).
+  void LoadStopped(const std::string& args, uint64_t address = 0, int stops = 0) {
+    process_ = Load(args, true);
+    ASSERT_TRUE(process_) << args;
+    ASSERT_OK(process_->get_Id(&pid_));
     ASSERT_EQ(events_->WaitStop(stops), STOP_REASON_DL_STOP_INIT) << args;
-    ASSERT_OK(Break(process.Get(), 0, address, opcode, id));
-  }
-  // Resumes the process into its breakpoint until `threads` threads have started (its main
-  // thread's first call stops it meanwhile); the thread that stopped last in `tid`.
-  void BreakUntilThreads(IProcess10* process, size_t threads, ULONG& tid) {
-    for (int stops = 1; Heard("OnThreadCreate") < threads && stops < 10; ++stops) {
-      ASSERT_OK(Resume(process));
-      ASSERT_EQ(events_->WaitStop(stops, &tid), STOP_REASON_SIGSWBRKPT);
+    if (address != 0) {
+      ASSERT_OK(Break(process_.Get(), 0, address, opcode_, bp_));
     }
   }
   // The program is among the process's modules, its entry its _start, and with `libc` the C
@@ -139,48 +126,45 @@ class LocalTargetTest : public LiveApiTest {
   vekx::ComPtr<ITarget47> target_;
   vekx::ComPtr<StopRecorder> events_ = vekx::MakeSink<StopRecorder>();
   vekx::ComPtr<RecordingSink> heard_ = vekx::MakeSink<RecordingSink>();
-  ULONG pid_ = 0;
+  vekx::ComPtr<IProcess10> process_;
+  vekx::Variant opcode_;  // what the breakpoint bp_ replaced
+  ULONG pid_ = 0, bp_ = 0;
 };
 
 // Loaded stopped at its entry, the program runs into a breakpoint, has its global read and
 // changed, passes the breakpoint once resumed, steps, has its registers written and read back
 // (the upper half of a YMM register too), and is killed.
 TEST_F(LocalTargetTest, BreakReadWriteStepRegistersKill) {
-  const uint64_t tick = Symbol("vekx_tick");
-  const uint64_t counter = Symbol("vekx_counter");
+  const uint64_t tick = Symbol("vekx_tick"), counter = Symbol("vekx_counter");
   ASSERT_NE(tick, 0u);
-  vekx::ComPtr<IProcess10> process;
-  vekx::Variant opcode;
-  ULONG id = 0;
-  ASSERT_NO_FATAL_FAILURE(LoadAndBreak("spin", tick, process, opcode, id));
-  EXPECT_NE(Numbers(opcode), std::vector<uint64_t>{0xCC});
-  EXPECT_EQ(Memory(process.Get(), tick, 1), std::vector<uint64_t>{0xCC});
-  ASSERT_OK(Resume(process.Get()));
+  ASSERT_NO_FATAL_FAILURE(LoadStopped("spin", tick));
+  IProcess10* process = process_.Get();
+  EXPECT_NE(Numbers(opcode_), std::vector<uint64_t>{0xCC});
+  EXPECT_EQ(Memory(process, tick, 1), std::vector<uint64_t>{0xCC});
+  ASSERT_OK(Resume(process));
   ULONG tid = 0;
   ASSERT_EQ(events_->WaitStop(1, &tid), STOP_REASON_SIGSWBRKPT);
   auto thread = Thread(tid);
   EXPECT_EQ(Registers(thread.Get(), {REG_ID_RIP})[0], tick);
-  EXPECT_EQ(Memory(process.Get(), Symbol("vekx_marker"), 2), (std::vector<uint64_t>{0xed, 0x5e}));
+  EXPECT_EQ(Memory(process, Symbol("vekx_marker"), 2), (std::vector<uint64_t>{0xed, 0x5e}));
 
   // Its modules, announced by the time of the stop.
-  const size_t modules = ExpectProgramAndLibc(process.Get());
-  EXPECT_EQ(Heard("OnDynamicLibraryLoad"), modules);
+  EXPECT_EQ(Heard("OnDynamicLibraryLoad"), ExpectProgramAndLibc(process));
 
   // A new counter, then one more pass through the breakpoint adds one to it.
   ULONG written = 0;
   ASSERT_OK(
       process->SetMemory(counter, ArrayOf(VT_UI1, {0xe8, 3, 0, 0, 0, 0, 0, 0}).Get(), &written));
-  ASSERT_OK(Resume(process.Get()));
+  ASSERT_OK(Resume(process));
   ASSERT_EQ(events_->WaitStop(2), STOP_REASON_SIGSWBRKPT);
-  EXPECT_EQ(Memory(process.Get(), counter, 2), (std::vector<uint64_t>{0xe9, 3}));
+  EXPECT_EQ(Memory(process, counter, 2), (std::vector<uint64_t>{0xe9, 3}));
 
   // One step from the breakpoint leaves it, with the breakpoint still in place.
-  ASSERT_OK(Resume(process.Get(), ArrayOf(VT_UI4, {tid})));
+  ASSERT_OK(Resume(process, ArrayOf(VT_UI4, {tid})));
   ASSERT_EQ(events_->WaitStop(3), STOP_REASON_SIGTRAP);
   const uint64_t stepped = Registers(thread.Get(), {REG_ID_RIP})[0];
-  EXPECT_GT(stepped, tick);
-  EXPECT_LT(stepped, tick + 16);
-  EXPECT_EQ(Memory(process.Get(), tick, 1), std::vector<uint64_t>{0xCC});
+  EXPECT_TRUE(stepped > tick && stepped < tick + 16) << stepped;
+  EXPECT_EQ(Memory(process, tick, 1), std::vector<uint64_t>{0xCC});
 
   const std::vector<uint64_t> ids = {REG_ID_RBX, REG_ID_R12, REG_ID_YMM3, REG_ID_EN_MXCSR,
                                      REG_ID_FP_ACC2};
@@ -197,7 +181,7 @@ TEST_F(LocalTargetTest, BreakReadWriteStepRegistersKill) {
   ASSERT_OK(process->AllocateExecutablePage(100, &page));
   EXPECT_EQ(page % 4096, 0u);
   ASSERT_OK(process->SetMemory(page, ArrayOf(VT_UI1, {0xc3}).Get(), &written));
-  EXPECT_EQ(Memory(process.Get(), page, 2), (std::vector<uint64_t>{0xc3, 0}));
+  EXPECT_EQ(Memory(process, page, 2), (std::vector<uint64_t>{0xc3, 0}));
   EXPECT_EQ(process->DeallocateDataPage(page), KXAPI_COMMS_ERR_INVALID_ADDRESS);
   ASSERT_OK(process->DeallocateExecutablePage(page));
   vekx::Variant unmapped;
@@ -219,7 +203,7 @@ TEST_F(LocalTargetTest, ExitCodesSignalsAndChildrenThroughTheParentsBreakpoints)
   const struct {
     const char* args;
     bool breaks;    // loaded stopped, with a breakpoint at vekx_tick
-    uint32_t stop;  // 0: it does not stop
+    uint32_t stop;  // the stop before the end
     ULONG exit_code;
   } kCases[] = {
       {"raise 10", false, STOP_REASON_SIGUSR1, 128 + 10},  // SIGUSR1 is 10 on Linux, 30 here
@@ -228,24 +212,23 @@ TEST_F(LocalTargetTest, ExitCodesSignalsAndChildrenThroughTheParentsBreakpoints)
   };
   int stops = 0;
   for (const auto& test : kCases) {
+    SCOPED_TRACE(test.args);
     heard_->Clear();
-    vekx::ComPtr<IProcess10> process;
-    vekx::Variant opcode;
-    ULONG id = 0, tid = 0;
     if (test.breaks) {
-      ASSERT_NO_FATAL_FAILURE(
-          LoadAndBreak(test.args, Symbol("vekx_tick"), process, opcode, id, stops++));
-      ASSERT_OK(Resume(process.Get())) << test.args;
+      ASSERT_NO_FATAL_FAILURE(LoadStopped(test.args, Symbol("vekx_tick"), stops++));
+      ASSERT_OK(Resume(process_.Get()));
     } else {
-      process = Load(test.args, false);
+      process_ = Load(test.args, false);
     }
-    ASSERT_TRUE(process) << test.args;
-    if (test.stop != 0) {
-      EXPECT_EQ(events_->WaitStop(stops++, &tid), test.stop) << test.args;
-      EXPECT_TRUE(!test.breaks || tid == pid_) << test.args << ": the child stopped";
-      EXPECT_OK(Resume(process.Get())) << test.args;
-    }
-    EXPECT_TRUE(WaitExit(test.exit_code)) << test.args;
+    ASSERT_TRUE(process_);
+    ULONG tid = 0;
+    EXPECT_EQ(events_->WaitStop(stops++, &tid), test.stop);
+    EXPECT_TRUE(!test.breaks || tid == pid_) << "the child stopped";
+    EXPECT_OK(Resume(process_.Get()));
+    EXPECT_TRUE(servertest::WaitUntil([&] {
+      return heard_->Values("OnProcessExit", "ExitCode") ==
+             std::vector<std::string>{std::to_string(test.exit_code)};
+    })) << ::testing::PrintToString(heard_->Values("OnProcessExit", "ExitCode"));
   }
 }
 
@@ -260,8 +243,7 @@ TEST_F(LocalTargetTest, ConsoleInputAndOutput) {
   ASSERT_GE(list.size(), 3u);
   for (ULONG fd = 0; fd < 3; ++fd) {
     EXPECT_EQ(Get(list[fd].Get(), &IFile::get_Handle), fd);
-    const std::string path = GetText(list[fd].Get(), &IFile::get_Path);
-    EXPECT_EQ(path.rfind("pipe:", 0), 0u) << path;
+    EXPECT_EQ(GetText(list[fd].Get(), &IFile::get_Path).substr(0, 5), "pipe:");
   }
   ASSERT_OK(process->SendConsoleInput(STREAM_STDIO, B("ping\n").Get()));
   EXPECT_TRUE(servertest::WaitUntil([&] {
@@ -273,50 +255,43 @@ TEST_F(LocalTargetTest, ConsoleInputAndOutput) {
 // Up to four hardware breakpoints land in the thread's debug registers as the CPU needs them;
 // a fifth is refused, and clearing one frees its slot.
 TEST_F(LocalTargetTest, HardwareBreakpointsProgramTheDebugRegisters) {
-  auto process = Load("spin", true);
-  ASSERT_TRUE(process);
-  ASSERT_OK(process->get_Id(&pid_));
-  ASSERT_EQ(events_->WaitStop(0), STOP_REASON_DL_STOP_INIT);
-  const uint64_t tick = Symbol("vekx_tick");
-  const uint64_t counter = Symbol("vekx_counter");
-  const uint64_t marker = Symbol("vekx_marker");
+  ASSERT_NO_FATAL_FAILURE(LoadStopped("spin"));
+  const uint64_t tick = Symbol("vekx_tick"), counter = Symbol("vekx_counter");
+  const auto code = static_cast<eHardwareBreakPtFlags>(0);
   const struct {
     uint64_t address;
     eHardwareBreakPtFlags flags;
     ULONG size;
+    HRESULT result;
   } kSlots[] = {
-      {tick, static_cast<eHardwareBreakPtFlags>(0), 1},
-      {counter, HWBREAKPT_FLAG_BREAK_ON_WRITE, 8},
-      {marker, HWBREAKPT_FLAG_BREAK_ON_READ, 4},
-      {counter, HWBREAKPT_FLAG_BREAK_ON_WRITE, 2},
+      {tick, code, 1, S_OK},
+      {counter, HWBREAKPT_FLAG_BREAK_ON_WRITE, 8, S_OK},
+      {Symbol("vekx_marker"), HWBREAKPT_FLAG_BREAK_ON_READ, 4, S_OK},
+      {counter, HWBREAKPT_FLAG_BREAK_ON_WRITE, 2, S_OK},
+      {tick, code, 1, KXAPI_COMMS_ERR_NO_FREE_HWBRKPT},  // a fifth
   };
   std::vector<ULONG> ids;
-  for (const auto& slot : kSlots) {
+  for (const auto& row : kSlots) {
     ULONG id = 0;
-    ASSERT_OK(process->SetHardwareBreakpoint(slot.address, slot.flags, slot.size, &id));
+    ASSERT_EQ(process_->SetHardwareBreakpoint(row.address, row.flags, row.size, &id), row.result);
     ids.push_back(id);
   }
-  ULONG id = 0;
-  EXPECT_EQ(process->SetHardwareBreakpoint(tick, static_cast<eHardwareBreakPtFlags>(0), 1, &id),
-            KXAPI_COMMS_ERR_NO_FREE_HWBRKPT);
   // All four in the debug registers is the gdb tests' HardwarePointsProgramTheDebugRegisters.
-  ASSERT_OK(process->ClearHardwareBreakpoint(ids[0]));
-  auto thread = Thread(pid_);
+  ASSERT_OK(process_->ClearHardwareBreakpoint(ids[0]));
   // Enable bits 0, 2, 4; kinds and lengths: write/8, read-write/4, write/2.
   EXPECT_EQ(
-      Registers(thread.Get(), {REG_ID_DR0, REG_ID_DR7}),
+      Registers(Thread(pid_).Get(), {REG_ID_DR0, REG_ID_DR7}),
       (std::vector<uint64_t>{counter, 0, 0, 0,
                              0x15 | (0x9ull << 16) | (0xFull << 20) | (0x5ull << 24), 0, 0, 0}));
-  EXPECT_OK(process->Kill());
+  EXPECT_OK(process_->Kill());
 }
 
 // A running program of the user is attached, stopped by a breakpoint, and detached: it runs on
 // without the breakpoint. The server refuses to attach to its own ancestors.
 TEST_F(LocalTargetTest, AttachBreakDetach) {
   const std::string scope = servertest::ReadText("/proc/sys/kernel/yama/ptrace_scope");
-  if (geteuid() != 0 && !scope.empty() && scope[0] != '0') {
+  if (geteuid() != 0 && !scope.empty() && scope[0] != '0')
     GTEST_SKIP() << "Yama's ptrace_scope lets only descendants be traced: not tested";
-  }
   const pid_t child = fork();
   if (child == 0) {
     execl(VEKX_DEBUGGEE, VEKX_DEBUGGEE, "spin", nullptr);
@@ -329,16 +304,14 @@ TEST_F(LocalTargetTest, AttachBreakDetach) {
   usleep(50000);  // past its exec
   ASSERT_OK(process->Attach(0));
   const uint64_t tick = Symbol("vekx_tick");
-  vekx::Variant opcode;
-  ULONG id = 0;
-  ASSERT_OK(Break(process.Get(), 0, tick, opcode, id));
+  ASSERT_OK(Break(process.Get(), 0, tick, opcode_, bp_));
   EXPECT_EQ(events_->WaitStop(0), STOP_REASON_SIGSWBRKPT);
   ASSERT_OK(process->Detach(0));
   EXPECT_EQ(process->Detach(0), KXAPI_COMMS_ERR_NOT_ATTACHED);
   // Untraced and running, with its own byte back at the breakpoint's address.
   std::ifstream memory("/proc/" + std::to_string(child) + "/mem", std::ios::binary);
   memory.seekg(static_cast<std::streamoff>(tick));
-  EXPECT_EQ(static_cast<uint64_t>(memory.get()), Numbers(opcode)[0]);
+  EXPECT_EQ(static_cast<uint64_t>(memory.get()), Numbers(opcode_)[0]);
   usleep(20000);
   const std::string stat = servertest::ReadText("/proc/" + std::to_string(child) + "/stat");
   const char state = stat[stat.rfind(')') + 2];
@@ -379,30 +352,11 @@ TEST_F(LocalTargetTest, ThreadsAndThreadSpecificBreakpoint) {
     EXPECT_TRUE(i != 3 || (top != 0 && size >= 4096 && size % 4096 == 0)) << top << " " << size;
   }
   ASSERT_OK(thread->Resume());
-  vekx::Variant opcode;
-  ULONG id = 0;
-  ASSERT_OK(Break(process.Get(), chosen, Symbol("vekx_tick"), opcode, id));
+  ASSERT_OK(Break(process.Get(), chosen, Symbol("vekx_tick"), opcode_, bp_));
   ULONG stopped = 0;
   EXPECT_EQ(events_->WaitStop(0, &stopped), STOP_REASON_SIGSWBRKPT);
   EXPECT_EQ(stopped, chosen);
   EXPECT_OK(process->Kill());
-}
-
-// What gdb answers about `program` and `core`, one command after another.
-std::string Gdb(const std::string& program, const std::string& core,
-                const std::vector<std::string>& commands) {
-  std::string line = "gdb -batch -nx '" + program + "' '" + core + "'";
-  for (const std::string& command : commands)
-    line += " -ex '" + command + "'";
-  line += " 2>&1";
-  std::string output;
-  if (FILE* pipe = popen(line.c_str(), "r")) {
-    std::array<char, 4096> buffer;
-    for (size_t got; (got = fread(buffer.data(), 1, buffer.size(), pipe)) > 0;)
-      output.append(buffer.data(), got);
-    pclose(pipe);
-  }
-  return output;
 }
 
 // A core file of a program stopped at a breakpoint, with three threads and a changed global. As
@@ -415,13 +369,15 @@ std::string Gdb(const std::string& program, const std::string& core,
 // pseudo host finds it. Nothing is dumped while the program runs.
 TEST_F(LocalTargetTest, CoreDumpsThatGdbReadsAndThatReopenAsReadOnlyTargets) {
   const bool gdb = std::filesystem::exists("/usr/bin/gdb");
-  const uint64_t tick = Symbol("vekx_tick");
-  const uint64_t marker = Symbol("vekx_marker");
-  vekx::ComPtr<IProcess10> process;
-  vekx::Variant opcode;
-  ULONG id = 0, tid = 0;
-  ASSERT_NO_FATAL_FAILURE(LoadAndBreak("threads 2", tick, process, opcode, id));
-  ASSERT_NO_FATAL_FAILURE(BreakUntilThreads(process.Get(), 3, tid));
+  const uint64_t tick = Symbol("vekx_tick"), marker = Symbol("vekx_marker");
+  ULONG tid = 0;
+  ASSERT_NO_FATAL_FAILURE(LoadStopped("threads 2", tick));
+  IProcess10* process = process_.Get();
+  // Into the breakpoint until three threads have started (the main thread stops there meanwhile).
+  for (int stops = 1; Heard("OnThreadCreate") < 3 && stops < 10; ++stops) {
+    ASSERT_OK(Resume(process));
+    ASSERT_EQ(events_->WaitStop(stops, &tid), STOP_REASON_SIGSWBRKPT);
+  }
   ULONG written = 0;
   ASSERT_OK(process->SetMemory(marker, ArrayOf(VT_UI1, {0xcd, 0xab, 0x34, 0x12}).Get(), &written));
   const std::vector<uint64_t> ids = {REG_ID_RIP,    REG_ID_RSP,    REG_ID_RBX,   REG_ID_R12,
@@ -430,41 +386,36 @@ TEST_F(LocalTargetTest, CoreDumpsThatGdbReadsAndThatReopenAsReadOnlyTargets) {
   const std::vector<uint64_t> live = Registers(Thread(tid).Get(), ids);
   ASSERT_EQ(live[0], tick);
 
-  const auto directory =
-      std::filesystem::path(::testing::TempDir()) / ("vekx_core_" + std::to_string(getpid()));
-  std::filesystem::create_directories(directory);
-  char original[8];
-  std::snprintf(original, sizeof original, "0x%02x", static_cast<unsigned>(Numbers(opcode)[0]));
-  char rip_text[32];
-  std::snprintf(rip_text, sizeof rip_text, "0x%llx", static_cast<unsigned long long>(tick));
+  const qv::testing::TempDir directory;
   const struct {
     eCoreDumpType type;
     const char* name;
   } kDumps[] = {{COREDUMP_TYPE_FULL, "full.core"}, {COREDUMP_TYPE_MINI, "mini.core"}};
   for (const auto& dump : kDumps) {
     SCOPED_TRACE(dump.name);
-    const std::string core = (directory / dump.name).string();
-    std::filesystem::remove(core);
+    const std::string core = (directory.path() / dump.name).string();
     heard_->Clear();
     ASSERT_OK(process->TriggerCoredump(B(core).Get(), dump.type));
     ASSERT_TRUE(servertest::WaitUntil([&] { return Heard("OnCoredumpCompleted") == 1; }));
     EXPECT_EQ(heard_->Values("OnCoredumpCompleted", "Result"), std::vector<std::string>{"0"});
-    std::vector<int> percentages;
+    std::vector<int> percents;
     for (const std::string& percent : heard_->Values("OnCoredumpInProgress", "Percentage"))
-      percentages.push_back(std::stoi(percent));
-    ASSERT_FALSE(percentages.empty());
-    EXPECT_EQ(percentages.front(), 0);
-    EXPECT_EQ(percentages.back(), 100);
-    EXPECT_TRUE(std::is_sorted(percentages.begin(), percentages.end()));
+      percents.push_back(std::stoi(percent));
+    EXPECT_TRUE(!percents.empty() && percents.front() == 0 && percents.back() == 100 &&
+                std::is_sorted(percents.begin(), percents.end()))
+        << ::testing::PrintToString(percents);
     if (gdb) {  // else not read back here
-      const std::string answer =
-          Gdb(VEKX_DEBUGGEE, core,
-              {"info registers rip", "print/x vekx_marker", "x/1xb vekx_tick", "info threads"});
-      EXPECT_NE(answer.find(std::string("rip            ") + rip_text), std::string::npos)
-          << answer;
-      EXPECT_NE(answer.find("$1 = 0x1234abcd"), std::string::npos) << answer;
-      EXPECT_NE(answer.find(std::string(":\t") + original), std::string::npos) << answer;
-      EXPECT_NE(answer.find("\n  3 "), std::string::npos) << answer;
+      std::string gdb_line = std::string("gdb -batch -nx '") + VEKX_DEBUGGEE + "' '" + core + "'";
+      for (const char* command : {"print/d $rip", "print/x vekx_marker",
+                                  "print/d *(unsigned char*)&vekx_tick", "info threads"})
+        gdb_line += std::string(" -ex '") + command + "'";
+      EXPECT_NE(std::system((gdb_line + " >'" + core + ".gdb' 2>&1").c_str()), -1);
+      const std::string answer = servertest::ReadText(core + ".gdb");
+      for (const std::string& part :
+           {"$1 = " + std::to_string(tick) + "\n", std::string("$2 = 0x1234abcd\n"),
+            "$3 = " + std::to_string(Numbers(opcode_)[0]) + "\n", std::string("\n  3 ")}) {
+        EXPECT_NE(answer.find(part), std::string::npos) << part << " in " << answer;
+      }
       EXPECT_EQ(answer.find("\n  4 "), std::string::npos) << answer;
     }
     EXPECT_EQ(process->TriggerCoredump(B(core).Get(), dump.type), KXAPI_COMMS_ERR_COREDUMP_CREATE);
@@ -475,7 +426,7 @@ TEST_F(LocalTargetTest, CoreDumpsThatGdbReadsAndThatReopenAsReadOnlyTargets) {
   const std::string host = "core-" + std::to_string(pid_);
   const auto sink = vekx::MakeSink<vekx::EventSink<IEventTarget>>();
   vekx::ComPtr<ITarget> dump;
-  ASSERT_OK(api_->LoadCoreDump(B((directory / "mini.core").string()).Get(), sink.Get(),
+  ASSERT_OK(api_->LoadCoreDump(B((directory.path() / "mini.core").string()).Get(), sink.Get(),
                                B(host).Get(), dump.Put()));
   vekx::ComPtr<ITarget> found;
   ASSERT_OK(api_->GetCoreDumpTargetByHost(B(host).Get(), found.Put()));
@@ -490,7 +441,7 @@ TEST_F(LocalTargetTest, CoreDumpsThatGdbReadsAndThatReopenAsReadOnlyTargets) {
   vekx::ComPtr<IProcess10> reopened;
   opened.QueryInto(IID_IProcess10, reopened);
   EXPECT_EQ(Memory(reopened.Get(), marker, 4), (std::vector<uint64_t>{0xcd, 0xab, 0x34, 0x12}));
-  EXPECT_EQ(Memory(reopened.Get(), tick, 1), Numbers(opcode));
+  EXPECT_EQ(Memory(reopened.Get(), tick, 1), Numbers(opcode_));
 
   const auto threads =
       ListOf<IThreadInfo>(reopened.Get(), &IProcess10::get_ThreadInfoSnapshot, IID_IThreadInfo);
@@ -507,15 +458,12 @@ TEST_F(LocalTargetTest, CoreDumpsThatGdbReadsAndThatReopenAsReadOnlyTargets) {
   // tests/cli/local_commands_test.cpp).
   vekx::Variant scratch;
   ULONG scratch_id = 0;
+  const vekx::Variant rax = ArrayOf(VT_I4, {REG_ID_RAX}), one = ArrayOf(VT_UI8, {1, 0, 0, 0});
   const std::pair<const char*, std::function<HRESULT()>> kRefused[] = {
       {"resume", [&] { return Resume(reopened.Get()); }},
       {"break", [&] { return Break(reopened.Get(), 0, tick, scratch, scratch_id); }},
       {"kill", [&] { return reopened->Kill(); }},
-      {"registers",
-       [&] {
-         return stopped->SetRegisters(ArrayOf(VT_I4, {REG_ID_RAX}).Get(),
-                                      ArrayOf(VT_UI8, {1, 0, 0, 0}).Get());
-       }},
+      {"registers", [&] { return stopped->SetRegisters(rax.Get(), one.Get()); }},
   };
   for (const auto& [what, call] : kRefused) {
     EXPECT_EQ(call(), KXAPI_ERR_NOT_SUPPORTED_BY_THIS_TARGET_TYPE) << what;
@@ -523,13 +471,12 @@ TEST_F(LocalTargetTest, CoreDumpsThatGdbReadsAndThatReopenAsReadOnlyTargets) {
   }
   EXPECT_OK(dump->UnadviseTargetEvents(sink.Get()));
 
-  ASSERT_OK(process->ClearSoftwareBreakpoint(id));
-  ASSERT_OK(Resume(process.Get()));
-  const std::string running = (directory / "running.core").string();
+  ASSERT_OK(process->ClearSoftwareBreakpoint(bp_));
+  ASSERT_OK(Resume(process));
+  const std::string running = (directory.path() / "running.core").string();
   EXPECT_EQ(process->TriggerCoredump(B(running).Get(), COREDUMP_TYPE_FULL),
             KXAPI_COMMS_ERR_NOT_STOPPED);
   EXPECT_FALSE(std::filesystem::exists(running));
-  std::filesystem::remove_all(directory);
   EXPECT_OK(process->Kill());
 }
 
@@ -540,25 +487,21 @@ TEST_F(LocalTargetTest, CoreDumpTheKernelWroteOpens) {
   const std::string pattern = servertest::ReadText("/proc/sys/kernel/core_pattern");
   if (pattern.empty() || pattern[0] == '|' || pattern.find('/') != std::string::npos)
     GTEST_SKIP() << "the kernel does not write cores beside the program here: not tested";
-  const auto directory = std::filesystem::path(::testing::TempDir()) /
-                         ("vekx_kernel_core_" + std::to_string(getpid()));
-  std::filesystem::create_directories(directory);
+  const qv::testing::TempDir directory;
   const pid_t child = fork();
   if (child == 0) {
     const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
-    if (chdir(directory.c_str()) != 0 || setrlimit(RLIMIT_CORE, &unlimited) != 0) _exit(1);
+    if (chdir(directory.path().c_str()) != 0 || setrlimit(RLIMIT_CORE, &unlimited) != 0) _exit(1);
     execl(VEKX_DEBUGGEE, VEKX_DEBUGGEE, "raise", "6", nullptr);
     _exit(127);
   }
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   std::string core;
-  for (const auto& entry : std::filesystem::directory_iterator(directory))
+  for (const auto& entry : std::filesystem::directory_iterator(directory.path()))
     core = entry.path().string();
-  if (!WIFSIGNALED(status) || !WCOREDUMP(status) || core.empty()) {
-    std::filesystem::remove_all(directory);
+  if (!WIFSIGNALED(status) || !WCOREDUMP(status) || core.empty())
     GTEST_SKIP() << "the kernel wrote no core here: not tested";
-  }
   const auto sink = vekx::MakeSink<vekx::EventSink<IEventTarget>>();
   vekx::ComPtr<ITarget> dump;
   ASSERT_OK(api_->LoadCoreDump(B(core).Get(), sink.Get(), B("kernel-core").Get(), dump.Put()));
@@ -571,7 +514,6 @@ TEST_F(LocalTargetTest, CoreDumpTheKernelWroteOpens) {
   ASSERT_EQ(processes.size(), 1u);
   EXPECT_EQ(StopCode(processes[0].Get()), STOP_REASON_SIGABRT);
   EXPECT_OK(dump->UnadviseTargetEvents(sink.Get()));
-  std::filesystem::remove_all(directory);
 }
 
 }  // namespace

@@ -20,6 +20,7 @@
 #include "api/automation_object.h"
 #include "api/error_descriptions.h"
 #include "api/live_api.h"
+#include "api/result_values.h"
 #include "platform/process_identity.h"
 #include "platform/server_process.h"
 #include "platform/wide_string.h"
@@ -51,18 +52,11 @@ std::vector<ULONG> Handles(const Variant& list) {
 
 // VT_ARRAY | VT_VARIANT holding `rules` as dispatch pointers, as a script would pass them.
 Variant RuleArray(const std::vector<IDispatch*>& rules) {
+  std::vector<ComPtr<IDispatch>> objects;
+  for (IDispatch* rule : rules)
+    objects.emplace_back(rule);
   Variant array;
-  SAFEARRAY* data = SafeArrayCreateVector(VT_VARIANT, 0, static_cast<ULONG>(rules.size()));
-  for (LONG i = 0; i < static_cast<LONG>(rules.size()); ++i) {
-    VARIANT element;
-    VariantInit(&element);
-    element.vt = VT_DISPATCH;
-    element.pdispVal = rules[i];
-    SafeArrayPutElement(data, &i, &element);  // copies: AddRefs the rule
-  }
-  VARIANT* out = array.Put();
-  out->vt = VT_ARRAY | VT_VARIANT;
-  out->parray = data;
+  EXPECT_OK(OutObjectArray(objects, array.Put()));
   return array;
 }
 
@@ -91,12 +85,22 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
   ComPtr<IVEKXAPI12> fresh;
   ASSERT_OK(NewRoot(IID_IVEKXAPI12, reinterpret_cast<void**>(fresh.Put())));
   ULONG v[4] = {};
-  auto expect_version = [&] {
+  // What the library answers on its own: the same before the check, after it and after Dispose.
+  const auto expect_local = [&] {
     ASSERT_OK(fresh->Version(&v[0], &v[1], &v[2], &v[3]));
     EXPECT_EQ(std::vector<ULONG>(v, v + 4), (std::vector<ULONG>{5, 0, 0, 10}));
+    EXPECT_EQ(fresh->Version(&v[0], nullptr, &v[2], &v[3]), E_POINTER);
+    Bstr text;
+    for (const auto& [code, expected] :
+         {std::pair<HRESULT, const char*>{0, "Success."},
+          {KXAPI_COMMS_ERR_NO_ENTRY, "Target error - The entry does not exist."}}) {
+      EXPECT_OK(fresh->GetErrorDescription(code, text.Put()));
+      EXPECT_EQ(text.Utf8(), expected);
+    }
+    EXPECT_EQ(fresh->GetErrorDescription(E_INVALIDARG, text.Put()), E_INVALIDARG);
+    EXPECT_EQ(fresh->GetErrorDescription(0, nullptr), E_POINTER);
   };
-  expect_version();
-  EXPECT_EQ(fresh->Version(&v[0], nullptr, &v[2], &v[3]), E_POINTER);
+  expect_local();
 
   // Nothing but the exceptions works before CheckCompatibility, and a failed check changes that
   // no more than none.
@@ -110,28 +114,16 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
   ASSERT_OK(ServerVersion(fresh.Get(), v));
   EXPECT_EQ(std::vector<ULONG>(v, v + 4), (std::vector<ULONG>{5, 0, 10, 0}));
   EXPECT_OK(fresh->CheckCompatibility(21));
-  expect_version();
+  expect_local();
   EXPECT_OK(fresh->get_Targets(targets.Put()));
 
-  Bstr text;
-  EXPECT_OK(fresh->GetErrorDescription(0, text.Put()));
-  EXPECT_EQ(text.Utf8(), "Success.");
-  EXPECT_OK(fresh->GetErrorDescription(KXAPI_COMMS_ERR_NO_ENTRY, text.Put()));
-  EXPECT_EQ(text.Utf8(), "Target error - The entry does not exist.");
-  EXPECT_EQ(fresh->GetErrorDescription(E_INVALIDARG, text.Put()), E_INVALIDARG);
-  EXPECT_EQ(fresh->GetErrorDescription(0, nullptr), E_POINTER);
-
-  ComPtr<ITarget> made_before;
-  ASSERT_OK(fresh->AddTarget(B("kit-one").Get(), made_before.Put()));
-  ComPtr<ITarget47> target_before;
-  ASSERT_OK(made_before.QueryInto(IID_ITarget47, target_before));
-  const ULONG handle_before = HandleOf(made_before);
+  const ComPtr<ITarget47> target_before = Target("kit-one", fresh.Get());
+  ASSERT_TRUE(target_before);
+  const ULONG handle_before = HandleOf(target_before);
   EXPECT_OK(fresh->Dispose());
   EXPECT_OK(fresh->Dispose());
-  expect_version();
-  EXPECT_OK(fresh->GetErrorDescription(0, text.Put()));
-  EXPECT_EQ(text.Utf8(), "Success.");
-  EXPECT_EQ(HandleOf(made_before), handle_before);
+  expect_local();
+  EXPECT_EQ(HandleOf(target_before), handle_before);
 
   // Stop the server: a disposed root neither reaches nor starts one.
   StopServer();
@@ -187,35 +179,32 @@ TEST_F(RootObjectTest, CompatibilityVersionsAndErrorTextsBeforeAndAfterDispose) 
 }
 
 TEST_F(RootObjectTest, TargetsListsAndLookups) {
-  ComPtr<ITarget> one;
-  ASSERT_OK(api_->AddTarget(B("kit-one").Get(), one.Put()));
-  ComPtr<ITarget> again;
-  ASSERT_OK(api_->AddTarget(B("kit-one").Get(), again.Put()));
-  EXPECT_NE(one.Get(), again.Get());
-  EXPECT_EQ(HandleOf(one), HandleOf(again));
-  EXPECT_EQ(api_->AddTarget(nullptr, again.Put()), E_POINTER);
-  EXPECT_EQ(api_->AddTarget(B("kit-one").Get(), nullptr), E_POINTER);
-
-  ComPtr<ITarget> first_default;
-  ComPtr<ITarget> second_default;
-  ASSERT_OK(api_->get_DefaultTarget(first_default.Put()));
-  ASSERT_OK(api_->get_DefaultTarget(second_default.Put()));
-  EXPECT_NE(first_default.Get(), second_default.Get());
-  EXPECT_EQ(HandleOf(first_default), HandleOf(second_default));
-  EXPECT_EQ(HandleOf(first_default), HandleOf(one));  // kit-one is the scenario's default
+  // Each call gives a new object for the one target (kit-one is the scenario's default).
+  ComPtr<ITarget> objects[4];
+  ASSERT_OK(api_->AddTarget(B("kit-one").Get(), objects[0].Put()));
+  ASSERT_OK(api_->AddTarget(B("kit-one").Get(), objects[1].Put()));
+  ASSERT_OK(api_->get_DefaultTarget(objects[2].Put()));
+  ASSERT_OK(api_->get_DefaultTarget(objects[3].Put()));
+  const ULONG one = HandleOf(objects[0]);
+  for (size_t i = 1; i < std::size(objects); ++i) {
+    EXPECT_NE(objects[i].Get(), objects[i - 1].Get()) << i;
+    EXPECT_EQ(HandleOf(objects[i]), one) << i;
+  }
 
   Variant list;
   ASSERT_OK(api_->get_Targets(list.Put()));
   const std::vector<ULONG> all = Handles(list);
-  EXPECT_NE(std::find(all.begin(), all.end(), HandleOf(one)), all.end());
+  EXPECT_NE(std::find(all.begin(), all.end(), one), all.end());
   ASSERT_OK(api_->GetTargetsByHost(B("kit-one").Get(), list.Put()));
-  EXPECT_EQ(Handles(list), std::vector<ULONG>{HandleOf(one)});
+  EXPECT_EQ(Handles(list), std::vector<ULONG>{one});
   ASSERT_OK(api_->GetTargetsByName(B("One").Get(), list.Put()));
-  EXPECT_EQ(Handles(list), std::vector<ULONG>{HandleOf(one)});
+  EXPECT_EQ(Handles(list), std::vector<ULONG>{one});
   ASSERT_OK(api_->GetTargetsByName(B("nobody").Get(), list.Put()));
   EXPECT_TRUE(Handles(list).empty());
   EXPECT_EQ(api_->GetTargetsByHost(B("").Get(), list.Put()), E_INVALIDARG);
   EXPECT_EQ(api_->GetTargetsByName(B("One").Get(), nullptr), E_POINTER);
+  EXPECT_EQ(api_->AddTarget(nullptr, objects[0].Put()), E_POINTER);
+  EXPECT_EQ(api_->AddTarget(B("kit-one").Get(), nullptr), E_POINTER);
 
   ASSERT_OK(api_->TargetInfo(B("kit-one").Get(), list.Put()));
   const std::vector<std::string> texts = Pairs(list);
@@ -233,9 +222,8 @@ TEST_F(RootObjectTest, TargetsListsAndLookups) {
   std::vector<Variant> addresses;
   ASSERT_OK(vekx::ArrayElements(list.Get(), addresses));
   std::vector<std::string> found;
-  for (const Variant& address : addresses) {
+  for (const Variant& address : addresses)
     found.push_back(Bstr(platform::BstrView(address.Get().bstrVal)).Utf8());
-  }
   EXPECT_EQ(found, (std::vector<std::string>{"10.1.0.1", "10.1.0.2"}));
 }
 
@@ -276,16 +264,17 @@ TEST_F(RootObjectTest, FindRulesAndWhatReachesTheServer) {
 }
 
 TEST_F(RootObjectTest, ServerSwitchesClientsAndTheHostDrivesRefusal) {
+  // The switches are kept by the server: another root object sees them.
   EXPECT_EQ(Get(api_.Get(), &IVEKXAPI12::HostExecEnabled), VARIANT_FALSE);
   ASSERT_OK(api_->EnableHostExec(VARIANT_TRUE));
-  // Kept by the server: another root object sees it.
+  ASSERT_OK(api_->SetLoggingLevel(LOGGING_LEVEL_CLIENTS));
+  ASSERT_OK(api_->SetNetworkManagerLogging(VARIANT_TRUE));
   const ComPtr<IVEKXAPI12> other = CheckedRoot();
   ASSERT_TRUE(other);
   EXPECT_EQ(Get(other.Get(), &IVEKXAPI12::HostExecEnabled), VARIANT_TRUE);
-  EXPECT_EQ(api_->HostExecEnabled(nullptr), E_POINTER);
-
-  ASSERT_OK(api_->SetLoggingLevel(LOGGING_LEVEL_CLIENTS));
   EXPECT_EQ(Get(other.Get(), &IVEKXAPI12::GetLoggingLevel), LOGGING_LEVEL_CLIENTS);
+  EXPECT_EQ(Get(other.Get(), &IVEKXAPI12::GetNetworkManagerLogging), VARIANT_TRUE);
+  EXPECT_EQ(api_->HostExecEnabled(nullptr), E_POINTER);
   EXPECT_EQ(api_->SetLoggingLevel(static_cast<eLoggingLevel>(5)), E_INVALIDARG);
 
   Variant pids;
@@ -312,15 +301,7 @@ TEST_F(RootObjectTest, ServerSwitchesClientsAndTheHostDrivesRefusal) {
       FAILED(api_->LoadCoreDump(B("/tmp/core").Get(), nullptr, B("dump-one").Get(), target.Put())));
   ComPtr<ITarget> dump;
   ASSERT_OK(api_->GetCoreDumpTargetByHost(B("dump-one").Get(), dump.Put()));
-  ComPtr<ITarget> kit;
-  ASSERT_OK(api_->AddTarget(B("kit-one").Get(), kit.Put()));
-  EXPECT_NE(HandleOf(dump), HandleOf(kit));
-
-  // The network manager's logging switch is the server's, like host exec.
-  ASSERT_OK(api_->SetNetworkManagerLogging(VARIANT_TRUE));
-  const ComPtr<IVEKXAPI12> third = CheckedRoot();
-  ASSERT_TRUE(third);
-  EXPECT_EQ(Get(third.Get(), &IVEKXAPI12::GetNetworkManagerLogging), VARIANT_TRUE);
+  EXPECT_NE(HandleOf(dump), HandleOf(Target("kit-one")));
 
   // The host drive has no driver on any platform the server runs on, and says so.
   unsigned char letter = 0;

@@ -54,7 +54,6 @@ TEST_F(DebugCommandsTest, SessionOnTheSampleProgram) {
       {{"--json", "break", kit, "{pid}", "0x401004"},
        0,
        {{"/original", "90"}, {"/id", Named("id")}}},
-      {{"--json", "mem", "read", kit, "{pid}", "0x401004", "1"}, 0, {{"/data", "cc"}}},
       {{"--json", "break", kit, "{pid}", "0x401008", "--hw", "--write", "--size", "4"}, 0, {}},
       {{"--json", "break", kit, "{pid}", "--list"},
        0,

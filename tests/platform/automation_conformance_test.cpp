@@ -462,39 +462,36 @@ TEST(Variant, ChangeTypeBetweenIntegersBooleansAndText) {
       {"error to i4", {VT_ERROR, E_FAIL}, VT_I4, 0, DISP_E_TYPEMISMATCH},
   };
   for (const ChangeCase& c : kCases) {
-    SCOPED_TRACE(c.name);
-    ScopedVariant source;
-    Fill(c.from, &source);
-    ScopedVariant result;
-    const HRESULT hr = VariantChangeType(&result, &source, c.flags, c.to);
-    EXPECT_EQ(hr, c.hr);
-    if (FAILED(hr) || FAILED(c.hr)) {
-      EXPECT_EQ(V_VT(&result), VT_EMPTY) << "a failed conversion leaves the destination";
-      continue;
-    }
-    ASSERT_EQ(V_VT(&result), c.to);
-    if (c.to == VT_BSTR) {
-      EXPECT_EQ(BstrView(V_BSTR(&result)), c.text);
-    } else if (c.to == VT_R8) {
-      EXPECT_EQ(V_R8(&result), c.real);
-    } else if (const std::size_t width = IntegerWidth(c.to)) {
-      // The result's bytes at its width, against the expected value's low bytes.
-      std::uint64_t got = 0;
-      std::uint64_t expected = 0;
-      std::memcpy(&got, &V_UI8(&result), width);
-      std::memcpy(&expected, &c.integer, width);
-      EXPECT_EQ(got, expected);
+    // Into another variant, and in place, where the result replaces the source.
+    for (const bool in_place : {false, true}) {
+      SCOPED_TRACE(std::string(c.name) + (in_place ? ", in place" : ""));
+      ScopedVariant source;
+      Fill(c.from, &source);
+      ScopedVariant other;
+      VARIANT& result = in_place ? source : other;
+      const HRESULT hr = VariantChangeType(&result, &source, c.flags, c.to);
+      EXPECT_EQ(hr, c.hr);
+      if (FAILED(hr) || FAILED(c.hr)) {
+        if (!in_place) {
+          EXPECT_EQ(V_VT(&result), VT_EMPTY) << "a failed conversion leaves the destination";
+        }
+        continue;
+      }
+      ASSERT_EQ(V_VT(&result), c.to);
+      if (c.to == VT_BSTR) {
+        EXPECT_EQ(BstrView(V_BSTR(&result)), c.text);
+      } else if (c.to == VT_R8) {
+        EXPECT_EQ(V_R8(&result), c.real);
+      } else if (const std::size_t width = IntegerWidth(c.to)) {
+        // The result's bytes at its width, against the expected value's low bytes.
+        std::uint64_t got = 0;
+        std::uint64_t expected = 0;
+        std::memcpy(&got, &V_UI8(&result), width);
+        std::memcpy(&expected, &c.integer, width);
+        EXPECT_EQ(got, expected);
+      }
     }
   }
-}
-
-TEST(Variant, ChangeTypeInPlaceReplacesTheSource) {
-  ScopedVariant v;
-  V_VT(&v) = VT_BSTR;
-  V_BSTR(&v) = AllocBstr(u"17");
-  ASSERT_EQ(VariantChangeType(&v, &v, 0, VT_I4), S_OK);
-  EXPECT_EQ(V_VT(&v), VT_I4);
-  EXPECT_EQ(V_I4(&v), 17);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -516,31 +513,24 @@ struct ElementCase {
   USHORT features;
 };
 
-// Element sizes and the features SafeArrayCreate records, per element type.
-constexpr ElementCase kElementCases[] = {{VT_UI1, 1, FADF_HAVEVARTYPE},
-                                         {VT_I1, 1, FADF_HAVEVARTYPE},
-                                         {VT_I2, 2, FADF_HAVEVARTYPE},
-                                         {VT_UI2, 2, FADF_HAVEVARTYPE},
-                                         {VT_BOOL, 2, FADF_HAVEVARTYPE},
-                                         {VT_I4, 4, FADF_HAVEVARTYPE},
-                                         {VT_UI4, 4, FADF_HAVEVARTYPE},
-                                         {VT_INT, 4, FADF_HAVEVARTYPE},
-                                         {VT_UINT, 4, FADF_HAVEVARTYPE},
-                                         {VT_R4, 4, FADF_HAVEVARTYPE},
-                                         {VT_ERROR, 4, FADF_HAVEVARTYPE},
-                                         {VT_I8, 8, FADF_HAVEVARTYPE},
-                                         {VT_UI8, 8, FADF_HAVEVARTYPE},
-                                         {VT_R8, 8, FADF_HAVEVARTYPE},
-                                         {VT_DATE, 8, FADF_HAVEVARTYPE},
-                                         {VT_CY, 8, FADF_HAVEVARTYPE},
-                                         {VT_DECIMAL, 16, FADF_HAVEVARTYPE},
-                                         {VT_BSTR, 8, FADF_HAVEVARTYPE | FADF_BSTR},
-                                         {VT_VARIANT, 24, FADF_HAVEVARTYPE | FADF_VARIANT},
-                                         {VT_UNKNOWN, 8, FADF_HAVEIID | FADF_UNKNOWN},
-                                         {VT_DISPATCH, 8, FADF_HAVEIID | FADF_DISPATCH}};
-
+// Element sizes and the features SafeArrayCreate records, per element type: plain values record
+// only their type; strings, variants and interfaces also how an element is freed.
 TEST(SafeArray, ElementTypesAreRecordedAsWindowsRecordsThem) {
-  for (const ElementCase& c : kElementCases) {
+  std::vector<ElementCase> cases = {{VT_BSTR, 8, FADF_HAVEVARTYPE | FADF_BSTR},
+                                    {VT_VARIANT, 24, FADF_HAVEVARTYPE | FADF_VARIANT},
+                                    {VT_UNKNOWN, 8, FADF_HAVEIID | FADF_UNKNOWN},
+                                    {VT_DISPATCH, 8, FADF_HAVEIID | FADF_DISPATCH}};
+  const std::pair<UINT, std::vector<VARTYPE>> kValueSizes[] = {
+      {1, {VT_UI1, VT_I1}},
+      {2, {VT_I2, VT_UI2, VT_BOOL}},
+      {4, {VT_I4, VT_UI4, VT_INT, VT_UINT, VT_R4, VT_ERROR}},
+      {8, {VT_I8, VT_UI8, VT_R8, VT_DATE, VT_CY}},
+      {16, {VT_DECIMAL}}};
+  for (const auto& [size, types] : kValueSizes) {
+    for (VARTYPE vt : types)
+      cases.push_back({vt, size, FADF_HAVEVARTYPE});
+  }
+  for (const ElementCase& c : cases) {
     SCOPED_TRACE(c.vt);
     SAFEARRAYBOUND bound = {3, -2};
     UniqueSafeArray array(SafeArrayCreate(c.vt, 1, &bound));

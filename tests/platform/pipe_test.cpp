@@ -312,38 +312,35 @@ TEST_F(PipeTest, ClientsRacingForInstancesAllGetThrough) {
   EXPECT_EQ(seen, (std::vector<int>{0, 1, 2, 3}));
 }
 
-TEST_F(PipeTest, PeerCloseIsABrokenPipe) {
+// A peer that goes is a broken pipe, for a read waiting then and for a write after. What it sent
+// before it went is read first; a frame it cut short is a broken pipe, not a short success.
+TEST_F(PipeTest, PeerCloseIsABrokenPipeAfterWhatItSent) {
   // The server goes while the client waits for a read.
   ASSERT_NO_FATAL_FAILURE(Connect());
-  uint8_t buffer[8];
-  std::future<IoResult> read = std::async(
-      std::launch::async, [&] { return client_->ReadExact(buffer, sizeof(buffer), stop_); });
+  uint8_t buffer[16];
+  std::future<IoResult> read =
+      std::async(std::launch::async, [&] { return client_->ReadExact(buffer, 8, stop_); });
   LetItBlock();
   server_->Close();
   EXPECT_EQ(Await(read, [&] { stop_.Set(); }), IoResult::kBrokenPipe);
   EXPECT_NE(client_->LastSystemError(), 0u);
   // Writing to the server that went is a broken pipe too, and raises no SIGPIPE.
   EXPECT_EQ(Send(*client_, Bytes(64 * 1024, 1), stop_), IoResult::kBrokenPipe);
-}
 
-TEST_F(PipeTest, BytesSentBeforeACloseAreReadThenTheBreak) {
   ASSERT_NO_FATAL_FAILURE(Connect());
   const Bytes last = {9, 8, 7};
   ASSERT_EQ(Send(*client_, last, stop_), IoResult::kOk);
   client_.reset();
-  uint8_t buffer[3];
   ASSERT_EQ(server_->ReadExact(buffer, 3, stop_), IoResult::kOk);
   EXPECT_EQ(Bytes(buffer, buffer + 3), last);
   size_t got = 0;
   EXPECT_EQ(server_->ReadSome(buffer, 3, got, stop_), IoResult::kBrokenPipe);
   EXPECT_EQ(got, 0u);
 
-  // A frame cut short by the close is a broken pipe, not a short success.
   ASSERT_NO_FATAL_FAILURE(Connect());
   ASSERT_EQ(Send(*server_, last, stop_), IoResult::kOk);
   server_.reset();
-  uint8_t frame[16];
-  EXPECT_EQ(client_->ReadExact(frame, sizeof(frame), stop_), IoResult::kBrokenPipe);
+  EXPECT_EQ(client_->ReadExact(buffer, sizeof(buffer), stop_), IoResult::kBrokenPipe);
 }
 
 TEST_F(PipeTest, ClosedPipesAndEmptyNamesFail) {
@@ -402,7 +399,7 @@ class RuntimeDirectoryTest : public PipeTest {
   std::string Expected() const { return temp_dir_ + "/vesta"; }
 };
 
-TEST_F(RuntimeDirectoryTest, CreatedPrivateWhenMissingAndAcceptedWhenPrivate) {
+TEST_F(RuntimeDirectoryTest, CreatedPrivateWhenMissingAcceptedWhenPrivateAndPerUserWithoutXdg) {
   const std::optional<std::string> dir = RuntimeDirectory();
   ASSERT_TRUE(dir.has_value());
   EXPECT_EQ(*dir, Expected());
@@ -411,6 +408,10 @@ TEST_F(RuntimeDirectoryTest, CreatedPrivateWhenMissingAndAcceptedWhenPrivate) {
   EXPECT_TRUE(S_ISDIR(status.st_mode));
   EXPECT_EQ(status.st_mode & 0777, 0700u);
   EXPECT_EQ(RuntimeDirectory(), dir);  // Found again as it is.
+
+  // Without XDG_RUNTIME_DIR it is per user in /tmp.
+  setenv("XDG_RUNTIME_DIR", "", 1);
+  EXPECT_EQ(RuntimeDirectory(), "/tmp/vesta-" + std::to_string(geteuid()));
 }
 
 TEST_F(RuntimeDirectoryTest, RefusedWhenOthersCouldReachItOrItIsNoDirectory) {
@@ -459,12 +460,7 @@ TEST_F(RuntimeDirectoryTest, RefusedWhenOthersCouldReachItOrItIsNoDirectory) {
   EXPECT_EQ(RuntimeDirectory(), std::nullopt);
 }
 
-TEST_F(RuntimeDirectoryTest, WithoutXdgRuntimeDirItIsPerUserInTmp) {
-  setenv("XDG_RUNTIME_DIR", "", 1);
-  EXPECT_EQ(RuntimeDirectory(), "/tmp/vesta-" + std::to_string(geteuid()));
-}
-
-TEST(SocketPath, LongNamesAreReplacedByTheirHash) {
+TEST(SocketPath, LongNamesAreReplacedByTheirHashAndEscapesAreRefused) {
   constexpr size_t kMax = sizeof(sockaddr_un::sun_path) - 1;
   const std::string dir = "/run/user/1000/vesta";
   EXPECT_EQ(SocketPath(dir, u"qv_ve_svr_alice"), dir + "/qv_ve_svr_alice");
@@ -482,29 +478,21 @@ TEST(SocketPath, LongNamesAreReplacedByTheirHash) {
   // The hash is FNV-1a 64 over the UTF-8 bytes of the name, as other tools may recompute it.
   const std::u16string long_user = u"qv_ve_svr_" + std::u16string(100, u'u');
   EXPECT_EQ(SocketPath(dir, long_user), dir + "/qv_c34f780237e75ad9");
-}
 
-TEST(SocketPath, RefusesNamesThatLeaveTheDirectoryOrCannotFit) {
+  // Names that leave the directory, and a directory too long for any name, are refused.
   for (const std::u16string& name :
        {std::u16string(u""), std::u16string(u"."), std::u16string(u".."), std::u16string(u"../x"),
         std::u16string(u"a/b"), std::u16string(u"a\0b", 3)}) {
     SCOPED_TRACE(Utf16ToUtf8(name));
-    EXPECT_EQ(SocketPath("/run/user/1000/vesta", name), std::nullopt);
+    EXPECT_EQ(SocketPath(dir, name), std::nullopt);
   }
   const std::string huge_dir(sizeof(sockaddr_un::sun_path), 'd');
   EXPECT_EQ(SocketPath(huge_dir, u"x"), std::nullopt);
 }
 
-TEST_F(RuntimeDirectoryTest, ListenerOwnsItsSocketFile) {
-  ASSERT_NO_FATAL_FAILURE(Listen());
-  const std::optional<std::string> path = SocketPath(Expected(), name_);
-  ASSERT_TRUE(path.has_value());
-  EXPECT_TRUE(std::filesystem::is_socket(*path));
-  listener_.reset();
-  EXPECT_FALSE(std::filesystem::exists(*path));
-}
-
-TEST_F(RuntimeDirectoryTest, StaleSocketIsReplacedButOtherFilesAreNot) {
+// A listener's socket file is its own: made in place of a stale one, removed when it goes; any
+// other file of that name is left alone.
+TEST_F(RuntimeDirectoryTest, ListenerOwnsItsSocketFileAndReplacesOnlyAStaleOne) {
   ASSERT_TRUE(RuntimeDirectory().has_value());
   const std::u16string name = UniqueName();
   const std::string path = *SocketPath(Expected(), name);
@@ -518,16 +506,15 @@ TEST_F(RuntimeDirectoryTest, StaleSocketIsReplacedButOtherFilesAreNot) {
   ASSERT_EQ(bind(stale, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
   close(stale);
   uint32_t error = 0;
-  std::unique_ptr<PipeListener> listener;
-  ASSERT_EQ(PipeListener::Create(name, listener, error), IoResult::kOk) << error;
-  std::unique_ptr<Pipe> client;
-  EXPECT_EQ(Pipe::Connect(name, kConnectTimeoutMs, client, error), IoResult::kOk) << error;
-  listener.reset();
-  client.reset();
+  ASSERT_EQ(PipeListener::Create(name, listener_, error), IoResult::kOk) << error;
+  EXPECT_TRUE(std::filesystem::is_socket(path));
+  ASSERT_NO_FATAL_FAILURE(ConnectTo(*listener_, name, client_, server_));
+  listener_.reset();
+  EXPECT_FALSE(std::filesystem::exists(path));
 
   // A plain file of that name is somebody's data.
   ASSERT_TRUE(std::ofstream(path).good());
-  EXPECT_EQ(PipeListener::Create(name, listener, error), IoResult::kFailed);
+  EXPECT_EQ(PipeListener::Create(name, listener_, error), IoResult::kFailed);
   EXPECT_TRUE(std::filesystem::is_regular_file(path));
 }
 

@@ -84,42 +84,27 @@ bool WaitForFile(const fs::path& path) {
 
 // --- Readiness -------------------------------------------------------------------------------
 
-TEST(ServerReadiness, FollowsTheMarkersLifetime) {
-  TempDir dir;
-  const std::u16string user = UniqueUser();
-  const std::u16string other_user = UniqueUser();
-
-  EXPECT_FALSE(ServerIsReady(user, dir.runtime_dir(), 0));
-  {
-    std::unique_ptr<ReadinessMarker> marker = ReadinessMarker::Create(user, dir.runtime_dir());
-    ASSERT_NE(marker, nullptr);
-    // The probe opens the file anew, so it sees the lock of this very process.
-    EXPECT_TRUE(ServerIsReady(user, dir.runtime_dir(), 0));
-    EXPECT_TRUE(ServerIsReady(user, dir.runtime_dir(), 0)) << "the probe must not take the lock";
-    EXPECT_FALSE(ServerIsReady(other_user, dir.runtime_dir(), 0));
-  }
-  EXPECT_FALSE(ServerIsReady(user, dir.runtime_dir(), 0));
-
-  // The marker can be made again after a server stopped.
-  std::unique_ptr<ReadinessMarker> again = ReadinessMarker::Create(user, dir.runtime_dir());
-  ASSERT_NE(again, nullptr);
-  EXPECT_TRUE(ServerIsReady(user, dir.runtime_dir(), 0));
-}
-
 #ifndef _WIN32
-TEST(ServerReadiness, LeftoverFilesAndUnusableNamesMeanNoServerAndNewFilesArePrivate) {
+// A marker is a file locked while the server serves; the probe opens the file anew, so it sees
+// the lock of this very process.
+TEST(ServerReadiness, FollowsTheMarkersLockAndIgnoresLeftoversAndUnusableNames) {
   TempDir dir;
   const std::string missing = (dir.path() / "missing").string();
   const std::u16string user = UniqueUser();
   const fs::path file = dir.path() / ("qv_ve_run_svr" + Utf16ToUtf8(user));
 
-  EXPECT_EQ(ReadinessMarker::Create(user, missing), nullptr);
-  EXPECT_FALSE(ServerIsReady(user, missing, 0));
-  EXPECT_EQ(ReadinessMarker::Create(user, ""), nullptr);
-  EXPECT_FALSE(ServerIsReady(user, "", 0));
+  EXPECT_FALSE(ServerIsReady(user, dir.runtime_dir(), 0));
   // A user name must not lead out of the runtime directory.
   fs::create_directory(dir.path() / "qv_ve_run_svrx");
-  EXPECT_EQ(ReadinessMarker::Create(u"x/escape", dir.runtime_dir()), nullptr);
+  const struct {
+    std::u16string user;
+    std::string runtime_dir;
+  } kUnusable[] = {{user, missing}, {user, ""}, {u"x/escape", dir.runtime_dir()}};
+  for (const auto& c : kUnusable) {
+    SCOPED_TRACE(c.runtime_dir);
+    EXPECT_EQ(ReadinessMarker::Create(c.user, c.runtime_dir), nullptr);
+    EXPECT_FALSE(ServerIsReady(c.user, c.runtime_dir, 0));
+  }
   EXPECT_FALSE(fs::exists(dir.path() / "qv_ve_run_svrx" / "escape"));
 
   // A new file is private to the user.
@@ -131,6 +116,9 @@ TEST(ServerReadiness, LeftoverFilesAndUnusableNamesMeanNoServerAndNewFilesArePri
   ASSERT_EQ(stat(file.c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0600u);
   EXPECT_EQ(ReadinessMarker::Create(user, dir.runtime_dir()), nullptr) << "one marker at a time";
+  EXPECT_TRUE(ServerIsReady(user, dir.runtime_dir(), 0));
+  EXPECT_TRUE(ServerIsReady(user, dir.runtime_dir(), 0)) << "the probe must not take the lock";
+  EXPECT_FALSE(ServerIsReady(UniqueUser(), dir.runtime_dir(), 0)) << "another user's server";
 
   // What a crashed server leaves behind means no server; a new start takes the file over.
   marker.reset();
@@ -153,6 +141,8 @@ TEST(ServerReadiness, EventThatIsNotSignalledMeansNoServerUntilAWaitSeesItSet) {
     std::unique_ptr<ReadinessMarker> marker = ReadinessMarker::Create(user, "");
     ASSERT_NE(marker, nullptr);
     EXPECT_TRUE(ServerIsReady(user, "", 0));
+    EXPECT_TRUE(ServerIsReady(user, "", 0)) << "the probe must not reset the event";
+    EXPECT_FALSE(ServerIsReady(UniqueUser(), "", 0)) << "another user's server";
   }
   // The event lives on through our handle; the marker must have reset it on its way out.
   EXPECT_FALSE(ServerIsReady(user, "", 0));

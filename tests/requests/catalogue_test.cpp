@@ -12,7 +12,6 @@ namespace qv {
 namespace {
 
 using testing::ByteVector;
-using testing::DecodeAll;
 using testing::Encode;
 using testing::HandBytes;
 
@@ -145,8 +144,6 @@ TEST(CatalogueTest, BuildingAFactoryFindsATypeNumberUsedTwice) {
   constexpr auto twice = SortByTypeNumber(std::to_array<Entry>({{3, u"C"}, {1, u"A"}, {3, u"D"}}));
   static_assert(!HasDuplicateTypeNumbers(unique));
   static_assert(HasDuplicateTypeNumbers(twice));
-  EXPECT_EQ(unique[0].name, u"A");
-  EXPECT_EQ(MessageFactory<CRequest>(unique).NameOf(2), u"B");
 }
 
 TEST(CatalogueTest, HandComputedEncodings) {
@@ -155,7 +152,6 @@ TEST(CatalogueTest, HandComputedEncodings) {
   add.HostName = u"kit1";
   EXPECT_EQ(Encode(add), HandBytes().Text(u"VE").Text(u"kit1").bytes());
   EXPECT_EQ(add.ToString(), "{ TargetType:VE HostName:kit1 }");
-  EXPECT_EQ(add.GetTypeNumber(), 0x2c3903b5u);
 
   CGetTargetListResponse list;
   list.Sequence = 7;
@@ -167,24 +163,9 @@ TEST(CatalogueTest, HandComputedEncodings) {
   list.Result = 0x8004021B;
   list.ResultText = u"x";
   EXPECT_EQ(Encode(list), HandBytes().U32(0x8004021B).Text(u"x").U32(7).bytes());
-
-  CRequestProcessLockRequest lock;
-  lock.ProcessId = 12;
-  lock.Requester = u"tool";
-  EXPECT_EQ(lock.ToString(), "{ ProcessId:12 Requester:tool }");
-  EXPECT_EQ(lock.GetName(), u"REQUEST_PROCESS_LOCK");
-  EXPECT_EQ(lock.GetTypeNumber(), 394069046u);
 }
 
-// A failed response decodes from its head alone; a broken head leaves an empty one.
-TEST(CatalogueTest, ResponseHeads) {
-  CFetchConsoleCacheResponse failed;
-  ASSERT_TRUE(DecodeAll(HandBytes().U32(5).Text(u"no").U32(9).bytes(), failed));
-  EXPECT_EQ(failed.Result, 5u);
-  EXPECT_EQ(failed.ResultText, u"no");
-  EXPECT_EQ(failed.Sequence, 9u);
-  EXPECT_TRUE(failed.Records.empty());
-
+TEST(CatalogueTest, ABrokenResponseHeadLeavesAnEmptyOne) {
   const ByteVector cut_text{5, 0, 0, 0, 3, 0, 0, 0, 'n', 0};
   MessageBuffer buffer(cut_text.data(), cut_text.size());
   CGetDefaultTargetResponse broken;
@@ -193,22 +174,6 @@ TEST(CatalogueTest, ResponseHeads) {
   EXPECT_EQ(broken.Result, 0u);
   EXPECT_EQ(broken.Sequence, 0u);
   EXPECT_TRUE(broken.ResultText.empty());
-}
-
-TEST(CatalogueTest, TruncatedResponsesNeverDecode) {
-  CFetchConsoleCacheResponse full;
-  full.Sequence = 4;
-  full.NextIndex = 10;
-  full.Records = {{0, 1, 99, 1234, 5, u"hello"}, {1, 0, 100, 1, 1, u""}};
-  const ByteVector bytes = Encode(full);
-  for (size_t n = 0; n < bytes.size(); ++n) {
-    MessageBuffer buffer(bytes.data(), n);
-    EXPECT_FALSE(CFetchConsoleCacheResponse().Deserialize(buffer)) << n;
-  }
-  CFetchConsoleCacheResponse response;
-  ASSERT_TRUE(DecodeAll(bytes, response));
-  EXPECT_EQ(response.Records, full.Records);
-  EXPECT_EQ(response.NextIndex, 10u);
 }
 
 // Both factories hold exactly the documented operations; each message round-trips, and a response
@@ -247,8 +212,6 @@ TEST(CatalogueTest, FactoriesHoldTheDocumentedOperationsAndEachRoundTrips) {
   }
   EXPECT_EQ(responses, requests);
   EXPECT_EQ(requests, ParseOperationTable());
-  EXPECT_EQ(RequestFactory().Create(0x12345678), nullptr);
-  EXPECT_EQ(ResponseFactory().Create(0), nullptr);
   EXPECT_TRUE(ResponseFactory().NameOf(0).empty());
   EXPECT_EQ(ResponseFactory().NameOf(0x2afebdb8), u"ACK_CONSOLE_OUTPUT");
 }

@@ -24,11 +24,6 @@ SyncObjectRecord WaitOnPosixMutex() {
       {-7, 0xDEAD, "lock", 1, 5, 0x1002, 2, {0x1001, 0x1003}});
 }
 
-SyncObjectRecord WaitOnUltQueue() {
-  return SyncObjectRecord::Make<SyncObjectKind::kUltQueue>(
-      {3, 4, "jobs", 5, 6, 64, 7, {0x100000001}, {1, 2}, {0x9000, 0x9040}});
-}
-
 // A value's encoding, and two ways to decode bytes into a fresh value: whether that gives back the
 // original using every byte, and whether it succeeds at all.
 struct Sample {
@@ -52,7 +47,7 @@ Sample MakeSample(const char* name, T value) {
           }};
 }
 
-// Every field of the records set (FieldFiller), a thread with each kind of wait object, and one
+// Every field of the records set (FieldFiller), a thread with a wait object, and one
 // without its optional fields.
 std::vector<Sample> Samples() {
   ThreadInfoRecord bare_thread;
@@ -60,12 +55,9 @@ std::vector<Sample> Samples() {
   bare_thread.Name = "idle";
   ThreadInfoRecord on_mutex = Filled<ThreadInfoRecord>();
   on_mutex.WaitObject = WaitOnPosixMutex();
-  ThreadInfoRecord on_queue = Filled<ThreadInfoRecord>();
-  on_queue.WaitObject = WaitOnUltQueue();
   return {
       MakeSample("process", Filled<ProcessInfoRecord>()),
       MakeSample("thread waiting on a posix mutex", on_mutex),
-      MakeSample("thread waiting on a user-level queue", on_queue),
       MakeSample("thread without optional fields", bare_thread),
       MakeSample("module", Filled<ModuleInfoRecord>()),
       MakeSample("synchronisation primitives", Filled<SyncPrimInfoRecord>()),
@@ -141,12 +133,6 @@ TEST(DebugRecordsTest, UnknownWaitObjectKindFailsToDecode) {
 }
 
 TEST(DebugRecordsTest, RendersLabelsAndAbsentOptionals) {
-  CGetMemoryRequest request;
-  request.ProcessID = 81;
-  request.BaseAddress = 4096;
-  request.Size = 16;
-  EXPECT_EQ(request.ToString(), "{ ProcessID:81 BaseAddress:4096 Size:16 }");
-
   CGetThreadInfoSnapshotResponse response;
   response.Sequence = 4;
   ThreadInfoRecord thread;

@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 
 #include "platform/wide_string.h"
 #include "server/debug/core/core_records.h"
@@ -31,7 +32,7 @@
 namespace qv::server {
 namespace {
 
-TEST(LocalStopReasons, SignalsByNameNotByNumber) {
+TEST(LocalStopReasons, SignalsByNameNotByNumberAndTheDebugStatus) {
   const struct {
     int signal;
     uint32_t code;
@@ -46,21 +47,19 @@ TEST(LocalStopReasons, SignalsByNameNotByNumber) {
     EXPECT_EQ(SignalStops(test.signal), test.stops) << SignalName(test.signal);
   }
   EXPECT_EQ(SignalName(SIGBUS), "SIGBUS");
-}
 
-// DR6 as the CPU leaves it (reserved bits set): a slot bit is a hardware breakpoint, BS a step.
-TEST(LocalStopReasons, DebugStatusDecoding) {
+  // DR6 as the CPU leaves it (reserved bits set): a slot bit is a hardware breakpoint, BS a step.
   const struct {
     uint64_t dr6;
     uint32_t code;
-  } kCases[] = {
+  } kStatuses[] = {
       {0xFFFF0FF1, kStopHardwareBreakpoint},
       {0xFFFF0FF8, kStopHardwareBreakpoint},
       {0xFFFF4FF0, kStopTrap},
       {0xFFFF4FF2, kStopHardwareBreakpoint},
       {0xFFFF0FF0, kStopTrap},
   };
-  for (const auto& test : kCases)
+  for (const auto& test : kStatuses)
     EXPECT_EQ(StopReasonOfDr6(test.dr6), test.code) << std::hex << test.dr6;
 }
 
@@ -101,16 +100,19 @@ TEST(LocalHardwareSlots, Dr7EncodingAndRefusals) {
   }
 }
 
+// A mapping's fields, in hex, on one line; protection 1 read, 2 write, 4 execute.
+std::string Fields(const Mapping& m) {
+  std::ostringstream out;
+  out << std::hex << m.start << "-" << m.end << " " << m.protection
+      << (m.shared ? " shared " : " private ") << m.offset << " " << m.path << ";";
+  return out.str();
+}
+
 TEST(LocalProcFiles, MappingAndStatLines) {
   const auto mapping =
       ParseMappingLine("7f12a000-7f12c000 r-xs 00003000 08:01 1234     /usr/lib/libx so.6");
   ASSERT_TRUE(mapping.has_value());
-  EXPECT_EQ(mapping->start, 0x7f12a000u);
-  EXPECT_EQ(mapping->end, 0x7f12c000u);
-  EXPECT_EQ(mapping->protection, kProtectRead | kProtectExecute);
-  EXPECT_TRUE(mapping->shared);
-  EXPECT_EQ(mapping->offset, 0x3000u);
-  EXPECT_EQ(mapping->path, "/usr/lib/libx so.6");
+  EXPECT_EQ(Fields(*mapping), "7f12a000-7f12c000 5 shared 3000 /usr/lib/libx so.6;");
   EXPECT_FALSE(ParseMappingLine("garbage").has_value());
 
   // A whole maps text: every line, with or without the last line end; a bad line skipped.
@@ -118,11 +120,10 @@ TEST(LocalProcFiles, MappingAndStatLines) {
   const std::string line_b = "3000-4000 rw-p 00000000 00:00 0    [heap]";
   for (const std::string& text : {line_a + line_b, line_a + line_b + "\n",
                                   line_a + "garbage\n" + line_b, line_a + "\n" + line_b}) {
-    const std::vector<Mapping> all = ParseMappings(text);
-    ASSERT_EQ(all.size(), 2u) << text;
-    EXPECT_EQ(all[0].path, "/bin/a");
-    EXPECT_EQ(all[1].path, "[heap]");
-    EXPECT_EQ(all[1].end, 0x4000u);
+    std::string all;
+    for (const Mapping& m : ParseMappings(text))
+      all += Fields(m);
+    EXPECT_EQ(all, "1000-2000 1 private 0 /bin/a;3000-4000 3 private 0 [heap];") << text;
   }
 
   std::string fields = "42 (a) b) c) t 7";

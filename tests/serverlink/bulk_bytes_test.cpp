@@ -73,6 +73,8 @@ class BulkBytesTest : public ::testing::Test {
   IncomingDispatcher dispatcher_{ResponseFactory(), NotificationFactory(), store_, nullptr};
 };
 
+// Answers the writer found waiting go out in one gathered write and still arrive one by one, each
+// whole and in order, wherever their bytes lie and wherever they land.
 TEST_F(BulkBytesTest, ReadsArriveWholeWhereverTheirBytesLand) {
   enum LandingKind { kNone, kFits, kTooSmall };
   struct Case {
@@ -91,17 +93,24 @@ TEST_F(BulkBytesTest, ReadsArriveWholeWhereverTheirBytesLand) {
       {"head beyond the part read first", 256 << 10, 6000, kFits, true, true},
       {"nobody waits: the rest is skipped", 1 << 20, 0, kFits, false, false},
       {"after a skipped one, still in step", 300 << 10, 0, kFits, true, true},
+      {"a tiny one last", 10, 0, kNone, true, false},
   };
+  std::vector<std::shared_ptr<const std::vector<uint8_t>>> bytes;
+  std::vector<MessageBuffer> bodies;
+  std::vector<const MessageBuffer*> batch;
+  for (uint32_t i = 0; i < std::size(cases); ++i) {
+    bytes.push_back(std::make_shared<const std::vector<uint8_t>>(Pattern(cases[i].size, 5 + i)));
+    bodies.push_back(Answer(i + 1, cases[i].text, *bytes.back(), bytes.back()));
+    EXPECT_EQ(bodies.back().References().size(),
+              cases[i].size >= MessageBuffer::kMinReferencedRun ? 1u : 0u);
+  }
+  for (const MessageBuffer& body : bodies)
+    batch.push_back(&body);
   writer_.Adopt(std::move(server_));
-  uint32_t sequence = 0;
-  for (const Case& c : cases) {
+  auto written = std::async(std::launch::async, [&] { return writer_.WriteFrames(batch); });
+  for (uint32_t sequence = 1; sequence <= std::size(cases); ++sequence) {
+    const Case& c = cases[sequence - 1];
     SCOPED_TRACE(c.what);
-    ++sequence;
-    auto bytes = std::make_shared<const std::vector<uint8_t>>(Pattern(c.size, c.text & 0xFF));
-    const MessageBuffer body = Answer(sequence, c.text, *bytes, bytes);
-    EXPECT_EQ(body.References().size(), c.size >= MessageBuffer::kMinReferencedRun ? 1u : 0u);
-    auto written = std::async(std::launch::async, [&] { return writer_.WriteFrame(body); });
-
     auto landing = ByteArrayLanding::Make(c.landing == kTooSmall ? c.size - 1 : c.size);
     if (c.awaited) {
       ASSERT_TRUE(store_.Await(sequence, c.landing == kNone ? nullptr : landing));
@@ -111,43 +120,14 @@ TEST_F(BulkBytesTest, ReadsArriveWholeWhereverTheirBytesLand) {
               c.awaited ? IncomingDispatcher::Outcome::kResponseDelivered
                         : IncomingDispatcher::Outcome::kUnawaitedResponse);
     reader_.ReleaseRead();
-    EXPECT_EQ(written.get(), PipeChannel::WriteStatus::kWritten);
     if (!c.awaited) continue;
 
     std::shared_ptr<CResponse> arrived;
     ASSERT_EQ(store_.Wait(sequence, store_.Epoch(), arrived), WaitError::kWaitSuccess);
     const auto& read = static_cast<const CGetMemoryResponse&>(*arrived);
-    EXPECT_TRUE(read.ReadData == *bytes);
+    EXPECT_TRUE(read.ReadData == *bytes[sequence - 1]);
     EXPECT_EQ(read.ReadData.LandedIn(*landing), c.lands);
     EXPECT_EQ(read.BadBytes, sequence);
-  }
-}
-
-// Frames the writer found waiting go out in one gathered write and still arrive one by one, each
-// whole and in order, whether its bytes lie in the buffer or elsewhere.
-TEST_F(BulkBytesTest, FramesWrittenTogetherArriveOneByOne) {
-  const size_t sizes[] = {1 << 20, 1000, 256 << 10, 10};
-  std::vector<std::shared_ptr<const std::vector<uint8_t>>> bytes;
-  std::vector<MessageBuffer> bodies;
-  std::vector<const MessageBuffer*> batch;
-  for (uint32_t i = 0; i < std::size(sizes); ++i) {
-    bytes.push_back(std::make_shared<const std::vector<uint8_t>>(Pattern(sizes[i], 5 + i)));
-    bodies.push_back(Answer(i + 1, i == 2 ? 6000 : 0, *bytes.back(), bytes.back()));
-  }
-  for (const MessageBuffer& body : bodies)
-    batch.push_back(&body);
-  writer_.Adopt(std::move(server_));
-  auto written = std::async(std::launch::async, [&] { return writer_.WriteFrames(batch); });
-  for (uint32_t sequence = 1; sequence <= std::size(sizes); ++sequence) {
-    SCOPED_TRACE(sequence);
-    ASSERT_TRUE(store_.Await(sequence, nullptr));
-    ASSERT_EQ(reader_.ReadFrame(), PipeChannel::ReadStatus::kFrame);
-    EXPECT_EQ(dispatcher_.Dispatch(reader_.Input()),
-              IncomingDispatcher::Outcome::kResponseDelivered);
-    reader_.ReleaseRead();
-    std::shared_ptr<CResponse> arrived;
-    ASSERT_EQ(store_.Wait(sequence, store_.Epoch(), arrived), WaitError::kWaitSuccess);
-    EXPECT_TRUE(static_cast<const CGetMemoryResponse&>(*arrived).ReadData == *bytes[sequence - 1]);
   }
   EXPECT_EQ(written.get(), PipeChannel::WriteStatus::kWritten);
 }
