@@ -84,7 +84,7 @@ std::string Script(const std::string& debugger, const std::string& target,
       target == "localhost" ? " " + Quoted(VEKX_GDB_INFERIOR) : std::string();
   std::string script;
   if (debugger == "gdb") {
-    script += "timeout 60 gdb -nx -batch -q -ex 'set confirm off' -ex 'set pagination off' " +
+    script += "timeout -k 5 60 gdb -nx -batch -q -ex 'set confirm off' -ex 'set pagination off' " +
               std::string("-ex 'set sysroot /' -ex ") +
               Quoted("target remote | " + Quoted(VEKX_GDBSERVER) + " " + target + " --" + program);
     for (const std::string& command : row.commands)
@@ -92,11 +92,12 @@ std::string Script(const std::string& debugger, const std::string& target,
     script += local_file + " >" + Quoted(out) + " 2>&1";
   } else {
     const std::string err = out + ".server";
-    script +=
-        Quoted(VEKX_GDBSERVER) + " --listen 127.0.0.1:0 " + target + " --" + program + " 2>" +
-        Quoted(err) + " & for i in $(seq 200); do grep -q 'Listening on port' " + Quoted(err) +
-        " && break; sleep 0.05; done; port=$(sed -n 's/Listening on port //p' " + Quoted(err) +
-        "); timeout 60 lldb -b --no-lldbinit" + local_file + " -o \"gdb-remote 127.0.0.1:$port\"";
+    script += Quoted(VEKX_GDBSERVER) + " --listen 127.0.0.1:0 " + target + " --" + program + " 2>" +
+              Quoted(err) + " & for i in $(seq 200); do grep -q 'Listening on port' " +
+              Quoted(err) +
+              " && break; sleep 0.05; done; port=$(sed -n 's/Listening on port //p' " +
+              Quoted(err) + "); timeout -k 5 60 lldb -b --no-lldbinit" + local_file +
+              " -o \"gdb-remote 127.0.0.1:$port\"";
     for (const std::string& command : row.commands)
       script += " -o " + Quoted(Substituted(command));
     script += " >" + Quoted(out) + " 2>&1; wait";
