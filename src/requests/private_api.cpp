@@ -83,11 +83,15 @@ std::shared_ptr<CKXVEPrivateAPI> CKXVEPrivateAPI::Create(ServerLink::ServerNames
 }
 
 CKXVEPrivateAPI::CKXVEPrivateAPI(ServerLink::ServerNames names)
-    : pump_([this](const std::shared_ptr<CNotification>& notification) {
-        // Held for the delivery: a sink may drop the last other reference to this object, which
-        // then ends here, after the delivery, on the notification thread.
-        if (auto self = weak_from_this().lock()) self->OnNotification(notification);
-      }),
+    : pump_(
+          [this](const std::shared_ptr<CNotification>& notification) {
+            // Held for the delivery: a sink may drop the last other reference to this object, which
+            // then ends here, after the delivery, on the notification thread.
+            if (auto self = weak_from_this().lock()) self->OnNotification(notification);
+          },
+          [this](std::span<const std::shared_ptr<CNotification>> batch) {
+            if (auto self = weak_from_this().lock()) self->AcknowledgeConsoleOutput(batch);
+          }),
       link_(ResponseFactory(), NotificationFactory(), std::move(names),
             ServerLink::Hooks{
                 [this](std::shared_ptr<CNotification> notification) {
@@ -157,12 +161,6 @@ void CKXVEPrivateAPI::OnNotification(const std::shared_ptr<CNotification>& notif
   if (notification == nullptr) return;
   const auto route = FindNotificationRoute(notification->GetTypeNumber());
   if (!route || !IsSinkGroup(route->group)) return;
-  if (notification->GetTypeNumber() == CConsoleOutputNotification::kTypeNumber) {
-    // Before the group's lock and whether or not anyone listens: the acknowledgement is what lets
-    // the server send the next piece. Post skips it while the link is down.
-    const CAckConsoleOutputRequest ack;
-    Post(notification->GetTargetKey(), ack);
-  }
   registries_[static_cast<size_t>(route->group)].Deliver(notification->GetTargetKey(), route->slot,
                                                          notification);
   if (notification->GetTypeNumber() == CTargetDeletedNotification::kTypeNumber) {
@@ -173,6 +171,28 @@ void CKXVEPrivateAPI::OnNotification(const std::shared_ptr<CNotification>& notif
       if (static_cast<EventGroup>(group) != EventGroup::Server) registries_[group].DropAll(handle);
     }
   }
+}
+
+void CKXVEPrivateAPI::AcknowledgeConsoleOutput(
+    std::span<const std::shared_ptr<CNotification>> batch) {
+  // Before the delivery and whether or not anyone listens: the acknowledgement is what lets the
+  // server send the next piece. PostEach skips it while the link is down.
+  constexpr size_t kOneWrite = 64;
+  std::array<uint32_t, kOneWrite> targets;
+  size_t count = 0;
+  const CAckConsoleOutputRequest ack;
+  for (const std::shared_ptr<CNotification>& notification : batch) {
+    if (notification == nullptr ||
+        notification->GetTypeNumber() != CConsoleOutputNotification::kTypeNumber) {
+      continue;
+    }
+    targets[count++] = notification->GetTargetKey();
+    if (count == kOneWrite) {
+      link_.PostEach(targets, ack);
+      count = 0;
+    }
+  }
+  link_.PostEach(std::span(targets.data(), count), ack);
 }
 
 void CKXVEPrivateAPI::OnConnected() {

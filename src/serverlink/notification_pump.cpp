@@ -1,12 +1,17 @@
 #include "serverlink/notification_pump.h"
 
 #include <exception>
+#include <iterator>
+#include <new>
 #include <system_error>
+#include <vector>
 
 namespace qv {
 
-NotificationPump::NotificationPump(Handler handler) : state_(std::make_shared<State>()) {
+NotificationPump::NotificationPump(Handler handler, BatchHook before_batch)
+    : state_(std::make_shared<State>()) {
   state_->handler = std::move(handler);
+  state_->before_batch = std::move(before_batch);
 }
 
 NotificationPump::~NotificationPump() {
@@ -55,16 +60,37 @@ void NotificationPump::Stop() {
 }
 
 void NotificationPump::Run(const std::shared_ptr<State>& state) {
+  std::vector<std::shared_ptr<CNotification>> batch;
   for (;;) {
-    std::shared_ptr<CNotification> next;
+    batch.clear();
     {
       std::unique_lock lock(state->mutex);
       state->wake.wait(lock, [&] { return state->stopping || !state->queue.empty(); });
       if (state->stopping) return;
-      next = std::move(state->queue.front());
-      state->queue.pop_front();
+      try {
+        batch.assign(std::make_move_iterator(state->queue.begin()),
+                     std::make_move_iterator(state->queue.end()));
+        state->queue.clear();
+      } catch (const std::bad_alloc&) {
+        // No room for a batch: one at a time, as the queue holds them.
+        batch.clear();
+        batch.shrink_to_fit();
+        if (!state->queue.empty()) {
+          std::shared_ptr<CNotification> next = std::move(state->queue.front());
+          state->queue.pop_front();
+          lock.unlock();
+          if (state->before_batch) state->before_batch({&next, 1});
+          state->handler(next);
+        }
+        continue;
+      }
     }
-    state->handler(next);
+    if (state->before_batch) state->before_batch(batch);
+    for (std::shared_ptr<CNotification>& next : batch) {
+      if (state->stopping) return;
+      state->handler(next);
+      next.reset();
+    }
   }
 }
 

@@ -65,6 +65,42 @@ PipeChannel::WriteStatus PipeChannel::EndWrite() {
   return status;
 }
 
+void PipeChannel::CancelWrite() {
+  output_.Reset();
+  write_lock_.Unlock();
+}
+
+PipeChannel::WriteStatus PipeChannel::EndWriteFrames(std::span<const size_t> ends) {
+  WriteStatus status = WriteStatus::kFailed;
+  try {
+    gather_headers_.clear();
+    gather_headers_.reserve(ends.size());
+    gather_parts_.clear();
+    gather_parts_.reserve(2 * ends.size());
+    size_t begin = 0;
+    status = WriteStatus::kWritten;
+    for (const size_t end : ends) {
+      if (end < begin || end > output_.Size()) {
+        status = WriteStatus::kFailed;
+        break;
+      }
+      if (end - begin > kMaxFrameBodyBytes) {
+        status = WriteStatus::kTooLarge;
+        break;
+      }
+      gather_headers_.push_back(EncodeFrameHeader(static_cast<uint32_t>(end - begin)));
+      gather_parts_.push_back(gather_headers_.back());
+      gather_parts_.emplace_back(output_.Data() + begin, end - begin);
+      begin = end;
+    }
+    if (status == WriteStatus::kWritten) status = WriteParts(gather_parts_);
+  } catch (const std::exception&) {
+    status = WriteStatus::kFailed;
+  }
+  write_lock_.Unlock();
+  return status;
+}
+
 PipeChannel::WriteStatus PipeChannel::WriteFrame(std::span<const uint8_t> body) {
   if (!write_lock_.Lock()) return WriteStatus::kStopped;
   std::span<const uint8_t> parts[] = {{}, body};

@@ -49,6 +49,12 @@ class PipeChannel {
   // Writes the output buffer as one frame and releases the write lock. A body beyond the frame
   // limit is not sent (kTooLarge).
   WriteStatus EndWrite();
+  // Writes the output buffer as several frames, the i-th ending at `ends[i]` bytes into it, in as
+  // few writes as the system allows, and releases the write lock. When one frame is beyond the
+  // frame limit nothing is written (kTooLarge).
+  WriteStatus EndWriteFrames(std::span<const size_t> ends);
+  // Releases the write lock and writes nothing: for a body that could not be built.
+  void CancelWrite();
   // Writes `body` as one frame straight from where it lies, under the write lock: for a body
   // built elsewhere (the server's answers and notifications), which then is not copied. The
   // runs the body refers to go out from where they lie too.

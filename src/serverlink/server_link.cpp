@@ -140,7 +140,7 @@ LinkStatus ServerLink::Handshake(ConnectResponse& answer) {
       well_known.ReleaseRead();
       status = decoded ? LinkStatus::kSuccess : LinkStatus::kVersionMismatch;
     } else if (!built) {
-      well_known.EndWrite();
+      well_known.CancelWrite();
     }
   }
   if (status != LinkStatus::kSuccess) LogApi(Log::kErrors, "Failed sending connect request");
@@ -270,28 +270,59 @@ LinkStatus ServerLink::Write(uint32_t target_handle, const CRequest& request, ui
   epoch = store_.Epoch();
   sequence = sequence_.Next();
   if (expect_response && !store_.Await(sequence, std::move(landing))) {
-    channel_.EndWrite();
+    channel_.CancelWrite();
     return LinkStatus::kWaitFailed;
   }
+  if (!AppendRequest(target_handle, request, sequence)) {
+    // Nothing half-built goes out: the frame is dropped with its body.
+    channel_.CancelWrite();
+    store_.Forget(sequence);
+    return LinkStatus::kWriteFailed;
+  }
+  return Written(channel_.EndWrite(), sequence);
+}
+
+LinkStatus ServerLink::PostEach(std::span<const uint32_t> target_handles, const CRequest& request) {
+  if (target_handles.empty()) return LinkStatus::kSuccess;
+  if (!IsConnected()) return LinkStatus::kNotConnected;
+  if (!channel_.BeginWrite()) return LinkStatus::kWaitFailed;
+  std::vector<size_t> ends;
+  try {
+    ends.reserve(target_handles.size());
+  } catch (const std::bad_alloc&) {
+    channel_.CancelWrite();
+    return LinkStatus::kWriteFailed;
+  }
+  for (const uint32_t target_handle : target_handles) {
+    if (!AppendRequest(target_handle, request, sequence_.Next())) {
+      channel_.CancelWrite();
+      return LinkStatus::kWriteFailed;
+    }
+    ends.push_back(channel_.Output().Size());
+  }
+  return Written(channel_.EndWriteFrames(ends), 0);
+}
+
+bool ServerLink::AppendRequest(uint32_t target_handle, const CRequest& request, uint32_t sequence) {
   MessageBuffer& body = channel_.Output();
   if (!WriteRequestHeader(body, request.GetTypeNumber(), target_handle, sequence) ||
       !request.Serialize(body)) {
-    // Nothing half-built goes out: the frame is dropped with its body.
-    body.Reset();
-    channel_.EndWrite();
-    store_.Forget(sequence);
-    return LinkStatus::kWriteFailed;
+    return false;
   }
   if (LibraryLog().Enabled(Log::kPackets)) {
     LogApi(Log::kPackets, "SENT: " + platform::Utf16ToUtf8(request.GetName()) + " " +
                               LogHex(request.GetTypeNumber()) + " " + LogHex(target_handle) + " " +
                               LogHex(sequence) + " " + request.ToString());
   }
-  switch (channel_.EndWrite()) {
+  return true;
+}
+
+LinkStatus ServerLink::Written(PipeChannel::WriteStatus status, uint32_t sequence) {
+  switch (status) {
     case PipeChannel::WriteStatus::kWritten:
       return LinkStatus::kSuccess;
     case PipeChannel::WriteStatus::kTooLarge:
-      store_.Forget(sequence);
+      if (sequence != 0) store_.Forget(sequence);
       return LinkStatus::kWriteFailed;
     case PipeChannel::WriteStatus::kStopped:
     case PipeChannel::WriteStatus::kFailed:

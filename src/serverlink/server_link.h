@@ -22,6 +22,7 @@
 #include <memory>
 #include <mutex>
 #include <random>
+#include <span>
 #include <string>
 #include <thread>
 
@@ -79,6 +80,10 @@ class ServerLink {
   LinkStatus SendRequest(uint32_t target_handle, const CRequest& request, uint32_t& sequence,
                          bool expect_response, uint64_t& epoch,
                          std::shared_ptr<BulkLanding> landing = nullptr);
+  // Writes `request` once for each of `target_handles`, expecting no answers, in one write: for a
+  // notification thread that acknowledges several pieces at once. Skipped (kNotConnected) while
+  // the connection is down, like any request that expects no answer.
+  LinkStatus PostEach(std::span<const uint32_t> target_handles, const CRequest& request);
   // Blocks until the response for `sequence` arrives or its connection ends, then fills
   // `response`: the head alone when the server failed the request, else the whole message.
   LinkStatus WaitResponse(CResponse& response, uint32_t sequence, uint64_t epoch);
@@ -107,6 +112,11 @@ class ServerLink {
   // Writes one request on the open connection.
   LinkStatus Write(uint32_t target_handle, const CRequest& request, uint32_t& sequence,
                    bool expect_response, uint64_t& epoch, std::shared_ptr<BulkLanding> landing);
+  // Appends one request frame's body to the output buffer and logs it; false when it cannot be
+  // built. The caller holds the write lock.
+  bool AppendRequest(uint32_t target_handle, const CRequest& request, uint32_t sequence);
+  // What a write's outcome means for the link; `sequence` is forgotten when nothing went out.
+  LinkStatus Written(PipeChannel::WriteStatus status, uint32_t sequence);
 
   ServerNames names_;
   Hooks hooks_;

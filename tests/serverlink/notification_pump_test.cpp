@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <future>
+#include <span>
 #include <thread>
 #include <vector>
 
@@ -22,16 +23,23 @@ uint32_t NumberOf(const std::shared_ptr<CNotification>& notification) {
   return static_cast<const CDataReadyNotification&>(*notification).Count;
 }
 
+// The batch hook sees every notification once, in order, before the handler is handed it.
 TEST(NotificationPumpTest, DeliversInArrivalOrderOnItsOwnThread) {
   constexpr uint32_t kCount = 500;
-  std::vector<uint32_t> seen;
+  std::vector<uint32_t> seen, hooked;
   std::thread::id handler_thread;
   std::promise<void> all_seen;
-  NotificationPump pump([&](const std::shared_ptr<CNotification>& notification) {
-    handler_thread = std::this_thread::get_id();
-    seen.push_back(NumberOf(notification));
-    if (seen.size() == kCount) all_seen.set_value();
-  });
+  NotificationPump pump(
+      [&](const std::shared_ptr<CNotification>& notification) {
+        handler_thread = std::this_thread::get_id();
+        seen.push_back(NumberOf(notification));
+        EXPECT_GT(hooked.size(), seen.back());
+        if (seen.size() == kCount) all_seen.set_value();
+      },
+      [&](std::span<const std::shared_ptr<CNotification>> batch) {
+        for (const auto& notification : batch)
+          hooked.push_back(NumberOf(notification));
+      });
   for (uint32_t i = 0; i < kCount; ++i)
     ASSERT_TRUE(pump.Push(Numbered(i)));
   ASSERT_EQ(all_seen.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
@@ -39,6 +47,7 @@ TEST(NotificationPumpTest, DeliversInArrivalOrderOnItsOwnThread) {
   ASSERT_EQ(seen.size(), kCount);
   for (uint32_t i = 0; i < kCount; ++i)
     EXPECT_EQ(seen[i], i);
+  EXPECT_EQ(hooked, seen);
   EXPECT_NE(handler_thread, std::this_thread::get_id());
   EXPECT_FALSE(pump.Push(Numbered(0)));  // stopped for good
 }
