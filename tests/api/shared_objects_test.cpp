@@ -142,9 +142,7 @@ TEST_F(SharedObjectsTest, CallsAfterTheServerCameBackReconnect) {
     if (!WaitUntil([&] { return failed_between.load() > 0; }, 10000)) {
       ADD_FAILURE() << "no call failed while no server ran";
     }
-    server_ = std::make_unique<servertest::ServerProcess>(
-        user_, std::vector<std::string>{"--scenario", servertest::WriteScenario(Scenario())});
-    if (!server_->Started() || !server_->WaitReady()) ADD_FAILURE() << "no second server";
+    StartServer();  // the second server, or a failure that says why not
     phase.store(2);
   });
   OnThreads([&](int index) {
