@@ -329,11 +329,6 @@ class RootObjectServerDeathTest : public ::testing::Test {
     std::error_code error;
     std::filesystem::remove(alive_file_, error);  // the stand-ins exit
   }
-  uint32_t ServerPid(IVEKXAPI12* api) {
-    ULONG v[4] = {};
-    EXPECT_OK(ServerVersion(api, v));
-    return v[3];  // its process id
-  }
   bool Ready() const { return platform::ServerIsReady(user_, servertest::RunDir(), 0); }
 
   std::u16string user_ = testing::UniqueUser("vkxroot");
@@ -350,15 +345,16 @@ TEST_F(RootObjectServerDeathTest, ACallTheServerDiesInFailsAndTheNextStartsAnoth
   ASSERT_OK(CreateRootObject(CKXVEPrivateAPI::Create({user_, servertest::RunDir()}), IID_IVEKXAPI12,
                              reinterpret_cast<void**>(api.Put())));
   ASSERT_OK(api->CheckCompatibility(21));
-  const uint32_t first = ServerPid(api.Get());
-  ASSERT_NE(first, 0u);
+  ULONG first[4] = {}, second[4] = {};  // the server's version, its process id last
+  ASSERT_OK(ServerVersion(api.Get(), first));
+  ASSERT_NE(first[3], 0u);
 
   EXPECT_EQ(api->CancelFindTargets(), KXAPI_WAIT_ERROR);
   EXPECT_EQ(TakeErrorText(), TableText(KXAPI_WAIT_ERROR));
   ASSERT_TRUE(testing::WaitUntil([&] { return !Ready(); }));
-  const uint32_t second = ServerPid(api.Get());
-  EXPECT_NE(second, 0u);
-  EXPECT_NE(second, first);
+  EXPECT_OK(ServerVersion(api.Get(), second));
+  EXPECT_NE(second[3], 0u);
+  EXPECT_NE(second[3], first[3]);
 
   // After Dispose and with no server left, nothing starts one.
   EXPECT_OK(api->Dispose());
