@@ -132,8 +132,10 @@ class DebugLiveTest : public LiveApiTest {
   std::string Scenario() const override { return kDebugScenario; }
 };
 
-// Load stopped at the entry, read and patch memory, set a breakpoint in the loop and run into it:
-// the stop reaches the sink, and its objects read back the process and the stopped thread.
+// Load stopped at the entry, read memory, set a breakpoint in the loop and run into it: the stop
+// reaches the sink, and its objects read back the stopped thread. The breakpoint's original code,
+// the stop's process, the thread's rip in its info and its registers read through the thread
+// object are vesta-ctrl's (tests/cli/debug_commands_test.cpp, SessionOnTheSampleProgram).
 TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   auto target = Target("kit-debug");
   ASSERT_TRUE(target);
@@ -142,7 +144,6 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   ASSERT_OK(target->AdviseDebugEvents(sink.Get()));
   const auto process = LoadProcess(target.Get(), DEVICE_APP, "/app/loop.elf", true);
   ASSERT_TRUE(process);
-  const ULONG pid = Get(process.Get(), &IProcess::get_Id);
   ASSERT_NE(sink->WaitStop(0), 0u);  // the stop at the entry point
 
   vekx::Variant bytes;
@@ -152,30 +153,22 @@ TEST_F(DebugLiveTest, BreakpointHitReachesTheSink) {
   vekx::Variant opcode;
   ULONG id = 0;
   ASSERT_OK(Break(process.Get(), 0, 0x401004, opcode, id));
-  EXPECT_EQ(Numbers(opcode), std::vector<uint64_t>{0x90});
 
   ASSERT_OK(Resume(process.Get()));
   vekx::ComPtr<IStopNotification> stop;
   ASSERT_EQ(sink->WaitStop(1, nullptr, &stop), STOP_REASON_SIGSWBRKPT);
-  vekx::ComPtr<IProcessInfo> info;
-  ASSERT_OK(stop->get_ProcessInfo(info.Put()));
-  EXPECT_EQ(Get(info.Get(), &IProcessInfo::get_Id), pid);
   const ULONG tid = Get(stop.Get(), &IStopNotification::get_ThreadId);
   const auto infos =
       ListOf<IThreadInfo6>(stop.Get(), &IStopNotification::get_Threads, IID_IThreadInfo6);
   ASSERT_TRUE(!infos.empty() && infos[0]);
   const auto& thread_info = infos[0];
-  EXPECT_EQ(Get(thread_info.Get(), &IThreadInfo6::get_RIP), 0x401004u);
   EXPECT_EQ(StopCode(thread_info.Get()), STOP_REASON_SIGSWBRKPT);
 
-  // The thread the stop names answers for its registers; a value count that is not four per
-  // id is refused unsent, twelve for three ids are sent.
+  // The thread the stop names: a value count that is not four per id is refused unsent, twelve
+  // for three ids are sent.
   vekx::ComPtr<IThread> thread;
   ASSERT_OK(thread_info->get_ThreadInterface(thread.Put()));
   EXPECT_EQ(Get(thread.Get(), &IThread::get_Id), tid);
-  vekx::Variant values;
-  ASSERT_OK(thread->GetRegisters(ArrayOf(VT_I4, {REG_ID_RIP}).Get(), values.Put()));
-  EXPECT_EQ(Numbers(values), (std::vector<uint64_t>{0x401004, 0, 0, 0}));
   const auto ids = ArrayOf(VT_I4, {REG_ID_RAX, REG_ID_RBX, REG_ID_RCX});
   EXPECT_EQ(thread->SetRegisters(ids.Get(), ArrayOf(VT_UI8, std::vector<uint64_t>(11)).Get()),
             E_INVALIDARG);

@@ -273,8 +273,8 @@ TEST_F(LiveEventsTest, EveryNotificationReachesItsSinkUntilItsTargetIsDeleted) {
     methods.push_back(call.method);
   EXPECT_EQ(methods,
             (std::vector<std::string>{"OnBusy", "OnPowerState", "OnPowerState", "OnIdle"}));
-  EXPECT_EQ(fresh->Values("OnPowerState", "Progress"), (std::vector<std::string>{"0", "1"}));
-  // The operation is the interface's own value, as a host compares it.
+  // Its progress, 0 then 1, is the Python binding's (test_a_power_action_changes_the_state...); the
+  // operation is the interface's own value, as a host compares it.
   const std::string off = std::to_string(POWER_OPERATION_OFF);
   EXPECT_EQ(fresh->Values("OnPowerState", "Operation"), (std::vector<std::string>{off, off}));
   EXPECT_EQ(bystander->CallCount(), 0u);
@@ -456,7 +456,8 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   EXPECT_TRUE(WaitUntil([&] { return sink->CallCount() == kPieces; }));
   EXPECT_EQ(sink->Values("OnConsoleOutput", "Text"), texts);
 
-  // Input is cut at its first null; the echo comes back live and into the cache.
+  // Input is cut at its first null; the echo comes back live (and into the cache on its port, as
+  // vesta-ctrl's ConsoleFollowsItsCacheWithoutGapOrRepeat reads it, which the index shows below).
   const vekx::Bstr input(std::u16string(u"ls\0rm -rf", 9));
   EXPECT_OK(target->SendConsoleInputWithEcho(STREAM_USER3, PROCESS_OUTPUT,
                                              static_cast<ULONG>(BROADCAST_PID), input.Get()));
@@ -466,9 +467,6 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   EXPECT_EQ(echo.properties.at("Port"), "3");
   EXPECT_EQ(echo.properties.at("Category"), "1");
   EXPECT_EQ(echo.properties.at("ProcessId"), "4294967295");
-  vekx::Variant output;
-  ASSERT_OK(target->CachedConsoleOutput(&index, output.Put()));
-  EXPECT_EQ(Pieces(output), std::vector<std::string>{"3 ls"});
   const vekx::Bstr empty(u"");
   EXPECT_EQ(target->SendConsoleInputWithEcho(STREAM_STDIO, KERNEL_OUTPUT, 0, empty.Get()),
             E_INVALIDARG);
@@ -481,6 +479,7 @@ TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
   // Clearing keeps the indices going.
   EXPECT_OK(target->ClearConsoleCache());
   index = start;
+  vekx::Variant output;
   ASSERT_OK(target->CachedConsoleOutput(&index, output.Put()));
   EXPECT_TRUE(Pieces(output).empty());
   EXPECT_EQ(Get(target.Get(), &ITarget::get_ConsoleCacheIndex), start + kPieces + 1);

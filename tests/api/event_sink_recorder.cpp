@@ -3,6 +3,8 @@
 #include <type_traits>
 
 #include "platform/wide_string.h"
+#include "vekxapi/bstr.h"
+#include "vekxapi/variant.h"
 
 namespace qv::apitest {
 namespace {
@@ -11,8 +13,7 @@ std::string Text(const VARIANT& value);
 
 std::string ArrayText(SAFEARRAY* array, VARTYPE type) {
   std::string out = "[";
-  LONG low = 0;
-  LONG high = -1;
+  LONG low = 0, high = -1;
   SafeArrayGetLBound(array, 1, &low);
   SafeArrayGetUBound(array, 1, &high);
   for (LONG i = low; i <= high; ++i) {
@@ -33,29 +34,19 @@ std::string ArrayText(SAFEARRAY* array, VARTYPE type) {
 
 std::string Text(const VARIANT& value) {
   if ((value.vt & VT_ARRAY) != 0) return ArrayText(value.parray, value.vt & ~VT_ARRAY);
-  switch (value.vt) {
-    case VT_UI1:
-      return std::to_string(value.bVal);
-    case VT_UI4:
-      return std::to_string(value.ulVal);
-    case VT_BSTR:
-      return platform::Utf16ToUtf8(platform::BstrView(value.bstrVal));
-    default:
-      return "vt " + std::to_string(value.vt);
-  }
+  if (value.vt == VT_UI1) return std::to_string(value.bVal);
+  if (value.vt == VT_UI4) return std::to_string(value.ulVal);
+  if (value.vt == VT_BSTR) return platform::Utf16ToUtf8(platform::BstrView(value.bstrVal));
+  return "vt " + std::to_string(value.vt);
 }
 
 // The text of one property value as the getter handed it out; frees what the getter allocated.
 template <class Out>
 std::string Text(Out& value) {
   if constexpr (std::is_same_v<Out, BSTR>) {
-    std::string text = platform::Utf16ToUtf8(platform::BstrView(value));
-    SysFreeString(value);
-    return text;
+    return vekx::Bstr::Adopt(value).Utf8();
   } else if constexpr (std::is_same_v<Out, VARIANT>) {
-    std::string text = Text(static_cast<const VARIANT&>(value));
-    VariantClear(&value);
-    return text;
+    return Text(vekx::Variant::Adopt(value).Get());
   } else if constexpr (std::is_same_v<Out, VARIANT_BOOL>) {
     return value == VARIANT_TRUE ? "true" : value == VARIANT_FALSE ? "false" : "bad bool";
   } else if constexpr (std::is_integral_v<Out> && sizeof(Out) == sizeof(uint64_t)) {
@@ -69,18 +60,11 @@ std::string Text(Out& value) {
 template <class Event, class Out>
 std::string ReadValue(Event* event, HRESULT (STDMETHODCALLTYPE Event::*get)(Out*)) {
   if ((event->*get)(nullptr) != E_POINTER) return "no E_POINTER";
-  if constexpr (std::is_enum_v<Out>) {
-    // Read through 32-bit storage: the values sent are not all named by the enumeration.
-    uint32_t bits = 0;
-    const HRESULT hr = (event->*get)(reinterpret_cast<Out*>(&bits));
-    if (FAILED(hr)) return "failed " + std::to_string(static_cast<uint32_t>(hr));
-    return std::to_string(bits);
-  } else {
-    Out value{};
-    const HRESULT hr = (event->*get)(&value);
-    if (FAILED(hr)) return "failed " + std::to_string(static_cast<uint32_t>(hr));
-    return Text(value);
-  }
+  // An enumeration is read through 32-bit storage: the values sent are not all named by it.
+  std::conditional_t<std::is_enum_v<Out>, uint32_t, Out> value{};
+  const HRESULT hr = (event->*get)(reinterpret_cast<Out*>(&value));
+  if (FAILED(hr)) return "failed " + std::to_string(static_cast<uint32_t>(hr));
+  return Text(value);
 }
 
 template <class Event, class Out>
@@ -117,11 +101,6 @@ HRESULT SinkCalls::Record(SinkCall call) {
 std::vector<SinkCall> SinkCalls::Calls() const {
   std::lock_guard lock(mutex_);
   return calls_;
-}
-
-size_t SinkCalls::CallCount() const {
-  std::lock_guard lock(mutex_);
-  return calls_.size();
 }
 
 std::vector<std::string> SinkCalls::Values(const std::string& method,

@@ -28,7 +28,7 @@ struct SinkCall {
 class SinkCalls {
  public:
   std::vector<SinkCall> Calls() const;
-  size_t CallCount() const;
+  size_t CallCount() const { return Calls().size(); }
   // The value of `property` in each call to `method`, in the order of the calls.
   std::vector<std::string> Values(const std::string& method, const std::string& property) const;
   void Clear();

@@ -68,17 +68,18 @@ TEST(Bstr, KeepsItsTextAndFreesWhatItHeld) {
   EXPECT_EQ(adopted.View(), text);
 }
 
-// A VARIANT holding a new one-dimensional array of `type` with `count` elements from `lower`.
-Variant MakeArray(VARTYPE type, ULONG count, LONG lower = 0) {
+// A VARIANT holding a new array of `type` with `count` elements from `lower` in each of its
+// `dimensions` (one or two).
+Variant MakeArray(VARTYPE type, ULONG count, LONG lower = 0, UINT dimensions = 1) {
   Variant array;
-  SAFEARRAYBOUND bound{count, lower};
+  SAFEARRAYBOUND bounds[2] = {{count, lower}, {count, lower}};
   VARIANT* slot = array.Put();
   slot->vt = static_cast<VARTYPE>(VT_ARRAY | type);
-  slot->parray = SafeArrayCreate(type, 1, &bound);
+  slot->parray = SafeArrayCreate(type, dimensions, bounds);
   return array;
 }
 
-TEST(ArrayElements, CopiesEachElementAsAVariantOfItsType) {
+TEST(ArrayElements, CopiesEachElementAsAVariantOfItsTypeAndRefusesWhatIsNotAList) {
   CountedObject object;
   {
     Variant objects = MakeArray(VT_VARIANT, 2, 1);
@@ -110,18 +111,11 @@ TEST(ArrayElements, CopiesEachElementAsAVariantOfItsType) {
 
   ASSERT_EQ(ArrayElements(MakeArray(VT_VARIANT, 0).Get(), elements), S_OK);
   EXPECT_TRUE(elements.empty());
-}
 
-TEST(ArrayElements, RefusesWhatIsNotAListItCanRead) {
-  std::vector<Variant> elements;
+  // What is not a one-dimensional list of a type it can read is refused.
   EXPECT_EQ(ArrayElements(Variant().Get(), elements), DISP_E_TYPEMISMATCH);
   EXPECT_EQ(ArrayElements(MakeArray(VT_R8, 1).Get(), elements), DISP_E_TYPEMISMATCH);
-  Variant square;
-  SAFEARRAYBOUND bounds[2] = {{2, 0}, {2, 0}};
-  VARIANT* slot = square.Put();
-  slot->vt = VT_ARRAY | VT_VARIANT;
-  slot->parray = SafeArrayCreate(VT_VARIANT, 2, bounds);
-  EXPECT_EQ(ArrayElements(square.Get(), elements), DISP_E_TYPEMISMATCH);
+  EXPECT_EQ(ArrayElements(MakeArray(VT_VARIANT, 2, 0, 2).Get(), elements), DISP_E_TYPEMISMATCH);
 }
 
 TEST(Status, CarriesTheDescriptionTheLibraryLeft) {

@@ -235,10 +235,7 @@ class LiveApiTest : public ::testing::Test {
 
   // Starts the test's server on Scenario() and waits until it serves.
   void StartServer() {
-    server_ = std::make_unique<servertest::ServerProcess>(
-        user_, std::vector<std::string>{"--scenario", servertest::WriteScenario(Scenario())});
-    ASSERT_TRUE(server_->Started());
-    ASSERT_TRUE(server_->WaitReady()) << server_->Output();
+    servertest::StartReady(server_, user_, {"--scenario", servertest::WriteScenario(Scenario())});
   }
 
   void TearDown() override {

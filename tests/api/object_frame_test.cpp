@@ -47,12 +47,11 @@ TEST(ObjectFrame, EveryGenerationOfAFamilyIsOneObject) {
 
 TEST(ObjectFrame, ClassObjectMakesOnlyTheRootAndRefusesAggregation) {
   vekx::ComPtr<IClassFactory> factory;
-  EXPECT_EQ(
-      DllGetClassObject(IID_ITarget, IID_IClassFactory, reinterpret_cast<void**>(factory.Put())),
-      CLASS_E_CLASSNOTAVAILABLE);
-  ASSERT_EQ(
-      DllGetClassObject(CLSID_VEKXAPI, IID_IClassFactory, reinterpret_cast<void**>(factory.Put())),
-      S_OK);
+  const auto class_object = [&](REFCLSID clsid) {
+    return DllGetClassObject(clsid, IID_IClassFactory, reinterpret_cast<void**>(factory.Put()));
+  };
+  EXPECT_EQ(class_object(IID_ITarget), CLASS_E_CLASSNOTAVAILABLE);
+  ASSERT_EQ(class_object(CLSID_VEKXAPI), S_OK);
   EXPECT_EQ(DllCanUnloadNow(), S_FALSE);
 
   vekx::ComPtr<IUnknown> outer;
@@ -67,9 +66,7 @@ TEST(ObjectFrame, ClassObjectMakesOnlyTheRootAndRefusesAggregation) {
   EXPECT_EQ(factory->LockServer(TRUE), S_OK);
   factory.Reset();
   EXPECT_EQ(DllCanUnloadNow(), S_FALSE);
-  ASSERT_EQ(
-      DllGetClassObject(CLSID_VEKXAPI, IID_IClassFactory, reinterpret_cast<void**>(factory.Put())),
-      S_OK);
+  ASSERT_EQ(class_object(CLSID_VEKXAPI), S_OK);
   EXPECT_EQ(factory->LockServer(FALSE), S_OK);
   factory.Reset();
   EXPECT_EQ(DllCanUnloadNow(), S_OK);

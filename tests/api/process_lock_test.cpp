@@ -78,9 +78,8 @@ TEST_F(ProcessLockTest, TheHolderChangesTheProcessTheOthersOnlyRead) {
   ASSERT_TRUE(loaded);
   const ULONG pid = Get(loaded.Get(), &IProcess::get_Id);
   const Client a = Open(*api_.Get(), pid);
-  vekx::ComPtr<IVEKXAPI> second_root;
-  ASSERT_OK(NewRoot(IID_IVEKXAPI, reinterpret_cast<void**>(second_root.Put())));
-  ASSERT_OK(second_root->CheckCompatibility(21));
+  const vekx::ComPtr<IVEKXAPI12> second_root = CheckedRoot();
+  ASSERT_TRUE(second_root);
   const Client b = Open(*second_root.Get(), pid);
   ASSERT_TRUE(a.process && b.process);
   const auto sink = vekx::MakeSink<AskedSink>();

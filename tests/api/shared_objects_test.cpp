@@ -48,34 +48,22 @@ TEST_F(SharedObjectsTest, CallsFromManyThreadsGetTheirOwnAnswersAndErrorObjects)
       // The shared target's count moves on every thread; a private one comes and goes.
       shared->AddRef();
       ComPtr<ITarget> own;
-      const HRESULT added = round % 2 == 0 ? api_->AddTarget(B("kit-one").Get(), own.Put())
-                                           : api_->get_DefaultTarget(own.Put());
-      if (added != S_OK)
-        ADD_FAILURE() << "thread " + std::to_string(index) + ": target " + Hex(added);
-      ePowerStatus power{};
-      if (HRESULT hr = shared->get_PowerStatus(&power); hr != S_OK || power != POWER_STATUS_ON) {
-        ADD_FAILURE() << "PowerStatus " + Hex(hr);
-      }
-      eConnectionState state{};
-      if (HRESULT hr = shared->get_ConnectionState(&state);
-          hr != S_OK || state != CONNECTION_AVAILABLE) {
-        ADD_FAILURE() << "ConnectionState " + Hex(hr);
-      }
-      Bstr name;
+      EXPECT_OK(round % 2 == 0 ? api_->AddTarget(B("kit-one").Get(), own.Put())
+                               : api_->get_DefaultTarget(own.Put()))
+          << "thread " << index;
+      EXPECT_EQ(Get(shared.Get(), &ITarget::get_PowerStatus), POWER_STATUS_ON);
+      EXPECT_EQ(Get(shared.Get(), &ITarget::get_ConnectionState), CONNECTION_AVAILABLE);
       if (own) {
-        if (HRESULT hr = own->get_Name(name.Put()); hr != S_OK || name.Utf8() != "One") {
-          ADD_FAILURE() << "Name " + Hex(hr) + " '" + name.Utf8() + "'";
-        }
+        EXPECT_EQ(GetText(own.Get(), &ITarget::get_Name), "One");
       }
       shared->Release();
       // A failure of this thread's own leaves this thread's text, whatever the others do.
       if (index % 2 == 0) {
-        if (gone->get_Name(name.Put()) != KXAPI_COMMS_ERR_NO_CONNECT ||
-            TakeErrorText().find("'kit-gone'") == std::string::npos) {
-          ADD_FAILURE() << "kit-gone's failure without its text";
-        }
-      } else if (std::string text = TakeErrorText(); !text.empty()) {
-        ADD_FAILURE() << "an error object on a thread with no failure: " + text;
+        Bstr name;
+        EXPECT_EQ(gone->get_Name(name.Put()), KXAPI_COMMS_ERR_NO_CONNECT);
+        EXPECT_NE(TakeErrorText().find("'kit-gone'"), std::string::npos);
+      } else {
+        EXPECT_EQ(TakeErrorText(), "") << "an error object on a thread with no failure";
       }
     }
   });
@@ -106,9 +94,8 @@ TEST_F(SharedObjectsTest, EveryCallAfterADisposeOnAnotherThreadIsRefused) {
       for (HRESULT hr : results) {
         // A call that overlaps the Dispose may fail either way, but one that starts after it
         // must not reach the server.
-        if (was_disposed && hr != E_UNEXPECTED) {
-          ADD_FAILURE() << "thread " + std::to_string(index) + ": " + Hex(hr) + " after Dispose";
-        }
+        EXPECT_TRUE(!was_disposed || hr == E_UNEXPECTED)
+            << "thread " << index << ": " << Hex(hr) << " after Dispose";
       }
       if (was_disposed) {
         ++after;
@@ -116,9 +103,7 @@ TEST_F(SharedObjectsTest, EveryCallAfterADisposeOnAnotherThreadIsRefused) {
         ++calls_before;
       }
     }
-    ULONG handle = 0;
-    if (shared->get_Handle(&handle) != S_OK || handle == 0)
-      ADD_FAILURE() << "no handle after Dispose";
+    EXPECT_NE(HandleOf(shared), 0u) << "no handle after Dispose";
   });
   disposer.join();
 }
@@ -142,9 +127,7 @@ TEST_F(SharedObjectsTest, CallsAfterTheServerCameBackReconnect) {
     if (!WaitUntil([&] { return failed_between.load() > 0; }, 10000)) {
       ADD_FAILURE() << "no call failed while no server ran";
     }
-    server_ = std::make_unique<servertest::ServerProcess>(
-        user_, std::vector<std::string>{"--scenario", servertest::WriteScenario(Scenario())});
-    if (!server_->Started() || !server_->WaitReady()) ADD_FAILURE() << "no second server";
+    StartServer();  // the second server, or a failure that says why not
     phase.store(2);
   });
   OnThreads([&](int index) {
@@ -167,10 +150,7 @@ TEST_F(SharedObjectsTest, CallsAfterTheServerCameBackReconnect) {
         },
         30000);
     if (!back) ADD_FAILURE() << "thread " + std::to_string(index) + " never reconnected";
-    Bstr name;
-    if (HRESULT hr = shared->get_Name(name.Put()); hr != S_OK || name.Utf8() != "One") {
-      ADD_FAILURE() << "Name after the restart " + Hex(hr);
-    }
+    EXPECT_EQ(GetText(shared.Get(), &ITarget::get_Name), "One") << "after the restart";
     ++threads_back;
   });
   restarter.join();

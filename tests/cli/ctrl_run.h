@@ -36,48 +36,40 @@ inline std::string Lines(std::string text) {
   return text;
 }
 
-#ifdef _WIN32
-inline CtrlRun Ctrl(const std::vector<std::string>& args) {
+#ifndef _WIN32
+inline std::string Quoted(const std::string& text) {
+  std::string quoted = "'";
+  for (char c : text)
+    quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+#endif
+
+// `input` is what the tool reads on standard input (POSIX only).
+inline CtrlRun Ctrl(const std::vector<std::string>& args,
+                    [[maybe_unused]] const std::string& input = "/dev/null") {
   const auto out = TestRoot() / "ctrl.out";
   const auto err = TestRoot() / "ctrl.err";
   CtrlRun run;
+#ifdef _WIN32
   const auto program =
       qv::testing::ChildProgram::Start(VEKX_CTRL_EXECUTABLE, args, out.string(), err.string());
   if (program == nullptr) return run;
   run.exit_code = program->Wait(60000).value_or(-1);
-  run.out = Lines(ReadText(out));
-  run.err = Lines(ReadText(err));
-  return run;
-}
+  const auto read = [](const auto& path) { return Lines(ReadText(path)); };
 #else
-inline std::string Quoted(const std::string& text) {
-  std::string quoted = "'";
-  for (char c : text) {
-    if (c == '\'') {
-      quoted += "'\\''";
-    } else {
-      quoted += c;
-    }
-  }
-  return quoted + "'";
-}
-
-// `input` is what the tool reads on standard input.
-inline CtrlRun Ctrl(const std::vector<std::string>& args, const std::string& input = "/dev/null") {
-  const auto out = TestRoot() / "ctrl.out";
-  const auto err = TestRoot() / "ctrl.err";
   std::string command = Quoted(VEKX_CTRL_EXECUTABLE);
   for (const std::string& arg : args)
     command += " " + Quoted(arg);
   command += " >" + Quoted(out.string()) + " 2>" + Quoted(err.string()) + " <" + Quoted(input);
   const int status = std::system(command.c_str());
-  CtrlRun run;
   run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  run.out = ReadText(out);
-  run.err = ReadText(err);
+  const auto read = [](const auto& path) { return ReadText(path); };
+#endif
+  run.out = read(out);
+  run.err = read(err);
   return run;
 }
-#endif
 
 inline nlohmann::json Json(const CtrlRun& run) {
   return nlohmann::json::parse(run.out, nullptr, /*allow_exceptions=*/false);
@@ -156,11 +148,16 @@ inline void RunSteps(const std::vector<Step>& steps) {
   }
 }
 
-// A vesta-kx for this account's user name, the one vesta-ctrl serves, on the built-in scenario
-// (whose kits include devkit-alpha).
-class BuiltInKitTest : public qv::servertest::ServerTest {
+// A vesta-kx for this account's user name, the one vesta-ctrl serves, on kQuickScenario; the test
+// process's runtime directory keeps its servers apart from any other.
+class OwnUserServerTest : public qv::servertest::ServerTest {
  protected:
-  BuiltInKitTest() : ServerTest(qv::platform::CurrentUserName()) {}
+  OwnUserServerTest() : ServerTest(qv::platform::CurrentUserName()) {}
+};
+
+// The same on the built-in scenario (whose kits include devkit-alpha).
+class BuiltInKitTest : public OwnUserServerTest {
+ protected:
   void SetUp() override { StartServer(/*built_in=*/true); }
 };
 

@@ -5,20 +5,18 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include "cli/ctrl_run.h"
 
 namespace {
 
 using qv::clitest::Named;
-using qv::clitest::Step;
 
 class DebugCommandsTest : public qv::clitest::BuiltInKitTest {};
 
 TEST_F(DebugCommandsTest, SessionOnTheSampleProgram) {
   const std::string kit = "devkit-alpha";
-  const std::vector<Step> steps = {
+  qv::clitest::RunSteps({
       // The sample runs from the server's start.
       {{"--json", "ps", kit},
        0,
@@ -97,8 +95,7 @@ TEST_F(DebugCommandsTest, SessionOnTheSampleProgram) {
        "vesta-ctrl: no process {pid} on 'devkit-alpha' (see 'vesta-ctrl ps devkit-alpha')\n"},
       {{"load", kit, "/app/missing.elf"}, 1, {}, "", "the kit has no program \"/app/missing.elf\""},
       {{"--json", "break", kit, "100", "--clear", "77"}, 1, {{"/error/code", "0x80040236"}}},
-  };
-  qv::clitest::RunSteps(steps);
+  });
 }
 
 }  // namespace

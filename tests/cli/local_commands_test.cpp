@@ -54,10 +54,9 @@ TEST_F(LocalCommandsTest, RunPassesOutputAndExitCodeThrough) {
 TEST_F(LocalCommandsTest, SymbolsOfTheMainProgramStandForAddresses) {
   for (const std::string program : {VEKX_DEBUGGEE, VEKX_DEBUGGEE_PIE}) {
     SCOPED_TRACE(program);
-    const std::string core =
-        (qv::clitest::TestRoot() / (std::filesystem::path(program).filename().string() + ".core"))
-            .string();
-    const std::string dump = "crash-" + std::filesystem::path(program).filename().string();
+    const std::string name = std::filesystem::path(program).filename().string();
+    const std::string core = (qv::clitest::TestRoot() / (name + ".core")).string();
+    const std::string dump = "crash-" + name;
     RunSteps({
         {{"--json", "load", "localhost", program, "--stop-at-entry", "--", "spin"},
          0,

@@ -8,7 +8,6 @@
 #endif
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -61,12 +60,7 @@ std::string RunUntil(const std::vector<std::string>& args, const std::string& un
   return Lines(ReadText(path));
 }
 
-// vesta-ctrl serves the account's own user name; the test process's runtime directory keeps its
-// servers apart from any other.
-class VestaCtrlTest : public qv::servertest::ServerTest {
- protected:
-  VestaCtrlTest() : ServerTest(qv::platform::CurrentUserName()) {}
-};
+using VestaCtrlTest = qv::clitest::OwnUserServerTest;
 
 TEST_F(VestaCtrlTest, CommandLineMistakesExitWithTwo) {
   for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
@@ -200,13 +194,7 @@ std::string ScriptedScenario() {
 
 class VestaCtrlEventsTest : public VestaCtrlTest {
  protected:
-  void SetUp() override {
-    server_ = std::make_unique<qv::servertest::ServerProcess>(
-        user_, std::vector<std::string>{"--log-level", "2", "--scenario",
-                                        qv::servertest::WriteScenario(ScriptedScenario())});
-    ASSERT_TRUE(server_->Started());
-    ASSERT_TRUE(server_->WaitReady()) << server_->Output();
-  }
+  void SetUp() override { StartServer(/*built_in=*/false, ScriptedScenario().c_str()); }
 };
 
 TEST_F(VestaCtrlEventsTest, ConsoleFollowsItsCacheWithoutGapOrRepeat) {
@@ -336,13 +324,11 @@ TEST_F(VestaCtrlServerTest, AFrozenOrUnstartableServerEndsTheCommandWithTheReaso
   EXPECT_EQ(Json(frozen_json)["error"]["message"], "the server did not answer within 0.5 s");
   EXPECT_EQ(Ctrl({"server", "stop"}).exit_code, 0);
 
-  const std::string saved = std::getenv("XDG_RUNTIME_DIR") ? std::getenv("XDG_RUNTIME_DIR") : "";
   const std::string parent = (TestRoot() / "open-runtime").string();
   std::filesystem::create_directories(parent + "/vesta");
   ASSERT_EQ(chmod((parent + "/vesta").c_str(), 0777), 0);
-  setenv("XDG_RUNTIME_DIR", parent.c_str(), 1);
+  const qv::testing::ScopedVariable runtime("XDG_RUNTIME_DIR", parent);  // until the test ends
   const CtrlRun refused = Ctrl({"targets"});
-  setenv("XDG_RUNTIME_DIR", saved.c_str(), 1);
   EXPECT_EQ(refused.exit_code, 1);
   EXPECT_EQ(refused.err,
             "vesta-ctrl: KX API was unable to run the vesta-kx.exe server process. The runtime "

@@ -366,10 +366,7 @@ TEST_F(Component, DispatchCallsByNameAndCarriesFailures) {
     ASSERT_EQ(api->Invoke(IdOf(api, L"Version"), IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD,
                           &version_params, nullptr, &exception, &bad_argument),
               S_OK);
-    EXPECT_EQ(parts[0], 5u);
-    EXPECT_EQ(parts[1], 0u);
-    EXPECT_EQ(parts[2], 0u);
-    EXPECT_EQ(parts[3], 10u);
+    EXPECT_EQ(std::vector<ULONG>(parts, parts + 4), (std::vector<ULONG>{5, 0, 0, 10}));
 
     // The type library, not the object, checks the arguments.
     params.cArgs = 0;

@@ -141,6 +141,11 @@ TEST(ExpandEnvironment, ReplacesKnownNamesAndKeepsTheRest) {
        u"%VEKX_TEST_UNKNOWN%VEKX_TEST_VALUE%"},
       // Longer than the first buffer the Windows implementation tries.
       {u"<%VEKX_TEST_LONG%>", u"<" + kLong + u">"},
+#ifdef _WIN32
+      {u"%vekx_test_value%", u"run"},  // Names ignore case on Windows only.
+#else
+      {u"%vekx_test_value%", u"%vekx_test_value%"},
+#endif
   };
   const bool wine = test_support::RunningUnderWine();
   for (const auto& c : kCases) {
@@ -150,17 +155,6 @@ TEST(ExpandEnvironment, ReplacesKnownNamesAndKeepsTheRest) {
     const std::u16string expected = wine && c.wine != nullptr ? c.wine : c.expected;
     EXPECT_EQ(Utf16ToUtf8(*expanded), Utf16ToUtf8(expected));
   }
-}
-
-TEST(ExpandEnvironment, NameCaseFollowsThePlatform) {
-  ScopedEnvironmentVariable value(u"VEKX_TEST_CASE", u"found");
-  const std::optional<std::u16string> expanded = ExpandEnvironment(u"%vekx_test_case%");
-  ASSERT_TRUE(expanded.has_value());
-#ifdef _WIN32
-  EXPECT_EQ(*expanded, u"found");
-#else
-  EXPECT_EQ(*expanded, u"%vekx_test_case%");
-#endif
 }
 
 }  // namespace

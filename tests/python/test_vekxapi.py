@@ -16,6 +16,12 @@ from conftest import PRELOAD, SERVER_DIR
 DOC = os.path.join(os.path.dirname(__file__), "..", "..", "docs", "python.md")
 
 
+def run_python(program, env=None):
+    env = dict(env or os.environ, **({"LD_PRELOAD": PRELOAD} if PRELOAD else {}))
+    return subprocess.run([sys.executable, "-c", program], env=env, capture_output=True,
+                          text=True, timeout=60, check=False)
+
+
 @pytest.mark.parametrize("spec", [2, "2", "devkit-beta"])
 def test_a_target_is_found_by_handle_host_or_name(api, spec):
     assert api.target(spec).host == "devkit-beta"
@@ -157,9 +163,7 @@ def test_a_subscription_without_a_target_hears_targets_added_later(tmp_path):
         try:
             assert "serving" in server.stderr.readline()  # written once it is ready
             threading.Thread(target=server.stderr.read, daemon=True).start()
-            ran = subprocess.run([sys.executable, "-c", LATE_SCRIPT],
-                                 env=dict(env, **({"LD_PRELOAD": PRELOAD} if PRELOAD else {})),
-                                 capture_output=True, text=True, timeout=60, check=False)
+            ran = run_python(LATE_SCRIPT, env)
         finally:
             server.terminate()
     assert ran.stdout == "['Busy', 'Idle', 'PowerState']\n", ran.stderr
@@ -220,9 +224,7 @@ EXIT_SCRIPTS = {
 def test_the_interpreter_exits_with_a_subscription_open(script):
     program = ("import os, threading, time\nos.environ.pop('LD_PRELOAD', None)\nimport vekxapi\n"
                f"api = vekxapi.connect()\n{script}\nprint('end')\n")
-    env = dict(os.environ, **({"LD_PRELOAD": PRELOAD} if PRELOAD else {}))
-    ended = subprocess.run([sys.executable, "-c", program], env=env, capture_output=True,
-                           text=True, timeout=60, check=False)
+    ended = run_python(program)
     assert (ended.returncode, ended.stdout) == (0, "end\n"), ended.stderr
 
 

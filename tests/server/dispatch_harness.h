@@ -74,12 +74,7 @@ class DecodingSink : public ClientSink {
     return received_;
   }
   // The wire names of all received so far.
-  std::vector<std::string> Names() {
-    std::vector<std::string> names;
-    for (const auto& notification : All())
-      names.push_back(platform::Utf16ToUtf8(notification->GetName()));
-    return names;
-  }
+  std::vector<std::string> Names() { return servertest::NamesOf(All()); }
   void Clear() {
     std::lock_guard lock(mutex_);
     received_.clear();
@@ -93,15 +88,10 @@ class DecodingSink : public ClientSink {
   }
   // The names of the next `count` notifications, and of any that follow at once after them.
   std::vector<std::string> NextNames(size_t count) {
-    std::vector<std::string> names;
-    while (names.size() < count) {
-      const auto notification = Next();
-      if (notification == nullptr) break;
-      names.push_back(platform::Utf16ToUtf8(notification->GetName()));
-    }
-    while (auto extra = Next(std::chrono::milliseconds(50)))
-      names.push_back(platform::Utf16ToUtf8(extra->GetName()));
-    return names;
+    std::vector<std::shared_ptr<CNotification>> next;
+    while (auto one = Next(std::chrono::milliseconds(next.size() < count ? 5000 : 50)))
+      next.push_back(std::move(one));
+    return servertest::NamesOf(next);
   }
 
  private:

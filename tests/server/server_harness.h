@@ -13,9 +13,10 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <mutex>
-#include <sstream>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -32,6 +33,7 @@
 #include "serverlink/handshake.h"
 #include "serverlink/server_link.h"
 #include "support/child_program.h"
+#include "support/scripted_server.h"
 #include "support/test_environment.h"
 #include "vekxapi/result_codes.h"
 
@@ -133,9 +135,7 @@ inline std::string RunDir() {
 
 inline std::string ReadText(const std::filesystem::path& path) {
   std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 inline bool WaitUntil(const std::function<bool()>& done, int timeout_ms = 10000) {
@@ -187,6 +187,23 @@ class ServerProcess {
   std::filesystem::path output_;
   std::unique_ptr<testing::ChildProgram> process_;
 };
+
+// Starts vesta-kx for `user` with `args` into `server` and waits until it serves.
+inline void StartReady(std::unique_ptr<ServerProcess>& server, const std::u16string& user,
+                       const std::vector<std::string>& args) {
+  server = std::make_unique<ServerProcess>(user, args);
+  ASSERT_TRUE(server->Started());
+  ASSERT_TRUE(server->WaitReady()) << server->Output();
+}
+
+// The wire names of `notifications`, in order.
+inline std::vector<std::string> NamesOf(
+    const std::vector<std::shared_ptr<CNotification>>& notifications) {
+  std::vector<std::string> names;
+  for (const auto& notification : notifications)
+    names.push_back(platform::Utf16ToUtf8(notification->GetName()));
+  return names;
+}
 
 // Writes `text` to a scenario file and returns its path.
 inline std::string WriteScenario(const std::string& text, const std::string& name = "scenario") {
@@ -244,12 +261,7 @@ class Client {
     return notifications_;
   }
   // The wire names of the notifications so far, in order.
-  std::vector<std::string> NotificationNames() {
-    std::vector<std::string> names;
-    for (const auto& notification : Notifications())
-      names.push_back(platform::Utf16ToUtf8(notification->GetName()));
-    return names;
-  }
+  std::vector<std::string> NotificationNames() { return NamesOf(Notifications()); }
   ServerLink& link() { return *link_; }
 
  private:
@@ -269,27 +281,22 @@ const Notification* As(const std::shared_ptr<CNotification>& notification) {
 class RawClient {
  public:
   explicit RawClient(const std::u16string& user) : user_(user) {
-    watchdog_ = std::thread([this] {
-      std::unique_lock lock(mutex_);
-      cv_.wait_for(lock, std::chrono::seconds(20), [this] { return done_; });
+    // Ends every read after 20 s; the client's end wakes it early.
+    watchdog_ = std::jthread([this](std::stop_token gone) {
+      std::mutex mutex;
+      std::unique_lock lock(mutex);
+      std::condition_variable_any wake;
+      wake.wait_for(lock, gone, std::chrono::seconds(20), [] { return false; });
       stop_.Set();
     });
   }
-  ~RawClient() {
-    {
-      std::lock_guard lock(mutex_);
-      done_ = true;
-    }
-    cv_.notify_all();
-    watchdog_.join();
-  }
 
-  // Opens the well-known pipe only.
-  bool OpenWellKnown() {
+  bool ConnectTo(const std::u16string& name) {
     uint32_t error = 0;
-    return platform::Pipe::Connect(std::u16string(kWellKnownPipeNamePrefix) + user_, 5000, pipe_,
-                                   error) == platform::IoResult::kOk;
+    return platform::Pipe::Connect(name, 5000, pipe_, error) == platform::IoResult::kOk;
   }
+  // Opens the well-known pipe only.
+  bool OpenWellKnown() { return ConnectTo(std::u16string(kWellKnownPipeNamePrefix) + user_); }
   // The whole handshake, ending on the private pipe.
   bool Connect() {
     if (!OpenWellKnown()) return false;
@@ -298,24 +305,20 @@ class RawClient {
     request.client_number = 7;
     MessageBuffer out;
     std::vector<uint8_t> answer;
-    if (!request.Encode(out) || !WriteFrame(out.Data(), out.Size()) || !ReadFrame(answer)) {
+    if (!request.Encode(out) || !WriteFrame(out.Data(), out.Size()) || !ReadFrame(answer))
       return false;
-    }
     MessageBuffer in(answer.data(), answer.size());
     ConnectResponse response;
     if (!response.Decode(in) || response.version != kProtocolVersionWords) return false;
     pipe_.reset();
-    uint32_t error = 0;
-    return platform::Pipe::Connect(response.private_pipe, 5000, pipe_, error) ==
-           platform::IoResult::kOk;
+    return ConnectTo(response.private_pipe);
   }
   bool WriteRaw(const void* data, size_t size) {
     const std::span<const uint8_t> parts[] = {{static_cast<const uint8_t*>(data), size}};
     return pipe_->Write(parts, stop_) == platform::IoResult::kOk;
   }
   bool WriteFrame(const void* body, size_t size) {
-    const auto header = EncodeFrameHeader(static_cast<uint32_t>(size));
-    return WriteRaw(header.data(), header.size()) && (size == 0 || WriteRaw(body, size));
+    return testing::WriteFrame(*pipe_, stop_, body, size);
   }
   // A request with its header; `fields` follow it as given.
   bool WriteRequest(uint32_t type_number, uint32_t target, uint32_t sequence,
@@ -326,14 +329,7 @@ class RawClient {
     return WriteFrame(out.Data(), out.Size());
   }
   // Reads one frame's body; false when the pipe ends (or the time limit passes).
-  bool ReadFrame(std::vector<uint8_t>& body) {
-    uint8_t header[kFrameHeaderBytes];
-    uint32_t length = 0;
-    if (pipe_->ReadExact(header, sizeof header, stop_) != platform::IoResult::kOk) return false;
-    if (ParseFrameHeader(header, length) != FrameHeaderCheck::kOk) return false;
-    body.resize(length);
-    return length == 0 || pipe_->ReadExact(body.data(), length, stop_) == platform::IoResult::kOk;
-  }
+  bool ReadFrame(std::vector<uint8_t>& body) { return testing::ReadFrame(*pipe_, stop_, body); }
   // Reads frames until a response arrives and decodes its head.
   bool ReadResponseHead(uint32_t& type_number, CResponse& head) {
     std::vector<uint8_t> body;
@@ -355,10 +351,7 @@ class RawClient {
   std::u16string user_;
   platform::StopSignal stop_;
   std::unique_ptr<platform::Pipe> pipe_;
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  bool done_ = false;
-  std::thread watchdog_;
+  std::jthread watchdog_;  // last: it ends before the pipe goes
 };
 
 // A fixture that starts vesta-kx on kQuickScenario (or another scenario, or the built-in one) and
@@ -372,9 +365,7 @@ class ServerTest : public ::testing::Test {
     std::vector<std::string> args{"--log-level", "2"};
     if (!built_in) args.insert(args.end(), {"--scenario", WriteScenario(scenario)});
     args.insert(args.end(), extra_args_.begin(), extra_args_.end());
-    server_ = std::make_unique<ServerProcess>(user_, args);
-    ASSERT_TRUE(server_->Started());
-    ASSERT_TRUE(server_->WaitReady()) << server_->Output();
+    StartReady(server_, user_, args);
   }
   void SetUp() override { StartServer(); }
   void TearDown() override {

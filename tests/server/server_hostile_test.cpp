@@ -2,8 +2,6 @@
 // closes what it cannot delimit, and keeps serving everybody else.
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "platform/wide_string.h"
 #include "server_harness.h"
 #include "support/wire_bytes.h"
@@ -130,36 +128,6 @@ TEST_F(HostileTest, ABadHandshakeIsRefusedAndTheWellKnownPipeKeepsServing) {
   // A client that connects and says nothing does not hold up the next one.
   RawClient silent{user_};
   ASSERT_TRUE(silent.OpenWellKnown());
-  ExpectServerServes();
-}
-
-TEST_F(HostileTest, RandomRequestsNeitherCrashNorHangTheServer) {
-  // A bounded fuzz of the request path: valid frames around random bodies, some with the type
-  // number of a real operation, and every one must be answered.
-  std::mt19937 random(20240611);
-  const auto entries = RequestFactory().Entries();
-  RawClient raw{user_};
-  ASSERT_TRUE(raw.Connect());
-  for (uint32_t sequence = 1; sequence <= 300; ++sequence) {
-    std::vector<uint8_t> fields(random() % 64);
-    for (uint8_t& byte : fields)
-      byte = static_cast<uint8_t>(random());
-    // Small counts are more interesting than huge ones: sometimes start with one.
-    if (!fields.empty() && random() % 2 == 0) fields[0] = static_cast<uint8_t>(random() % 4);
-    for (size_t i = 1; i < std::min<size_t>(fields.size(), 4); ++i)
-      if (random() % 2 == 0) fields[i] = 0;
-    const uint32_t type_number =
-        random() % 4 == 0 ? random() : entries[random() % entries.size()].type_number;
-    // The target is a real one or anything at all. Handles 1 to 3 are the quick kits, whose
-    // power and connection changes take milliseconds (kit-slow, handle 4, is left out).
-    const uint32_t target = random() % 2 == 0 ? 1 + random() % 3 : random();
-    ASSERT_TRUE(raw.WriteRequest(type_number, target, sequence, fields));
-    uint32_t answered_type = 0;
-    CResponse head;
-    ASSERT_TRUE(raw.ReadResponseHead(answered_type, head)) << "request " << sequence;
-    EXPECT_EQ(head.Sequence, sequence);
-    EXPECT_EQ(answered_type, type_number);
-  }
   ExpectServerServes();
 }
 

@@ -145,11 +145,7 @@ TEST_F(TargetsTest, ListsAndFindsTargetsByHostAndByName) {
               std::pair(Code(c.result), c.found))
         << c.by_name << " " << platform::Utf16ToUtf8(c.key);
   }
-  // The list holds the registered kits (not kit-spare) in the scenario's order.
-  std::vector<std::u16string> hosts;
-  for (uint32_t handle : a_.Call(kNone, CGetTargetListRequest{}).Targets)
-    hosts.push_back(a_.Call(handle, CGetHostNameRequest{}).HostName);
-  EXPECT_EQ(hosts, (std::vector<std::u16string>{u"kit-one", u"kit-two", u"kit-gone", u"kit-slow"}));
+  // The list of registered kits in the scenario's order is vesta-ctrl's (targets).
   // A summary needs the kit to answer, not to be registered.
   CGetTargetSummaryRequest summary;
   summary.Host = u"kit-spare";
@@ -221,9 +217,9 @@ TEST_F(BuiltInTargetsTest, TheHolderOfAConnectionHearsItTakenAndALeavingClientGi
   EXPECT_EQ(a_.NotificationNames().back(), "DISCONNECT");
 }
 
+// The NAME_UPDATE a rename sends its subscribers is in the packet log's test below.
 TEST_F(TargetsTest, TheServerChecksWhatClientsSetAndOthersReadIt) {
   const uint32_t one = a_.HandleOf(u"kit-one");
-  Subscribe<CRequestTargetEventsRequest>(b_, one);
   EXPECT_EQ(Rename(one, u"Renamed"), 0u);
   EXPECT_EQ(a_.Call(one, CGetTargetNameRequest{}).Name, u"Renamed");
   CGetTargetsByNameRequest by_name;
@@ -237,9 +233,6 @@ TEST_F(TargetsTest, TheServerChecksWhatClientsSetAndOthersReadIt) {
   set_mac.MacAddress = {1, 2, 3, 4, 5, 6};
   EXPECT_EQ(a_.Call(one, set_mac).Result, 0u);
   EXPECT_EQ(b_.Call(one, CGetMacAddressRequest{}).MacAddress, set_mac.MacAddress);
-
-  EXPECT_EQ(Shown(b_, 1), std::vector<std::string>{"NAME_UPDATE { TargetKey:" +
-                                                   std::to_string(one) + " Name:Renamed }"});
 }
 
 TEST_F(BuiltInTargetsTest, SubscriptionsAreOnePerClientGroupAndKey) {

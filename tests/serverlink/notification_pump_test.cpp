@@ -23,18 +23,17 @@ uint32_t NumberOf(const std::shared_ptr<CNotification>& notification) {
   return static_cast<const CDataReadyNotification&>(*notification).Count;
 }
 
-// The batch hook sees every notification once, in order, before the handler is handed it.
-TEST(NotificationPumpTest, DeliversInArrivalOrderOnItsOwnThread) {
+// The library acknowledges console output in the batch hook: it must see every notification once,
+// in order, before the handler is handed it.
+TEST(NotificationPumpTest, TheBatchHookSeesEachNotificationOnceBeforeItsHandling) {
   constexpr uint32_t kCount = 500;
-  std::vector<uint32_t> seen, hooked;
-  std::thread::id handler_thread;
-  std::promise<void> all_seen;
+  std::vector<uint32_t> handled, hooked;
+  std::promise<void> all_handled;
   NotificationPump pump(
       [&](const std::shared_ptr<CNotification>& notification) {
-        handler_thread = std::this_thread::get_id();
-        seen.push_back(NumberOf(notification));
-        EXPECT_GT(hooked.size(), seen.back());
-        if (seen.size() == kCount) all_seen.set_value();
+        handled.push_back(NumberOf(notification));
+        EXPECT_GT(hooked.size(), handled.back());
+        if (handled.size() == kCount) all_handled.set_value();
       },
       [&](std::span<const std::shared_ptr<CNotification>> batch) {
         for (const auto& notification : batch)
@@ -42,16 +41,15 @@ TEST(NotificationPumpTest, DeliversInArrivalOrderOnItsOwnThread) {
       });
   for (uint32_t i = 0; i < kCount; ++i)
     ASSERT_TRUE(pump.Push(Numbered(i)));
-  ASSERT_EQ(all_seen.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  ASSERT_EQ(all_handled.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
   pump.Stop();
-  ASSERT_EQ(seen.size(), kCount);
-  for (uint32_t i = 0; i < kCount; ++i)
-    EXPECT_EQ(seen[i], i);
-  EXPECT_EQ(hooked, seen);
-  EXPECT_NE(handler_thread, std::this_thread::get_id());
-  EXPECT_FALSE(pump.Push(Numbered(0)));  // stopped for good
+  EXPECT_EQ(hooked, handled);
+  EXPECT_EQ(handled.front(), 0u);
+  EXPECT_EQ(handled.back(), kCount - 1);
 }
 
+// Order of delivery and the handler's own thread are the live-events tests' (a sink hears every
+// piece of console output in order; the notification thread is held while calls go on).
 TEST(NotificationPumpTest, StopWaitsForTheHandlerAndDropsTheRest) {
   std::promise<void> entered;
   std::promise<void> release;
@@ -75,6 +73,7 @@ TEST(NotificationPumpTest, StopWaitsForTheHandlerAndDropsTheRest) {
   pump.Stop();  // returns once the first handler has finished
   releaser.join();
   EXPECT_EQ(handled, 1);
+  EXPECT_FALSE(pump.Push(Numbered(0)));  // stopped for good
 }
 
 }  // namespace

@@ -81,19 +81,17 @@ std::unique_ptr<ChildProgram> ChildProgram::Start(const std::string& path,
   for (const std::string& arg : args)
     command += L" " + Quote(Wide(arg));
   SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-  const HANDLE output = CreateFileW(Wide(output_path).c_str(), GENERIC_WRITE,
-                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                    &inherit, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  const auto create = [&](const std::string& file) {
+    return CreateFileW(Wide(file).c_str(), GENERIC_WRITE,
+                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &inherit,
+                       CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  };
+  const HANDLE output = create(output_path);
   if (output == INVALID_HANDLE_VALUE) return nullptr;
-  HANDLE error = output;
-  if (error_path != output_path) {
-    error = CreateFileW(Wide(error_path).c_str(), GENERIC_WRITE,
-                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &inherit,
-                        CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (error == INVALID_HANDLE_VALUE) {
-      CloseHandle(output);
-      return nullptr;
-    }
+  const HANDLE error = error_path != output_path ? create(error_path) : output;
+  if (error == INVALID_HANDLE_VALUE) {
+    CloseHandle(output);
+    return nullptr;
   }
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;

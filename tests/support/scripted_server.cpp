@@ -15,7 +15,8 @@ namespace {
 constexpr uint32_t kResponseKind = 0;
 constexpr uint32_t kNotificationKind = 1;
 
-// Reads one frame's body; false when the pipe ends or the frame is bad.
+}  // namespace
+
 bool ReadFrame(platform::Pipe& pipe, const platform::StopSignal& stop, std::vector<uint8_t>& body) {
   uint8_t header[kFrameHeaderBytes];
   uint32_t length = 0;
@@ -25,11 +26,12 @@ bool ReadFrame(platform::Pipe& pipe, const platform::StopSignal& stop, std::vect
   return length == 0 || pipe.ReadExact(body.data(), length, stop) == platform::IoResult::kOk;
 }
 
-std::string Bytes(const MessageBuffer& buffer) {
-  return std::string(reinterpret_cast<const char*>(buffer.Data()), buffer.Size());
+bool WriteFrame(platform::Pipe& pipe, const platform::StopSignal& stop, const void* body,
+                size_t size) {
+  const auto header = EncodeFrameHeader(static_cast<uint32_t>(size));
+  const std::span<const uint8_t> parts[] = {header, {static_cast<const uint8_t*>(body), size}};
+  return pipe.Write(parts, stop) == platform::IoResult::kOk;
 }
-
-}  // namespace
 
 ScriptedServer::ScriptedServer(Options options, Script script)
     : options_(std::move(options)), script_(std::move(script)) {}
@@ -60,13 +62,6 @@ void ScriptedServer::Stop() {
   well_known_.reset();
 }
 
-bool ScriptedServer::WriteFrame(platform::Pipe& pipe, const std::string& body) {
-  const auto header = EncodeFrameHeader(static_cast<uint32_t>(body.size()));
-  const std::span<const uint8_t> parts[] = {
-      header, {reinterpret_cast<const uint8_t*>(body.data()), body.size()}};
-  return pipe.Write(parts, stop_) == platform::IoResult::kOk;
-}
-
 bool ScriptedServer::Handshake(platform::Pipe& pipe, const std::u16string& private_name) {
   std::vector<uint8_t> body;
   if (!ReadFrame(pipe, stop_, body)) return false;
@@ -78,7 +73,7 @@ bool ScriptedServer::Handshake(platform::Pipe& pipe, const std::u16string& priva
   response.private_pipe = private_name;
   response.version = options_.version;
   MessageBuffer answer;
-  return response.Encode(answer) && WriteFrame(pipe, Bytes(answer));
+  return response.Encode(answer) && WriteFrame(pipe, stop_, answer.Data(), answer.Size());
 }
 
 void ScriptedServer::AcceptLoop() {
@@ -106,15 +101,13 @@ void ScriptedServer::AcceptLoop() {
     if (private_listener->Accept(client, stop_) != platform::IoResult::kOk) continue;
     private_listener.reset();
     ++connections_;
-    {
+    const auto serving = [this](platform::Pipe* pipe) {
       std::lock_guard lock(write_mutex_);
-      client_ = client.get();
-    }
+      client_ = pipe;
+    };
+    serving(client.get());
     Serve(*client);
-    {
-      std::lock_guard lock(write_mutex_);
-      client_ = nullptr;
-    }
+    serving(nullptr);
   }
 }
 
@@ -168,7 +161,7 @@ void ScriptedServer::Serve(platform::Pipe& pipe) {
     WriteField(out, type_number);
     response->Serialize(out);
     std::lock_guard lock(write_mutex_);
-    if (!WriteFrame(pipe, Bytes(out))) return;
+    if (!WriteFrame(pipe, stop_, out.Data(), out.Size())) return;
   }
 }
 
@@ -178,7 +171,7 @@ bool ScriptedServer::Notify(const CNotification& notification) {
   WriteField(out, notification.GetTypeNumber());
   notification.Serialize(out);
   std::lock_guard lock(write_mutex_);
-  return client_ != nullptr && WriteFrame(*client_, Bytes(out));
+  return client_ != nullptr && WriteFrame(*client_, stop_, out.Data(), out.Size());
 }
 
 }  // namespace qv::testing

@@ -11,12 +11,19 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/pipe.h"
 #include "platform/server_process.h"
 #include "serverlink/messages.h"
 
 namespace qv::testing {
+
+// One frame's body read from `pipe`; false when the pipe ends, `stop` is set or the frame is bad.
+bool ReadFrame(platform::Pipe& pipe, const platform::StopSignal& stop, std::vector<uint8_t>& body);
+// `body` with its frame header, in one write.
+bool WriteFrame(platform::Pipe& pipe, const platform::StopSignal& stop, const void* body,
+                size_t size);
 
 struct ReceivedRequest {
   uint32_t type_number = 0;
@@ -74,7 +81,6 @@ class ScriptedServer {
   void AcceptLoop();
   bool Handshake(platform::Pipe& pipe, const std::u16string& private_name);
   void Serve(platform::Pipe& pipe);
-  bool WriteFrame(platform::Pipe& pipe, const std::string& body);
 
   Options options_;
   Script script_;
