@@ -158,11 +158,14 @@ class ServerProcess {
   bool WaitReady() const {
     return WaitUntil([this] { return platform::ServerIsReady(user_, RunDir(), 0); });
   }
-  std::optional<int> Wait(uint32_t ms) { return process_->Wait(ms); }
+  // A server that never started has nothing to wait for, stop or kill.
+  std::optional<int> Wait(uint32_t ms) { return process_ ? process_->Wait(ms) : std::nullopt; }
   // Asks the server to end as its user would and waits up to 10 s for its exit status. Where
   // the request cannot be delivered (under Wine no console carries a Ctrl+Break to it), the
   // server is killed instead and `asked` is false.
   std::optional<int> Stop(bool& asked) {
+    asked = false;
+    if (process_ == nullptr) return std::nullopt;
     asked = process_->RequestStop();
     if (!asked) process_->Kill();
     return process_->Wait(10000);
@@ -177,6 +180,7 @@ class ServerProcess {
   }
   // Ends the server at once, as a crash would, and waits for it.
   void Kill() {
+    if (process_ == nullptr) return;
     process_->Kill();
     process_->Wait(10000);
   }
