@@ -112,12 +112,6 @@ LinkStatus CKXVEPrivateAPI::SendAndWait(uint32_t target_handle, const CRequest& 
   return link_.SendAndWait(target_handle, request, response, sequence, std::move(landing));
 }
 
-LinkStatus CKXVEPrivateAPI::Post(uint32_t target_handle, const CRequest& request) {
-  uint32_t sequence = 0;
-  uint64_t epoch = 0;
-  return link_.SendRequest(target_handle, request, sequence, /*expect_response=*/false, epoch);
-}
-
 HRESULT CKXVEPrivateAPI::Advise(EventGroup group, std::shared_ptr<IVEEventNotifyClient> client,
                                 uint32_t key) {
   if (!IsSinkGroup(group)) return E_INVALIDARG;

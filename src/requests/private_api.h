@@ -41,8 +41,6 @@ class CKXPrivateAPI {
   virtual LinkStatus SendAndWait(uint32_t target_handle, const CRequest& request,
                                  CResponse& response,
                                  std::shared_ptr<BulkLanding> landing = nullptr) = 0;
-  // Sends a request that gets no answer; skipped while the link is down.
-  virtual LinkStatus Post(uint32_t target_handle, const CRequest& request) = 0;
 
   // Advises: files `client` under `key` in `group`'s registry after the server accepted the
   // group's subscribe message for `key`. KXAPI_ALREADY_REGISTERED for a sink already filed there.
@@ -90,7 +88,6 @@ class CKXVEPrivateAPI final : public CKXPrivateAPI,
 
   LinkStatus SendAndWait(uint32_t target_handle, const CRequest& request, CResponse& response,
                          std::shared_ptr<BulkLanding> landing = nullptr) override;
-  LinkStatus Post(uint32_t target_handle, const CRequest& request) override;
   HRESULT Advise(EventGroup group, std::shared_ptr<IVEEventNotifyClient> client,
                  uint32_t key) override;
   HRESULT Unadvise(EventGroup group, const IVEEventNotifyClient& client, uint32_t key) override;
