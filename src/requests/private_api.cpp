@@ -89,7 +89,7 @@ CKXVEPrivateAPI::CKXVEPrivateAPI(ServerLink::ServerNames names)
             // then ends here, after the delivery, on the notification thread.
             if (auto self = weak_from_this().lock()) self->OnNotification(notification);
           },
-          [this](std::span<const std::shared_ptr<CNotification>> batch) {
+          [this](const NotificationPump::Batch& batch) {
             if (auto self = weak_from_this().lock()) self->AcknowledgeConsoleOutput(batch);
           }),
       link_(ResponseFactory(), NotificationFactory(), std::move(names),
@@ -167,11 +167,10 @@ void CKXVEPrivateAPI::OnNotification(const std::shared_ptr<CNotification>& notif
   }
 }
 
-void CKXVEPrivateAPI::AcknowledgeConsoleOutput(
-    std::span<const std::shared_ptr<CNotification>> batch) {
+void CKXVEPrivateAPI::AcknowledgeConsoleOutput(const NotificationPump::Batch& batch) {
   // Before the delivery and whether or not anyone listens: the acknowledgement is what lets the
   // server send the next piece. PostEach skips it while the link is down.
-  constexpr size_t kOneWrite = 64;
+  constexpr size_t kOneWrite = ServerLink::kPostEachMax;
   std::array<uint32_t, kOneWrite> targets;
   size_t count = 0;
   const CAckConsoleOutputRequest ack;

@@ -18,7 +18,6 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <span>
 
 #include "platform/automation.h"
 #include "requests/event_registry.h"
@@ -104,7 +103,7 @@ class CKXVEPrivateAPI final : public CKXPrivateAPI,
   void OnNotification(const std::shared_ptr<CNotification>& notification);
   // The notification thread, before it delivers a batch: acknowledges each piece of console
   // output in it, all in one write.
-  void AcknowledgeConsoleOutput(std::span<const std::shared_ptr<CNotification>> batch);
+  void AcknowledgeConsoleOutput(const NotificationPump::Batch& batch);
   // After every new connection: one subscribe per (group, key) that has registrations, sent only
   // on that connection, so that a lost connection ends the replay instead of connecting again.
   void OnConnected();

@@ -1,10 +1,7 @@
 #include "serverlink/notification_pump.h"
 
 #include <exception>
-#include <iterator>
-#include <new>
 #include <system_error>
-#include <vector>
 
 namespace qv {
 
@@ -60,30 +57,14 @@ void NotificationPump::Stop() {
 }
 
 void NotificationPump::Run(const std::shared_ptr<State>& state) {
-  std::vector<std::shared_ptr<CNotification>> batch;
+  // Swapped with the queue, so that taking a batch allocates nothing.
+  Batch batch;
   for (;;) {
-    batch.clear();
     {
       std::unique_lock lock(state->mutex);
       state->wake.wait(lock, [&] { return state->stopping || !state->queue.empty(); });
       if (state->stopping) return;
-      try {
-        batch.assign(std::make_move_iterator(state->queue.begin()),
-                     std::make_move_iterator(state->queue.end()));
-        state->queue.clear();
-      } catch (const std::bad_alloc&) {
-        // No room for a batch: one at a time, as the queue holds them.
-        batch.clear();
-        batch.shrink_to_fit();
-        if (!state->queue.empty()) {
-          std::shared_ptr<CNotification> next = std::move(state->queue.front());
-          state->queue.pop_front();
-          lock.unlock();
-          if (state->before_batch) state->before_batch({&next, 1});
-          state->handler(next);
-        }
-        continue;
-      }
+      batch.swap(state->queue);
     }
     if (state->before_batch) state->before_batch(batch);
     for (std::shared_ptr<CNotification>& next : batch) {
@@ -91,6 +72,7 @@ void NotificationPump::Run(const std::shared_ptr<State>& state) {
       state->handler(next);
       next.reset();
     }
+    batch.clear();
   }
 }
 

@@ -14,7 +14,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <span>
 #include <thread>
 
 #include "serverlink/messages.h"
@@ -24,7 +23,8 @@ namespace qv {
 class NotificationPump {
  public:
   using Handler = std::function<void(const std::shared_ptr<CNotification>&)>;
-  using BatchHook = std::function<void(std::span<const std::shared_ptr<CNotification>>)>;
+  using Batch = std::deque<std::shared_ptr<CNotification>>;
+  using BatchHook = std::function<void(const Batch&)>;
 
   explicit NotificationPump(Handler handler, BatchHook before_batch = nullptr);
   NotificationPump(const NotificationPump&) = delete;
@@ -44,7 +44,7 @@ class NotificationPump {
   struct State {
     std::mutex mutex;
     std::condition_variable wake;
-    std::deque<std::shared_ptr<CNotification>> queue;  // guarded by mutex
+    Batch queue;                        // guarded by mutex
     std::atomic<bool> stopping{false};  // set under mutex; read by the thread between handlings
     Handler handler;
     BatchHook before_batch;

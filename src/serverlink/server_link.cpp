@@ -1,5 +1,6 @@
 #include "serverlink/server_link.h"
 
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <functional>
@@ -279,28 +280,25 @@ LinkStatus ServerLink::Write(uint32_t target_handle, const CRequest& request, ui
     store_.Forget(sequence);
     return LinkStatus::kWriteFailed;
   }
-  return Written(channel_.EndWrite(), sequence);
+  const PipeChannel::WriteStatus status = channel_.EndWrite();
+  if (status == PipeChannel::WriteStatus::kTooLarge) store_.Forget(sequence);
+  return Written(status);
 }
 
 LinkStatus ServerLink::PostEach(std::span<const uint32_t> target_handles, const CRequest& request) {
   if (target_handles.empty()) return LinkStatus::kSuccess;
+  if (target_handles.size() > kPostEachMax) return LinkStatus::kWriteFailed;
   if (!IsConnected()) return LinkStatus::kNotConnected;
   if (!channel_.BeginWrite()) return LinkStatus::kWaitFailed;
-  std::vector<size_t> ends;
-  try {
-    ends.reserve(target_handles.size());
-  } catch (const std::bad_alloc&) {
-    channel_.CancelWrite();
-    return LinkStatus::kWriteFailed;
-  }
-  for (const uint32_t target_handle : target_handles) {
-    if (!AppendRequest(target_handle, request, sequence_.Next())) {
+  std::array<size_t, kPostEachMax> ends;
+  for (size_t i = 0; i < target_handles.size(); ++i) {
+    if (!AppendRequest(target_handles[i], request, sequence_.Next())) {
       channel_.CancelWrite();
       return LinkStatus::kWriteFailed;
     }
-    ends.push_back(channel_.Output().Size());
+    ends[i] = channel_.Output().Size();
   }
-  return Written(channel_.EndWriteFrames(ends), 0);
+  return Written(channel_.EndWriteFrames(std::span(ends.data(), target_handles.size())));
 }
 
 bool ServerLink::AppendRequest(uint32_t target_handle, const CRequest& request, uint32_t sequence) {
@@ -317,12 +315,11 @@ bool ServerLink::AppendRequest(uint32_t target_handle, const CRequest& request, 
   return true;
 }
 
-LinkStatus ServerLink::Written(PipeChannel::WriteStatus status, uint32_t sequence) {
+LinkStatus ServerLink::Written(PipeChannel::WriteStatus status) {
   switch (status) {
     case PipeChannel::WriteStatus::kWritten:
       return LinkStatus::kSuccess;
     case PipeChannel::WriteStatus::kTooLarge:
-      if (sequence != 0) store_.Forget(sequence);
       return LinkStatus::kWriteFailed;
     case PipeChannel::WriteStatus::kStopped:
     case PipeChannel::WriteStatus::kFailed:

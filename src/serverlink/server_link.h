@@ -80,9 +80,10 @@ class ServerLink {
   LinkStatus SendRequest(uint32_t target_handle, const CRequest& request, uint32_t& sequence,
                          bool expect_response, uint64_t& epoch,
                          std::shared_ptr<BulkLanding> landing = nullptr);
-  // Writes `request` once for each of `target_handles`, expecting no answers, in one write: for a
-  // notification thread that acknowledges several pieces at once. Skipped (kNotConnected) while
-  // the connection is down, like any request that expects no answer.
+  // Writes `request` once for each of `target_handles` (at most kPostEachMax), expecting no
+  // answers, in one write: for a notification thread that acknowledges several pieces at once.
+  // Skipped (kNotConnected) while the connection is down, like any request that expects no answer.
+  static constexpr size_t kPostEachMax = 64;
   LinkStatus PostEach(std::span<const uint32_t> target_handles, const CRequest& request);
   // Blocks until the response for `sequence` arrives or its connection ends, then fills
   // `response`: the head alone when the server failed the request, else the whole message.
@@ -115,8 +116,8 @@ class ServerLink {
   // Appends one request frame's body to the output buffer and logs it; false when it cannot be
   // built. The caller holds the write lock.
   bool AppendRequest(uint32_t target_handle, const CRequest& request, uint32_t sequence);
-  // What a write's outcome means for the link; `sequence` is forgotten when nothing went out.
-  LinkStatus Written(PipeChannel::WriteStatus status, uint32_t sequence);
+  // What a write's outcome means for the link.
+  LinkStatus Written(PipeChannel::WriteStatus status);
 
   ServerNames names_;
   Hooks hooks_;

@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <future>
-#include <span>
 #include <thread>
 #include <vector>
 
@@ -35,7 +34,7 @@ TEST(NotificationPumpTest, TheBatchHookSeesEachNotificationOnceBeforeItsHandling
         EXPECT_GT(hooked.size(), handled.back());
         if (handled.size() == kCount) all_handled.set_value();
       },
-      [&](std::span<const std::shared_ptr<CNotification>> batch) {
+      [&](const NotificationPump::Batch& batch) {
         for (const auto& notification : batch)
           hooked.push_back(NumberOf(notification));
       });
