@@ -156,15 +156,34 @@ void ClientSession::Serve() {
   // A large body is taken apart as it arrives, its large byte field going from the pipe straight
   // into the request; the budget bounds how many such bodies all clients have in at once.
   channel_.ReadLargeBodiesInPart();
-  size_t admitted = 0;
-  channel_.AdmitLargeBodiesThrough([this, &admitted](size_t bytes) {
+  channel_.AdmitLargeBodiesThrough([this](size_t bytes) {
     if (!budget_.Acquire(bytes, [this] { return channel_.Stopped(); })) return false;
-    admitted = bytes;
+    admitted_ = bytes;
     return true;
   });
-  while (writer_started) {
+  if (writer_started)
+    Read();
+  else
+    EndReading();
+  // The reading may have moved to a worker thread; the session ends when it ends there.
+  {
+    std::unique_lock lock(reading_mutex_);
+    reading_cv_.wait(lock, [this] { return reading_ended_; });
+  }
+  // Nothing is posted to this session once the registry has let it go; the changes this client
+  // started end with it, so its workers finish promptly.
+  registry_.RemoveClient(id_);
+  Stop();
+  workers_.Stop();
+  if (writer_.joinable()) writer_.join();
+  channel_.Close();
+  ServerLog(kLogClients, ClientTag(id_) + " disconnected");
+}
+
+void ClientSession::Read() {
+  for (;;) {
     const PipeChannel::ReadStatus status = channel_.ReadFrame();
-    std::shared_ptr<void> held = budget_.HoldUntilDropped(std::exchange(admitted, 0));
+    std::shared_ptr<void> held = budget_.HoldUntilDropped(std::exchange(admitted_, 0));
     if (status == PipeChannel::ReadStatus::kBadFrame) {
       ServerLog(kLogRefusals, ClientTag(id_) + " sent a frame that cannot be delimited; closing");
       break;
@@ -178,16 +197,22 @@ void ClientSession::Serve() {
       break;
     }
     call->held = std::move(held);
-    if (!(call->may_wait ? AnswerOnWorker(std::move(*call)) : Answer(*call))) break;
+    // A worker takes over the reading and this thread answers the request that may wait: the
+    // request then pays the worker's wake-up beside its handling rather than ahead of it.
+    if (call->may_wait && workers_.Run([this] { Read(); })) {
+      if (!Answer(*call)) Stop();
+      return;
+    }
+    // Without a thread the request is still answered, only in line.
+    if (!Answer(*call)) break;
   }
-  // Nothing is posted to this session once the registry has let it go; the changes this client
-  // started end with it, so its workers finish promptly.
-  registry_.RemoveClient(id_);
-  Stop();
-  workers_.Stop();
-  if (writer_.joinable()) writer_.join();
-  channel_.Close();
-  ServerLog(kLogClients, ClientTag(id_) + " disconnected");
+  EndReading();
+}
+
+void ClientSession::EndReading() {
+  std::lock_guard lock(reading_mutex_);
+  reading_ended_ = true;
+  reading_cv_.notify_all();
 }
 
 bool ClientSession::Answer(RequestDispatcher::Call& call) {
@@ -201,21 +226,6 @@ bool ClientSession::Answer(RequestDispatcher::Call& call) {
   try {
     Send(std::make_shared<const MessageBuffer>(std::move(*answer)));
     return true;
-  } catch (const std::exception&) {
-    return false;
-  }
-}
-
-bool ClientSession::AnswerOnWorker(RequestDispatcher::Call call) {
-  try {
-    auto shared = std::make_shared<RequestDispatcher::Call>(std::move(call));
-    if (workers_.Run([this, shared] {
-          if (!Answer(*shared)) Stop();
-        })) {
-      return true;
-    }
-    // Without a thread the request is still answered, only in line.
-    return Answer(*shared);
   } catch (const std::exception&) {
     return false;
   }

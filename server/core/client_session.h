@@ -4,6 +4,8 @@
 //
 //   session thread:  handshake on the well-known pipe -> private pipe listens -> answer
 //                    -> the client opens the private pipe -> read, dispatch, send the answer
+//                    -> (the reading gone to a worker) wait for the reading to end, clean up
+//   worker threads:  read in turn; answer the request that may wait on the thread that read it
 //   writer thread:   writes queued bodies (answers and notifications) in order, what has queued
 //                    up together
 //
@@ -12,13 +14,14 @@
 // for a client that does not read, as the writer thread would, and only that client's requests
 // wait with it. Anything else is queued.
 //
-// Requests whose handler may wait (power and connection changes, debug calls) run on the
-// session's worker threads, so that the client's other requests are answered meanwhile; the
-// others are answered in the order they came. Answers and notifications reach the client in the
-// order they were produced, and a client that does not read never blocks anybody else: when its
-// queue grows past a limit, it is dropped. A frame that cannot be delimited (bad reserved word,
-// body beyond the limit) ends the session; everything else gets an answer, except what the client
-// sends without waiting for one (console acknowledgements) when it succeeds.
+// When a request whose handler may wait (power and connection changes, debug calls) arrives, one
+// of the session's worker threads takes over the reading and the thread that read it answers it,
+// so that the client's other requests are answered meanwhile and the request itself does not wait
+// for a thread to wake; the others are answered in the order they came. Answers and notifications
+// reach the client in the order they were produced, and a client that does not read never blocks
+// anybody else: when its queue grows past a limit, it is dropped. A frame that cannot be delimited
+// (bad reserved word, body beyond the limit) ends the session; everything else gets an answer,
+// except what the client sends without waiting for one (console acknowledgements) when it succeeds.
 
 #include <atomic>
 #include <chrono>
@@ -81,12 +84,14 @@ class ClientSession final : public ClientSink {
   bool Handshake();
   void Serve();
   void WriteLoop();
+  // Reads and answers requests until the pipe ends, or until it hands the reading to a worker.
+  void Read();
+  // Tells the session thread that nobody reads any more.
+  void EndReading();
   // Answers one request and queues the answer; false when the session must end.
   bool Answer(RequestDispatcher::Call& call);
   // Writes an answer at once when nothing is ahead of it, else queues it as Post does.
   void Send(SharedBody body);
-  // Answers the request on a worker thread; false when none can be had.
-  bool AnswerOnWorker(RequestDispatcher::Call call);
 
   const uint64_t id_;
   const std::u16string private_pipe_name_;
@@ -110,6 +115,11 @@ class ClientSession final : public ClientSink {
   bool writing_ = false;          // a frame is going out; guarded by queue_mutex_
 
   WorkerPool workers_;
+  size_t admitted_ = 0;  // budget taken for the frame being read; only the reading thread's
+
+  std::mutex reading_mutex_;
+  std::condition_variable reading_cv_;
+  bool reading_ended_ = false;  // guarded by reading_mutex_
 
   std::atomic<bool> connected_{false};
   std::atomic<bool> finished_{false};
