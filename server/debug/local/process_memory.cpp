@@ -48,21 +48,22 @@ size_t ProcessMemory::ReadMem(uint64_t address, uint8_t* data, size_t size) {
   return got > 0 ? static_cast<size_t>(got) : 0;
 }
 
-void ProcessMemory::Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad) {
-  data.assign(size, 0);
+void ProcessMemory::Read(uint64_t address, uint32_t size, uint8_t* data, uint32_t& bad) {
   bad = 0;
-  size_t done = VmRead(pid_, address, data.data(), size);
+  size_t done = VmRead(pid_, address, data, size);
   // From the first byte the fast path could not read on, a page at a time.
   while (done < size) {
     const uint64_t at = address + done;
     if (at < address) {  // past the top of the address space
+      std::memset(data + done, 0, size - done);
       bad += static_cast<uint32_t>(size - done);
       break;
     }
     const size_t piece = std::min<uint64_t>(size - done, kPageSize - at % kPageSize);
-    size_t got = VmRead(pid_, at, data.data() + done, piece);
-    if (got == 0) got = ReadMem(at, data.data() + done, piece);
+    size_t got = VmRead(pid_, at, data + done, piece);
+    if (got == 0) got = ReadMem(at, data + done, piece);
     if (got == 0) {
+      std::memset(data + done, 0, piece);
       bad += static_cast<uint32_t>(piece);
       got = piece;
     }

@@ -24,8 +24,12 @@ class ProcessMemory {
 
   // After an exec the process has new memory: /proc/PID/mem is opened again.
   void Reopen();
-  // `size` bytes from `address`; what cannot be read stays zero and is counted in `bad`.
-  void Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad);
+  // `size` bytes from `address` into `data`; what cannot be read is zeroed and counted in `bad`.
+  void Read(uint64_t address, uint32_t size, uint8_t* data, uint32_t& bad);
+  void Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad) {
+    data.resize(size);
+    Read(address, size, data.data(), bad);
+  }
   // All of `data` at `address`, or a failure naming the first address that could not be written
   // (some bytes before it may have been).
   Status Write(uint64_t address, const uint8_t* data, size_t size);

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <memory>
 
 #include "platform/wide_string.h"
 #include "requests/notifications.h"
@@ -870,9 +871,11 @@ void TracedProcess::Read(uint64_t address, uint32_t size, Bytes& data, uint32_t&
 }
 
 void TracedProcess::Read(uint64_t address, uint32_t size, BulkBytes& data, uint32_t& bad) {
-  Bytes bytes;
-  Read(address, size, bytes, bad);
-  data = BulkBytes(std::move(bytes));
+  // A large read is overwritten whole, so its buffer is not zeroed first.
+  std::shared_ptr<uint8_t[]> bytes = std::make_shared_for_overwrite<uint8_t[]>(size);
+  uint8_t* const first = bytes.get();
+  memory_->Read(address, size, first, bad);
+  data = BulkBytes({first, size}, std::move(bytes));
 }
 
 Status TracedProcess::Write(uint64_t address, const Bytes& data) {
