@@ -1,6 +1,7 @@
 #include "server/handlers/protocol_handlers.h"
 
 #include <memory>
+#include <utility>
 
 #include "requests/catalogue.h"
 
@@ -44,7 +45,11 @@ void RegisterProtocolHandlers(RequestDispatcher& dispatcher, TargetRegistry& reg
       dispatcher, registry,
       [](TargetProtocols& endpoints, uint64_t client, CGenericProtocolReadRequest& request,
          CGenericProtocolReadResponse& response) {
-        return endpoints.Read(client, request.Protocol, request.Size, response.Data);
+        Bytes data;
+        Status status = endpoints.Read(client, request.Protocol, request.Size, data);
+        // The answer refers to the bytes read instead of copying them into its body.
+        response.Data = BulkBytes(std::move(data));
+        return status;
       });
   RegisterChannelCall<CGenericProtocolStatusRequest, CGenericProtocolStatusResponse>(
       dispatcher, registry,

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "api/byte_array_landing.h"
 #include "api/error_reporting.h"
 #include "api/result_values.h"
 #include "debug/variant_arguments.h"
@@ -46,8 +47,9 @@ HRESULT CKXVEGenericProtocol::Read(ULONG uBytes, VARIANT* parrData) {
   request.Protocol = protocol_;
   request.Size = uBytes;
   CGenericProtocolReadResponse response;
-  if (HRESULT hr = CallServer(*client_, target_, request, response); FAILED(hr)) return hr;
-  return ReportError(OutByteArray(response.Data, parrData));
+  const auto landing = ByteArrayLanding::Make(uBytes);
+  if (HRESULT hr = CallServer(*client_, target_, request, response, landing); FAILED(hr)) return hr;
+  return ReportError(ByteArrayLanding::Out(landing, response.Data, parrData));
 }
 
 HRESULT CKXVEGenericProtocol::get_Status(VARIANT_BOOL* pStatus) {
