@@ -69,6 +69,8 @@ std::optional<RequestDispatcher::Call> RequestDispatcher::Decode(uint64_t client
     }
     call.handler = &handler->second;
     call.may_wait = waiting_.count(call.type_number) != 0;
+    if (const auto brief = brief_.find(call.type_number); call.may_wait && brief != brief_.end())
+      call.may_wait = !brief->second(*call.request);
     call.unanswered = unanswered_.count(call.type_number) != 0;
     return call;
   } catch (const std::exception&) {

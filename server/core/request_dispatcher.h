@@ -56,6 +56,14 @@ class RequestDispatcher {
       return handler(context, static_cast<Req&>(request), static_cast<Resp&>(response));
     };
   }
+  // A kMayWait operation some of whose requests are answered at once (a small memory read):
+  // `brief(const Req&)` says which, and those are answered on the reading thread.
+  template <class Req, class Fn>
+  void AnswerAtOnceWhen(Fn brief) {
+    brief_[Req::kTypeNumber] = [brief](const CRequest& request) {
+      return brief(static_cast<const Req&>(request));
+    };
+  }
   bool IsRegistered(uint32_t type_number) const { return handlers_.count(type_number) != 0; }
 
   // One request taken apart and ready for its handler; or, refused before any handler ran,
@@ -66,7 +74,7 @@ class RequestDispatcher {
     std::shared_ptr<CRequest> request;
     std::shared_ptr<CResponse> response;
     const Handler* handler = nullptr;
-    bool may_wait = false;                // its handler is kMayWait
+    bool may_wait = false;                // its handler is kMayWait, and it is not brief
     bool unanswered = false;              // its handler is kUnanswered
     std::optional<MessageBuffer> answer;  // the refusal, when it has one
     std::shared_ptr<void> held;           // kept until the call ends (its owner's use)
@@ -97,6 +105,7 @@ class RequestDispatcher {
 
   std::unordered_map<uint32_t, Handler> handlers_;
   std::unordered_set<uint32_t> waiting_;
+  std::unordered_map<uint32_t, std::function<bool(const CRequest&)>> brief_;
   std::unordered_set<uint32_t> unanswered_;
 };
 

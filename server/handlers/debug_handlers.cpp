@@ -10,6 +10,8 @@
 namespace qv::server {
 namespace {
 
+constexpr uint32_t kBriefReadBytes = 1u << 20;
+
 // What only the holder of a process's lock may do to it: run, stop, change its memory,
 // registers and breakpoints, attach to it, detach from it, and (under the whole target's lock)
 // load a new one. Reads stay open to everybody.
@@ -55,8 +57,8 @@ std::optional<uint32_t> ChangedProcess(const Request& request) {
 }  // namespace
 
 // Every row of the debug catalogue: the backend is taken from the registry under its lock and
-// called without it. The calls run off the client's reading thread, so a long read or a slow
-// backend holds up neither that client's other calls nor anybody else's.
+// called without it. The calls run off the client's reading thread (small memory reads aside), so
+// a long read or a slow backend holds up neither that client's other calls nor anybody else's.
 void RegisterDebugHandlers(RequestDispatcher& dispatcher, TargetRegistry& registry) {
 #define VEKX_OPERATION(Camel, WIRE, number, request_fields, response_fields)                    \
   dispatcher.Register<C##Camel##Request, C##Camel##Response>(                                   \
@@ -72,6 +74,12 @@ void RegisterDebugHandlers(RequestDispatcher& dispatcher, TargetRegistry& regist
       },                                                                                        \
       RequestDispatcher::Timing::kMayWait);
 #include "requests/debug_operations.def"
+  // No backend waits for a read of memory (the local target reads with process_vm_readv, not
+  // through its tracer), so a read of up to 1 MiB, a few hundred microseconds at most, is
+  // answered on the reading thread rather than paying a worker's wake-up; a larger one still
+  // goes to a worker, so that it does not hold up the client's other calls.
+  dispatcher.AnswerAtOnceWhen<CGetMemoryRequest>(
+      [](const CGetMemoryRequest& request) { return request.Size <= kBriefReadBytes; });
 }
 
 }  // namespace qv::server

@@ -289,6 +289,23 @@ TEST_F(VirtualProcessTest, RunningThreadsStopAtBreakpointsStepsAndFaultsAndExitA
   EXPECT_EQ(Ask(threads).Result, Code(KXAPI_COMMS_ERR_INVALID_PID)) << "an ended process is gone";
 }
 
+// A memory read of up to 1 MiB is answered on the reading thread; a larger one, and every other
+// debug call, on a worker, so that it does not hold up the client's other calls.
+TEST_F(VirtualProcessTest, OnlySmallMemoryReadsAreAnsweredOnTheReadingThread) {
+  const auto may_wait = [this](const CRequest& request) {
+    MessageBuffer body;
+    EXPECT_TRUE(WriteRequestHeader(body, request.GetTypeNumber(), 1, 1) && request.Serialize(body));
+    auto call = dispatcher_.Decode(1, 100, body);
+    return call.has_value() && call->may_wait;
+  };
+  auto read = For<CGetMemoryRequest>(1);
+  for (const auto& [size, waits] : {std::pair{1u << 20, false}, std::pair{(1u << 20) + 1, true}}) {
+    read.Size = size;
+    EXPECT_EQ(may_wait(read), waits) << size;
+  }
+  EXPECT_TRUE(may_wait(For<CResumeProcessRequest>(1)));
+}
+
 TEST_F(VirtualProcessTest, EveryDebugOperationIsAnsweredAndAnUnknownPidIsNamed){
 #define VEKX_OPERATION(Camel, WIRE, number, request_fields, response_fields)                 \
   {                                                                                          \
