@@ -210,8 +210,6 @@ const Row kRows[] = {
      {R"(rip = 0x0000000000401000)", R"(rsp = 0x000000007ffff000)", R"("Hello from sample")"}},
 };
 
-}  // namespace
-
 // One test per row, so that ctest runs them side by side.
 class DebuggerSessionTest : public qv::servertest::ServerTest,
                             public ::testing::WithParamInterface<Row> {
@@ -257,4 +255,6 @@ TEST_P(DebuggerSessionTest, Session) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, DebuggerSessionTest, ::testing::ValuesIn(kRows),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& row) { return std::string(row.param.name); });
+
+}  // namespace
