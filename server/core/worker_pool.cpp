@@ -7,11 +7,14 @@ namespace qv::server {
 
 bool WorkerPool::Run(std::function<void()> job) noexcept {
   try {
-    std::lock_guard lock(mutex_);
-    if (stopping_) return false;
-    // Only jobs that an idle thread will take wait in the queue.
-    if (idle_ <= jobs_.size()) threads_.emplace_back(&WorkerPool::Loop, this);
-    jobs_.push_back(std::move(job));
+    {
+      std::lock_guard lock(mutex_);
+      if (stopping_) return false;
+      // Only jobs that an idle thread will take wait in the queue.
+      if (idle_ <= jobs_.size()) threads_.emplace_back(&WorkerPool::Loop, this);
+      jobs_.push_back(std::move(job));
+    }
+    // Woken after the lock is released, the thread does not wake only to wait for it.
     wake_.notify_one();
     return true;
   } catch (const std::exception&) {
