@@ -25,7 +25,7 @@ enum class IoResult {
   kOk,
   kStopped,     // The stop signal was set while the operation waited.
   kBrokenPipe,  // The peer closed its end (or was never there to write to).
-  kTimedOut,    // Only Connect: nobody accepted within the time-out.
+  kTimedOut,    // Connect: nobody accepted within the time-out; WaitReadable: nothing there yet.
   kFailed,      // Anything else, including running out of memory or handles.
 };
 
@@ -107,8 +107,22 @@ class Pipe {
   /// part of the bytes had arrived.
   IoResult ReadExact(void* dest, size_t size, const StopSignal& stop) noexcept;
 
+  /// Whether WaitReadable can wait: POSIX polls the socket; a Windows pipe shows that bytes have
+  /// come only by reading them.
+#ifdef _WIN32
+  static constexpr bool kWaitsWithoutReading = false;
+#else
+  static constexpr bool kWaitsWithoutReading = true;
+#endif
+  /// Reads nothing: kOk once a read would find bytes or the peer's close, kStopped when `stop` is
+  /// set first. Without `wait` it only looks: kTimedOut when nothing is there yet. Another thread
+  /// may read meanwhile. Where kWaitsWithoutReading is false, a wait returns kOk at once.
+  IoResult WaitReadable(const StopSignal& stop, bool wait) noexcept;
+
   /// errno or GetLastError of the last failed operation of this pipe (0 before any), for logs.
-  uint32_t LastSystemError() const noexcept { return last_error_.load(std::memory_order_relaxed); }
+  uint32_t LastSystemError() const noexcept {
+    return last_error_.load(std::memory_order_relaxed);
+  }
 
   /// Closes the handle now; later operations fail. Safe to call twice.
   void Close() noexcept;
@@ -117,7 +131,9 @@ class Pipe {
  private:
   friend class PipeListener;
   explicit Pipe(NativeHandle handle) noexcept;
-  void Fail(uint32_t error) noexcept { last_error_.store(error, std::memory_order_relaxed); }
+  void Fail(uint32_t error) noexcept {
+    last_error_.store(error, std::memory_order_relaxed);
+  }
 
   NativeHandle handle_;
 #ifdef _WIN32

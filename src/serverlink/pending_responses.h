@@ -35,6 +35,7 @@
 #include <system_error>
 #include <unordered_map>
 
+#include "platform/pipe.h"
 #include "serverlink/bulk_bytes.h"
 #include "serverlink/messages.h"
 #include "serverlink/wait_error.h"
@@ -93,11 +94,17 @@ class PendingResponseStore {
     std::shared_ptr<std::condition_variable> waiter;  // set while its caller waits
   };
   enum class Reader { kNobody, kReadThread, kCaller };
-  // How long the read thread stands aside after a caller last read for itself.
-  static constexpr std::chrono::microseconds kReadThreadStandsAside{200};
+  // How long the read thread stands aside after a caller last read for itself. Where it waits
+  // for the pipe without holding it (platform::Pipe::kWaitsWithoutReading) it only saves its own
+  // wake-ups meanwhile, and a notification that comes then waits for it: a short time. Where it
+  // holds the pipe while it waits, a caller that comes then waits for it to hand the answer over:
+  // it stands aside for longer.
+  static constexpr std::chrono::microseconds kReadThreadStandsAside{
+      platform::Pipe::kWaitsWithoutReading ? 20 : 200};
   // The longest it looks away while calls go on: how late a notification that arrives just after
   // a long run of calls may be read.
-  static constexpr std::chrono::microseconds kReadThreadLooksAwayAtMost{1600};
+  static constexpr std::chrono::microseconds kReadThreadLooksAwayAtMost{
+      platform::Pipe::kWaitsWithoutReading ? 400 : 1600};
 
   // With nobody reading, wakes a caller that may read and still waits, or the read thread when a
   // caller with a deadline waits; store_mutex_ held.

@@ -284,6 +284,16 @@ PipeChannel::ReadStatus PipeChannel::ReadFrame() {
   }
 }
 
+bool PipeChannel::HasInput() {
+  // After a failure the next read reports it at once.
+  if (HasReadAhead() || lost_ != platform::IoResult::kOk) return true;
+  return pipe_ != nullptr && pipe_->WaitReadable(stop_, false) != platform::IoResult::kTimedOut;
+}
+
+bool PipeChannel::AwaitInput() {
+  return pipe_ != nullptr && pipe_->WaitReadable(stop_, true) == platform::IoResult::kOk;
+}
+
 void PipeChannel::ReleaseRead() {
   if (!rest_.Skip()) lost_ = rest_.result();
   rest_.Start(0);

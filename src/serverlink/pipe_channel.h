@@ -87,6 +87,16 @@ class PipeChannel {
   // Skips what the decoder left of the frame in the pipe, then releases the read lock.
   void ReleaseRead();
 
+  // Whether a frame has begun to come: read ahead already, or waiting in the pipe. Asked by the
+  // one thread that reads frames now.
+  bool HasInput();
+  // Whether bytes were read ahead of the last frame: the next frame has begun to come.
+  bool HasReadAhead() const { return staged_end_ > staged_begin_; }
+  // Waits, reading nothing, until the pipe has bytes (or its peer closed); false once the channel
+  // stops or the pipe fails. Another thread may read frames meanwhile. Only where
+  // platform::Pipe::kWaitsWithoutReading.
+  bool AwaitInput();
+
   // Ends every wait of the channel until the next Open.
   void Stop();
   bool Stopped() const { return stop_.IsSet(); }

@@ -197,7 +197,17 @@ void ServerLink::ReadLoop() {
   IncomingDispatcher::Outcome outcome{};
   for (;;) {
     store_.AwaitReadThreadsTurn();
-    const bool read = ReadOneFrame(outcome);
+    // Where the pipe can be watched without reading it, this thread holds it only while a frame
+    // is there: a caller that comes meanwhile reads its own answer rather than wait for this
+    // thread to hand it over, and a notification is read as soon as it comes.
+    if (platform::Pipe::kWaitsWithoutReading && !channel_.HasInput()) {
+      store_.EndReadThreadsTurn();
+      if (!channel_.AwaitInput()) break;
+      continue;
+    }
+    bool read = ReadOneFrame(outcome);
+    while (read && channel_.HasReadAhead())
+      read = ReadOneFrame(outcome);
     store_.EndReadThreadsTurn();
     if (!read) break;
   }
@@ -215,6 +225,10 @@ void ServerLink::ReadForOwnAnswer(uint32_t sequence) {
       break;
     }
   }
+  // Frames read ahead go to their owners before the pipe is let go: the read thread watches the
+  // pipe, and would not see them.
+  while (read && channel_.HasReadAhead())
+    read = ReadOneFrame(outcome);
   if (!read) {
     // The connection is over: nobody reads it again, and every waiter hears so, as when the
     // read thread finds it over.

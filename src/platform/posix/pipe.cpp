@@ -52,10 +52,11 @@ void SleepMs(long ms) noexcept {
 
 // Waits with no time limit until `fd` reports one of `events` (or an error or hang-up, which
 // the retried operation then reports), or the stop signal is set. kOk means: try again.
-IoResult WaitFor(int fd, short events, const StopSignal& stop, uint32_t& error) noexcept {
+IoResult WaitFor(int fd, short events, const StopSignal& stop, uint32_t& error,
+                 int timeout_ms = -1) noexcept {
   pollfd entries[2] = {{fd, events, 0}, {stop.native_handle(), POLLIN, 0}};
   for (;;) {
-    const int n = poll(entries, 2, -1);
+    const int n = poll(entries, 2, timeout_ms);
     if (n < 0) {
       if (errno == EINTR) continue;
       error = ErrnoValue();
@@ -68,6 +69,7 @@ IoResult WaitFor(int fd, short events, const StopSignal& stop, uint32_t& error) 
     }
     if (entries[0].revents != 0) return IoResult::kOk;
     if (entries[1].revents != 0) return IoResult::kStopped;
+    if (n == 0) return IoResult::kTimedOut;
   }
 }
 
@@ -353,6 +355,14 @@ IoResult Pipe::ReadSome(void* dest, size_t size, size_t& got, const StopSignal& 
     Fail(static_cast<uint32_t>(code));
     return IsBrokenPipeErrno(code) ? IoResult::kBrokenPipe : IoResult::kFailed;
   }
+}
+
+IoResult Pipe::WaitReadable(const StopSignal& stop, bool wait) noexcept {
+  uint32_t error = 0;
+  IoResult result = CheckStart(handle_, stop, error);
+  if (result == IoResult::kOk) result = WaitFor(handle_, POLLIN, stop, error, wait ? -1 : 0);
+  if (result == IoResult::kFailed) Fail(error);
+  return result;
 }
 
 // --- PipeListener ---

@@ -334,6 +334,26 @@ IoResult Pipe::ReadSome(void* dest, size_t size, size_t& got, const StopSignal& 
   }
 }
 
+IoResult Pipe::WaitReadable(const StopSignal& stop, bool wait) noexcept {
+  uint32_t error = 0;
+  const IoResult start = CheckStart(handle_, stop, error);
+  if (start != IoResult::kOk) {
+    if (start == IoResult::kFailed) Fail(error);
+    return start;
+  }
+  if (wait) return IoResult::kOk;
+  DWORD available = 0;
+  if (!PeekNamedPipe(handle_, nullptr, 0, nullptr, &available, nullptr)) {
+    error = GetLastError();
+    const IoResult result = Classify(error);
+    // A closed peer is something a read finds.
+    if (result == IoResult::kBrokenPipe) return IoResult::kOk;
+    Fail(error);
+    return result;
+  }
+  return available > 0 ? IoResult::kOk : IoResult::kTimedOut;
+}
+
 // --- PipeListener ---
 
 PipeListener::~PipeListener() {
