@@ -135,6 +135,11 @@ TEST(LocalProcFiles, MappingAndStatLines) {
   EXPECT_EQ(stat->parent, 7);
   EXPECT_EQ(stat->cpu_ticks, 42u);
   EXPECT_EQ(stat->processor, 3u);
+  EXPECT_EQ(stat->name, "a) b) c");
+  const std::string maps = line_a + line_b;
+  for (const auto& [address, size] :
+       {std::pair<uint64_t, uint64_t>{0x1fff, 0x1000}, {0x3000, 0x1000}, {0x2000, 0}, {0x4000, 0}})
+    EXPECT_EQ(MappingSizeAt(maps, address), size) << std::hex << address;
   EXPECT_FALSE(ParseTaskStat("42 (short) R 1").has_value());
 }
 

@@ -101,6 +101,23 @@ std::string ReadMapsText(pid_t pid) {
   return text;
 }
 
+uint64_t MappingSizeAt(std::string_view text, uint64_t address) {
+  while (!text.empty()) {
+    const size_t end = std::min(text.find('\n'), text.size());
+    const std::string_view line = text.substr(0, end);
+    uint64_t start = 0;
+    uint64_t stop = 0;
+    const auto [dash, failed] = std::from_chars(line.data(), line.data() + line.size(), start, 16);
+    if (failed == std::errc() && dash != line.data() + line.size() && *dash == '-' &&
+        std::from_chars(dash + 1, line.data() + line.size(), stop, 16).ec == std::errc() &&
+        address >= start && address < stop) {
+      return stop - start;
+    }
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return 0;
+}
+
 std::vector<Mapping> ParseMappings(const std::string& text) {
   std::vector<Mapping> mappings;
   std::string_view rest = text;
@@ -133,19 +150,29 @@ std::vector<Mapping> ReadMappings(pid_t pid, bool with_resident) {
   return mappings;
 }
 
-std::optional<TaskStat> ParseTaskStat(const std::string& text) {
+std::optional<TaskStat> ParseTaskStat(std::string_view text) {
   // pid (comm) state ppid ...: the name may hold blanks and parentheses, so fields count from
   // the last ')'.
+  const size_t open = text.find('(');
   const size_t close = text.rfind(')');
-  if (close == std::string::npos) return std::nullopt;
-  std::istringstream in(text.substr(close + 1));
-  std::vector<std::string> fields;
-  for (std::string field; in >> field;)
-    fields.push_back(field);
-  // fields[0] is field 3 (state); utime 14, stime 15, processor 39.
-  if (fields.size() < 37) return std::nullopt;
+  if (open == std::string_view::npos || close == std::string_view::npos || close < open)
+    return std::nullopt;
   TaskStat stat;
-  stat.state = fields[0].empty() ? '?' : fields[0][0];
+  stat.name = std::string(text.substr(open + 1, close - open - 1));
+  // fields[0] is field 3 (state); ppid 4, utime 14, stime 15, processor 39.
+  std::string_view fields[37];
+  size_t count = 0;
+  std::string_view rest = text.substr(close + 1);
+  while (count < std::size(fields)) {
+    const size_t begin = rest.find_first_not_of(" \n");
+    if (begin == std::string_view::npos) break;
+    rest.remove_prefix(begin);
+    const size_t end = std::min(rest.find_first_of(" \n"), rest.size());
+    fields[count++] = rest.substr(0, end);
+    rest.remove_prefix(end);
+  }
+  if (count < std::size(fields)) return std::nullopt;
+  stat.state = fields[0][0];
   stat.parent = static_cast<pid_t>(Number(fields[1]));
   stat.cpu_ticks = Number(fields[11]) + Number(fields[12]);
   stat.processor = static_cast<uint32_t>(Number(fields[36]));
@@ -153,10 +180,17 @@ std::optional<TaskStat> ParseTaskStat(const std::string& text) {
 }
 
 std::optional<TaskStat> ReadTaskStat(const std::string& stat_path) {
-  std::ifstream file(stat_path);
-  std::string text;
-  if (!std::getline(file, text)) return std::nullopt;
-  return ParseTaskStat(text);
+  // Read at every stop for every thread: one read into the stack, no stream.
+  const int fd = open(stat_path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  char buffer[1024];
+  ssize_t got = 0;
+  do {
+    got = read(fd, buffer, sizeof buffer);
+  } while (got < 0 && errno == EINTR);
+  close(fd);
+  if (got <= 0) return std::nullopt;
+  return ParseTaskStat(std::string_view(buffer, static_cast<size_t>(got)));
 }
 
 std::vector<pid_t> TaskIds(pid_t pid) {

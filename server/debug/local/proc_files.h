@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "requests/debug_records.h"
@@ -28,6 +29,9 @@ std::vector<Mapping> ReadMappings(pid_t pid, bool with_resident = false);
 // it lists: what a stop compares with the last one before parsing anything.
 std::string ReadMapsText(pid_t pid);
 std::vector<Mapping> ParseMappings(const std::string& text);
+// The size of the mapping in maps `text` that holds `address`, 0 when none does: read at every
+// stop for every thread, so it parses nothing but the ranges.
+uint64_t MappingSizeAt(std::string_view text, uint64_t address);
 // One mappings line, or nullopt for one that does not parse.
 std::optional<Mapping> ParseMappingLine(const std::string& line);
 
@@ -37,9 +41,10 @@ struct TaskStat {
   pid_t parent = 0;
   uint64_t cpu_ticks = 0;  // user and system time, in clock ticks
   uint32_t processor = 0;
+  std::string name;  // as in /proc/PID/comm
 };
 std::optional<TaskStat> ReadTaskStat(const std::string& stat_path);
-std::optional<TaskStat> ParseTaskStat(const std::string& text);
+std::optional<TaskStat> ParseTaskStat(std::string_view text);
 
 // The ids under /proc/PID/task, ascending.
 std::vector<pid_t> TaskIds(pid_t pid);

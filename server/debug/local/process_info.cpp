@@ -39,9 +39,9 @@ ThreadInfoRecord ThreadInfoOf(pid_t pid, pid_t tid) {
   const std::string base = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/";
   ThreadInfoRecord record;
   record.Tid = static_cast<uint32_t>(tid);
-  record.Name = ReadLine(base + "comm");
   record.State = kThreadRunning;
   if (const std::optional<TaskStat> stat = ReadTaskStat(base + "stat")) {
+    record.Name = stat->name;
     record.CpuId = stat->processor;
     if (stat->state != 'R') {
       record.State = kThreadInhibited;

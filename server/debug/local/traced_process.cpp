@@ -747,7 +747,7 @@ ProcessInfoRecord TracedProcess::InfoRecord() {
 
 ThreadInfoList TracedProcess::ThreadRecords(const std::string* maps_text) {
   ThreadInfoList records;
-  std::optional<std::vector<Mapping>> mappings;  // read for the first stopped thread
+  std::optional<std::string> read_maps;  // read for the first stopped thread, when not given
   for (const auto& [tid, thread] : threads_) {
     ThreadInfoRecord record = ThreadInfoOf(pid_, tid);
     if (record.Name.empty()) record.Name = thread.name;
@@ -762,11 +762,8 @@ ThreadInfoList TracedProcess::ThreadRecords(const std::string* maps_text) {
       }
       // The stack's size: the mapping the stack pointer lies in (the main thread's [stack], a
       // thread's own mapped stack).
-      if (!mappings) mappings = ParseMappings(maps_text ? *maps_text : ReadMapsText(pid_));
-      for (const Mapping& mapping : *mappings) {
-        if (record.StackAddr >= mapping.start && record.StackAddr < mapping.end)
-          record.StackSize = mapping.end - mapping.start;
-      }
+      if (maps_text == nullptr && !read_maps) read_maps = ReadMapsText(pid_);
+      record.StackSize = MappingSizeAt(maps_text ? *maps_text : *read_maps, record.StackAddr);
     }
     record.Reason.Code = thread.stop_code;
     records.push_back(std::move(record));
