@@ -10,6 +10,7 @@
 
 #include "platform/pipe.h"
 #include "platform/process_identity.h"
+#include "platform/thread_timing.h"
 #include "platform/server_process.h"
 #include "platform/wide_string.h"
 #include "serverlink/answer_limit.h"
@@ -194,6 +195,8 @@ bool ServerLink::ReadOneFrame(IncomingDispatcher::Outcome& outcome) {
 
 void ServerLink::ReadLoop() {
   LogApi(Log::kPackets, "Started read thread 0x" + ThreadTag());
+  // Its stand-aside after a caller's read is a few tens of microseconds.
+  platform::UsePreciseTimedWaits();
   IncomingDispatcher::Outcome outcome{};
   for (;;) {
     store_.AwaitReadThreadsTurn();

@@ -1,0 +1,7 @@
+#include "platform/thread_timing.h"
+
+namespace qv::platform {
+
+void UsePreciseTimedWaits() noexcept {}
+
+}  // namespace qv::platform
