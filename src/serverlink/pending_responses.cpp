@@ -182,16 +182,21 @@ void PendingResponseStore::AwaitReadThreadsTurn() {
     const bool pipe_free = reader_ == Reader::kNobody && !AnyWaiterLocked(true);
     if (pipe_free && AnyWaiterLocked(false)) break;
     const auto now = std::chrono::steady_clock::now();
-    const auto stood_aside = callers_read_at_ + kReadThreadStandsAside;
+    const auto stood_aside = callers_read_at_ + stands_aside_;
     if (pipe_free && now >= stood_aside) break;
     read_thread_cv_.wait_until(lock, std::max(stood_aside, now + looks_away));
-    looks_away = std::clamp(looks_away * 2, kReadThreadStandsAside, kReadThreadLooksAwayAtMost);
+    looks_away = std::clamp(looks_away * 2, stands_aside_, kReadThreadLooksAwayAtMost);
   }
   if (reader_ == Reader::kNobody) reader_ = Reader::kReadThread;
 }
 
-void PendingResponseStore::EndReadThreadsTurn() {
+void PendingResponseStore::EndReadThreadsTurn(Found found) {
   std::lock_guard lock(store_mutex_);
+  if (found == Found::kNotification) {
+    stands_aside_ = std::max(stands_aside_ / 2, kReadThreadStandsAsideLeast);
+  } else if (found == Found::kNothing) {
+    stands_aside_ = std::min(stands_aside_ * 2, kReadThreadStandsAside);
+  }
   if (reader_ == Reader::kReadThread) reader_ = Reader::kNobody;
   PassThePipeLocked();
 }

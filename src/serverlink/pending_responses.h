@@ -78,8 +78,11 @@ class PendingResponseStore {
 
   // Read thread: blocks until it is to read the pipe (see above), or the store is aborted.
   void AwaitReadThreadsTurn();
-  // Read thread: it has read one frame and lets go of the pipe.
-  void EndReadThreadsTurn();
+  // Read thread: it lets go of the pipe. What it found there tunes how long it stands aside
+  // after callers' reads: shorter once it read a notification nobody else would have, longer
+  // once it watched the pipe in vain (a caller took what woke it).
+  enum class Found { kFrame, kNotification, kNothing };
+  void EndReadThreadsTurn(Found found = Found::kFrame);
   // Blocks until no caller reads the pipe; after Abort, none starts again until Reset.
   void AwaitNoCallerReading();
 
@@ -94,17 +97,19 @@ class PendingResponseStore {
     std::shared_ptr<std::condition_variable> waiter;  // set while its caller waits
   };
   enum class Reader { kNobody, kReadThread, kCaller };
-  // How long the read thread stands aside after a caller last read for itself. Where it waits
-  // for the pipe without holding it (platform::Pipe::kWaitsWithoutReading) it only saves its own
-  // wake-ups meanwhile, and a notification that comes then waits for it: a short time. Where it
-  // holds the pipe while it waits, a caller that comes then waits for it to hand the answer over:
-  // it stands aside for longer.
-  static constexpr std::chrono::microseconds kReadThreadStandsAside{
+  // How long the read thread stands aside after a caller last read for itself. Where it holds
+  // the pipe while it waits, a caller that comes then waits for it to hand the answer over: it
+  // stands aside for long. Where it watches the pipe without holding it
+  // (platform::Pipe::kWaitsWithoutReading), standing aside only saves the wake-ups a caller's
+  // answers would give it, while a notification that comes meanwhile waits: it stands aside
+  // between the two bounds, longer while calls follow each other, shorter while notifications
+  // come between them.
+  static constexpr std::chrono::microseconds kReadThreadStandsAside{200};
+  static constexpr std::chrono::microseconds kReadThreadStandsAsideLeast{
       platform::Pipe::kWaitsWithoutReading ? 20 : 200};
   // The longest it looks away while calls go on: how late a notification that arrives just after
   // a long run of calls may be read.
-  static constexpr std::chrono::microseconds kReadThreadLooksAwayAtMost{
-      platform::Pipe::kWaitsWithoutReading ? 400 : 1600};
+  static constexpr std::chrono::microseconds kReadThreadLooksAwayAtMost{1600};
 
   // With nobody reading, wakes a caller that may read and still waits, or the read thread when a
   // caller with a deadline waits; store_mutex_ held.
@@ -128,6 +133,8 @@ class PendingResponseStore {
   Reader reader_ = Reader::kNobody;              // guarded by store_mutex_
   // When a caller last read for itself, or was handed its answer; guarded by store_mutex_.
   std::chrono::steady_clock::time_point callers_read_at_;
+  // How long the read thread stands aside now; guarded by store_mutex_.
+  std::chrono::microseconds stands_aside_ = kReadThreadStandsAsideLeast;
   std::condition_variable read_thread_cv_;
   std::condition_variable caller_read_ended_;
 };

@@ -10,8 +10,8 @@
 
 #include "platform/pipe.h"
 #include "platform/process_identity.h"
-#include "platform/thread_timing.h"
 #include "platform/server_process.h"
+#include "platform/thread_timing.h"
 #include "platform/wide_string.h"
 #include "serverlink/answer_limit.h"
 #include "serverlink/log.h"
@@ -198,20 +198,28 @@ void ServerLink::ReadLoop() {
   // Its stand-aside after a caller's read is a few tens of microseconds.
   platform::UsePreciseTimedWaits();
   IncomingDispatcher::Outcome outcome{};
+  bool watched = false;  // this turn follows a wake-up of the pipe's
   for (;;) {
     store_.AwaitReadThreadsTurn();
     // Where the pipe can be watched without reading it, this thread holds it only while a frame
     // is there: a caller that comes meanwhile reads its own answer rather than wait for this
     // thread to hand it over, and a notification is read as soon as it comes.
     if (platform::Pipe::kWaitsWithoutReading && !channel_.HasInput()) {
-      store_.EndReadThreadsTurn();
+      store_.EndReadThreadsTurn(watched ? PendingResponseStore::Found::kNothing
+                                        : PendingResponseStore::Found::kFrame);
       if (!channel_.AwaitInput()) break;
+      watched = true;
       continue;
     }
-    bool read = ReadOneFrame(outcome);
-    while (read && channel_.HasReadAhead())
+    watched = false;
+    bool notified = false;
+    bool read = true;
+    do {
       read = ReadOneFrame(outcome);
-    store_.EndReadThreadsTurn();
+      notified = notified || outcome == IncomingDispatcher::Outcome::kNotificationQueued;
+    } while (read && channel_.HasReadAhead());
+    store_.EndReadThreadsTurn(notified ? PendingResponseStore::Found::kNotification
+                                       : PendingResponseStore::Found::kFrame);
     if (!read) break;
   }
   LogApi(Log::kPackets, "Exited read thread 0x" + ThreadTag() +
