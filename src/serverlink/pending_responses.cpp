@@ -173,7 +173,7 @@ void PendingResponseStore::PassThePipeLocked() {
   if (AnyWaiterLocked(false)) read_thread_cv_.notify_one();
 }
 
-void PendingResponseStore::AwaitReadThreadsTurn() {
+bool PendingResponseStore::AwaitReadThreadsTurn() {
   std::unique_lock lock(store_mutex_);
   // How much later than now to look again: nothing more than the stand-aside at first, doubled
   // each time a caller still reads or has just read.
@@ -187,7 +187,9 @@ void PendingResponseStore::AwaitReadThreadsTurn() {
     read_thread_cv_.wait_until(lock, std::max(stood_aside, now + looks_away));
     looks_away = std::clamp(looks_away * 2, stands_aside_, kReadThreadLooksAwayAtMost);
   }
-  if (reader_ == Reader::kNobody) reader_ = Reader::kReadThread;
+  if (aborted_) return false;
+  reader_ = Reader::kReadThread;
+  return true;
 }
 
 void PendingResponseStore::EndReadThreadsTurn(Found found) {

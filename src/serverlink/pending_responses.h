@@ -76,8 +76,9 @@ class PendingResponseStore {
   // A reading caller lets go of the pipe.
   void EndCallerRead();
 
-  // Read thread: blocks until it is to read the pipe (see above), or the store is aborted.
-  void AwaitReadThreadsTurn();
+  // Read thread: blocks until it is to read the pipe (see above), true; or until the store is
+  // aborted, false: a caller may then still be reading, and the pipe is not the read thread's.
+  [[nodiscard]] bool AwaitReadThreadsTurn();
   // Read thread: it lets go of the pipe. What it found there tunes how long it stands aside
   // after callers' reads: shorter once it read a notification nobody else would have, longer
   // once it watched the pipe in vain (a caller took what woke it).

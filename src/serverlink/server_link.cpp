@@ -199,8 +199,7 @@ void ServerLink::ReadLoop() {
   platform::UsePreciseTimedWaits();
   IncomingDispatcher::Outcome outcome{};
   bool watched = false;  // this turn follows a wake-up of the pipe's
-  for (;;) {
-    store_.AwaitReadThreadsTurn();
+  while (store_.AwaitReadThreadsTurn()) {
     // Where the pipe can be watched without reading it, this thread holds it only while a frame
     // is there: a caller that comes meanwhile reads its own answer rather than wait for this
     // thread to hand it over, and a notification is read as soon as it comes.

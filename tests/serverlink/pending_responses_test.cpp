@@ -125,8 +125,7 @@ TEST_F(PendingResponseStoreTest, OneCallerAtATimeReadsThePipeAndPassesItOnWhenIt
   });
   std::atomic<bool> read_thread_read{false};
   std::thread read_thread([&] {
-    store_.AwaitReadThreadsTurn();
-    read_thread_read = true;
+    read_thread_read = store_.AwaitReadThreadsTurn();
     store_.EndReadThreadsTurn();
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -144,13 +143,15 @@ TEST_F(PendingResponseStoreTest, OneCallerAtATimeReadsThePipeAndPassesItOnWhenIt
   read_thread.join();
   EXPECT_TRUE(read_thread_read);
 
-  // A read thread standing aside for a reading caller leaves on Abort, and the disconnecting
-  // thread waits for the caller to let go of the pipe.
+  // A read thread standing aside for a reading caller leaves on Abort without the pipe (the caller
+  // still reads it), and the disconnecting thread waits for the caller to let go of the pipe.
   ASSERT_TRUE(store_.Await(4));
   ASSERT_EQ(Wait(4, {}, true), WaitError::kWaitReadYourself);
-  std::thread parked([&] { store_.AwaitReadThreadsTurn(); });
+  bool parked_got_turn = true;
+  std::thread parked([&] { parked_got_turn = store_.AwaitReadThreadsTurn(); });
   store_.Abort();
   parked.join();
+  EXPECT_FALSE(parked_got_turn);
   std::thread disconnecting([&] { store_.AwaitNoCallerReading(); });
   store_.EndCallerRead();
   disconnecting.join();
