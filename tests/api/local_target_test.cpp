@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <map>
 #include <sstream>
 
@@ -232,12 +233,23 @@ TEST_F(LocalTargetTest, ExitCodesSignalsAndChildrenThroughTheParentsBreakpoints)
   }
 }
 
-// The program's console: what it is sent reaches its stdin, what it prints comes back.
+// The program's console: what it is sent reaches its stdin, what it prints comes back. Resumed
+// from a breakpoint on the system call of its read, it blocks in the step over the breakpoint:
+// the resume and the tracer's other calls are answered meanwhile, not once the input comes.
 TEST_F(LocalTargetTest, ConsoleInputAndOutput) {
   const auto console = vekx::MakeSink<RecordingSink>();
   ASSERT_OK(target_->AdviseConsoleOutputEvents(console.Get()));
-  auto process = Load("echo", false);
-  ASSERT_TRUE(process);
+  ASSERT_NO_FATAL_FAILURE(LoadStopped("echo", Symbol("vekx_read_syscall")));
+  const auto process = process_;
+  ASSERT_OK(Resume(process.Get()));
+  ASSERT_EQ(events_->WaitStop(1), STOP_REASON_SIGSWBRKPT);
+  auto resumed = std::async(std::launch::async, [&] { return Resume(process.Get()); });
+  const bool answered = resumed.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  if (!answered) process->SendConsoleInput(STREAM_STDIO, B("late\n").Get());  // or it never ends
+  ASSERT_TRUE(answered) << "the resume waited for the program's read";
+  EXPECT_EQ(ListOf<IThreadInfo>(process.Get(), &IProcess10::get_ThreadInfoSnapshot, IID_IThreadInfo)
+                .size(),
+            1u);
   // Its standard streams are the server's pipes.
   const auto list = ListOf<IFile>(process.Get(), &IProcess10::get_Files, IID_IFile);
   ASSERT_GE(list.size(), 3u);
@@ -246,6 +258,7 @@ TEST_F(LocalTargetTest, ConsoleInputAndOutput) {
     EXPECT_EQ(GetText(list[fd].Get(), &IFile::get_Path).substr(0, 5), "pipe:");
   }
   ASSERT_OK(process->SendConsoleInput(STREAM_STDIO, B("ping\n").Get()));
+  EXPECT_OK(resumed.get());
   EXPECT_TRUE(servertest::WaitUntil([&] {
     return console->Values("OnConsoleOutput", "Text") == std::vector<std::string>{"got ping\n"};
   }));

@@ -5,7 +5,8 @@
 //   exit CODE       prints a line to stdout and to stderr, then exits with CODE
 //   raise SIGNAL    raises SIGNAL (a number) at itself
 //   threads COUNT   starts COUNT threads that each call vekx_tick for ever
-//   echo            prints "got " and the line it reads from stdin
+//   echo            prints "got " and the line it reads from stdin, read by vekx_read, whose
+//                   system call instruction is at vekx_read_syscall
 //   fork, vfork     a child made so calls vekx_tick and exits with 3; the parent waits for it,
 //                   calls vekx_tick and exits with the child's exit code (99 when a signal ended
 //                   it)
@@ -24,6 +25,11 @@ volatile long vekx_marker = 0x5eed;
 __attribute__((noinline)) void vekx_tick() {
   vekx_counter = vekx_counter + 1;
 }
+
+// read(2) made here, so that a breakpoint can sit on the instruction that blocks.
+long vekx_read(long fd, char* buffer, long size);
+asm(".text\n.globl vekx_read\nvekx_read: xor %eax, %eax\n"
+    ".globl vekx_read_syscall\nvekx_read_syscall: syscall\nret\n");
 }
 
 static void* Worker(void*) {
@@ -45,7 +51,7 @@ int main(int argc, char** argv) {
   if (strcmp(mode, "raise") == 0) raise(value);
   if (strcmp(mode, "echo") == 0) {
     char line[256] = {};
-    if (fgets(line, sizeof line, stdin) != nullptr) printf("got %s", line);
+    if (vekx_read(0, line, sizeof line - 1) > 0) printf("got %s", line);
     return 0;
   }
   if (strcmp(mode, "fork") == 0 || strcmp(mode, "vfork") == 0) {

@@ -214,8 +214,7 @@ Status TracedProcess::DetachNow() {
   }
   StopOthers(0);
   running_ = false;
-  for (auto& [tid, thread] : threads_)
-    PutBackLifted(thread);
+  ForgetResumes();
   for (const auto& [id, breakpoint] : software_)
     memory_->Write(breakpoint.record.Address, &breakpoint.original, 1);
   ReleaseEarlyChildren();
@@ -332,13 +331,16 @@ void TracedProcess::OnWaitStatus(pid_t tid, int status) {
   }
   if (event == PTRACE_EVENT_EXIT) {
     thread.exiting = true;
+    const bool stepped_over = thread.resuming == Resuming::kSteppingOver;
+    if (stepped_over) EndStepOver(thread);
     Continue(tid, thread);  // on to its end, whatever the others do
+    if (stepped_over) GoOnResuming();
     return;
   }
   if (event == PTRACE_EVENT_STOP || (signal == SIGSTOP && thread.expect_sigstop)) {
     thread.expect_sigstop = false;
     if (thread.fresh) ProgramDebugRegisters(tid);
-    if (running_ && !thread.held) Continue(tid, thread);
+    GoOnAfterEvent(tid, thread);
     return;
   }
   if (signal == SIGTRAP) {
@@ -346,8 +348,12 @@ void TracedProcess::OnWaitStatus(pid_t tid, int status) {
     return;
   }
   if (!SignalStops(signal)) {
-    thread.pending_signal = signal;
-    Continue(tid, thread);
+    thread.pending_signal = signal;  // a step goes on first; the signal comes with the next run
+    if (thread.stepping || thread.resuming == Resuming::kSteppingOver) {
+      GoOnAfterEvent(tid, thread);
+    } else {
+      Continue(tid, thread);
+    }
     return;
   }
   thread.pending_signal = signal == SIGSTOP ? 0 : signal;
@@ -355,7 +361,7 @@ void TracedProcess::OnWaitStatus(pid_t tid, int status) {
 }
 
 void TracedProcess::GoOnAfterEvent(pid_t tid, Thread& thread) {
-  if (thread.stepping) {
+  if (thread.stepping || thread.resuming == Resuming::kSteppingOver) {
     // A step over the call that made the event: on with the step.
     if (ptrace(PTRACE_SINGLESTEP, tid, nullptr, nullptr) == 0) thread.stopped = false;
   } else if (running_ && !thread.held) {
@@ -415,6 +421,13 @@ void TracedProcess::ReleaseEarlyChildren() {
 }
 
 void TracedProcess::OnTrap(pid_t tid, Thread& thread) {
+  if (thread.resuming == Resuming::kSteppingOver) {
+    // Past its breakpoint: the next thread steps over its own, or they all go.
+    EndStepOver(thread);
+    thread.resuming = Resuming::kReady;
+    GoOnResuming();
+    return;
+  }
   siginfo_t info{};
   ptrace(PTRACE_GETSIGINFO, tid, nullptr, &info);
   uint64_t rip = 0;
@@ -424,9 +437,14 @@ void TracedProcess::OnTrap(pid_t tid, Thread& thread) {
       WriteInstructionPointer(tid, rip - 1);
       const uint32_t only = breakpoint->record.ThreadID;
       if (only != 0 && only != static_cast<uint32_t>(tid)) {
-        // Another thread's breakpoint: this one passes it.
-        StepOver(tid, thread);
-        if (running_) Continue(tid, thread);
+        // Another thread's breakpoint: this one passes it. A thread that was stepping takes the
+        // original instruction as its step, which then ends as steps do.
+        if (thread.stepping) {
+          StartStepOver(tid, thread);
+        } else {
+          thread.resuming = Resuming::kQueued;
+          GoOnResuming();
+        }
         return;
       }
       ReportStop(tid, kStopSoftwareBreakpoint);
@@ -461,7 +479,9 @@ void TracedProcess::OnExit(pid_t tid, int status) {
     exited.ExitCode = WIFEXITED(status) ? static_cast<uint64_t>(WEXITSTATUS(status)) : 0;
     exited.Name = platform::Utf8ToUtf16(it->second.name);
     events_->Post(exited);
+    const bool stepped_over = it->second.resuming == Resuming::kSteppingOver;
     threads_.erase(it);
+    if (stepped_over) GoOnResuming();  // the threads that waited for its step
     return;
   }
   const bool announce = traced_ && !ended_;
@@ -496,6 +516,8 @@ void TracedProcess::OnExit(pid_t tid, int status) {
 void TracedProcess::OnExec(pid_t tid) {
   // The other threads are gone; the one that ran exec now carries the process id.
   Thread survivor = threads_[tid];
+  survivor.lifted.reset();  // the new program has no breakpoints
+  survivor.resuming = Resuming::kNo;
   threads_.clear();
   threads_[pid_] = survivor;
   memory_->Reopen();
@@ -531,6 +553,9 @@ void TracedProcess::NoteStop(pid_t tid, Thread& thread, int status) {
     if (info.si_code == SI_KERNEL && ReadInstructionPointer(tid, rip).ok() &&
         BreakpointAt(rip - 1) != nullptr) {
       WriteInstructionPointer(tid, rip - 1);
+    } else if (thread.resuming == Resuming::kSteppingOver) {
+      EndStepOver(thread);  // its step is done: it goes once the stop is over
+      thread.resuming = Resuming::kReady;
     }
   } else if (event == 0 && signal != SIGSTOP) {
     thread.pending_signal = signal;
@@ -573,11 +598,9 @@ void TracedProcess::ReportStop(pid_t tid, uint32_t reason) {
   if (ended_) return;
   running_ = false;
   stop_thread_ = tid;
-  for (auto& [other, thread] : threads_) {
-    thread.stepping = false;
-    PutBackLifted(thread);
+  ForgetResumes();
+  for (auto& [other, thread] : threads_)
     thread.stop_code = reason;
-  }
   PostModuleChanges();  // leaves maps_text_ as the process's maps are now
   CStopNotificationNotification stop;
   stop.TargetKey = events_->Target();
@@ -605,25 +628,54 @@ TracedProcess::Breakpoint* TracedProcess::BreakpointAt(uint64_t address) {
   return nullptr;
 }
 
-void TracedProcess::StepOver(pid_t tid, Thread& thread) {
+bool TracedProcess::StartStepOver(pid_t tid, Thread& thread) {
   uint64_t rip = 0;
-  if (!ReadInstructionPointer(tid, rip).ok()) return;
+  if (!ReadInstructionPointer(tid, rip).ok()) return false;
   const Breakpoint* breakpoint = BreakpointAt(rip);
-  if (breakpoint == nullptr) return;
-  const uint8_t original = breakpoint->original;
-  memory_->Write(rip, &original, 1);
-  for (;;) {
-    if (ptrace(PTRACE_SINGLESTEP, tid, nullptr, nullptr) != 0) break;
-    int status = 0;
-    if (TracerThread::Wait(tid, status, __WALL) != tid) break;
-    if (WIFEXITED(status) || WIFSIGNALED(status)) {
-      OnExit(tid, status);
-      break;
-    }
-    if (WSTOPSIG(status) == SIGTRAP && (status >> 16) == 0) break;  // the step is done
-    NoteStop(tid, thread, status);
+  if (breakpoint == nullptr) return false;
+  memory_->Write(rip, &breakpoint->original, 1);
+  thread.lifted = rip;
+  // Its pending signal waits for the run after the step, as a handler would start elsewhere.
+  if (ptrace(PTRACE_SINGLESTEP, tid, nullptr, nullptr) != 0) {
+    PutBackLifted(thread);
+    return false;
   }
-  if (BreakpointAt(rip) != nullptr) memory_->Write(rip, &kInt3, 1);
+  thread.stopped = false;
+  thread.stop_code = 0;
+  return true;
+}
+
+void TracedProcess::GoOnResuming() {
+  for (const auto& [tid, thread] : threads_) {
+    if (thread.resuming == Resuming::kSteppingOver) return;
+  }
+  // One at a time, the others stopped: no thread runs past an int3 that is out.
+  for (auto& [tid, thread] : threads_) {
+    if (thread.resuming != Resuming::kQueued) continue;
+    if (thread.stopped && StartStepOver(tid, thread)) {
+      thread.resuming = Resuming::kSteppingOver;
+      return;
+    }
+    thread.resuming = Resuming::kReady;
+  }
+  for (auto& [tid, thread] : threads_) {
+    if (thread.resuming != Resuming::kReady) continue;
+    thread.resuming = Resuming::kNo;
+    if (thread.stopped) Continue(tid, thread);
+  }
+}
+
+void TracedProcess::EndStepOver(Thread& thread) {
+  PutBackLifted(thread);
+  thread.resuming = Resuming::kNo;
+}
+
+void TracedProcess::ForgetResumes() {
+  for (auto& [tid, thread] : threads_) {
+    thread.stepping = false;
+    thread.resuming = Resuming::kNo;
+    PutBackLifted(thread);
+  }
 }
 
 void TracedProcess::PutBackLifted(Thread& thread) {
@@ -636,14 +688,14 @@ Status TracedProcess::Resume(const U32List& to_step, U32List& failed) {
   return OnTracer([&] {
     failed.clear();
     if (to_step.empty()) {
-      for (auto& [tid, thread] : threads_) {
-        if (thread.stopped && !thread.exiting) StepOver(tid, thread);
-      }
+      // The answer does not wait for the steps over breakpoints: such a step may be a system
+      // call that blocks (a read of the console).
       running_ = true;
       for (auto& [tid, thread] : threads_) {
         thread.held = false;
-        if (thread.stopped) Continue(tid, thread);
+        if (thread.stopped) thread.resuming = thread.exiting ? Resuming::kReady : Resuming::kQueued;
       }
+      GoOnResuming();
       return Status::Ok();
     }
     running_ = false;  // only the stepping threads run
@@ -680,6 +732,7 @@ Status TracedProcess::Suspend(ProcessInfoRecord& info, ThreadInfoList& threads) 
   return OnTracer([&] {
     StopOthers(0);
     running_ = false;
+    ForgetResumes();
     for (auto& [tid, thread] : threads_) {
       if (thread.stop_code == 0) thread.stop_code = kStopSuspendProcess;
     }
@@ -720,8 +773,8 @@ Status TracedProcess::ResumeThread(uint32_t tid) {
     if (it == threads_.end()) return NoThread(tid, pid_);
     it->second.held = false;
     if (it->second.stopped) {
-      StepOver(it->first, it->second);
-      Continue(it->first, it->second);
+      it->second.resuming = Resuming::kQueued;
+      GoOnResuming();
     }
     return Status::Ok();
   });
@@ -1114,8 +1167,14 @@ Status TracedProcess::WithAllStopped(const std::function<Status()>& work) {
   const Status status = work();
   for (pid_t tid : were_running) {
     const auto it = threads_.find(tid);
-    if (it != threads_.end() && it->second.stopped && !it->second.held) Continue(tid, it->second);
+    if (it == threads_.end() || !it->second.stopped) continue;
+    if (it->second.resuming == Resuming::kSteppingOver) {
+      GoOnAfterEvent(tid, it->second);  // on with its step over a breakpoint
+    } else if (it->second.resuming == Resuming::kNo && !it->second.held) {
+      Continue(tid, it->second);
+    }
   }
+  GoOnResuming();  // a step over ended meanwhile
   return status;
 }
 

@@ -114,6 +114,9 @@ class TracedProcess {
   Status HardwareBreakpoints(HardwareBreakpointList& list);
 
  private:
+  // Where a thread is in a resume: a thread that stands on a breakpoint of ours first steps over
+  // it, one thread at a time while the others resumed with it wait, and then they all go.
+  enum class Resuming { kNo, kQueued, kSteppingOver, kReady };
   struct Thread {
     std::string name;
     bool stopped = false;         // in a ptrace stop
@@ -125,6 +128,7 @@ class TracedProcess {
     int pending_signal = 0;
     uint32_t stop_code = 0;
     std::optional<uint64_t> lifted;  // a breakpoint's address whose int3 is out for its step
+    Resuming resuming = Resuming::kNo;
   };
   struct Breakpoint {
     SoftwareBreakpointRecord record;
@@ -168,8 +172,17 @@ class TracedProcess {
   // Stops them all, reports the stop of `tid` with `reason`, and announces module changes first.
   void ReportStop(pid_t tid, uint32_t reason);
   void Continue(pid_t tid, Thread& thread);
-  // Past the breakpoint it stands on: the original byte back for one step, then the int3.
-  void StepOver(pid_t tid, Thread& thread);
+  // Starts the thread past the breakpoint it stands on, if it stands on one: the original byte
+  // back for one step (the int3 again once the step is done). Whether the step began.
+  bool StartStepOver(pid_t tid, Thread& thread);
+  // Moves the resume on: the next queued thread steps over its breakpoint, or, once none is left,
+  // every thread ready goes. A step over a blocking system call holds nothing but the threads
+  // resumed with it: neither the tracer nor the request that resumed waits for it.
+  void GoOnResuming();
+  // A step over a breakpoint has ended (or never will): the int3 back in.
+  void EndStepOver(Thread& thread);
+  // A stop of the whole process: no thread steps or resumes any longer.
+  void ForgetResumes();
   void PutBackLifted(Thread& thread);
   Breakpoint* BreakpointAt(uint64_t address);
   Status ProgramDebugRegisters(pid_t tid);
