@@ -66,6 +66,14 @@ uint64_t Hex64(const std::string& text) {
   return value;
 }
 
+// The "start-end" that begins a line of the maps.
+bool ParseRange(std::string_view line, uint64_t& start, uint64_t& end) {
+  const char* const last = line.data() + line.size();
+  const auto [dash, failed] = std::from_chars(line.data(), last, start, 16);
+  return failed == std::errc() && dash != last && *dash == '-' &&
+         std::from_chars(dash + 1, last, end, 16).ec == std::errc();
+}
+
 }  // namespace
 
 std::optional<Mapping> ParseMappingLine(const std::string& line) {
@@ -73,11 +81,8 @@ std::optional<Mapping> ParseMappingLine(const std::string& line) {
   std::istringstream in(line);
   std::string range, perms, offset, device, inode;
   if (!(in >> range >> perms >> offset >> device >> inode)) return std::nullopt;
-  const size_t dash = range.find('-');
-  if (dash == std::string::npos || perms.size() < 4) return std::nullopt;
   Mapping mapping;
-  mapping.start = Hex64(range.substr(0, dash));
-  mapping.end = Hex64(range.substr(dash + 1));
+  if (!ParseRange(range, mapping.start, mapping.end) || perms.size() < 4) return std::nullopt;
   const auto bit = [](bool set, uint32_t value) { return set ? value : 0u; };
   mapping.protection = bit(perms[0] == 'r', kProtectRead) | bit(perms[1] == 'w', kProtectWrite) |
                        bit(perms[2] == 'x', kProtectExecute);
@@ -107,12 +112,7 @@ uint64_t MappingSizeAt(std::string_view text, uint64_t address) {
     const std::string_view line = text.substr(0, end);
     uint64_t start = 0;
     uint64_t stop = 0;
-    const auto [dash, failed] = std::from_chars(line.data(), line.data() + line.size(), start, 16);
-    if (failed == std::errc() && dash != line.data() + line.size() && *dash == '-' &&
-        std::from_chars(dash + 1, line.data() + line.size(), stop, 16).ec == std::errc() &&
-        address >= start && address < stop) {
-      return stop - start;
-    }
+    if (ParseRange(line, start, stop) && address >= start && address < stop) return stop - start;
     text.remove_prefix(std::min(end + 1, text.size()));
   }
   return 0;
