@@ -405,11 +405,13 @@ void TracedProcess::EndVforkLift() {
   if (vfork_lifts_ == 0 || --vfork_lifts_ != 0) return;
   for (const auto& [id, breakpoint] : software_) {
     const uint64_t address = breakpoint.record.Address;
-    const bool stepped_over = std::any_of(threads_.begin(), threads_.end(), [&](const auto& t) {
-      return t.second.lifted == address;
-    });
-    if (!stepped_over) memory_->Write(address, &kInt3, 1);
+    if (!IsLifted(address)) memory_->Write(address, &kInt3, 1);
   }
+}
+
+bool TracedProcess::IsLifted(uint64_t address) const {
+  return std::any_of(threads_.begin(), threads_.end(),
+                     [&](const auto& thread) { return thread.second.lifted == address; });
 }
 
 void TracedProcess::ReleaseEarlyChildren() {
@@ -1105,7 +1107,11 @@ Status TracedProcess::SetSoftwareBreakpoint(const CSetSoftwareBreakPointRequest&
       return Status::Fail(KXAPI_COMMS_ERR_INVALID_ADDRESS,
                           Hex(request.Address) + u" is not mapped in process " + Number(pid_));
     }
-    if (Status status = memory_->Write(request.Address, &kInt3, 1); !status.ok()) return status;
+    // Where a thread steps past an int3 that was there, the new one goes in as that step ends:
+    // written now, it would be the step's instruction.
+    if (!IsLifted(request.Address)) {
+      if (Status status = memory_->Write(request.Address, &kInt3, 1); !status.ok()) return status;
+    }
     Breakpoint breakpoint;
     breakpoint.record.ThreadID = request.ThreadID;
     breakpoint.record.Address = request.Address;

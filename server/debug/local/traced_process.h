@@ -164,6 +164,8 @@ class TracedProcess {
   void ReleaseChild(pid_t parent, bool shares_memory);
   void RestoreOriginals(pid_t child);
   void EndVforkLift();
+  // Whether a thread's step past a breakpoint has the int3 at `address` out.
+  bool IsLifted(uint64_t address) const;
   // Children whose first stop came but whose parent's fork event did not (detach, kill).
   void ReleaseEarlyChildren();
 
