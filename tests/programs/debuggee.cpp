@@ -28,8 +28,8 @@ __attribute__((noinline)) void vekx_tick() {
 
 // read(2) made here, so that a breakpoint can sit on the instruction that blocks.
 long vekx_read(long fd, char* buffer, long size);
-asm(".text\n.globl vekx_read\nvekx_read: xor %eax, %eax\n"
-    ".globl vekx_read_syscall\nvekx_read_syscall: syscall\nret\n");
+asm(".pushsection .text\n.globl vekx_read\nvekx_read: xor %eax, %eax\n"
+    ".globl vekx_read_syscall\nvekx_read_syscall: syscall\nret\n.popsection\n");
 }
 
 static void* Worker(void*) {
