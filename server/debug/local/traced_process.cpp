@@ -426,7 +426,6 @@ void TracedProcess::OnTrap(pid_t tid, Thread& thread) {
   if (thread.resuming == Resuming::kSteppingOver) {
     // Past its breakpoint: the next thread steps over its own, or they all go.
     EndStepOver(thread);
-    thread.resuming = Resuming::kReady;
     GoOnResuming();
     return;
   }
@@ -557,7 +556,6 @@ void TracedProcess::NoteStop(pid_t tid, Thread& thread, int status) {
       WriteInstructionPointer(tid, rip - 1);
     } else if (thread.resuming == Resuming::kSteppingOver) {
       EndStepOver(thread);  // its step is done: it goes once the stop is over
-      thread.resuming = Resuming::kReady;
     }
   } else if (event == 0 && signal != SIGSTOP) {
     thread.pending_signal = signal;
@@ -669,7 +667,7 @@ void TracedProcess::GoOnResuming() {
 
 void TracedProcess::EndStepOver(Thread& thread) {
   PutBackLifted(thread);
-  thread.resuming = Resuming::kNo;
+  thread.resuming = Resuming::kReady;
 }
 
 void TracedProcess::ForgetResumes() {

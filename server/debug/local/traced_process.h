@@ -181,7 +181,8 @@ class TracedProcess {
   // every thread ready goes. A step over a blocking system call holds nothing but the threads
   // resumed with it: neither the tracer nor the request that resumed waits for it.
   void GoOnResuming();
-  // A step over a breakpoint has ended (or never will): the int3 back in.
+  // A step over a breakpoint has ended (or never will): the int3 back in, and the thread ready to
+  // go with the others (GoOnResuming lets it go, or lets an exiting one be).
   void EndStepOver(Thread& thread);
   // A stop of the whole process: no thread steps or resumes any longer.
   void ForgetResumes();
