@@ -92,9 +92,11 @@ uintptr_t OwnLoadBase() {
 class StopCounter : public vekx::EventSink<IEventDebug> {
  public:
   HRESULT STDMETHODCALLTYPE OnStopNotification(IStopNotificationEvent*) override {
-    std::lock_guard lock(mutex_);
-    ++stops_;
-    changed_.notify_all();
+    {
+      std::lock_guard lock(mutex_);
+      ++stops_;
+    }
+    changed_.notify_all();  // with the lock free, the waiter does not wake only to wait for it
     return S_OK;
   }
   // Waits until more than `seen` stops have come (up to 10 s); the count, or `seen` on a time-out.

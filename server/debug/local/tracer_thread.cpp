@@ -1,5 +1,6 @@
 #include "server/debug/local/tracer_thread.h"
 
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -64,7 +65,12 @@ void TracerThread::Stop() {
     changed_.notify_all();
     if (!ended_) syscall(SYS_tgkill, getpid(), tid_, kWakeSignal);
   }
-  if (thread_.joinable() && !OnThread()) thread_.join();
+  if (!thread_.joinable() || OnThread()) return;
+  {
+    std::unique_lock lock(mutex_);
+    wakes_sent_.wait(lock, [this] { return waking_ == 0; });
+  }
+  thread_.join();
 }
 
 bool TracerThread::Run(const std::function<void()>& work) {
@@ -73,17 +79,28 @@ bool TracerThread::Run(const std::function<void()>& work) {
     return true;
   }
   Item item{work};
-  std::unique_lock lock(mutex_);
-  if (ended_ || stopping_) return false;
-  queue_.push_back(&item);
+  {
+    std::lock_guard lock(mutex_);
+    if (ended_ || stopping_) return false;
+    queue_.push_back(&item);
+  }
+  // Wakes are sent with the lock released: a tracer woken on this CPU then takes the lock at once
+  // instead of waking only to wait for it.
   changed_.notify_all();
+  std::unique_lock lock(mutex_);
   while (!item.done) {
     if (ended_) {
       std::erase(queue_, &item);
       return false;
     }
-    if (!idle_ && !item.taken) syscall(SYS_tgkill, getpid(), tid_, kWakeSignal);
-    changed_.wait_for(lock, std::chrono::milliseconds(2));
+    if (!idle_ && !item.taken) {
+      ++waking_;  // Stop does not join the thread while a wake is on its way to it
+      lock.unlock();
+      pthread_kill(thread_.native_handle(), kWakeSignal);
+      lock.lock();
+      if (--waking_ == 0 && stopping_) wakes_sent_.notify_all();
+    }
+    changed_.wait_for(lock, std::chrono::milliseconds(2), [&] { return item.done || ended_; });
   }
   return true;
 }
@@ -105,7 +122,10 @@ void TracerThread::RunQueued() {
     Guarded(item->work);
     lock.lock();
     item->done = true;
+    // The waiter is woken once the lock is free, so that it does not wake only to wait for it.
+    lock.unlock();
     changed_.notify_all();
+    lock.lock();
   }
 }
 

@@ -56,6 +56,8 @@ class TracerThread {
   bool stopping_ = false;
   bool ended_ = false;
   bool idle_ = false;  // waiting on changed_, not in waitpid
+  int waking_ = 0;     // callers sending the wake signal with the lock released
+  std::condition_variable wakes_sent_;
   pid_t tid_ = 0;
   std::thread thread_;  // last: it uses everything above
 };
