@@ -167,8 +167,9 @@ class CountingSink final : public vekx::EventSink<IEventConsoleOutput> {
 };
 
 // `targets` kits; each fills its console cache at server start, and once advised writes "ready"
-// after kReadyAfterMs, then `pieces` pieces of `text` in bursts of `burst`, one burst every
-// `every_ms`.
+// after kReadyAfterMs, then at least `pieces` pieces of `text` in bursts of `burst`, one burst
+// every `every_ms` (a script of its own, one round per burst, so that a long run's scenario stays
+// small).
 std::string ConsoleScenario(int targets, uint64_t pieces, const std::string& text, uint64_t burst,
                             uint32_t every_ms) {
   const auto step = [&text](uint32_t after_ms, uint64_t repeat) {
@@ -176,24 +177,17 @@ std::string ConsoleScenario(int targets, uint64_t pieces, const std::string& tex
            std::to_string(after_ms) + "\n            repeat: " + std::to_string(repeat) +
            "\n            fields: {Port: 0, Category: 1, Text: \"" + text + "\"}\n";
   };
-  std::string steps = "          - notification: CONSOLE_OUTPUT\n            after_ms: " +
-                      std::to_string(kReadyAfterMs) + "\n            fields: {Text: ready}\n";
-  if (burst == 1) {
-    steps += step(every_ms, pieces);
-  } else {
-    for (uint64_t left = pieces; left != 0;) {
-      const uint64_t now = std::min(left, burst);
-      steps += step(every_ms, 1);
-      if (now > 1) steps += step(0, now - 1);
-      left -= now;
-    }
-  }
+  const uint64_t bursts = (pieces + burst - 1) / burst;
+  std::string scripts =
+      "      - after_ms: " + std::to_string(kReadyAfterMs) +
+      "\n        steps:\n          - notification: CONSOLE_OUTPUT\n" +
+      "            fields: {Text: ready}\n" + "      - after_ms: " + std::to_string(kReadyAfterMs) +
+      "\n        repeat: " + std::to_string(bursts) + "\n        steps:\n" + step(every_ms, 1);
+  if (burst > 1) scripts += step(0, burst - 1);
   std::string yaml = "kits:\n";
   for (int i = 0; i < targets; ++i) {
     yaml += "  - host: kit-" + std::to_string(i) + "\n    power: on\n    scripts:\n" +
-            "      - trigger: server_start\n        steps:\n" + step(0, kCacheFill) +
-            "      - steps:\n";
-    yaml += steps;
+            "      - trigger: server_start\n        steps:\n" + step(0, kCacheFill) + scripts;
   }
   return yaml;
 }

@@ -46,6 +46,8 @@ struct ScriptStep {
 struct KitScript {
   ScriptTrigger trigger = ScriptTrigger::kFirstSubscription;
   std::vector<ScriptStep> steps;  // never empty
+  uint32_t after_ms = 0;          // from the trigger to the first round
+  uint32_t repeat = 1;            // rounds: the steps are sent in order this many times
 
   friend bool operator==(const KitScript&, const KitScript&) = default;
 };

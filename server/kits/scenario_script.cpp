@@ -152,7 +152,7 @@ ScriptStep ReadStep(const DocNode& node) {
 
 KitScript ReadScript(const DocNode& node) {
   if (node.kind != Kind::kMap) Refuse(node, "each script must be a mapping with 'steps'");
-  CheckKeys(node, {"trigger", "steps"}, "a script");
+  CheckKeys(node, {"trigger", "steps", "after_ms", "repeat"}, "a script");
   KitScript script;
   if (const DocNode* trigger = Find(node, "trigger")) {
     const std::string value = Single(*trigger, "trigger");
@@ -168,6 +168,9 @@ KitScript ReadScript(const DocNode& node) {
   }
   for (const DocNode& step : steps->items)
     script.steps.push_back(ReadStep(step));
+  if (const DocNode* value = Find(node, "after_ms"))
+    script.after_ms = Milliseconds(*value, "after_ms");
+  if (const DocNode* value = Find(node, "repeat")) script.repeat = Count(*value, "repeat");
   return script;
 }
 

@@ -14,8 +14,9 @@ ScriptRunner::~ScriptRunner() {
 void ScriptRunner::Start(const std::u16string& host, const KitScript& script) {
   std::lock_guard lock(mutex_);
   if (stopping_ || script.steps.empty()) return;
-  running_.push_back(
-      {host, &script, 0, 0, Clock::now() + std::chrono::milliseconds(script.steps[0].after_ms)});
+  running_.push_back({host, &script, 0, 0, 0,
+                      Clock::now() + std::chrono::milliseconds(script.after_ms) +
+                          std::chrono::milliseconds(script.steps[0].after_ms)});
   // The thread starts with the first script: most servers (and every registry in the unit tests
   // and the fuzzer) have none.
   if (!thread_.joinable()) thread_ = std::thread([this] { Loop(); });
@@ -61,6 +62,8 @@ void ScriptRunner::Loop() {
       next->sent = 0;
       ++next->step;
     }
+    if (next->step == next->script->steps.size() && ++next->round < next->script->repeat)
+      next->step = 0;
     if (next->step == next->script->steps.size()) {
       running_.erase(next);
     } else {

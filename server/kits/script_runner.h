@@ -1,6 +1,7 @@
 #pragma once
-// Runs the kits' scripts on a timer thread of its own: each started script sends its steps in
-// order, each `after_ms` after the one before (and each repeat after the last).
+// Runs the kits' scripts on a timer thread of its own: each started script waits its own
+// `after_ms`, then sends its steps in order, each `after_ms` after the one before (and each repeat
+// after the last), and does so again for each of its rounds.
 //
 // Lock order: a caller may hold its own lock while it calls Start; the runner never holds its
 // lock while it calls `send`, so `send` may take that caller's lock.
@@ -41,7 +42,8 @@ class ScriptRunner {
     std::u16string host;
     const KitScript* script;
     size_t step = 0;
-    uint32_t sent = 0;  // of the current step's repeats
+    uint32_t sent = 0;   // of the current step's repeats
+    uint32_t round = 0;  // of the script's rounds
     Clock::time_point due;
   };
 

@@ -122,6 +122,8 @@ TEST(ScenarioTest, RefusesMistakesWithTheirLine) {
        "s.yaml:6: unknown key 'Idd' in the fields of Header"},
       {steps, "notification: IDLE\n            repeat: 0\n",
        "s.yaml:6: 'repeat' must be at least 1"},
+      {scripts, "      - repeat: 0\n        steps: [{notification: IDLE}]\n",
+       "s.yaml:4: 'repeat' must be at least 1"},
       {steps, "notification: IDLE\n            every: 1\n",
        "s.yaml:6: unknown key 'every' in a step"},
       // Program images.
@@ -273,6 +275,8 @@ TEST(ScenarioScriptTest, FieldFormsAndPlaceholdersAreWrittenAsDocumented) {
   - host: kit-a
     scripts:
       - trigger: server_start
+        after_ms: 3
+        repeat: 2
         steps:
           - notification: CONSOLE_OUTPUT
             after_ms: 5
@@ -292,6 +296,8 @@ TEST(ScenarioScriptTest, FieldFormsAndPlaceholdersAreWrittenAsDocumented) {
     ASSERT_TRUE(result.scenario.has_value()) << result.error;
     const KitScript& script = result.scenario->kits[0].scripts.at(0);
     EXPECT_EQ(script.trigger, ScriptTrigger::kServerStart);
+    EXPECT_EQ(script.after_ms, 3u);
+    EXPECT_EQ(script.repeat, 2u);
     ASSERT_EQ(script.steps.size(), 3u);
     EXPECT_EQ(script.steps[0].after_ms, 5u);
 
@@ -345,6 +351,33 @@ TEST(ScriptRunnerTest, ScriptsStartedWhileOneWaitsAreSentAtOnce) {
   std::sort(hosts.begin(), hosts.end());
   std::sort(expected.begin(), expected.end());
   EXPECT_EQ(hosts, expected);  // each once, and not the one that waits a minute
+}
+
+// A script's rounds send its steps in order again, each step's repeats counted afresh.
+TEST(ScriptRunnerTest, RoundsSendTheStepsAgainInOrder) {
+  std::mutex mutex;
+  std::condition_variable sent;
+  std::vector<std::pair<uint32_t, uint32_t>> order;  // step type, repetition
+  ScriptRunner runner([&](const std::u16string&, const ScriptStep& step, uint32_t repetition) {
+    std::lock_guard lock(mutex);
+    order.emplace_back(step.type_number, repetition);
+    sent.notify_all();
+  });
+  const KitScript rounds{ScriptTrigger::kServerStart,
+                         {ScriptStep{.type_number = 1, .repeat = 2}, ScriptStep{.type_number = 2}},
+                         /*after_ms=*/1,
+                         /*repeat=*/3};
+  runner.Start(u"kit", rounds);
+  std::unique_lock lock(mutex);
+  ASSERT_TRUE(sent.wait_for(lock, std::chrono::seconds(10), [&] { return order.size() >= 9; }));
+  lock.unlock();
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // a tenth round would show
+  lock.lock();
+  const std::vector<std::pair<uint32_t, uint32_t>> round{{1, 0}, {1, 1}, {2, 0}};
+  std::vector<std::pair<uint32_t, uint32_t>> expected;
+  for (int i = 0; i < 3; ++i)
+    expected.insert(expected.end(), round.begin(), round.end());
+  EXPECT_EQ(order, expected);
 }
 
 // An empty error is a row that must parse.
