@@ -196,24 +196,30 @@ void TargetRegistry::StartScriptsOnSubscription(EventGroup group, uint32_t key) 
 
 void TargetRegistry::SendScripted(const std::u16string& host, const ScriptStep& step,
                                   uint32_t repetition) {
-  std::lock_guard lock(mutex_);
-  if (shutting_down_) return;
   const auto route = FindNotificationRoute(step.type_number);
   if (!route.has_value()) return;
   TargetPtr target;
-  for (const auto& [handle, candidate] : targets_) {
-    if (candidate->type == kTargetTypeKit && SameHost(candidate->kit.host, host)) {
-      target = candidate;
-      break;
+  uint32_t target_key = kNoTarget;
+  {
+    std::lock_guard lock(mutex_);
+    if (shutting_down_) return;
+    for (const auto& [handle, candidate] : targets_) {
+      if (candidate->type == kTargetTypeKit && SameHost(candidate->kit.host, host)) {
+        target = candidate;
+        break;
+      }
     }
+    // A kit outside the target list has no handle and nobody subscribed to it; the Server group
+    // still hears of it.
+    if (target == nullptr && route->group != EventGroup::Server) return;
+    if (target != nullptr && route->group != EventGroup::Server) target_key = target->handle;
   }
-  // A kit outside the target list has no handle and nobody subscribed to it; the Server group
-  // still hears of it.
-  if (target == nullptr && route->group != EventGroup::Server) return;
-  const uint32_t target_key =
-      target != nullptr && route->group != EventGroup::Server ? target->handle : kNoTarget;
+  // Built without the lock: decoding a step's text and expanding its placeholders does not hold
+  // up the other clients' requests. Only the script thread sends steps, so their order stays.
   const auto notification = ScriptedNotification(step, target_key, repetition);
   if (notification == nullptr) return;
+  std::lock_guard lock(mutex_);
+  if (shutting_down_ || (target != nullptr && target->deleted)) return;
   if (step.type_number == CConsoleOutputNotification::kTypeNumber && target != nullptr) {
     EmitConsoleOutput(*target, std::move(static_cast<CConsoleOutputNotification&>(*notification)));
     return;
