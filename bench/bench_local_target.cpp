@@ -28,7 +28,9 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -117,6 +119,7 @@ vekx::ComPtr<IProcess> g_process;
 vekx::ComPtr<StopCounter> g_stops = vekx::MakeSink<StopCounter>();
 long g_seen = 0;
 pid_t g_pid = 0;
+pid_t g_server_pid = 0;
 uint64_t g_buffer_address = 0;
 
 void BM_GetMemory(benchmark::State& state) {
@@ -173,8 +176,47 @@ void BM_RawBulk(benchmark::State& state) {
   qv::bench::ReportLatency(state, samples);
 }
 
+// Context switches of every thread of `pid` so far (0 once it is gone). On a VM whose speed swings
+// from one minute to the next, switches per round trip compare two builds where times cannot.
+uint64_t ContextSwitches(pid_t pid) {
+  uint64_t total = 0;
+  std::error_code error;
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+    std::ifstream status(task.path() / "status");
+    std::string line;
+    while (std::getline(status, line)) {
+      if (line.find("ctxt_switches:") != std::string::npos)
+        total += std::strtoull(line.c_str() + line.find(':') + 1, nullptr, 10);
+    }
+  }
+  return total;
+}
+
+// Switches per iteration of the processes taking part (this one included) as `switches`.
+class SwitchCount {
+ public:
+  explicit SwitchCount(std::vector<pid_t> pids) : pids_(std::move(pids)), before_(Now()) {}
+  void Report(benchmark::State& state) const {
+    if (state.iterations() == 0) return;
+    state.counters["switches"] =
+        static_cast<double>(Now() - before_) / static_cast<double>(state.iterations());
+  }
+
+ private:
+  uint64_t Now() const {
+    uint64_t total = ContextSwitches(getpid());
+    for (pid_t pid : pids_)
+      total += ContextSwitches(pid);
+    return total;
+  }
+  std::vector<pid_t> pids_;
+  uint64_t before_;
+};
+
 void BM_BreakpointRoundTrip(benchmark::State& state) {
   auto samples = qv::bench::SampleStorage(state);
+  const SwitchCount switches({g_server_pid, g_pid});
   for (auto _ : state) {
     const auto start = Clock::now();
     vekx::Variant failed;
@@ -190,6 +232,7 @@ void BM_BreakpointRoundTrip(benchmark::State& state) {
     g_seen = now;
     samples.push_back(Microseconds(Clock::now() - start));
   }
+  switches.Report(state);
   qv::bench::ReportLatency(state, samples);
 }
 
@@ -246,6 +289,7 @@ bool FloorRoundTrip() {
 
 void BM_PtraceBreakpointFloor(benchmark::State& state) {
   auto samples = qv::bench::SampleStorage(state);
+  const SwitchCount switches({g_floor_child});
   for (auto _ : state) {
     const auto start = Clock::now();
     if (!FloorRoundTrip()) {
@@ -254,6 +298,7 @@ void BM_PtraceBreakpointFloor(benchmark::State& state) {
     }
     samples.push_back(Microseconds(Clock::now() - start));
   }
+  switches.Report(state);
   qv::bench::ReportLatency(state, samples);
 }
 
@@ -371,6 +416,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "cannot load and stop the program to measure\n");
     ok = false;
   }
+  g_server_pid = server.Pid();
   if (ok) qv::bench::RunBenchmarks(format, PrintRatios);
   if (g_process) g_process->Kill();
   g_process.Reset();
