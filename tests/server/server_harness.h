@@ -171,12 +171,14 @@ class ServerProcess {
     return process_->Wait(10000);
   }
   // Asks the server to end and expects a clean exit where it can be asked.
+  // One that does not end says what its threads were doing, and is killed.
   void StopCleanly() {
     bool asked = false;
     const std::optional<int> code = Stop(asked);
-    if (asked) {
-      EXPECT_EQ(code, std::optional<int>(0)) << Output();
-    }
+    if (!asked) return;
+    const std::string stacks = code.has_value() ? "" : process_->ThreadStacks();
+    if (!code.has_value()) Kill();
+    EXPECT_EQ(code, std::optional<int>(0)) << Output() << stacks;
   }
   // Ends the server at once, as a crash would, and waits for it.
   void Kill() {

@@ -1,5 +1,10 @@
 #include "support/child_program.h"
 
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
 #include "platform/child_process.h"
 
 #ifdef _WIN32
@@ -35,6 +40,29 @@ void ChildProgram::Kill() {
 
 std::optional<int> ChildProgram::Wait(uint32_t timeout_ms) {
   return process_->Wait(timeout_ms);
+}
+
+std::string ChildProgram::ThreadStacks() const {
+  const std::string pid = std::to_string(process_->Id());
+  std::string stacks;
+  if (FILE* gdb = popen(("gdb -nx -batch -p " + pid +
+                         " -ex 'set print frame-arguments none' -ex 'thread apply all bt' 2>&1")
+                            .c_str(),
+                        "r")) {
+    char buffer[4096];
+    for (size_t got; (got = fread(buffer, 1, sizeof buffer, gdb)) > 0;)
+      stacks.append(buffer, got);
+    if (pclose(gdb) == 0 && stacks.find("Thread ") != std::string::npos) return stacks;
+  }
+  // Without gdb, or where it may not attach: the system call each thread waits in.
+  stacks = "threads (system call and arguments):\n";
+  std::error_code error;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/" + pid + "/task", error)) {
+    std::ifstream syscall(task.path() / "syscall");
+    stacks += task.path().filename().string() + ": " +
+              std::string(std::istreambuf_iterator<char>(syscall), {});
+  }
+  return stacks;
 }
 
 #else
@@ -119,6 +147,10 @@ ChildProgram::~ChildProgram() {
     WaitForSingleObject(process_, 10000);
   }
   CloseHandle(process_);
+}
+
+std::string ChildProgram::ThreadStacks() const {
+  return {};
 }
 
 bool ChildProgram::RequestStop() {

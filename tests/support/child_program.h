@@ -42,6 +42,9 @@ class ChildProgram {
   // Its exit status once it has ended (minus the signal's number when one ended it on POSIX);
   // nullopt while it still runs after `timeout_ms`.
   std::optional<int> Wait(uint32_t timeout_ms);
+  // What each of its threads is doing (gdb's backtraces where gdb may attach, else each thread's
+  // system call), for the message of a test whose program did not end; empty on Windows.
+  std::string ThreadStacks() const;
 
  private:
   ChildProgram() = default;
