@@ -1,12 +1,12 @@
 // The ELF symbol lookup behind symbols in place of addresses, on bytes that are made to fail in
 // one way each; the real programs are looked up in local_commands_test.cpp.
-#include "elf_symbols.h"
+#include "server/debug/elf_symbols.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 
-namespace vesta_ctrl {
+namespace qv {
 namespace {
 
 // A minimal ELF64 file: header, one PT_LOAD at `load`, a symbol table with `symbol` at 0x1139
@@ -89,4 +89,4 @@ TEST(ElfSymbols, SaysWhyItFindsNothing) {
 }
 
 }  // namespace
-}  // namespace vesta_ctrl
+}  // namespace qv

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "debug_values.h"
-#include "elf_symbols.h"
+#include "server/debug/elf_symbols.h"
 
 namespace vesta_ctrl {
 namespace {
@@ -38,13 +38,13 @@ std::uint64_t SymbolAddress(const ProcessRef& ref, const std::string& name) {
       throw Failure(S_OK, "cannot read " + path + ", the main program of " + process +
                               ", to look up '" + name + "'");
     }
-    ElfSymbol symbol;
+    qv::ElfSymbol symbol;
     std::string error;
-    if (!FindElfSymbol(image, name, symbol, error))
+    if (!qv::FindElfSymbol(image, name, symbol, error))
       throw Failure(S_OK, path + " (the main program of " + process + "): " + error);
     if (symbol.position_independent && base == UINT64_MAX)
       throw Failure(S_OK, process + " lists no segments of " + path + " to place '" + name + "'");
-    return RunTimeAddress(symbol, base);
+    return qv::RunTimeAddress(symbol, base);
   }
   throw Failure(S_OK, process + " lists no main program to look up '" + name + "' in");
 }

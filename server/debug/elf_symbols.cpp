@@ -1,8 +1,8 @@
-#include "elf_symbols.h"
+#include "server/debug/elf_symbols.h"
 
 #include <cstring>
 
-namespace vesta_ctrl {
+namespace qv {
 namespace {
 
 // The ELF64 structures as the file lays them out (little-endian x86-64). Declared here rather
@@ -115,4 +115,4 @@ std::uint64_t RunTimeAddress(const ElfSymbol& symbol, std::uint64_t load_base) {
                                      : symbol.value;
 }
 
-}  // namespace vesta_ctrl
+}  // namespace qv

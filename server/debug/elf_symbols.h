@@ -1,13 +1,13 @@
 #pragma once
-// Symbols of a program's ELF file, for the commands that take a symbol where an address goes
-// (`break localhost 4242 main`). Read from the file itself, so it works wherever the tool sees the
-// program's file: on the local target, the path a module was loaded from.
+// Symbols of an ELF file, read from the file itself: vesta-ctrl's commands that take a symbol
+// where an address goes (`break localhost 4242 main`), and the local target's hook in the dynamic
+// linker. Portable code: vesta-ctrl builds it on Windows too.
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-namespace vesta_ctrl {
+namespace qv {
 
 // What a symbol lookup needs of a file: where a name was linked, and how the file moves.
 struct ElfSymbol {
@@ -26,4 +26,4 @@ bool FindElfSymbol(const std::vector<std::uint8_t>& image, const std::string& na
 // mapping): a position-independent file is moved by the load bias, any other stays where linked.
 std::uint64_t RunTimeAddress(const ElfSymbol& symbol, std::uint64_t load_base);
 
-}  // namespace vesta_ctrl
+}  // namespace qv
