@@ -233,6 +233,25 @@ TEST_F(LocalTargetTest, ExitCodesSignalsAndChildrenThroughTheParentsBreakpoints)
   }
 }
 
+// A library the program opens and closes is announced as the dynamic linker loads and unloads it,
+// before the stops that follow, though the stops themselves no longer read the mappings.
+TEST_F(LocalTargetTest, LibrariesOpenedAndClosedAreAnnouncedByTheNextStop) {
+  ASSERT_NO_FATAL_FAILURE(LoadStopped("dlopen", Symbol("vekx_tick")));
+  const auto has_libm = [&] {
+    const auto modules = ListOf<IModule>(process_.Get(), &IProcess10::get_Modules, IID_IModule);
+    return std::any_of(modules.begin(), modules.end(), [](const auto& module) {
+      return GetText(module.Get(), &IModule::get_Name) == "libm.so.6";
+    });
+  };
+  for (const size_t unloads : {0u, 1u}) {
+    ASSERT_OK(Resume(process_.Get()));
+    ASSERT_EQ(events_->WaitStop(static_cast<int>(unloads) + 1), STOP_REASON_SIGSWBRKPT);
+    EXPECT_EQ(Heard("OnDynamicLibraryUnload"), unloads);
+    EXPECT_EQ(has_libm(), unloads == 0);
+  }
+  EXPECT_EQ(Heard("OnDynamicLibraryLoad"), ExpectProgramAndLibc(process_.Get()) + 1);  // and libm
+}
+
 // The program's console: what it is sent reaches its stdin, what it prints comes back. Resumed
 // from a breakpoint on the system call of its read, it blocks in the step over the breakpoint:
 // the resume and the tracer's other calls are answered meanwhile, not once the input comes.

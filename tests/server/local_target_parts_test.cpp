@@ -149,6 +149,8 @@ TEST(LocalModules, OneModulePerFileAndTheChangesBetweenStops) {
       {0x401000, 0x402000, kProtectRead | kProtectExecute, false, 0x1000, "/bin/prog", 0},
       {0x500000, 0x501000, kProtectRead | kProtectWrite, false, 0, "[heap]", 0},
       {0x7f0000, 0x7f1000, kProtectRead, false, 0, "/lib/libc.so.6", 0},
+      // A file that is readable and no ELF file (the loader's cache, say) is no module.
+      {0x7f2000, 0x7f3000, kProtectRead, false, 0, "/proc/self/cmdline", 0},
   };
   const ModuleInfoList modules = ModulesOf(mappings, "/bin/prog");
   ASSERT_EQ(modules.size(), 2u);

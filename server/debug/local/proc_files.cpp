@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <elf.h>
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -104,6 +105,53 @@ std::string ReadMapsText(pid_t pid) {
   }
   close(fd);
   return text;
+}
+
+namespace {
+
+// The kernel's PROCMAP_QUERY request (<linux/fs.h> of Linux 6.11; Debian 12's headers are
+// older).
+struct ProcmapQuery {
+  uint64_t size;
+  uint64_t query_flags;
+  uint64_t query_addr;
+  uint64_t vma_start;
+  uint64_t vma_end;
+  uint64_t vma_flags;
+  uint64_t vma_page_size;
+  uint64_t vma_offset;
+  uint64_t inode;
+  uint32_t dev_major;
+  uint32_t dev_minor;
+  uint32_t vma_name_size;
+  uint32_t build_id_size;
+  uint64_t vma_name_addr;
+  uint64_t build_id_addr;
+};
+static_assert(sizeof(ProcmapQuery) == 104);
+constexpr unsigned long kProcmapQuery = _IOWR('f', 17, ProcmapQuery);
+
+}  // namespace
+
+MappingQuery::~MappingQuery() {
+  if (fd_ >= 0) close(fd_);
+}
+
+void MappingQuery::Open(pid_t pid) {
+  if (fd_ >= 0) close(fd_);
+  fd_ = open(Proc(pid, "maps").c_str(), O_RDONLY | O_CLOEXEC);
+}
+
+std::optional<uint64_t> MappingQuery::SizeAt(uint64_t address) {
+  if (fd_ < 0 || unsupported_) return std::nullopt;
+  ProcmapQuery query{};
+  query.size = sizeof query;
+  query.query_addr = address;  // no flags: only a mapping that covers it
+  if (ioctl(fd_, kProcmapQuery, &query) == 0) return query.vma_end - query.vma_start;
+  if (errno == ENOENT) return 0;
+  // ENOTTY on a kernel without the request; anything else, the maps will say.
+  unsupported_ = errno == ENOTTY || errno == EINVAL;
+  return std::nullopt;
 }
 
 uint64_t MappingSizeAt(std::string_view text, uint64_t address) {

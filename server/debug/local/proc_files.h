@@ -35,6 +35,27 @@ uint64_t MappingSizeAt(std::string_view text, uint64_t address);
 // One mappings line, or nullopt for one that does not parse.
 std::optional<Mapping> ParseMappingLine(const std::string& line);
 
+// The mapping an address lies in, asked of the kernel one address at a time (PROCMAP_QUERY on
+// /proc/PID/maps, Linux 6.11 and later) rather than by reading every mapping.
+class MappingQuery {
+ public:
+  MappingQuery() = default;
+  ~MappingQuery();
+  MappingQuery(const MappingQuery&) = delete;
+  MappingQuery& operator=(const MappingQuery&) = delete;
+
+  // Opens the maps of `pid`, again after an exec: the file holds on to the memory it was opened
+  // on.
+  void Open(pid_t pid);
+  // The size of the mapping that holds `address`, 0 when none does; nullopt when the kernel
+  // cannot be asked this way, and the maps are to be read instead.
+  std::optional<uint64_t> SizeAt(uint64_t address);
+
+ private:
+  int fd_ = -1;
+  bool unsupported_ = false;
+};
+
 // The fields of /proc/PID/stat (or /proc/PID/task/TID/stat) that a debugger shows.
 struct TaskStat {
   char state = '?';  // R, S, D, T, t, Z, ...

@@ -2,6 +2,8 @@
 
 #include <elf.h>
 
+#include <cstdint>
+#include <cstring>
 #include <fstream>
 #include <map>
 
@@ -11,6 +13,8 @@
 
 namespace qv::server {
 namespace {
+
+constexpr size_t kNotAModule = SIZE_MAX;  // a file's place in the list when it is no module
 
 uint64_t ModuleId(const ModuleInfoRecord& module) {
   return module.SegmentInfoList.empty() ? 0 : module.SegmentInfoList.front().BaseAddress;
@@ -26,7 +30,12 @@ ElfEntry ReadElfEntry(const std::string& path) {
   ElfEntry result;
   std::ifstream file(path, std::ios::binary);
   Elf64_Ehdr header{};
-  if (!file.read(reinterpret_cast<char*>(&header), sizeof header)) return result;
+  file.read(reinterpret_cast<char*>(&header), sizeof header);
+  if (file.gcount() >= SELFMAG && std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0) {
+    result.not_elf = true;
+    return result;
+  }
+  if (!file) return result;
   if (header.e_ident[EI_MAG0] != ELFMAG0 || header.e_ident[EI_MAG1] != ELFMAG1 ||
       header.e_ident[EI_MAG2] != ELFMAG2 || header.e_ident[EI_MAG3] != ELFMAG3 ||
       header.e_ident[EI_CLASS] != ELFCLASS64 || header.e_phentsize != sizeof(Elf64_Phdr)) {
@@ -54,6 +63,19 @@ ModuleInfoList ModulesOf(const std::vector<Mapping>& mappings, const std::string
     if (mapping.path.empty() || mapping.path[0] != '/') continue;  // anonymous, [heap], ...
     auto [it, added] = by_path.emplace(mapping.path, modules.size());
     if (added) {
+      ElfEntry elf;
+      if (elf_entries == nullptr) {
+        elf = ReadElfEntry(mapping.path);
+      } else {
+        const auto known = elf_entries->find(mapping.path);
+        elf = known != elf_entries->end()
+                  ? known->second
+                  : elf_entries->emplace(mapping.path, ReadElfEntry(mapping.path)).first->second;
+      }
+      if (elf.not_elf) {
+        it->second = kNotAModule;
+        continue;
+      }
       ModuleInfoRecord module;
       const size_t slash = mapping.path.rfind('/');
       module.ModuleName = platform::Utf8ToUtf16(mapping.path.substr(slash + 1));
@@ -63,20 +85,12 @@ ModuleInfoList ModulesOf(const std::vector<Mapping>& mappings, const std::string
       module.ReferenceCount = 1;
       // The mapping of the file's start is where its first loadable segment went.
       if (mapping.offset == 0) {
-        ElfEntry elf;
-        if (elf_entries == nullptr) {
-          elf = ReadElfEntry(mapping.path);
-        } else {
-          const auto known = elf_entries->find(mapping.path);
-          elf = known != elf_entries->end()
-                    ? known->second
-                    : elf_entries->emplace(mapping.path, ReadElfEntry(mapping.path)).first->second;
-        }
         const uint64_t bias = elf.position_independent ? mapping.start - elf.first_load : 0;
         if (elf.entry != 0) module.StartEntryAddress = elf.entry + bias;
       }
       modules.push_back(std::move(module));
     }
+    if (it->second == kNotAModule) continue;
     SegmentInfoRecord segment;
     segment.Attributes = mapping.protection;
     segment.BaseAddress = mapping.start;

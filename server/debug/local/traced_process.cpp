@@ -17,6 +17,7 @@
 #include "requests/notifications.h"
 #include "server/debug/local/core_file.h"
 #include "server/debug/local/hardware_slots.h"
+#include "server/debug/local/linker_hook.h"
 #include "server/debug/local/proc_files.h"
 #include "server/debug/local/process_info.h"
 #include "server/debug/local/process_modules.h"
@@ -132,6 +133,7 @@ Status TracedProcess::StartLoaded(const LaunchPlan& plan, bool stop_at_entry) {
   memory_ = std::make_unique<ProcessMemory>(pid_);
   console_ = std::make_unique<ConsolePump>(pid_, launched.output, launched.error, events_);
   program_ = ReadLink("/proc/" + std::to_string(pid_) + "/exe");
+  HookLinker();
   Thread& main = AddThread(pid_);
   main.stopped = true;
   traced_ = true;
@@ -198,6 +200,7 @@ Status TracedProcess::Seize(pid_t pid) {
   }
   program_ = ReadLink("/proc/" + std::to_string(pid) + "/exe");
   modules_ = ModulesOf(ReadMappings(pid), program_, &elf_entries_);
+  HookLinker();
   running_ = true;
   traced_ = true;
   return Status::Ok();
@@ -220,6 +223,7 @@ Status TracedProcess::DetachNow() {
   ReleaseEarlyChildren();
   vfork_lifts_ = 0;
   software_.clear();
+  PublishLinkerHook();
   hardware_.clear();
   bool stop_pending = false;
   for (auto& [tid, thread] : threads_) {
@@ -433,24 +437,31 @@ void TracedProcess::OnTrap(pid_t tid, Thread& thread) {
   ptrace(PTRACE_GETSIGINFO, tid, nullptr, &info);
   uint64_t rip = 0;
   ReadInstructionPointer(tid, rip);
-  if (info.si_code == SI_KERNEL) {  // an int3
-    if (const Breakpoint* breakpoint = BreakpointAt(rip - 1)) {
-      WriteInstructionPointer(tid, rip - 1);
-      const uint32_t only = breakpoint->record.ThreadID;
-      if (only != 0 && only != static_cast<uint32_t>(tid)) {
-        // Another thread's breakpoint: this one passes it. A thread that was stepping takes the
-        // original instruction as its step, which then ends as steps do.
-        if (thread.stepping) {
-          StartStepOver(tid, thread);
-        } else {
-          thread.resuming = Resuming::kQueued;
-          GoOnResuming();
-        }
-        return;
-      }
-      ReportStop(tid, kStopSoftwareBreakpoint);
+  if (info.si_code == SI_KERNEL && BreakpointAt(rip - 1) != nullptr) {  // an int3 of ours
+    WriteInstructionPointer(tid, rip - 1);
+    const Breakpoint* breakpoint = ClientBreakpointAt(rip - 1);
+    if (breakpoint == nullptr) {
+      PassLinkerHook(tid, thread);
       return;
     }
+    // A client's breakpoint on the linker's hook: the linker's change is heard too.
+    if (LinkerHooked() && software_.at(kLinkerHook).record.Address == rip - 1) PostModuleChanges();
+    const uint32_t only = breakpoint->record.ThreadID;
+    if (only != 0 && only != static_cast<uint32_t>(tid)) {
+      // Another thread's breakpoint: this one passes it. A thread that was stepping takes the
+      // original instruction as its step, which then ends as steps do.
+      if (thread.stepping) {
+        StartStepOver(tid, thread);
+      } else {
+        thread.resuming = Resuming::kQueued;
+        GoOnResuming();
+      }
+      return;
+    }
+    ReportStop(tid, kStopSoftwareBreakpoint);
+    return;
+  }
+  if (info.si_code == SI_KERNEL) {
     ReportStop(tid, kStopTrap);  // the program's own int3
     return;
   }
@@ -526,6 +537,8 @@ void TracedProcess::OnExec(pid_t tid) {
   hardware_.clear();
   program_ = ReadLink("/proc/" + std::to_string(pid_) + "/exe");
   known_info_.reset();
+  HookLinker();
+  PostModuleChanges();  // the new program's; its libraries follow through the hook
   Thread& thread = threads_[pid_];
   if (running_) Continue(pid_, thread);
 }
@@ -601,12 +614,13 @@ void TracedProcess::ReportStop(pid_t tid, uint32_t reason) {
   ForgetResumes();
   for (auto& [other, thread] : threads_)
     thread.stop_code = reason;
-  PostModuleChanges();  // leaves maps_text_ as the process's maps are now
+  // With the linker's hook the modules are current already; without it, the maps tell.
+  if (!LinkerHooked()) PostModuleChanges();  // leaves maps_text_ as the process's maps are now
   CStopNotificationNotification stop;
   stop.TargetKey = events_->Target();
   stop.ThreadId = static_cast<uint32_t>(tid);
   stop.Process = InfoRecord();
-  stop.Threads = ThreadRecords(&maps_text_);
+  stop.Threads = ThreadRecords(LinkerHooked() ? nullptr : &maps_text_);
   stop.Timestamp = SteadyNanoseconds();
   events_->Post(stop);
 }
@@ -628,10 +642,61 @@ TracedProcess::Breakpoint* TracedProcess::BreakpointAt(uint64_t address) {
   return nullptr;
 }
 
+TracedProcess::Breakpoint* TracedProcess::ClientBreakpointAt(uint64_t address) {
+  for (auto& [id, breakpoint] : software_) {
+    if (id != kLinkerHook && breakpoint.record.Address == address) return &breakpoint;
+  }
+  return nullptr;
+}
+
+void TracedProcess::HookLinker() {
+  mapping_query_.Open(pid_);
+  PublishLinkerHook();  // none yet after an exec
+  const std::optional<uint64_t> address = LinkerHookAddress(pid_, *memory_);
+  if (!address) return;
+  Bytes original;
+  uint32_t bad = 0;
+  memory_->Read(*address, 1, original, bad);
+  if (bad != 0 || !memory_->Write(*address, &kInt3, 1).ok()) return;
+  Breakpoint& hook = software_[kLinkerHook];
+  hook.record.Address = *address;
+  hook.original = original[0];
+  PublishLinkerHook();
+}
+
+void TracedProcess::PublishLinkerHook() {
+  const auto hook = software_.find(kLinkerHook);
+  hook_shadow_ =
+      hook == software_.end() ? 0 : hook->second.record.Address << 8 | hook->second.original;
+}
+
+void TracedProcess::HideLinkerHook(uint64_t address, uint32_t size, uint8_t* data) const {
+  const uint64_t shadow = hook_shadow_;
+  const uint64_t offset = (shadow >> 8) - address;
+  if (shadow != 0 && offset < size) data[offset] = static_cast<uint8_t>(shadow);
+}
+
+void TracedProcess::PassLinkerHook(pid_t tid, Thread& thread) {
+  PostModuleChanges();
+  if (!ReturnFromHook(tid, *memory_).ok()) {
+    ReportStop(tid, kStopTrap);
+    return;
+  }
+  if (thread.stepping) {
+    thread.stepping = false;
+    PutBackLifted(thread);
+    ReportStop(tid, kStopTrap);
+    return;
+  }
+  Continue(tid, thread);
+}
+
 bool TracedProcess::StartStepOver(pid_t tid, Thread& thread) {
   uint64_t rip = 0;
   if (!ReadInstructionPointer(tid, rip).ok()) return false;
-  const Breakpoint* breakpoint = BreakpointAt(rip);
+  // A thread on the linker's hook alone is not stepped over it: it runs into it, so that the
+  // linker's change is heard.
+  const Breakpoint* breakpoint = ClientBreakpointAt(rip);
   if (breakpoint == nullptr) return false;
   memory_->Write(rip, &breakpoint->original, 1);
   thread.lifted = rip;
@@ -707,8 +772,9 @@ Status TracedProcess::Resume(const U32List& to_step, U32List& failed) {
       }
       Thread& thread = it->second;
       uint64_t rip = 0;
-      if (ReadInstructionPointer(it->first, rip).ok() && BreakpointAt(rip) != nullptr) {
-        memory_->Write(rip, &BreakpointAt(rip)->original, 1);
+      // A thread on the linker's hook alone steps into it (and past the function).
+      if (ReadInstructionPointer(it->first, rip).ok() && ClientBreakpointAt(rip) != nullptr) {
+        memory_->Write(rip, &ClientBreakpointAt(rip)->original, 1);
         thread.lifted = rip;
       }
       thread.stepping = true;
@@ -815,8 +881,11 @@ ThreadInfoList TracedProcess::ThreadRecords(const std::string* maps_text) {
       }
       // The stack's size: the mapping the stack pointer lies in (the main thread's [stack], a
       // thread's own mapped stack).
-      if (maps_text == nullptr && !read_maps) read_maps = ReadMapsText(pid_);
-      record.StackSize = MappingSizeAt(maps_text ? *maps_text : *read_maps, record.StackAddr);
+      std::optional<uint64_t> size;
+      if (maps_text == nullptr && !read_maps) size = mapping_query_.SizeAt(record.StackAddr);
+      if (!size && maps_text == nullptr && !read_maps) read_maps = ReadMapsText(pid_);
+      record.StackSize =
+          size ? *size : MappingSizeAt(maps_text ? *maps_text : *read_maps, record.StackAddr);
     }
     record.Reason.Code = thread.stop_code;
     records.push_back(std::move(record));
@@ -918,6 +987,7 @@ void TracedProcess::Input(const std::string& text) {
 
 void TracedProcess::Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad) {
   memory_->Read(address, size, data, bad);
+  HideLinkerHook(address, size, data.data());
 }
 
 void TracedProcess::Read(uint64_t address, uint32_t size, BulkBytes& data, uint32_t& bad) {
@@ -925,6 +995,7 @@ void TracedProcess::Read(uint64_t address, uint32_t size, BulkBytes& data, uint3
   std::shared_ptr<uint8_t[]> bytes = std::make_shared_for_overwrite<uint8_t[]>(size);
   uint8_t* const first = bytes.get();
   memory_->Read(address, size, first, bad);
+  HideLinkerHook(address, size, first);
   data = BulkBytes({first, size}, std::move(bytes));
 }
 
@@ -937,6 +1008,7 @@ Status TracedProcess::Write(uint64_t address, const Bytes& data) {
       breakpoint.original = bytes[offset];
       bytes[offset] = kInt3;
     }
+    PublishLinkerHook();
     return memory_->Write(address, bytes.data(), bytes.size());
   });
 }
@@ -1091,13 +1163,13 @@ Status TracedProcess::SetSoftwareBreakpoint(const CSetSoftwareBreakPointRequest&
     if (request.ThreadID != 0 && threads_.count(static_cast<pid_t>(request.ThreadID)) == 0) {
       return NoThread(request.ThreadID, pid_);
     }
-    for (const auto& [other_id, other] : software_) {
-      if (other.record.Address == request.Address) {
-        return Status::Fail(
-            KXAPI_COMMS_ERR_DUPLICATE_ENTRY,
-            u"breakpoint " + Decimal(other_id) + u" is already at " + Hex(request.Address));
-      }
+    if (const Breakpoint* other = ClientBreakpointAt(request.Address)) {
+      return Status::Fail(KXAPI_COMMS_ERR_DUPLICATE_ENTRY,
+                          u"breakpoint " + Decimal(other->record.BreakPtId) + u" is already at " +
+                              Hex(request.Address));
     }
+    // On the linker's hook the int3 is there already, and the hook keeps the original byte.
+    const Breakpoint* hook = BreakpointAt(request.Address);
     Bytes bytes;
     uint32_t bad = 0;
     memory_->Read(request.Address, 1, bytes, bad);
@@ -1105,9 +1177,10 @@ Status TracedProcess::SetSoftwareBreakpoint(const CSetSoftwareBreakPointRequest&
       return Status::Fail(KXAPI_COMMS_ERR_INVALID_ADDRESS,
                           Hex(request.Address) + u" is not mapped in process " + Number(pid_));
     }
+    if (hook != nullptr) bytes[0] = hook->original;
     // Where a thread steps past an int3 that was there, the new one goes in as that step ends:
     // written now, it would be the step's instruction.
-    if (!IsLifted(request.Address)) {
+    if (hook == nullptr && !IsLifted(request.Address)) {
       if (Status status = memory_->Write(request.Address, &kInt3, 1); !status.ok()) return status;
     }
     Breakpoint breakpoint;
@@ -1127,21 +1200,24 @@ Status TracedProcess::SetSoftwareBreakpoint(const CSetSoftwareBreakPointRequest&
 Status TracedProcess::ClearSoftwareBreakpoint(uint32_t id) {
   return OnTracer([&] {
     const auto it = software_.find(id);
-    if (it == software_.end()) {
+    if (it == software_.end() || id == kLinkerHook) {
       return Status::Fail(
           KXAPI_COMMS_ERR_INVALID_SWBRKPT_ID,
           u"process " + Number(pid_) + u" has no software breakpoint " + Decimal(id));
     }
     const Breakpoint breakpoint = it->second;
     software_.erase(it);
+    // The linker's hook on the same byte keeps its int3.
+    if (BreakpointAt(breakpoint.record.Address) != nullptr) return Status::Ok();
     return memory_->Write(breakpoint.record.Address, &breakpoint.original, 1);
   });
 }
 
 Status TracedProcess::SoftwareBreakpoints(SoftwareBreakpointList& list) {
   return OnTracer([&] {
-    for (const auto& [id, breakpoint] : software_)
-      list.push_back(breakpoint.record);
+    for (const auto& [id, breakpoint] : software_) {
+      if (id != kLinkerHook) list.push_back(breakpoint.record);
+    }
     return Status::Ok();
   });
 }

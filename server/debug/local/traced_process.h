@@ -81,7 +81,8 @@ class TracedProcess {
   // pipe has no room for is dropped.
   void Input(const std::string& text);
 
-  // Reads need no tracer: from any thread. Memory reads show the int3 of a software breakpoint.
+  // Reads need no tracer: from any thread. Memory reads show the int3 of a software breakpoint,
+  // not the linker's hook's.
   void Read(uint64_t address, uint32_t size, Bytes& data, uint32_t& bad);
   // The same for an answer.
   void Read(uint64_t address, uint32_t size, BulkBytes& data, uint32_t& bad);
@@ -187,7 +188,20 @@ class TracedProcess {
   // A stop of the whole process: no thread steps or resumes any longer.
   void ForgetResumes();
   void PutBackLifted(Thread& thread);
+  // Any int3 of ours at `address` (the linker's hook among them), and a client's only.
   Breakpoint* BreakpointAt(uint64_t address);
+  Breakpoint* ClientBreakpointAt(uint64_t address);
+  // The dynamic linker's hook (linker_hook.h), kept in software_ as kLinkerHook so that whatever
+  // moves the int3s (forks, vforks, detaching, writes, core files) moves it too; clients never
+  // see it. Set where the program is known (load, attach, exec) when it has a dynamic linker.
+  void HookLinker();
+  bool LinkerHooked() const { return software_.count(kLinkerHook) != 0; }
+  // A thread at the hook: the modules are read, and it returns from the empty function as if it
+  // had run it; a thread that was stepping ends its step there.
+  void PassLinkerHook(pid_t tid, Thread& thread);
+  // Where the hook is and the byte it replaced, for reads on other threads (hook_shadow_).
+  void PublishLinkerHook();
+  void HideLinkerHook(uint64_t address, uint32_t size, uint8_t* data) const;
   Status ProgramDebugRegisters(pid_t tid);
   // Runs `work` with every thread stopped, then lets those that ran go on.
   Status WithAllStopped(const std::function<Status()>& work);
@@ -197,7 +211,7 @@ class TracedProcess {
 
   ProcessInfoRecord InfoRecord();
   // The threads' records; the stacks' sizes come from `maps_text` when given (the maps just
-  // read), else from the maps read afresh.
+  // read), else from the kernel one stack at a time, or from the maps read afresh.
   ThreadInfoList ThreadRecords(const std::string* maps_text = nullptr);
   void PostModuleChanges();
   template <class Notification>
@@ -219,7 +233,9 @@ class TracedProcess {
   std::string maps_text_;  // /proc/PID/maps when modules_ was last made from it
   std::optional<ProcessInfoRecord> known_info_;  // forgotten at an exec
   std::map<std::string, ElfEntry> elf_entries_;  // by path: read once, not at every stop
+  static constexpr uint32_t kLinkerHook = 0;     // clients' breakpoint ids start at 1
   std::map<uint32_t, Breakpoint> software_;
+  MappingQuery mapping_query_;  // the stacks' sizes, where the kernel answers them one by one
   std::map<uint32_t, HardwareBreakpointRecord> hardware_;
   uint32_t next_breakpoint_id_ = 1;
   std::set<pid_t> early_children_;  // forked children stopped before their parent's fork event
@@ -231,6 +247,9 @@ class TracedProcess {
   std::map<uint64_t, Pages> pages_;  // what AllocatePages mapped, by address
 
   pid_t stop_thread_ = 0;  // the thread whose stop was reported last
+
+  // The linker hook's address shifted left by 8 and the original byte below it; 0 without one.
+  std::atomic<uint64_t> hook_shadow_{0};
 
   std::atomic<bool> dumping_{false};
   std::atomic<bool> cancel_dump_{false};
