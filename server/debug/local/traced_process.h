@@ -172,7 +172,8 @@ class TracedProcess {
 
   // Stops every thread but `except` (0: all) and waits until they are.
   void StopOthers(pid_t except);
-  // Stops them all, reports the stop of `tid` with `reason`, and announces module changes first.
+  // Stops them all, reports the stop of `tid` with `reason`, and announces module changes first
+  // (only without the linker's hook, which announces them as they happen).
   void ReportStop(pid_t tid, uint32_t reason);
   void Continue(pid_t tid, Thread& thread);
   // Starts the thread past the breakpoint it stands on, if it stands on one: the original byte
