@@ -236,20 +236,22 @@ TEST_F(LocalTargetTest, ExitCodesSignalsAndChildrenThroughTheParentsBreakpoints)
 // A library the program opens and closes is announced as the dynamic linker loads and unloads it,
 // before the stops that follow, though the stops themselves no longer read the mappings.
 TEST_F(LocalTargetTest, LibrariesOpenedAndClosedAreAnnouncedByTheNextStop) {
-  ASSERT_NO_FATAL_FAILURE(LoadStopped("dlopen", Symbol("vekx_tick")));
-  const auto has_libm = [&] {
+  ASSERT_NO_FATAL_FAILURE(
+      LoadStopped(std::string("dlopen ") + VEKX_DEBUGGEE_LIBRARY, Symbol("vekx_tick")));
+  const auto has_library = [&] {
     const auto modules = ListOf<IModule>(process_.Get(), &IProcess10::get_Modules, IID_IModule);
     return std::any_of(modules.begin(), modules.end(), [](const auto& module) {
-      return GetText(module.Get(), &IModule::get_Name) == "libm.so.6";
+      return GetText(module.Get(), &IModule::get_Name) == "libvekx_debuggee_library.so";
     });
   };
   for (const size_t unloads : {0u, 1u}) {
     ASSERT_OK(Resume(process_.Get()));
     ASSERT_EQ(events_->WaitStop(static_cast<int>(unloads) + 1), STOP_REASON_SIGSWBRKPT);
     EXPECT_EQ(Heard("OnDynamicLibraryUnload"), unloads);
-    EXPECT_EQ(has_libm(), unloads == 0);
+    EXPECT_EQ(has_library(), unloads == 0);
   }
-  EXPECT_EQ(Heard("OnDynamicLibraryLoad"), ExpectProgramAndLibc(process_.Get()) + 1);  // and libm
+  EXPECT_EQ(Heard("OnDynamicLibraryLoad"),
+            ExpectProgramAndLibc(process_.Get()) + 1);  // and the library
 }
 
 // The program's console: what it is sent reaches its stdin, what it prints comes back. Resumed

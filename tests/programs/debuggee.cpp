@@ -10,7 +10,8 @@
 //   fork, vfork     a child made so calls vekx_tick and exits with 3; the parent waits for it,
 //                   calls vekx_tick and exits with the child's exit code (99 when a signal ended
 //                   it)
-//   dlopen          opens libm.so.6, calls vekx_tick, closes it, calls vekx_tick, exits with 0
+//   dlopen PATH     opens the library PATH, calls vekx_tick, closes it, calls vekx_tick, exits
+//                   with 0
 #include <dlfcn.h>
 #include <pthread.h>
 #include <signal.h>
@@ -67,8 +68,8 @@ int main(int argc, char** argv) {
     vekx_tick();
     return WIFEXITED(status) ? WEXITSTATUS(status) : 99;
   }
-  if (strcmp(mode, "dlopen") == 0) {
-    void* library = dlopen("libm.so.6", RTLD_NOW);
+  if (strcmp(mode, "dlopen") == 0 && argc > 2) {
+    void* library = dlopen(argv[2], RTLD_NOW);
     vekx_tick();
     if (library != nullptr) dlclose(library);
     vekx_tick();
