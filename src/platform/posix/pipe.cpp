@@ -279,6 +279,9 @@ IoResult Pipe::Write(std::span<const std::span<const uint8_t>> parts,
       ++count;
     }
     if (count == 0) return IoResult::kOk;
+    size_t offered = 0;
+    for (size_t i = 0; i < count; ++i)
+      offered += vectors[i].iov_len;
     msghdr message{};
     message.msg_iov = vectors;
     message.msg_iovlen = count;
@@ -314,6 +317,13 @@ IoResult Pipe::Write(std::span<const std::span<const uint8_t>> parts,
       offset = 0;
     }
     if (next_part == parts.size()) return IoResult::kOk;
+    // A send that took less than it was offered found the buffer full: the next one waits for
+    // room first rather than failing with EAGAIN (a system call per buffer of a large answer).
+    if (static_cast<size_t>(sent) < offered) {
+      const IoResult waited = WaitFor(handle_, POLLOUT, stop, error);
+      if (waited == IoResult::kFailed) Fail(error);
+      if (waited != IoResult::kOk) return waited;
+    }
   }
 }
 
