@@ -19,16 +19,6 @@ namespace {
 
 constexpr char kHookSymbol[] = "_dl_debug_state";
 
-// The interpreter's load address: 0 without one.
-uint64_t InterpreterBase(pid_t pid) {
-  std::ifstream file("/proc/" + std::to_string(pid) + "/auxv", std::ios::binary);
-  Elf64_auxv_t entry{};
-  while (file.read(reinterpret_cast<char*>(&entry), sizeof entry) && entry.a_type != AT_NULL) {
-    if (entry.a_type == AT_BASE) return entry.a_un.a_val;
-  }
-  return 0;
-}
-
 // `ret`, alone or after `endbr64`.
 bool IsBareReturn(const Bytes& code) {
   static const uint8_t kEndbr64Ret[] = {0xF3, 0x0F, 0x1E, 0xFA, 0xC3};
@@ -40,7 +30,7 @@ bool IsBareReturn(const Bytes& code) {
 }  // namespace
 
 std::optional<uint64_t> LinkerHookAddress(pid_t pid, ProcessMemory& memory) {
-  const uint64_t base = InterpreterBase(pid);
+  const uint64_t base = AuxiliaryValue(pid, AT_BASE);  // the interpreter's; 0 without one
   if (base == 0) return std::nullopt;
   std::string path;
   for (const Mapping& mapping : ReadMappings(pid)) {

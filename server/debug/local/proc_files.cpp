@@ -268,11 +268,11 @@ std::optional<uid_t> OwnerOf(pid_t pid) {
   return info.st_uid;
 }
 
-uint64_t EntryOf(pid_t pid) {
+uint64_t AuxiliaryValue(pid_t pid, uint64_t type) {
   std::ifstream file(Proc(pid, "auxv"), std::ios::binary);
   Elf64_auxv_t entry{};
   while (file.read(reinterpret_cast<char*>(&entry), sizeof entry)) {
-    if (entry.a_type == AT_ENTRY) return entry.a_un.a_val;
+    if (entry.a_type == type) return entry.a_un.a_val;
     if (entry.a_type == AT_NULL) break;
   }
   return 0;

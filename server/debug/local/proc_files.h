@@ -77,8 +77,9 @@ std::string ReadLink(const std::string& path);
 std::optional<uid_t> OwnerOf(pid_t pid);
 // Every process id under /proc, ascending.
 std::vector<pid_t> AllProcessIds();
-// AT_ENTRY of the process's auxiliary vector; 0 when it cannot be read.
-uint64_t EntryOf(pid_t pid);
+// The value of `type` (AT_ENTRY, AT_BASE, ...) in the process's auxiliary vector; 0 when it is
+// not there or cannot be read.
+uint64_t AuxiliaryValue(pid_t pid, uint64_t type);
 
 // The process's open files (sockets and pipes too), by descriptor.
 OpenFileList OpenFiles(pid_t pid);

@@ -1,5 +1,6 @@
 #include "server/debug/local/process_info.h"
 
+#include <elf.h>
 #include <unistd.h>
 
 #include <string>
@@ -19,7 +20,7 @@ std::optional<ProcessInfoRecord> ProcessInfoOf(pid_t pid) {
   record.ProcessPathname = platform::Utf8ToUtf16(ReadLink(base + "exe"));
   record.ParentPID = static_cast<uint32_t>(stat->parent);
   record.MainThrId = static_cast<uint32_t>(pid);
-  record.Entry = EntryOf(pid);
+  record.Entry = AuxiliaryValue(pid, AT_ENTRY);
   const long ticks = sysconf(_SC_CLK_TCK);
   if (ticks > 0) record.ProcessTime = stat->cpu_ticks * 1000000 / static_cast<uint64_t>(ticks);
   return record;

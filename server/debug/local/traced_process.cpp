@@ -882,8 +882,10 @@ ThreadInfoList TracedProcess::ThreadRecords(const std::string* maps_text) {
       // The stack's size: the mapping the stack pointer lies in (the main thread's [stack], a
       // thread's own mapped stack).
       std::optional<uint64_t> size;
-      if (maps_text == nullptr && !read_maps) size = mapping_query_.SizeAt(record.StackAddr);
-      if (!size && maps_text == nullptr && !read_maps) read_maps = ReadMapsText(pid_);
+      if (maps_text == nullptr && !read_maps) {
+        size = mapping_query_.SizeAt(record.StackAddr);
+        if (!size) read_maps = ReadMapsText(pid_);
+      }
       record.StackSize =
           size ? *size : MappingSizeAt(maps_text ? *maps_text : *read_maps, record.StackAddr);
     }
