@@ -440,7 +440,7 @@ TEST_F(LocalTargetTest, CoreDumpsThatGdbReadsAndThatReopenAsReadOnlyTargets) {
         << ::testing::PrintToString(percents);
     if (gdb) {  // else not read back here
       std::string gdb_line = std::string("gdb -batch -nx '") + VEKX_DEBUGGEE + "' '" + core + "'";
-      for (const char* command : {"print/d $rip", "print/x vekx_marker",
+      for (const char* command : {"print/d $rip", "print/x *(long *)&vekx_marker",
                                   "print/d *(unsigned char*)&vekx_tick", "info threads"})
         gdb_line += std::string(" -ex '") + command + "'";
       EXPECT_NE(std::system((gdb_line + " >'" + core + ".gdb' 2>&1").c_str()), -1);
