@@ -69,11 +69,14 @@ PingPongFloor::~PingPongFloor() {
   if (child_ > 0) raw::Wait(child_);
 }
 
-bool PingPongFloor::Start(size_t pairs, size_t request_bytes, size_t response_bytes) {
+bool PingPongFloor::Start(size_t pairs, size_t request_bytes, size_t response_bytes,
+                          int send_buffer) {
   std::vector<int> theirs;
   for (size_t i = 0; i < pairs; ++i) {
     int fds[2];
     if (!raw::SocketPair(fds)) break;
+    for (int fd : fds)
+      if (send_buffer != 0) setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof send_buffer);
     fds_.push_back(fds[0]);
     theirs.push_back(fds[1]);
   }
@@ -123,6 +126,47 @@ const uint8_t* StagedReader::Take(size_t size) {
 
 WindowedStreamFloor::~WindowedStreamFloor() {
   Finish();
+}
+
+BulkFloors::~BulkFloors() {
+  // Each floor's child holds the sockets of the floors forked before it: the last goes first.
+  while (!floors_.empty())
+    floors_.pop_back();
+}
+
+bool BulkFloors::Start(const std::vector<int64_t>& sizes, size_t request_bytes,
+                       size_t response_head, int send_buffer) {
+  sizes_ = sizes;
+  for (int64_t size : sizes) {
+    for (int buffer : {0, send_buffer}) {
+      floors_.push_back(std::make_unique<PingPongFloor>());
+      if (!floors_.back()->Start(1, request_bytes, static_cast<size_t>(size) + response_head,
+                                 buffer)) {
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+void BulkFloors::Measure(benchmark::State& state, bool wide) {
+  const auto size = std::find(sizes_.begin(), sizes_.end(), state.range(0));
+  if (size == sizes_.end()) {
+    state.SkipWithError("no floor of that size");
+    return;
+  }
+  PingPongFloor& floor = *floors_[2 * static_cast<size_t>(size - sizes_.begin()) + (wide ? 1 : 0)];
+  auto samples = SampleStorage(state);
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    if (!floor.RoundTrip(0)) {
+      state.SkipWithError("the bulk socket failed");
+      break;
+    }
+    samples.push_back(Microseconds(Clock::now() - start));
+  }
+  state.SetBytesProcessed(state.iterations() * state.range(0));
+  ReportLatency(state, samples);
 }
 
 bool WindowedStreamFloor::Start(size_t writers, size_t frames, size_t window, size_t frame_bytes,

@@ -60,8 +60,9 @@ class PingPongFloor {
   PingPongFloor(const PingPongFloor&) = delete;
   PingPongFloor& operator=(const PingPongFloor&) = delete;
 
-  // Forks the child (while this process has one thread). False when it cannot.
-  bool Start(size_t pairs, size_t request_bytes, size_t response_bytes);
+  // Forks the child (while this process has one thread). `send_buffer`, when not 0, is the
+  // SO_SNDBUF both ends of every pair ask for. False when it cannot.
+  bool Start(size_t pairs, size_t request_bytes, size_t response_bytes, int send_buffer = 0);
   // One message of the request's size to the child on `pair` and one of the response's back.
   bool RoundTrip(size_t pair);
   size_t pairs() const { return fds_.size(); }
@@ -86,6 +87,28 @@ class StagedReader {
   std::vector<uint8_t> staging_;
   size_t begin_ = 0;
   size_t end_ = 0;
+};
+
+// Bulk answers: a small request answered with each of several sizes (and a response head) over
+// a socket pair, twice: with the system's default buffers, and with the send buffer our pipes ask
+// for, so that a ratio shows what the transport's setting gives apart from what the stack adds.
+class BulkFloors {
+ public:
+  BulkFloors() = default;
+  ~BulkFloors();
+  BulkFloors(const BulkFloors&) = delete;
+  BulkFloors& operator=(const BulkFloors&) = delete;
+
+  // Forks the children (while this process has one thread). False when one does not start.
+  bool Start(const std::vector<int64_t>& sizes, size_t request_bytes, size_t response_head,
+             int send_buffer);
+  // The benchmark loop over the floor of state.range(0) bytes.
+  void Measure(benchmark::State& state, bool wide);
+
+ private:
+  std::vector<int64_t> sizes_;
+  // For each size, the plain floor then the wide one, in the order they were forked.
+  std::vector<std::unique_ptr<PingPongFloor>> floors_;
 };
 
 // One-way frames over one socket pair, each acknowledged by the reader, with at most `window`

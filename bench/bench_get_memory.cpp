@@ -2,8 +2,9 @@
 // virtual process of the real vesta-kx, beside a raw Unix-socket transfer of the same sizes (a
 // small request, then the bytes back) measured in the same run.
 //
-//   BM_RawBulk/SIZE     the floor: a forked child answers each small request with SIZE bytes
-//   BM_GetMemory/SIZE   GetMemory(base, SIZE) of a stopped process, the bytes in a safe array
+//   BM_RawBulk/SIZE      the floor: a forked child answers each small request with SIZE bytes
+//   BM_RawBulkWide/SIZE  the same over sockets with the send buffer the pipes ask for
+//   BM_GetMemory/SIZE    GetMemory(base, SIZE) of a stopped process, the bytes in a safe array
 //
 // Every benchmark reports reads/s as items_per_second, bytes/s, and p50/p99 of one read in
 // microseconds; the ratio of GetMemory's rate to the floor's is printed at the end for each size.
@@ -18,6 +19,7 @@
 
 #include "bench_floor.h"
 #include "bench_server_process.h"
+#include "platform/pipe.h"
 #include "vekxapi/bstr.h"
 #include "vekxapi/com_ptr.h"
 #include "vekxapi/variant.h"
@@ -45,28 +47,15 @@ constexpr char kScenario[] = R"(kits:
           - {base: 0x10000000, fill: "a5 5a", size: 16777216}
 )";
 
-std::vector<std::unique_ptr<qv::bench::PingPongFloor>> g_floors;  // one per size, in order
+qv::bench::BulkFloors g_floors;
 vekx::ComPtr<IProcess> g_process;
 
-size_t SizeIndex(int64_t size) {
-  for (size_t i = 0; i < std::size(kSizes); ++i)
-    if (kSizes[i] == size) return i;
-  return 0;
+void BM_RawBulk(benchmark::State& state) {
+  g_floors.Measure(state, false);
 }
 
-void BM_RawBulk(benchmark::State& state) {
-  auto samples = qv::bench::SampleStorage(state);
-  auto& floor = *g_floors[SizeIndex(state.range(0))];
-  for (auto _ : state) {
-    const auto start = Clock::now();
-    if (!floor.RoundTrip(0)) {
-      state.SkipWithError("the bulk socket failed");
-      break;
-    }
-    samples.push_back(Microseconds(Clock::now() - start));
-  }
-  state.SetBytesProcessed(state.iterations() * state.range(0));
-  qv::bench::ReportLatency(state, samples);
+void BM_RawBulkWide(benchmark::State& state) {
+  g_floors.Measure(state, true);
 }
 
 void BM_GetMemory(benchmark::State& state) {
@@ -87,20 +76,26 @@ void BM_GetMemory(benchmark::State& state) {
 }
 
 BENCHMARK(BM_RawBulk)->Arg(kSizes[0])->Arg(kSizes[1])->Arg(kSizes[2])->UseRealTime();
+BENCHMARK(BM_RawBulkWide)->Arg(kSizes[0])->Arg(kSizes[1])->Arg(kSizes[2])->UseRealTime();
 BENCHMARK(BM_GetMemory)->Arg(kSizes[0])->Arg(kSizes[1])->Arg(kSizes[2])->UseRealTime();
 
 void PrintRatios(const qv::bench::FigureReporter& reporter) {
   for (int64_t size : kSizes) {
     const std::string suffix = "/" + std::to_string(size) + "/real_time";
     const auto* raw = reporter.Find("BM_RawBulk" + suffix);
+    const auto* wide = reporter.Find("BM_RawBulkWide" + suffix);
     const auto* reads = reporter.Find("BM_GetMemory" + suffix);
-    if (raw == nullptr || reads == nullptr || raw->calls_per_second <= 0) continue;
+    if (raw == nullptr || wide == nullptr || reads == nullptr || raw->calls_per_second <= 0 ||
+        wide->calls_per_second <= 0) {
+      continue;
+    }
     const double mib = static_cast<double>(size) / (1 << 20);
     std::fprintf(reporter.out(),
-                 "%8.3f MiB: GetMemory %.0f MiB/s, raw %.0f MiB/s, ratio %.2f; p50 %.0f us / "
-                 "raw %.0f us\n",
+                 "%8.3f MiB: GetMemory %.0f MiB/s, raw %.0f MiB/s (ratio %.2f), raw with the "
+                 "pipes' send buffer %.0f MiB/s (ratio %.2f); p50 %.0f us / %.0f us / %.0f us\n",
                  mib, reads->calls_per_second * mib, raw->calls_per_second * mib,
-                 reads->calls_per_second / raw->calls_per_second, reads->p50, raw->p50);
+                 reads->calls_per_second / raw->calls_per_second, wide->calls_per_second * mib,
+                 reads->calls_per_second / wide->calls_per_second, reads->p50, raw->p50, wide->p50);
   }
 }
 
@@ -121,12 +116,10 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
 
   // The floors' children are forked while this process still has one thread.
-  for (int64_t size : kSizes) {
-    g_floors.push_back(std::make_unique<qv::bench::PingPongFloor>());
-    if (!g_floors.back()->Start(1, kRequestBytes, static_cast<size_t>(size) + kResponseHead)) {
-      std::fprintf(stderr, "the bulk floor did not start\n");
-      return 1;
-    }
+  if (!g_floors.Start({std::begin(kSizes), std::end(kSizes)}, kRequestBytes, kResponseHead,
+                      qv::platform::Pipe::kSendBufferBytes)) {
+    std::fprintf(stderr, "the bulk floor did not start\n");
+    return 1;
   }
 
   qv::bench::BenchServer server;
@@ -140,9 +133,6 @@ int main(int argc, char** argv) {
   g_process.Reset();
   if (api) api->Dispose();
   ok = server.Finish(ok);
-  // Each floor's child holds the sockets of the floors made before it: the last goes first.
-  while (!g_floors.empty())
-    g_floors.pop_back();
   benchmark::Shutdown();
   return ok ? 0 : 1;
 }

@@ -5,6 +5,7 @@
 //   BM_ProcessVmReadv/SIZE     the floor: process_vm_readv of the same bytes, from here
 //   BM_RawBulk/SIZE            the transport's floor: a forked child answers a small request
 //                              with SIZE bytes over a Unix socket pair (as bench_get_memory)
+//   BM_RawBulkWide/SIZE        the same over sockets with the send buffer the pipes ask for
 //   BM_BreakpointRoundTrip     Resume until the Debug sink hears the next STOP_NOTIFICATION of a
 //                              breakpoint the program hits at once (stepping over it on the way)
 //   BM_PtraceBreakpointFloor   the floor: a bare ptrace loop in this process doing the same on a
@@ -39,6 +40,7 @@
 
 #include "bench_floor.h"
 #include "bench_server_process.h"
+#include "platform/pipe.h"
 #include "vekxapi/bstr.h"
 #include "vekxapi/com_ptr.h"
 #include "vekxapi/event_sink.h"
@@ -159,21 +161,14 @@ void BM_ProcessVmReadv(benchmark::State& state) {
   qv::bench::ReportLatency(state, samples);
 }
 
-std::vector<std::unique_ptr<qv::bench::PingPongFloor>> g_bulk_floors;  // one per size, in order
+qv::bench::BulkFloors g_bulk_floors;
 
 void BM_RawBulk(benchmark::State& state) {
-  auto samples = qv::bench::SampleStorage(state);
-  auto& floor = *g_bulk_floors[state.range(0) == kSizes[0] ? 0 : 1];
-  for (auto _ : state) {
-    const auto start = Clock::now();
-    if (!floor.RoundTrip(0)) {
-      state.SkipWithError("the bulk socket failed");
-      break;
-    }
-    samples.push_back(Microseconds(Clock::now() - start));
-  }
-  state.SetBytesProcessed(state.iterations() * state.range(0));
-  qv::bench::ReportLatency(state, samples);
+  g_bulk_floors.Measure(state, false);
+}
+
+void BM_RawBulkWide(benchmark::State& state) {
+  g_bulk_floors.Measure(state, true);
 }
 
 // Context switches of every thread of `pid` so far (0 once it is gone). On a VM whose speed swings
@@ -304,6 +299,7 @@ void BM_PtraceBreakpointFloor(benchmark::State& state) {
 
 BENCHMARK(BM_ProcessVmReadv)->Arg(kSizes[0])->Arg(kSizes[1])->UseRealTime();
 BENCHMARK(BM_RawBulk)->Arg(kSizes[0])->Arg(kSizes[1])->UseRealTime();
+BENCHMARK(BM_RawBulkWide)->Arg(kSizes[0])->Arg(kSizes[1])->UseRealTime();
 BENCHMARK(BM_GetMemory)->Arg(kSizes[0])->Arg(kSizes[1])->UseRealTime();
 BENCHMARK(BM_PtraceBreakpointFloor)->UseRealTime();
 BENCHMARK(BM_BreakpointRoundTrip)->UseRealTime();
@@ -313,18 +309,22 @@ void PrintRatios(const qv::bench::FigureReporter& reporter) {
     const std::string suffix = "/" + std::to_string(size) + "/real_time";
     const auto* floor = reporter.Find("BM_ProcessVmReadv" + suffix);
     const auto* raw = reporter.Find("BM_RawBulk" + suffix);
+    const auto* wide = reporter.Find("BM_RawBulkWide" + suffix);
     const auto* reads = reporter.Find("BM_GetMemory" + suffix);
-    if (floor == nullptr || raw == nullptr || reads == nullptr || floor->calls_per_second <= 0 ||
-        raw->calls_per_second <= 0) {
+    if (floor == nullptr || raw == nullptr || wide == nullptr || reads == nullptr ||
+        floor->calls_per_second <= 0 || raw->calls_per_second <= 0 || wide->calls_per_second <= 0) {
       continue;
     }
     const double mib = static_cast<double>(size) / (1 << 20);
+    const double rate = reads->calls_per_second;
     std::fprintf(reporter.out(),
                  "%4.0f MiB: GetMemory %.0f MiB/s, process_vm_readv %.0f MiB/s (ratio %.2f), raw "
-                 "socket %.0f MiB/s (ratio %.2f); p50 %.0f us / %.0f us / %.0f us\n",
-                 mib, reads->calls_per_second * mib, floor->calls_per_second * mib,
-                 reads->calls_per_second / floor->calls_per_second, raw->calls_per_second * mib,
-                 reads->calls_per_second / raw->calls_per_second, reads->p50, floor->p50, raw->p50);
+                 "socket %.0f MiB/s (ratio %.2f), with the pipes' send buffer %.0f MiB/s (ratio "
+                 "%.2f); p50 %.0f us / %.0f us / %.0f us / %.0f us\n",
+                 mib, rate * mib, floor->calls_per_second * mib, rate / floor->calls_per_second,
+                 raw->calls_per_second * mib, rate / raw->calls_per_second,
+                 wide->calls_per_second * mib, rate / wide->calls_per_second, reads->p50,
+                 floor->p50, raw->p50, wide->p50);
   }
   const auto* floor = reporter.Find("BM_PtraceBreakpointFloor/real_time");
   const auto* trip = reporter.Find("BM_BreakpointRoundTrip/real_time");
@@ -398,12 +398,10 @@ int main(int argc, char** argv) {
 
   const uintptr_t own_base = OwnLoadBase();
   // The floors' children are forked while this process still has one thread.
-  for (int64_t size : kSizes) {
-    g_bulk_floors.push_back(std::make_unique<qv::bench::PingPongFloor>());
-    if (!g_bulk_floors.back()->Start(1, kRequestBytes, static_cast<size_t>(size) + kResponseHead)) {
-      std::fprintf(stderr, "the bulk floor did not start\n");
-      return 1;
-    }
+  if (!g_bulk_floors.Start({std::begin(kSizes), std::end(kSizes)}, kRequestBytes, kResponseHead,
+                           qv::platform::Pipe::kSendBufferBytes)) {
+    std::fprintf(stderr, "the bulk floor did not start\n");
+    return 1;
   }
   if (!StartFloor(reinterpret_cast<uintptr_t>(&vekx_bench_tick))) {
     std::fprintf(stderr, "the ptrace floor did not start (is ptrace permitted here?)\n");
@@ -426,10 +424,6 @@ int main(int argc, char** argv) {
   ok = server.Finish(ok);
   kill(g_floor_child, SIGKILL);
   waitpid(g_floor_child, nullptr, 0);
-  // Each bulk floor's child holds the sockets of the floors made before it (and the ptrace
-  // floor's child held them all): the last goes first.
-  while (!g_bulk_floors.empty())
-    g_bulk_floors.pop_back();
   benchmark::Shutdown();
   return ok ? 0 : 1;
 }

@@ -107,6 +107,12 @@ class Pipe {
   /// part of the bytes had arrived.
   IoResult ReadExact(void* dest, size_t size, const StopSignal& stop) noexcept;
 
+  /// The send buffer a POSIX pipe asks the system for: room for a large answer (a 1 MiB memory
+  /// read) to go out in one write and be read in one wake-up, where the default of about
+  /// 200 KiB costs a dozen context switches. Linux caps it at net.core.wmem_max and charges only
+  /// what is queued.
+  static constexpr int kSendBufferBytes = 4 << 20;
+
   /// Whether WaitReadable can wait: POSIX polls the socket; a Windows pipe shows that bytes have
   /// come only by reading them.
 #ifdef _WIN32

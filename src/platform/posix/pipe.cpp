@@ -193,7 +193,11 @@ bool StopSignal::IsSet() const noexcept {
 
 // --- Pipe ---
 
-Pipe::Pipe(NativeHandle handle) noexcept : handle_(handle) {}
+Pipe::Pipe(NativeHandle handle) noexcept : handle_(handle) {
+  // Best effort: a pipe with the default buffer works, only slower for large answers.
+  int bytes = kSendBufferBytes;
+  setsockopt(handle_, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+}
 
 Pipe::~Pipe() {
   Close();
