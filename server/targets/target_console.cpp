@@ -101,7 +101,7 @@ void TargetRegistry::AcknowledgeConsoleOutput(uint64_t client_id) {
 }
 
 Status TargetRegistry::ConsoleCacheSize(uint32_t handle, uint32_t& size) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   size = target->console.Size();
@@ -122,7 +122,7 @@ Status TargetRegistry::SetConsoleCacheSize(uint32_t handle, uint32_t size) {
 }
 
 Status TargetRegistry::ConsoleCacheUpperBound(uint32_t handle, uint32_t& upper_bound) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   upper_bound = target->console.UpperBound();

@@ -335,7 +335,7 @@ Status TargetRegistry::DeleteTarget(uint32_t handle) {
 }
 
 U32List TargetRegistry::TargetList() const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   U32List handles;
   for (const auto& entry : targets_)
     handles.push_back(entry.first);
@@ -343,7 +343,7 @@ U32List TargetRegistry::TargetList() const {
 }
 
 U32List TargetRegistry::TargetsWhere(std::u16string Kit::*field, std::u16string_view value) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   U32List handles;
   for (const auto& [handle, target] : targets_) {
     if (SameHost(target->kit.*field, value)) handles.push_back(handle);
@@ -373,7 +373,7 @@ Status TargetRegistry::CoreDumpTargetByHost(std::u16string_view pseudo_host,
 }
 
 Status TargetRegistry::GetDefaultTarget(uint32_t& handle) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   if (default_handle_ == kNoTarget) {
     return Status::Fail(KXAPI_NO_TARGET, u"no default target is set");
   }
@@ -400,7 +400,7 @@ Status TargetRegistry::SetDefaultTarget(uint32_t handle) {
 }
 
 Status TargetRegistry::TargetInfo(uint32_t handle, NameValueList& info) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   const Kit& kit = target->kit;
@@ -423,7 +423,7 @@ Status TargetRegistry::TargetInfo(uint32_t handle, NameValueList& info) const {
 
 Status TargetRegistry::TargetSummary(std::u16string_view host, NameValueList& summary) const {
   if (host.empty()) return Status::Fail(KXAPI_SERVER_INVALID_ARG, u"the host name is empty");
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   const Kit* kit = scenario_.FindKit(host);
   for (const auto& entry : targets_) {
     if (SameHost(entry.second->kit.host, host)) kit = &entry.second->kit;
@@ -441,7 +441,7 @@ Status TargetRegistry::TargetSummary(std::u16string_view host, NameValueList& su
 }
 
 Status TargetRegistry::HostName(uint32_t handle, std::u16string& host) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   host = target->kit.host;
@@ -449,7 +449,7 @@ Status TargetRegistry::HostName(uint32_t handle, std::u16string& host) const {
 }
 
 Status TargetRegistry::TargetName(uint32_t handle, bool cached, std::u16string& name) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   if (cached) {
@@ -478,7 +478,7 @@ Status TargetRegistry::SetTargetName(uint32_t handle, std::u16string_view name) 
 }
 
 Status TargetRegistry::MacAddress(uint32_t handle, Bytes& mac) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   mac = target->kit.mac;
@@ -506,7 +506,7 @@ Status TargetRegistry::SetCachedSubnetMask(uint32_t handle, uint32_t mask) {
 }
 
 Status TargetRegistry::CachedSubnetMask(uint32_t handle, uint32_t& mask) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   mask = target->subnet_mask;
@@ -514,7 +514,7 @@ Status TargetRegistry::CachedSubnetMask(uint32_t handle, uint32_t& mask) const {
 }
 
 Status TargetRegistry::SdkVersion(uint32_t handle, std::array<uint32_t, 4>& version) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   if (Status status = Reachable(*target); !status.ok()) return status;
@@ -523,7 +523,7 @@ Status TargetRegistry::SdkVersion(uint32_t handle, std::array<uint32_t, 4>& vers
 }
 
 Status TargetRegistry::BusyCount(uint32_t handle, uint32_t& count) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   count = target->busy;
@@ -531,7 +531,7 @@ Status TargetRegistry::BusyCount(uint32_t handle, uint32_t& count) const {
 }
 
 Status TargetRegistry::ConnectionInfo(uint32_t handle, std::u16string& info) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   if (target->owner == 0) {
@@ -621,7 +621,7 @@ Status TargetRegistry::FindMiradorTargets(const FindRuleList& rules) {
 }
 
 Status TargetRegistry::PowerStatusOf(uint32_t handle, PowerStatus& status) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status result = Lookup(handle, target); !result.ok()) return result;
   if (Status result = Reachable(*target); !result.ok()) return result;
@@ -894,7 +894,7 @@ Status TargetRegistry::ClearProtocolInUse(uint64_t client_id, uint32_t handle, u
 }
 
 Status TargetRegistry::QueryProtocolInUse(uint32_t handle, uint32_t protocol, bool& in_use) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   if (Status status = Reachable(*target); !status.ok()) return status;
@@ -959,7 +959,7 @@ void TargetRegistry::Unsubscribe(uint64_t client_id, EventGroup group, uint32_t 
 }
 
 size_t TargetRegistry::SubscriptionCount(uint64_t client_id) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   size_t count = 0;
   for (const auto& entry : subscriptions_)
     count += entry.second.count(client_id);
@@ -967,7 +967,7 @@ size_t TargetRegistry::SubscriptionCount(uint64_t client_id) const {
 }
 
 U32List TargetRegistry::ClientProcessIds() const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   U32List ids;
   for (const auto& entry : clients_)
     ids.push_back(entry.second.first.process_id);

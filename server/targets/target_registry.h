@@ -4,6 +4,8 @@
 //
 // One lock guards everything here. Notifications are encoded and handed to each subscribed
 // client's queue while it is held, so every client sees them in the order the changes happened.
+// Queries that only read take it shared, so that many clients asking at once on several CPUs do
+// not queue behind each other (a reader that found the lock taken used to sleep in the kernel).
 // A change that takes simulated time (power, connecting) is split into a start and a finish,
 // each under the lock, with the waiting in between done without it: other clients carry on.
 
@@ -17,6 +19,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <shared_mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -221,7 +224,7 @@ class TargetRegistry {
     bool refill_at_half = false;  // the window filled: wait until half of it is acknowledged
   };
   using TargetPtr = std::shared_ptr<Target>;
-  using Lock = std::unique_lock<std::mutex>;
+  using Lock = std::unique_lock<std::shared_mutex>;
 
   TargetPtr Find(uint32_t handle) const;
   // The handles of the targets whose kit's `field` matches `value` as host names match.
@@ -277,8 +280,8 @@ class TargetRegistry {
   // The ProcessLock group's notifications for what the lock table changed.
   void NotifyLockChanges(const ProcessLocks::Changes& changes);
 
-  mutable std::mutex mutex_;
-  std::condition_variable changed_cv_;  // shutdown, deletion, a connection taken
+  mutable std::shared_mutex mutex_;
+  std::condition_variable_any changed_cv_;  // shutdown, deletion, a connection taken
   bool shutting_down_ = false;
   const Scenario scenario_;
   const NotificationObserver observer_;
