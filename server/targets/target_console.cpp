@@ -131,7 +131,7 @@ Status TargetRegistry::ConsoleCacheUpperBound(uint32_t handle, uint32_t& upper_b
 
 Status TargetRegistry::FetchConsoleCache(uint32_t handle, uint32_t start, uint32_t& next,
                                          ConsoleCacheRecordList& records) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   next = target->console.Fetch(start, records);

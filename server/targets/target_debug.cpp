@@ -48,7 +48,7 @@ void TargetRegistry::ShutDownDebugBackends(const std::vector<TargetPtr>& targets
 
 Status TargetRegistry::DebugBackendOf(uint32_t handle, std::shared_ptr<DebugBackend>& backend,
                                       uint64_t client_id, std::optional<uint32_t> changes) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   // A core dump answers from its file, whatever its "kit" would say.

@@ -31,7 +31,7 @@ void TargetRegistry::CloseChannels(const std::vector<TargetPtr>& targets, uint64
 
 Status TargetRegistry::EndpointsOf(uint32_t handle,
                                    std::shared_ptr<TargetProtocols>& endpoints) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   if (Status status = Reachable(*target); !status.ok()) return status;

@@ -54,7 +54,7 @@ Status TargetRegistry::ChangeProcessLock(uint64_t client_id, uint32_t handle, ui
 
 Status TargetRegistry::ProcessLockOwner(uint32_t handle, uint32_t pid, bool& locked,
                                         std::u16string& owner) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   const ProcessLocks::Holder* holder = locks_.Owner(handle, pid);

@@ -361,7 +361,7 @@ U32List TargetRegistry::TargetsByName(std::u16string_view name) const {
 
 Status TargetRegistry::CoreDumpTargetByHost(std::u16string_view pseudo_host,
                                             uint32_t& handle) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   for (const auto& [existing, target] : targets_) {
     if (target->type == kTargetTypeCoreDump && SameHost(target->kit.host, pseudo_host)) {
       handle = existing;
@@ -830,7 +830,7 @@ Status TargetRegistry::ForceDisconnect(uint64_t client_id, uint32_t handle) {
 
 Status TargetRegistry::ConnectionStateOf(uint64_t client_id, uint32_t handle,
                                          ConnectionState& state) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   state = target->owner == 0           ? ConnectionState::kAvailable
@@ -904,7 +904,7 @@ Status TargetRegistry::QueryProtocolInUse(uint32_t handle, uint32_t protocol, bo
 
 Status TargetRegistry::ProtocolsHeldBy(uint64_t client_id, uint32_t handle,
                                        U32List& protocols) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   protocols.clear();
@@ -916,7 +916,7 @@ Status TargetRegistry::ProtocolsHeldBy(uint64_t client_id, uint32_t handle,
 
 Status TargetRegistry::ProtocolInfo(uint64_t client_id, uint32_t handle, uint32_t protocol,
                                     NameValueList& info) const {
-  std::lock_guard lock(mutex_);
+  std::shared_lock lock(mutex_);
   TargetPtr target;
   if (Status status = Lookup(handle, target); !status.ok()) return status;
   if (Status status = Reachable(*target); !status.ok()) return status;
