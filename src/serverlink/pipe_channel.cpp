@@ -43,6 +43,8 @@ bool PipeChannel::Open(std::u16string_view name, uint32_t timeout_ms) {
 
 void PipeChannel::Adopt(std::unique_ptr<platform::Pipe> pipe) {
   pipe_ = std::move(pipe);
+  // A stop ends the pipe for the channel anyway, so its reads may wait inside the read call.
+  if (pipe_) pipe_->WaitInsideReads();
   staged_begin_ = staged_end_ = 0;
   rest_.Start(0);
   lost_ = platform::IoResult::kOk;

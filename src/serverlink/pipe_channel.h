@@ -5,9 +5,10 @@
 //   reader:   ReadFrame (read lock, one frame into the input buffer) ... ReleaseRead
 //
 // The two directions never share a lock, so a request can be written while a frame is being
-// read. Stop ends every wait of the channel: for the locks, for the pipe, for the peer. The one
-// owner closes the pipe, once, after the reader has finished (a descriptor number is reused at
-// once on POSIX).
+// read. Stop ends every wait of the channel: for the locks, for the pipe, for the peer; a read
+// waiting inside the system's read call is woken by shutting the pipe's reading down, so the
+// pipe is done with until the next Open or Adopt. The one owner closes the pipe, once, after the
+// reader has finished (a descriptor number is reused at once on POSIX).
 
 #include <array>
 #include <atomic>

@@ -195,6 +195,10 @@ TEST_F(PipeTest, StopEndsBlockedOperationsAndWhatTheyBlockedServesOn) {
   std::unique_ptr<Pipe> accepted;
   std::unique_ptr<Pipe> unblocker;
   uint32_t error = 0;
+  std::unique_ptr<Pipe> waits_inside;  // a second pair, whose client reads wait inside recv
+  std::unique_ptr<Pipe> waits_inside_peer;
+  ASSERT_NO_FATAL_FAILURE(ConnectTo(*listener_, name_, waits_inside, waits_inside_peer));
+  waits_inside->WaitInsideReads();
   const struct {
     const char* name;
     std::function<IoResult()> operation;
@@ -219,6 +223,14 @@ TEST_F(PipeTest, StopEndsBlockedOperationsAndWhatTheyBlockedServesOn) {
        }},
       // A write that cannot finish because nobody reads.
       {"write", [&] { return Send(*client_, flood, stop_); }, [&] { server_->Close(); }, [] {}},
+      {"read waiting inside recv",
+       [&] { return waits_inside->ReadExact(buffer, sizeof(buffer), stop_); },
+       [&] { waits_inside_peer->Close(); },
+       [&] {
+#ifndef _WIN32  // The stop shut the reading down: the pipe is done with.
+         EXPECT_EQ(waits_inside->ReadExact(buffer, 1, stop_), IoResult::kBrokenPipe);
+#endif
+       }},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);

@@ -172,6 +172,10 @@ bool StopSignal::IsValid() const noexcept {
 void StopSignal::Set() noexcept {
   if (handle_ < 0) return;
   set_.store(true, std::memory_order_release);
+  {
+    std::lock_guard lock(blocking_mutex_);
+    if (blocking_fd_ >= 0) shutdown(blocking_fd_, SHUT_RD);
+  }
   const uint64_t one = 1;
   // EAGAIN means the counter is all but full: it is set anyway.
   while (write(handle_, &one, sizeof(one)) < 0 && errno == EINTR) {
@@ -189,6 +193,19 @@ void StopSignal::Reset() noexcept {
 
 bool StopSignal::IsSet() const noexcept {
   return handle_ >= 0 && set_.load(std::memory_order_acquire);
+}
+
+bool StopSignal::BeginBlockingRead(int fd) const noexcept {
+  std::lock_guard lock(blocking_mutex_);
+  // Checked again under the lock: a Set before it is seen here, a Set after it finds the fd.
+  if (set_.load(std::memory_order_acquire)) return false;
+  blocking_fd_ = fd;
+  return true;
+}
+
+void StopSignal::EndBlockingRead() const noexcept {
+  std::lock_guard lock(blocking_mutex_);
+  blocking_fd_ = -1;
 }
 
 // --- Pipe ---
@@ -212,6 +229,14 @@ void Pipe::Close() noexcept {
 
 bool Pipe::IsOpen() const noexcept {
   return handle_ >= 0;
+}
+
+void Pipe::WaitInsideReads() noexcept {
+  if (handle_ < 0 || reads_block_) return;
+  // Writes stay non-blocking through MSG_DONTWAIT; only recv waits.
+  const int flags = fcntl(handle_, F_GETFL);
+  if (flags < 0 || fcntl(handle_, F_SETFL, flags & ~O_NONBLOCK) != 0) return;
+  reads_block_ = true;
 }
 
 IoResult Pipe::Connect(std::u16string_view name, uint32_t timeout_ms, std::unique_ptr<Pipe>& out,
@@ -289,7 +314,7 @@ IoResult Pipe::Write(std::span<const std::span<const uint8_t>> parts,
     msghdr message{};
     message.msg_iov = vectors;
     message.msg_iovlen = count;
-    const ssize_t sent = sendmsg(handle_, &message, MSG_NOSIGNAL);
+    const ssize_t sent = sendmsg(handle_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent < 0) {
       const int code = errno;
       if (code == EINTR) continue;
@@ -340,6 +365,7 @@ IoResult Pipe::ReadSome(void* dest, size_t size, size_t& got, const StopSignal& 
     return start;
   }
   if (size == 0) return IoResult::kOk;
+  if (reads_block_) return ReadBlocking(dest, size, got, stop);
   for (;;) {
     if (read_waits_) {
       const IoResult waited = WaitFor(handle_, POLLIN, stop, error);
@@ -369,6 +395,25 @@ IoResult Pipe::ReadSome(void* dest, size_t size, size_t& got, const StopSignal& 
     Fail(static_cast<uint32_t>(code));
     return IsBrokenPipeErrno(code) ? IoResult::kBrokenPipe : IoResult::kFailed;
   }
+}
+
+IoResult Pipe::ReadBlocking(void* dest, size_t size, size_t& got, const StopSignal& stop) noexcept {
+  if (!stop.BeginBlockingRead(handle_)) return IoResult::kStopped;
+  ssize_t n;
+  do {
+    n = recv(handle_, dest, size, 0);
+  } while (n < 0 && errno == EINTR);
+  const int code = errno;
+  stop.EndBlockingRead();
+  if (n > 0) {
+    got = static_cast<size_t>(n);
+    return IoResult::kOk;
+  }
+  // The stop shut the reading down; otherwise the peer closed.
+  if (n == 0 && stop.IsSet()) return IoResult::kStopped;
+  const uint32_t error = n == 0 ? EPIPE : static_cast<uint32_t>(code);
+  Fail(error);
+  return n == 0 || IsBrokenPipeErrno(code) ? IoResult::kBrokenPipe : IoResult::kFailed;
 }
 
 IoResult Pipe::WaitReadable(const StopSignal& stop, bool wait) noexcept {

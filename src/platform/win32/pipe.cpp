@@ -334,6 +334,8 @@ IoResult Pipe::ReadSome(void* dest, size_t size, size_t& got, const StopSignal& 
   }
 }
 
+void Pipe::WaitInsideReads() noexcept {}
+
 IoResult Pipe::WaitReadable(const StopSignal& stop, bool wait) noexcept {
   uint32_t error = 0;
   const IoResult start = CheckStart(handle_, stop, error);
