@@ -2,7 +2,8 @@
 //
 // Windows: named pipes opened overlapped, each wait on WaitForMultipleObjects over the I/O's
 // event and the stop event. POSIX: non-blocking, close-on-exec Unix-domain stream sockets in the
-// user's runtime directory, each wait a poll() over the socket and the stop signal's eventfd.
+// user's runtime directory, each wait a poll() over the socket and the stop signal's eventfd
+// (or, for a pipe that asks, a read's wait inside recv, which a stop ends by shutdown).
 // Framing, locking and logging belong to the channel above; this layer moves bytes and says,
 // as one IoResult, how an operation ended.
 #ifndef VEKX_PLATFORM_PIPE_H_
