@@ -110,6 +110,20 @@ class Pipe {
   /// unknown prefix of the bytes may have been sent.
   IoResult Write(std::span<const std::span<const uint8_t>> parts, const StopSignal& stop) noexcept;
 
+  /// Write, with the parts marked nonzero in `lendable` (and of kLendFrom bytes or more) lent
+  /// rather than copied where the system allows: Linux hands their pages to the socket by
+  /// reference (vmsplice into a relay pipe, splice into the socket), and the peer reads them from
+  /// where they lie. The caller then leaves those bytes unchanged until UnreadByPeer() has come
+  /// to 0. A splice never waits for room: each takes only what the socket has room for, so that a
+  /// stop still ends the wait. Where the system refuses, and on Windows, the parts are copied.
+  IoResult Write(std::span<const std::span<const uint8_t>> parts, std::span<const uint8_t> lendable,
+                 const StopSignal& stop) noexcept;
+  /// Below this, copying a part costs less than lending its pages.
+  static constexpr size_t kLendFrom = 256 * 1024;
+  /// Bytes written at this end that the peer has not read yet; 0 on Windows, where a write
+  /// copies, and when the system cannot tell.
+  size_t UnreadByPeer() const noexcept;
+
   /// Reads at least one and at most `size` bytes into `dest` and sets `got` to the count (0 on
   /// anything but kOk, and for size 0). kBrokenPipe when the peer has closed and nothing is
   /// left to read.
@@ -160,6 +174,10 @@ class Pipe {
 #ifndef _WIN32
   // ReadSome of a pipe whose reads wait inside recv.
   IoResult ReadBlocking(void* dest, size_t size, size_t& got, const StopSignal& stop) noexcept;
+  // The parts copied into the socket, and one part's pages lent to it.
+  IoResult SendCopies(std::span<const std::span<const uint8_t>> parts,
+                      const StopSignal& stop) noexcept;
+  IoResult SendLent(std::span<const uint8_t> part, const StopSignal& stop) noexcept;
 #endif
   void Fail(uint32_t error) noexcept {
     last_error_.store(error, std::memory_order_relaxed);
@@ -176,6 +194,7 @@ class Pipe {
   // again. Only the one reader of the moment uses it.
   bool read_waits_ = false;
   bool reads_block_ = false;  // see WaitInsideReads
+  int send_buffer_ = 0;       // the socket's send buffer in bytes, as the system granted it
 #endif
   std::atomic<uint32_t> last_error_{0};
 };

@@ -178,6 +178,31 @@ TEST_F(PipeTest, GatheredPartsArriveInOrderAndWhole) {
   expected_reply.insert(expected_reply.end(), header.begin(), header.end());
   EXPECT_EQ(echoed, expected_reply);
 
+  // Large parts marked lendable go out between copied ones, whole and in order, however slowly
+  // the peer reads; until it has read them, the writer's end counts them as unread.
+  const Bytes lent_large = Pattern(8 << 20, 3);
+  const Bytes lent_least = Pattern(Pipe::kLendFrom, 4);
+  const std::array<std::span<const uint8_t>, 5> mixed = {header, lent_large, body, lent_least,
+                                                         tail};
+  const std::array<uint8_t, 5> lendable = {0, 1, 1, 1, 0};  // body is too small to lend
+  std::future<IoResult> written =
+      std::async(std::launch::async, [&] { return client_->Write(mixed, lendable, stop_); });
+  LetItBlock();
+#ifdef __linux__
+  EXPECT_GT(client_->UnreadByPeer(), 0u);
+#endif
+  Bytes expected_mixed;
+  for (std::span<const uint8_t> part : mixed)
+    expected_mixed.insert(expected_mixed.end(), part.begin(), part.end());
+  Bytes arrived(expected_mixed.size());
+  for (size_t at = 0, got = 0; at < arrived.size(); at += got)
+    ASSERT_EQ(server_->ReadSome(arrived.data() + at, std::min<size_t>(arrived.size() - at, 65536),
+                                got, stop_),
+              IoResult::kOk);
+  EXPECT_EQ(Await(written, [&] { server_->Close(); }), IoResult::kOk);
+  EXPECT_TRUE(arrived == expected_mixed);
+  EXPECT_EQ(client_->UnreadByPeer(), 0u);
+
   // Nothing to write is no write at all, and asking for nothing reads nothing.
   EXPECT_EQ(client_->Write({}, stop_), IoResult::kOk);
   size_t got = 99;
@@ -199,6 +224,11 @@ TEST_F(PipeTest, StopEndsBlockedOperationsAndWhatTheyBlockedServesOn) {
   std::unique_ptr<Pipe> waits_inside_peer;
   ASSERT_NO_FATAL_FAILURE(ConnectTo(*listener_, name_, waits_inside, waits_inside_peer));
   waits_inside->WaitInsideReads();
+  std::unique_ptr<Pipe> lender;  // a third, for a write that lends its pages
+  std::unique_ptr<Pipe> lender_peer;
+  ASSERT_NO_FATAL_FAILURE(ConnectTo(*listener_, name_, lender, lender_peer));
+  const std::span<const uint8_t> flood_part = flood;
+  const uint8_t lend = 1;
   const struct {
     const char* name;
     std::function<IoResult()> operation;
@@ -223,6 +253,11 @@ TEST_F(PipeTest, StopEndsBlockedOperationsAndWhatTheyBlockedServesOn) {
        }},
       // A write that cannot finish because nobody reads.
       {"write", [&] { return Send(*client_, flood, stop_); }, [&] { server_->Close(); }, [] {}},
+      {"lent write",
+       [&] {
+         return lender->Write({&flood_part, 1}, {&lend, 1}, stop_);
+       },
+       [&] { lender_peer->Close(); }, [] {}},
       {"read waiting inside recv",
        [&] { return waits_inside->ReadExact(buffer, sizeof(buffer), stop_); },
        [&] { waits_inside_peer->Close(); },

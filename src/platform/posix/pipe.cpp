@@ -6,12 +6,17 @@
 #include <poll.h>
 #include <pwd.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
+
+#ifdef __linux__
+#include <linux/sockios.h>
+#endif
 
 #include <algorithm>
 #include <chrono>
@@ -214,6 +219,9 @@ Pipe::Pipe(NativeHandle handle) noexcept : handle_(handle) {
   // Best effort: a pipe with the default buffer works, only slower for large answers.
   int bytes = kSendBufferBytes;
   setsockopt(handle_, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+  // What the system granted, for the splices of lent pages, which must not wait for room.
+  socklen_t length = sizeof(send_buffer_);
+  if (getsockopt(handle_, SOL_SOCKET, SO_SNDBUF, &send_buffer_, &length) != 0) send_buffer_ = 0;
 }
 
 Pipe::~Pipe() {
@@ -289,12 +297,42 @@ IoResult Pipe::Connect(std::u16string_view name, uint32_t timeout_ms, std::uniqu
 
 IoResult Pipe::Write(std::span<const std::span<const uint8_t>> parts,
                      const StopSignal& stop) noexcept {
+  return Write(parts, {}, stop);
+}
+
+IoResult Pipe::Write(std::span<const std::span<const uint8_t>> parts,
+                     std::span<const uint8_t> lendable, const StopSignal& stop) noexcept {
   uint32_t error = 0;
   IoResult start = CheckStart(handle_, stop, error);
   if (start != IoResult::kOk) {
     if (start == IoResult::kFailed) Fail(error);
     return start;
   }
+  auto lent = [&](size_t i) {
+    return i < lendable.size() && lendable[i] != 0 && parts[i].size() >= kLendFrom;
+  };
+  // Runs of copied parts go out gathered, each lent part on its own between them.
+  for (size_t from = 0; from < parts.size();) {
+    size_t to = from;
+    while (to < parts.size() && !lent(to))
+      ++to;
+    if (to > from) {
+      const IoResult copied = SendCopies(parts.subspan(from, to - from), stop);
+      if (copied != IoResult::kOk) return copied;
+    }
+    if (to < parts.size()) {
+      const IoResult sent = SendLent(parts[to], stop);
+      if (sent != IoResult::kOk) return sent;
+      ++to;
+    }
+    from = to;
+  }
+  return IoResult::kOk;
+}
+
+IoResult Pipe::SendCopies(std::span<const std::span<const uint8_t>> parts,
+                          const StopSignal& stop) noexcept {
+  uint32_t error = 0;
   size_t next_part = 0;
   size_t offset = 0;  // bytes of parts[next_part] already sent
   for (;;) {
@@ -354,6 +392,133 @@ IoResult Pipe::Write(std::span<const std::span<const uint8_t>> parts,
       if (waited != IoResult::kOk) return waited;
     }
   }
+}
+
+// --- Lending pages to the socket ---
+
+namespace {
+
+#ifdef __linux__
+// The kernel pipe a thread's lent pages pass through on their way into a socket: vmsplice takes
+// references to the pages into it, splice moves them on into the socket. One per writing thread,
+// so that writers on different pipes never wait for each other; empty between writes.
+class SpliceRelay {
+ public:
+  ~SpliceRelay() { Reset(); }
+  // Opens the relay when it is not open; false when the system gives no pipe.
+  bool Ready() noexcept {
+    if (read_ >= 0) return true;
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) return false;
+    read_ = ends[0];
+    write_ = ends[1];
+    // A larger relay takes a 1 MiB answer in one pass; the default of 64 KiB works, in more.
+    fcntl(write_, F_SETPIPE_SZ, kWantedCapacity);
+    const int capacity = fcntl(write_, F_GETPIPE_SZ);
+    capacity_ = capacity > 0 ? static_cast<size_t>(capacity) : 64 * 1024;
+    return true;
+  }
+  // Closes the relay, dropping whatever pages it still holds (after a failed or stopped write).
+  void Reset() noexcept {
+    if (read_ >= 0) close(read_);
+    if (write_ >= 0) close(write_);
+    read_ = write_ = -1;
+  }
+  int read_end() const noexcept { return read_; }
+  int write_end() const noexcept { return write_; }
+  size_t capacity() const noexcept { return capacity_; }
+
+ private:
+  static constexpr int kWantedCapacity = 1 << 20;
+  int read_ = -1;
+  int write_ = -1;
+  size_t capacity_ = 0;
+};
+
+thread_local SpliceRelay tls_relay;
+
+// What the socket `fd`, with a send buffer of `buffer` bytes, can take now without a send
+// waiting for room, or 0 when it cannot tell: half of what is free, since the socket charges a
+// little more than the bytes for each of its buffers.
+size_t RoomInSocket(int fd, int buffer) noexcept {
+  int queued = 0;
+  if (ioctl(fd, SIOCOUTQ, &queued) != 0 || queued < 0 || queued >= buffer) return 0;
+  return static_cast<size_t>(buffer - queued) / 2;
+}
+#endif
+
+}  // namespace
+
+size_t Pipe::UnreadByPeer() const noexcept {
+#ifdef __linux__
+  int queued = 0;
+  if (handle_ < 0 || ioctl(handle_, SIOCOUTQ, &queued) != 0 || queued < 0) return 0;
+  return static_cast<size_t>(queued);
+#else
+  return 0;
+#endif
+}
+
+IoResult Pipe::SendLent(std::span<const uint8_t> part, const StopSignal& stop) noexcept {
+#ifdef __linux__
+  SpliceRelay& relay = tls_relay;
+  if (!relay.Ready()) return SendCopies({&part, 1}, stop);
+  size_t lent = 0;  // bytes handed to the relay
+  size_t sent = 0;  // bytes moved on into the socket
+  // Ends the write with `result`; the relay is emptied when it still holds pages.
+  auto end = [&](IoResult result, uint32_t error) {
+    if (lent != sent) relay.Reset();
+    if (result == IoResult::kFailed || result == IoResult::kBrokenPipe) Fail(error);
+    return result;
+  };
+  while (sent < part.size()) {
+    if (lent == sent) {
+      iovec pages{const_cast<uint8_t*>(part.data() + lent),
+                  std::min(part.size() - lent, relay.capacity())};
+      const ssize_t n = vmsplice(relay.write_end(), &pages, 1, SPLICE_F_NONBLOCK);
+      if (n <= 0) {
+        if (n < 0 && errno == EINTR) continue;
+        // Pages the system will not lend go out as copies.
+        const std::span<const uint8_t> rest = part.subspan(sent);
+        return SendCopies({&rest, 1}, stop);
+      }
+      lent += static_cast<size_t>(n);
+    }
+    const size_t room = RoomInSocket(handle_, send_buffer_);
+    if (room < kLendFrom / 4) {
+      uint32_t error = 0;
+      const IoResult waited = WaitFor(handle_, POLLOUT, stop, error);
+      if (waited != IoResult::kOk) return end(waited, error);
+      if (stop.IsSet()) return end(IoResult::kStopped, 0);
+      if (RoomInSocket(handle_, send_buffer_) < kLendFrom / 4) {
+        // Writable, yet no room the splice could count on: the socket's own reckoning differs
+        // from ours. The rest goes out as copies, which wait for room themselves.
+        if (lent != sent) relay.Reset();
+        const std::span<const uint8_t> rest = part.subspan(sent);
+        return SendCopies({&rest, 1}, stop);
+      }
+      continue;
+    }
+    const ssize_t n = splice(relay.read_end(), nullptr, handle_, nullptr,
+                             std::min(lent - sent, room), SPLICE_F_NONBLOCK | SPLICE_F_MORE);
+    if (n > 0) {
+      sent += static_cast<size_t>(n);
+      continue;
+    }
+    const int code = n == 0 ? EPIPE : errno;
+    if (code == EINTR || code == EAGAIN) continue;
+    if (IsBrokenPipeErrno(code)) return end(IoResult::kBrokenPipe, static_cast<uint32_t>(code));
+    if (sent == 0 && (code == EINVAL || code == ENOSYS)) {
+      // This socket takes no spliced pages: the whole part goes out as copies.
+      relay.Reset();
+      return SendCopies({&part, 1}, stop);
+    }
+    return end(IoResult::kFailed, static_cast<uint32_t>(code));
+  }
+  return IoResult::kOk;
+#else
+  return SendCopies({&part, 1}, stop);
+#endif
 }
 
 IoResult Pipe::ReadSome(void* dest, size_t size, size_t& got, const StopSignal& stop) noexcept {
