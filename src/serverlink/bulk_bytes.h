@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "serverlink/lendable_pages.h"
 #include "serverlink/message_buffer.h"
 #include "serverlink/wire_fields.h"
 
@@ -37,14 +38,17 @@ class BulkBytes {
   BulkBytes() = default;
   // Owns `bytes`. Throws std::bad_alloc like the vector it keeps.
   explicit BulkBytes(std::vector<uint8_t> bytes);
-  // Refers to `bytes`, which `keeper` keeps alive.
-  BulkBytes(std::span<const uint8_t> bytes, std::shared_ptr<const void> keeper) noexcept
-      : keeper_(std::move(keeper)), data_(bytes.data()), size_(bytes.size()) {}
+  // Refers to `bytes`, which `keeper` keeps alive; `lendable`, when given, lets a pipe lend their
+  // pages rather than copy them (its owner is `keeper`).
+  BulkBytes(std::span<const uint8_t> bytes, std::shared_ptr<const void> keeper,
+            LendablePages* lendable = nullptr) noexcept
+      : keeper_(std::move(keeper)), data_(bytes.data()), size_(bytes.size()), lendable_(lendable) {}
 
   std::span<const uint8_t> bytes() const noexcept { return {data_, size_}; }
   const uint8_t* data() const noexcept { return data_; }
   size_t size() const noexcept { return size_; }
   const std::shared_ptr<const void>& keeper() const noexcept { return keeper_; }
+  LendablePages* lendable() const noexcept { return lendable_; }
   // Whether the bytes arrived in `landing` rather than in a buffer of their own.
   bool LandedIn(const BulkLanding& landing) const noexcept {
     return size_ != 0 && keeper_.get() == static_cast<const void*>(&landing);
@@ -60,6 +64,7 @@ class BulkBytes {
   std::shared_ptr<const void> keeper_;
   const uint8_t* data_ = nullptr;
   size_t size_ = 0;
+  LendablePages* lendable_ = nullptr;
 };
 
 template <>
@@ -69,7 +74,7 @@ struct WireCodec<BulkBytes> {
   static bool Write(MessageBuffer& buffer, const BulkBytes& value) {
     if (value.size() > UINT32_MAX) return false;
     return WriteField(buffer, static_cast<uint32_t>(value.size())) &&
-           buffer.Refer(value.data(), value.size(), value.keeper());
+           buffer.Refer(value.data(), value.size(), value.keeper(), value.lendable());
   }
 
   static bool Read(MessageBuffer& buffer, BulkBytes& value);

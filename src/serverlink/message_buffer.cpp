@@ -127,10 +127,10 @@ bool MessageBuffer::Pull(size_t size) {
 }
 
 bool MessageBuffer::Refer(const uint8_t* data, size_t size,
-                          const std::shared_ptr<const void>& keeper) {
+                          const std::shared_ptr<const void>& keeper, LendablePages* lendable) {
   if (!gather_ || size < kMinReferencedRun || keeper == nullptr) return Write(data, size);
   try {
-    references_.push_back({write_, data, size, keeper});
+    references_.push_back({write_, data, size, keeper, lendable});
     return true;
   } catch (const std::bad_alloc&) {
     return Write(data, size);

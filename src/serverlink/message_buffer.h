@@ -24,6 +24,7 @@
 namespace qv {
 
 class BulkLanding;
+class LendablePages;
 
 class MessageBuffer {
  public:
@@ -33,12 +34,14 @@ class MessageBuffer {
   static constexpr size_t kMinReferencedRun = 16 * 1024;
 
   // A run of bytes that a body sends from where it lies, after the buffer's bytes before
-  // `offset` (from the base). `keeper` keeps the bytes alive until the body has gone.
+  // `offset` (from the base). `keeper` keeps the bytes alive until the body has gone;
+  // `lendable`, when set, lets the pipe lend their pages (lendable_pages.h).
   struct Reference {
     size_t offset = 0;
     const uint8_t* data = nullptr;
     size_t size = 0;
     std::shared_ptr<const void> keeper;
+    LendablePages* lendable = nullptr;
   };
 
   // The rest of a body that is still arriving. Unread counts the bytes not yet handed over.
@@ -113,7 +116,8 @@ class MessageBuffer {
   void GatherLargeRuns() { gather_ = true; }
   // Appends `size` bytes: as a Reference when this buffer gathers and the run is long enough
   // (`keeper` then keeps it alive), else copied.
-  bool Refer(const uint8_t* data, size_t size, const std::shared_ptr<const void>& keeper);
+  bool Refer(const uint8_t* data, size_t size, const std::shared_ptr<const void>& keeper,
+             LendablePages* lendable = nullptr);
   // The runs referred to, in order of offset.
   const std::vector<Reference>& References() const { return references_; }
   // What goes out as the body: the readable bytes and every run referred to.

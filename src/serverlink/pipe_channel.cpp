@@ -114,18 +114,24 @@ PipeChannel::WriteStatus PipeChannel::WriteFrame(std::span<const uint8_t> body) 
 namespace {
 
 // Appends the parts of one frame: its header, then the buffer's bytes between the runs it refers
-// to and the runs from where they lie.
+// to and the runs from where they lie; `lendable` gets a flag per part, set for a run whose pages
+// may be lent.
 void AppendFrameParts(const MessageBuffer& body, std::span<const uint8_t> header,
-                      std::vector<std::span<const uint8_t>>& parts) {
+                      std::vector<std::span<const uint8_t>>& parts,
+                      std::vector<uint8_t>& lendable) {
   parts.push_back(header);
+  lendable.push_back(0);
   const uint8_t* data = body.Data();
   size_t at = body.ReadOffset();
   for (const MessageBuffer::Reference& reference : body.References()) {
     parts.emplace_back(data + (at - body.ReadOffset()), reference.offset - at);
     parts.emplace_back(reference.data, reference.size);
+    lendable.push_back(0);
+    lendable.push_back(reference.lendable != nullptr);
     at = reference.offset;
   }
   parts.emplace_back(data + (at - body.ReadOffset()), body.WriteOffset() - at);
+  lendable.push_back(0);
 }
 
 }  // namespace
@@ -147,16 +153,22 @@ PipeChannel::WriteStatus PipeChannel::WriteFrames(std::span<const MessageBuffer*
   if (!write_lock_.Lock()) return WriteStatus::kStopped;
   WriteStatus status = WriteStatus::kFailed;
   try {
+    ReclaimLent();
     // Reserved first: the parts point into the headers.
     gather_headers_.clear();
     gather_headers_.reserve(bodies.size());
     gather_parts_.clear();
     gather_parts_.reserve(part_count);
+    gather_lendable_.clear();
+    gather_lendable_.reserve(part_count);
     for (const MessageBuffer* body : bodies) {
       gather_headers_.push_back(EncodeFrameHeader(static_cast<uint32_t>(body->BodySize())));
-      AppendFrameParts(*body, gather_headers_.back(), gather_parts_);
+      AppendFrameParts(*body, gather_headers_.back(), gather_parts_, gather_lendable_);
     }
-    status = WriteParts(gather_parts_);
+    // Held before the write: whatever part of them goes out, the peer may still read it.
+    const bool lends = HoldLent(bodies);
+    status = WriteParts(gather_parts_, gather_lendable_);
+    if (lends) MarkLentSent();
   } catch (const std::exception&) {
     status = WriteStatus::kFailed;
   }
@@ -173,9 +185,46 @@ PipeChannel::WriteStatus PipeChannel::WriteBody(std::span<std::span<const uint8_
   return WriteParts(parts);
 }
 
-PipeChannel::WriteStatus PipeChannel::WriteParts(std::span<const std::span<const uint8_t>> parts) {
+bool PipeChannel::HoldLent(std::span<const MessageBuffer* const> bodies) {
+  const bool any = std::any_of(bodies.begin(), bodies.end(), [](const MessageBuffer* body) {
+    return std::any_of(body->References().begin(), body->References().end(),
+                       [](const MessageBuffer::Reference& run) { return run.lendable != nullptr; });
+  });
+  if (!any) return false;
+  std::lock_guard lock(lent_mutex_);
+  for (const MessageBuffer* body : bodies) {
+    for (const MessageBuffer::Reference& reference : body->References()) {
+      if (reference.lendable != nullptr)
+        lent_.push_back({reference.keeper, reference.lendable, false});
+    }
+  }
+  has_lent_.store(true, std::memory_order_relaxed);
+  return true;
+}
+
+void PipeChannel::MarkLentSent() {
+  std::lock_guard lock(lent_mutex_);
+  for (LentBytes& bytes : lent_)
+    bytes.sent = true;
+}
+
+void PipeChannel::ReclaimLent() {
+  if (!has_lent_.load(std::memory_order_relaxed)) return;
+  std::lock_guard lock(lent_mutex_);
+  // Only runs whose write had ended before the socket was found empty: a reader may get here
+  // while a writer is still lending, and what it lends now the peer has not read.
+  if (pipe_ == nullptr || pipe_->UnreadByPeer() != 0) return;
+  std::erase_if(lent_, [](const LentBytes& bytes) {
+    if (bytes.sent) bytes.pages->Reclaimed();
+    return bytes.sent;
+  });
+  has_lent_.store(!lent_.empty(), std::memory_order_relaxed);
+}
+
+PipeChannel::WriteStatus PipeChannel::WriteParts(std::span<const std::span<const uint8_t>> parts,
+                                                 std::span<const uint8_t> lendable) {
   if (pipe_ == nullptr) return WriteStatus::kFailed;
-  switch (pipe_->Write(parts, stop_)) {
+  switch (pipe_->Write(parts, lendable, stop_)) {
     case platform::IoResult::kOk:
       return WriteStatus::kWritten;
     case platform::IoResult::kStopped:
@@ -269,6 +318,8 @@ PipeChannel::ReadStatus PipeChannel::ReadFrame() {
         return fail(ReadStatus::kStopped);
       }
       frame_since_ = std::chrono::steady_clock::now().time_since_epoch().count();
+      // A new request: a peer that waited for its answers has read them all by now.
+      ReclaimLent();
       result = ReadBody(body_length);
     }
   }
@@ -323,7 +374,14 @@ void PipeChannel::Close() {
   // soon, and the pipe goes once it has.
   Stop();
   write_lock_.LockEvenIfStopped();
-  pipe_.reset();
+  // What the peer has not read yet it may still read: such bytes are let go unreclaimed.
+  ReclaimLent();
+  {
+    std::lock_guard lock(lent_mutex_);
+    lent_.clear();
+    has_lent_.store(false, std::memory_order_relaxed);
+    pipe_.reset();  // under the lock too: a reader may be reclaiming
+  }
   write_lock_.Unlock();
 }
 

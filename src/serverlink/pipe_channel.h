@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <span>
 #include <string>
 #include <string_view>
@@ -23,6 +24,7 @@
 
 #include "platform/pipe.h"
 #include "serverlink/frame.h"
+#include "serverlink/lendable_pages.h"
 #include "serverlink/message_buffer.h"
 #include "serverlink/stoppable_lock.h"
 
@@ -131,8 +133,16 @@ class PipeChannel {
   // Writes one frame of `size` body bytes in `parts`, whose first part it fills with the frame
   // header; the caller holds the write lock.
   WriteStatus WriteBody(std::span<std::span<const uint8_t>> parts, size_t size);
-  // Writes `parts`, which hold whole frames, and logs a failure; the caller holds the write lock.
-  WriteStatus WriteParts(std::span<const std::span<const uint8_t>> parts);
+  // Writes `parts`, which hold whole frames, lending the pages of those marked in `lendable`, and
+  // logs a failure; the caller holds the write lock.
+  WriteStatus WriteParts(std::span<const std::span<const uint8_t>> parts,
+                         std::span<const uint8_t> lendable = {});
+  // Keeps the lendable runs of `bodies` until the peer has read them (false when there are
+  // none); MarkLentSent says their write has ended, and ReclaimLent then hands them back once the
+  // pipe holds nothing the peer has not read.
+  bool HoldLent(std::span<const MessageBuffer* const> bodies);
+  void MarkLentSent();
+  void ReclaimLent();
   // Exactly `size` bytes through the staging buffer (or straight into `dest` when large).
   platform::IoResult ReadExact(uint8_t* dest, size_t size);
   // Reads the body of `size` bytes into the input buffer, whole or in part.
@@ -146,6 +156,17 @@ class PipeChannel {
   // WriteFrames' headers and parts, kept from one batch to the next; guarded by write_lock_.
   std::vector<std::array<uint8_t, kFrameHeaderBytes>> gather_headers_;
   std::vector<std::span<const uint8_t>> gather_parts_;
+  std::vector<uint8_t> gather_lendable_;
+  // Runs whose pages were lent and may still be read by the peer: their keepers, so that the
+  // memory is not reused meanwhile. Any thread that writes or reads frames may reclaim them.
+  struct LentBytes {
+    std::shared_ptr<const void> keeper;
+    LendablePages* pages;
+    bool sent;  // the write that lent them has ended
+  };
+  std::mutex lent_mutex_;
+  std::vector<LentBytes> lent_;  // guarded by lent_mutex_
+  std::atomic<bool> has_lent_{false};
   MessageBuffer input_;  // guarded by read_lock_
   // Bytes read from the pipe ahead of the frame being taken apart; guarded by read_lock_.
   std::vector<uint8_t> staging_;
