@@ -17,17 +17,21 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iterator>
 #include <sstream>
 
+#include "platform/pipe.h"
 #include "platform/wide_string.h"
 #include "server/debug/core/core_records.h"
 #include "server/debug/local/core_file.h"
 #include "server/debug/local/hardware_slots.h"
+#include "server/debug/local/page_block.h"
 #include "server/debug/local/proc_files.h"
 #include "server/debug/local/process_modules.h"
 #include "server/debug/stop_reasons.h"
 #include "server/kits/scenario.h"
+#include "support/test_environment.h"
 
 namespace qv::server {
 namespace {
@@ -405,6 +409,47 @@ TEST_F(CoreFiles, TheWriterRefusesOrRemovesWhatItCannotFinish) {
   std::string text;
   std::getline(kept, text);
   EXPECT_EQ(text, "keep me");
+}
+
+// Pages lent to a socket are read by the peer from where they lie: a block let go before the
+// peer has read them must not be handed out again, and a reclaimed one is.
+TEST(LocalPageBlocks, ALentBlockIsReusedOnlyOnceReclaimed) {
+  testing::TempDir runtime;
+  testing::ScopedVariable runtime_dir("XDG_RUNTIME_DIR", runtime.runtime_dir());
+  const std::u16string name = testing::UniqueUser("qv_page_block_");
+  std::unique_ptr<platform::PipeListener> listener;
+  std::unique_ptr<platform::Pipe> writer, reader;
+  uint32_t error = 0;
+  ASSERT_EQ(platform::PipeListener::Create(name, listener, error), platform::IoResult::kOk);
+  platform::StopSignal stop;
+  std::future<platform::IoResult> accepted =
+      std::async(std::launch::async, [&] { return listener->Accept(reader, stop); });
+  ASSERT_EQ(platform::Pipe::Connect(name, 30000, writer, error), platform::IoResult::kOk);
+  ASSERT_EQ(accepted.get(), platform::IoResult::kOk);
+
+  const size_t size = platform::Pipe::kLendFrom;
+  std::shared_ptr<PageBlock> first = PageBlock::Take(size);
+  ASSERT_NE(first, nullptr);
+  std::memset(first->data(), 0xa1, size);
+  const std::span<const uint8_t> part(first->data(), size);
+  const uint8_t lendable = 1;
+  ASSERT_EQ(writer->Write({&part, 1}, {&lendable, 1}, stop), platform::IoResult::kOk);
+  first.reset();  // not reclaimed: the socket may still hold its pages
+  std::shared_ptr<PageBlock> second = PageBlock::Take(size);
+  ASSERT_NE(second, nullptr);
+  std::memset(second->data(), 0xb2, size);
+
+  std::vector<uint8_t> arrived(size);
+  ASSERT_EQ(reader->ReadExact(arrived.data(), size, stop), platform::IoResult::kOk);
+  EXPECT_EQ(std::count(arrived.begin(), arrived.end(), 0xa1), static_cast<ptrdiff_t>(size))
+      << "the peer read pages written after they were lent";
+
+  second->Reclaimed();
+  const uint8_t* const second_data = second->data();
+  second.reset();
+  std::shared_ptr<PageBlock> third = PageBlock::Take(size);
+  ASSERT_NE(third, nullptr);
+  EXPECT_EQ(third->data(), second_data) << "a reclaimed block goes back to the pool";
 }
 
 }  // namespace

@@ -13,11 +13,13 @@
 #include <fstream>
 #include <memory>
 
+#include "platform/pipe.h"
 #include "platform/wide_string.h"
 #include "requests/notifications.h"
 #include "server/debug/local/core_file.h"
 #include "server/debug/local/hardware_slots.h"
 #include "server/debug/local/linker_hook.h"
+#include "server/debug/local/page_block.h"
 #include "server/debug/local/proc_files.h"
 #include "server/debug/local/process_info.h"
 #include "server/debug/local/process_modules.h"
@@ -993,6 +995,17 @@ void TracedProcess::Read(uint64_t address, uint32_t size, Bytes& data, uint32_t&
 }
 
 void TracedProcess::Read(uint64_t address, uint32_t size, BulkBytes& data, uint32_t& bad) {
+  // A read large enough for the pipe to lend its pages goes into a block of its own.
+  if (size >= platform::Pipe::kLendFrom) {
+    if (std::shared_ptr<PageBlock> block = PageBlock::Take(size)) {
+      memory_->Read(address, size, block->data(), bad);
+      HideLinkerHook(address, size, block->data());
+      LendablePages* const lendable = block.get();
+      const std::span<const uint8_t> bytes(block->data(), size);
+      data = BulkBytes(bytes, std::move(block), lendable);
+      return;
+    }
+  }
   // A large read is overwritten whole, so its buffer is not zeroed first.
   std::shared_ptr<uint8_t[]> bytes = std::make_shared_for_overwrite<uint8_t[]>(size);
   uint8_t* const first = bytes.get();
