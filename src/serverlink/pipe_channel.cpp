@@ -198,6 +198,11 @@ bool PipeChannel::HoldLent(std::span<const MessageBuffer* const> bodies) {
         lent_.push_back({reference.keeper, reference.lendable, false});
     }
   }
+  // Holding is only for reuse: a peer that always leaves something unread (a steady stream of
+  // notifications) would otherwise keep every block it was ever lent. Those let go unreclaimed
+  // are unmapped, the pages the socket still holds staying as they were.
+  if (lent_.size() > kMaxHeldLent)
+    lent_.erase(lent_.begin(), lent_.end() - static_cast<ptrdiff_t>(kMaxHeldLent));
   has_lent_.store(true, std::memory_order_relaxed);
   return true;
 }

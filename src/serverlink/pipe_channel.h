@@ -164,6 +164,7 @@ class PipeChannel {
     LendablePages* pages;
     bool sent;  // the write that lent them has ended
   };
+  static constexpr size_t kMaxHeldLent = 8;
   std::mutex lent_mutex_;
   std::vector<LentBytes> lent_;  // guarded by lent_mutex_
   std::atomic<bool> has_lent_{false};
