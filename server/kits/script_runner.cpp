@@ -56,9 +56,11 @@ void ScriptRunner::Loop() {
     }
     const std::u16string host = next->host;
     const ScriptStep& step = next->script->steps[next->step];
-    const uint32_t repetition = next->sent;
+    const uint32_t first = next->sent;
+    const uint32_t count = step.after_ms == 0 ? std::min(step.repeat - first, kMaxTogether) : 1;
     // Move on before sending, so that the entry is consistent whatever Start does meanwhile.
-    if (++next->sent == step.repeat) {
+    next->sent += count;
+    if (next->sent == step.repeat) {
       next->sent = 0;
       ++next->step;
     }
@@ -71,7 +73,7 @@ void ScriptRunner::Loop() {
     }
     lock.unlock();
     try {
-      send_(host, step, repetition);
+      send_(host, step, first, count);
     } catch (const std::exception&) {
       // Only memory running out gets here: that step is lost, the script goes on.
     }

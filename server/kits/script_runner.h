@@ -1,7 +1,9 @@
 #pragma once
 // Runs the kits' scripts on a timer thread of its own: each started script waits its own
 // `after_ms`, then sends its steps in order, each `after_ms` after the one before (and each repeat
-// after the last), and does so again for each of its rounds.
+// after the last), and does so again for each of its rounds. The repeats of a step that are due
+// together (`after_ms` 0) go to `send` together, up to kMaxTogether at a time, so that a burst
+// costs its receiver one turn rather than one per piece.
 //
 // Lock order: a caller may hold its own lock while it calls Start; the runner never holds its
 // lock while it calls `send`, so `send` may take that caller's lock.
@@ -21,10 +23,11 @@ namespace qv::server {
 
 class ScriptRunner {
  public:
-  // Sends one step of the script of the kit with host name `host`; `repetition` counts the step's
-  // sendings from 0.
-  using Send =
-      std::function<void(const std::u16string& host, const ScriptStep& step, uint32_t repetition)>;
+  // Sends `count` sendings of one step of the script of the kit with host name `host`, in order;
+  // `first` counts the first of them among the step's sendings from 0.
+  using Send = std::function<void(const std::u16string& host, const ScriptStep& step,
+                                  uint32_t first, uint32_t count)>;
+  static constexpr uint32_t kMaxTogether = 64;
 
   explicit ScriptRunner(Send send);
   ~ScriptRunner();

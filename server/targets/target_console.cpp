@@ -195,13 +195,13 @@ void TargetRegistry::StartScriptsOnSubscription(EventGroup group, uint32_t key) 
 }
 
 void TargetRegistry::SendScripted(const std::u16string& host, const ScriptStep& step,
-                                  uint32_t repetition) {
+                                  uint32_t first, uint32_t count) {
   const auto route = FindNotificationRoute(step.type_number);
   if (!route.has_value()) return;
   TargetPtr target;
   uint32_t target_key = kNoTarget;
   {
-    std::lock_guard lock(mutex_);
+    std::shared_lock lock(mutex_);
     if (shutting_down_) return;
     for (const auto& [handle, candidate] : targets_) {
       if (candidate->type == kTargetTypeKit && SameHost(candidate->kit.host, host)) {
@@ -216,15 +216,26 @@ void TargetRegistry::SendScripted(const std::u16string& host, const ScriptStep& 
   }
   // Built without the lock: decoding a step's text and expanding its placeholders does not hold
   // up the other clients' requests. Only the script thread sends steps, so their order stays.
-  const auto notification = ScriptedNotification(step, target_key, repetition);
-  if (notification == nullptr) return;
+  std::vector<std::shared_ptr<CNotification>> notifications;
+  notifications.reserve(count);
+  for (uint32_t i = 0; i < count; ++i) {
+    auto notification = ScriptedNotification(step, target_key, first + i);
+    if (notification == nullptr) return;
+    notifications.push_back(std::move(notification));
+  }
+  // A burst under one taking of the lock: each taking may wake a client's acknowledgement that
+  // waits for it, and a burst of pieces one by one paid that wake-up for every piece.
   std::lock_guard lock(mutex_);
   if (shutting_down_ || (target != nullptr && target->deleted)) return;
-  if (step.type_number == CConsoleOutputNotification::kTypeNumber && target != nullptr) {
-    EmitConsoleOutput(*target, std::move(static_cast<CConsoleOutputNotification&>(*notification)));
-    return;
+  for (auto& notification : notifications) {
+    if (step.type_number == CConsoleOutputNotification::kTypeNumber && target != nullptr) {
+      EmitConsoleOutput(*target,
+                        std::move(static_cast<CConsoleOutputNotification&>(*notification)));
+    } else {
+      Notify(route->group, route->group == EventGroup::Server ? kNoTarget : target_key,
+             *notification);
+    }
   }
-  Notify(route->group, route->group == EventGroup::Server ? kNoTarget : target_key, *notification);
 }
 
 }  // namespace qv::server

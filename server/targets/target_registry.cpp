@@ -90,9 +90,8 @@ TargetRegistry::TargetRegistry(const Scenario& scenario, NotificationObserver ob
     : scenario_(scenario),
       observer_(std::move(observer)),
       debug_backends_(std::move(debug_backends)),
-      scripts_([this](const std::u16string& host, const ScriptStep& step, uint32_t repetition) {
-        SendScripted(host, step, repetition);
-      }) {
+      scripts_([this](const std::u16string& host, const ScriptStep& step, uint32_t first,
+                      uint32_t count) { SendScripted(host, step, first, count); }) {
   std::lock_guard lock(mutex_);
   for (const Kit& kit : scenario_.kits) {
     if (kit.registered) {

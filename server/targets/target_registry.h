@@ -262,8 +262,9 @@ class TargetRegistry {
   static void ShutDownDebugBackends(const std::vector<TargetPtr>& targets);
   // Hands a client's waiting console output on while it has room; then the drop notice.
   void DrainConsoleFlow(uint64_t client_id, ConsoleFlow& flow);
-  // Sends one step of a kit's script (ScriptRunner's thread).
-  void SendScripted(const std::u16string& host, const ScriptStep& step, uint32_t repetition);
+  // Sends `count` sendings of one step of a kit's script (ScriptRunner's thread).
+  void SendScripted(const std::u16string& host, const ScriptStep& step, uint32_t first,
+                    uint32_t count);
   // Starts the scripts of `host` that wait for a first subscription to `group`.
   void StartScriptsOnSubscription(EventGroup group, uint32_t key);
   void NotifyPower(const Target& target, PowerOperation operation, PowerProgress progress);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -331,7 +332,7 @@ TEST(ScriptRunnerTest, ScriptsStartedWhileOneWaitsAreSentAtOnce) {
   std::mutex mutex;
   std::condition_variable sent;
   std::vector<std::u16string> hosts;
-  ScriptRunner runner([&](const std::u16string& host, const ScriptStep&, uint32_t) {
+  ScriptRunner runner([&](const std::u16string& host, const ScriptStep&, uint32_t, uint32_t) {
     std::lock_guard lock(mutex);
     hosts.push_back(host);
     sent.notify_all();
@@ -353,28 +354,35 @@ TEST(ScriptRunnerTest, ScriptsStartedWhileOneWaitsAreSentAtOnce) {
   EXPECT_EQ(hosts, expected);  // each once, and not the one that waits a minute
 }
 
-// A script's rounds send its steps in order again, each step's repeats counted afresh.
+// A script's rounds send its steps in order again, each step's repeats counted afresh; the repeats
+// due together go together, up to the runner's limit, and those apart in time one by one.
 TEST(ScriptRunnerTest, RoundsSendTheStepsAgainInOrder) {
   std::mutex mutex;
   std::condition_variable sent;
-  std::vector<std::pair<uint32_t, uint32_t>> order;  // step type, repetition
-  ScriptRunner runner([&](const std::u16string&, const ScriptStep& step, uint32_t repetition) {
-    std::lock_guard lock(mutex);
-    order.emplace_back(step.type_number, repetition);
-    sent.notify_all();
-  });
+  std::vector<std::array<uint32_t, 3>> order;  // step type, first repetition, count
+  ScriptRunner runner(
+      [&](const std::u16string&, const ScriptStep& step, uint32_t first, uint32_t count) {
+        std::lock_guard lock(mutex);
+        order.push_back({step.type_number, first, count});
+        sent.notify_all();
+      });
+  constexpr uint32_t kMax = ScriptRunner::kMaxTogether;
   const KitScript rounds{ScriptTrigger::kServerStart,
-                         {ScriptStep{.type_number = 1, .repeat = 2}, ScriptStep{.type_number = 2}},
+                         {ScriptStep{.type_number = 1, .repeat = 2 * kMax + 2},
+                          ScriptStep{.type_number = 2, .after_ms = 1, .repeat = 2}},
                          /*after_ms=*/1,
-                         /*repeat=*/3};
+                         /*repeat=*/2};
   runner.Start(u"kit", rounds);
   std::unique_lock lock(mutex);
-  ASSERT_TRUE(sent.wait_for(lock, std::chrono::seconds(10), [&] { return order.size() >= 9; }));
+  ASSERT_TRUE(sent.wait_for(lock, std::chrono::seconds(10), [&] { return order.size() >= 10; }));
   lock.unlock();
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // a fourth round would show
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // a third round would show
   lock.lock();
-  EXPECT_EQ(order, (std::vector<std::pair<uint32_t, uint32_t>>{
-                       {1, 0}, {1, 1}, {2, 0}, {1, 0}, {1, 1}, {2, 0}, {1, 0}, {1, 1}, {2, 0}}));
+  const std::vector<std::array<uint32_t, 3>> round = {
+      {1, 0, kMax}, {1, kMax, kMax}, {1, 2 * kMax, 2}, {2, 0, 1}, {2, 1, 1}};
+  std::vector<std::array<uint32_t, 3>> expected = round;
+  expected.insert(expected.end(), round.begin(), round.end());
+  EXPECT_EQ(order, expected);
 }
 
 // An empty error is a row that must parse.
