@@ -5,6 +5,22 @@
 namespace qv::server {
 
 void ConsoleCache::Add(ConsoleCacheRecord piece) {
+  // A full cache writes the new piece over the text of the oldest, when that has about the room:
+  // a server with many busy consoles otherwise frees, for every piece, a block it last touched a
+  // thousand pieces ago, and that costs more than the copy. Only about the room, so that one long
+  // piece does not keep its block going round for short ones.
+  if (pieces_.size() == size_ && size_ != 0) {
+    const size_t room = pieces_.front().Text.capacity();
+    if (room >= piece.Text.size() && room <= 2 * piece.Text.size() + kRecycleSlack) {
+      ConsoleCacheRecord oldest = std::move(pieces_.front());
+      pieces_.pop_front();
+      ++first_index_;
+      oldest.Text.assign(piece.Text);
+      piece.Text = std::move(oldest.Text);
+      pieces_.push_back(std::move(piece));
+      return;
+    }
+  }
   pieces_.push_back(std::move(piece));
   Trim();
 }

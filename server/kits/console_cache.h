@@ -3,6 +3,7 @@
 // one per piece and is never reused (not even after a clear), so a reader that loops from the
 // index it was given back never sees a piece twice and never skips one still held.
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 
@@ -32,6 +33,9 @@ class ConsoleCache {
 
  private:
   void Trim();
+
+  // Characters of a piece's text the block it reuses may have beyond twice the text's length.
+  static constexpr size_t kRecycleSlack = 64;
 
   std::deque<ConsoleCacheRecord> pieces_;
   uint32_t first_index_ = 0;  // of pieces_.front()
