@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,6 +14,10 @@
 #include "requests/debug_records.h"
 #include "requests/target_states.h"
 #include "server/kits/protocol_endpoints.h"
+
+namespace qv {
+class CNotification;
+}  // namespace qv
 
 namespace qv::server {
 
@@ -39,6 +44,12 @@ struct ScriptStep {
   bool has_placeholders = false;
   uint32_t after_ms = 0;  // from the previous step (or the trigger), and between repeats
   uint32_t repeat = 1;    // how many times it is sent
+  // Without placeholders the body says the same every time: decoded once, copied for a sending.
+  // It follows from the body, so it takes no part in comparing steps.
+  struct Decoded {
+    std::shared_ptr<const CNotification> notification;
+    friend bool operator==(const Decoded&, const Decoded&) { return true; }
+  } decoded;
 
   friend bool operator==(const ScriptStep&, const ScriptStep&) = default;
 };

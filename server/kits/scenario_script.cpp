@@ -81,9 +81,15 @@ void ExpandPlaceholders(std::u16string& text, uint64_t time_ns, uint32_t repetit
 template <class Notification>
 std::shared_ptr<CNotification> Make(const ScriptStep& step, uint32_t target_key,
                                     uint32_t repetition) {
-  auto notification = std::make_shared<Notification>();
-  MessageBuffer buffer(step.body.data(), step.body.size());
-  if (!notification->Deserialize(buffer)) return nullptr;
+  std::shared_ptr<Notification> notification;
+  if (step.decoded.notification != nullptr) {
+    notification = std::make_shared<Notification>(
+        static_cast<const Notification&>(*step.decoded.notification));
+  } else {
+    notification = std::make_shared<Notification>();
+    MessageBuffer buffer(step.body.data(), step.body.size());
+    if (!notification->Deserialize(buffer)) return nullptr;
+  }
   const uint64_t now_ns =
       step.has_placeholders
           ? static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -147,6 +153,7 @@ ScriptStep ReadStep(const DocNode& node) {
   if (const DocNode* value = Find(node, "after_ms"))
     step.after_ms = Milliseconds(*value, "after_ms");
   if (const DocNode* value = Find(node, "repeat")) step.repeat = Count(*value, "repeat");
+  if (!step.has_placeholders) step.decoded.notification = kind->make(step, 0, 0);
   return step;
 }
 
