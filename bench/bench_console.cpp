@@ -8,7 +8,7 @@
 //                                           answers with an ACK_CONSOLE_OUTPUT-sized one
 //   BM_ConsoleOutput/targets:T/bytes:B      T kits, each with a script that writes pieces of B
 //                                           characters in bursts (together 1024 pieces every
-//                                           4 ms); one root object (as a host has) advises one
+//                                           3 ms); one root object (as a host has) advises one
 //                                           sink on all T target objects
 //   BM_ConsoleLatency/targets:T             T kits, each writing a piece a millisecond that
 //                                           carries the server's steady clock; p50/p99 of the
@@ -58,7 +58,7 @@ constexpr int kLargePiece = 1024;
 constexpr size_t kWindow = qv::server::TargetRegistry::kConsoleInFlight;
 // Pieces that wait for one client beyond the window, at most; the rest are dropped for it.
 constexpr uint64_t kBacklog = qv::server::TargetRegistry::kConsoleBacklog;
-constexpr uint32_t kBurstEveryMs = 4;
+constexpr uint32_t kBurstEveryMs = 3;
 // Pieces a kit writes at server start, before any client listens: its console cache full.
 constexpr uint32_t kCacheFill = qv::server::ConsoleCache::kDefaultSize;
 // The first piece of every script: the pieces measured come after it, once every target is
