@@ -80,6 +80,24 @@ TEST(ConsoleCacheTest, ALoopingReaderNeverSeesAGapOrARepeat) {
   uint32_t ahead = 1000;
   EXPECT_TRUE(ReadFrom(cache, ahead).empty());
   EXPECT_EQ(ahead, cache.UpperBound());
+
+  // A full cache that writes new pieces over the oldest ones' blocks keeps each piece's own text
+  // and fields: the last two go over the blocks of the third (a shorter text) and the fourth (as
+  // long), the two before them into blocks of their own.
+  ASSERT_TRUE(cache.SetSize(2));
+  const std::u16string texts[] = {
+      u"first piece of text", u"second", u"a third piece, longer than the first",
+      u"fourth piece",        u"fifth",  u"sixth piece!"};
+  for (uint32_t i = 0; i < std::size(texts); ++i)
+    cache.Add({i, 7, 900 + i, 0, 0, texts[i]});
+  ConsoleCacheRecordList held;
+  cache.Fetch(0, held);
+  ASSERT_EQ(held.size(), 2u);
+  for (size_t i = 0; i < 2; ++i) {
+    EXPECT_EQ(held[i].Text, texts[4 + i]);
+    EXPECT_EQ(held[i].Port, 4 + i);
+    EXPECT_EQ(held[i].Timestamp, 904 + i);
+  }
 }
 
 const auto kNever = [] { return false; };
