@@ -9,16 +9,12 @@ void ConsoleCache::Add(ConsoleCacheRecord piece) {
   // a server with many busy consoles otherwise frees, for every piece, a block it last touched a
   // thousand pieces ago, and that costs more than the copy. Only about the room, so that one long
   // piece does not keep its block going round for short ones.
-  if (pieces_.size() == size_ && size_ != 0) {
-    const size_t room = pieces_.front().Text.capacity();
+  if (pieces_.size() == size_) {
+    std::u16string& oldest = pieces_.front().Text;
+    const size_t room = oldest.capacity();
     if (room >= piece.Text.size() && room <= 2 * piece.Text.size() + kRecycleSlack) {
-      ConsoleCacheRecord oldest = std::move(pieces_.front());
-      pieces_.pop_front();
-      ++first_index_;
-      oldest.Text.assign(piece.Text);
-      piece.Text = std::move(oldest.Text);
-      pieces_.push_back(std::move(piece));
-      return;
+      oldest.assign(piece.Text);
+      piece.Text.swap(oldest);
     }
   }
   pieces_.push_back(std::move(piece));
