@@ -2,6 +2,8 @@
 // progress bar while it is written; Ctrl+C cancels it and the target removes the partial file.
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -24,6 +26,24 @@ namespace {
 class DumpProgress : public vekx::EventSink<IEventDebug> {
  public:
   DumpProgress(std::uint32_t pid, bool bar) : pid_(pid), bar_(bar) {}
+
+  HRESULT STDMETHODCALLTYPE OnCoredumpCompleted(ICoredumpCompletedEvent* event) override {
+    ULONG pid = 0;
+    if (event == nullptr || FAILED(event->get_ProcessId(&pid)) || pid != pid_) return S_OK;
+    {
+      std::lock_guard lock(mutex_);
+      completed_ = true;
+    }
+    completed_cv_.notify_all();
+    return S_OK;
+  }
+
+  // The events come on the library's event thread, which may still be drawing progress that came
+  // before the answer: the tool ends only once the completion has come, or after `limit`.
+  void AwaitCompleted(std::chrono::milliseconds limit) {
+    std::unique_lock lock(mutex_);
+    completed_cv_.wait_for(lock, limit, [this] { return completed_; });
+  }
 
   HRESULT STDMETHODCALLTYPE OnCoredumpInProgress(ICoredumpInProgressEvent* event) override {
     if (event == nullptr) return E_POINTER;
@@ -61,7 +81,9 @@ class DumpProgress : public vekx::EventSink<IEventDebug> {
   const std::uint32_t pid_;
   const bool bar_;  // stderr is a terminal: redraw one line
   std::mutex mutex_;
-  int shown_ = -1;  // guarded by mutex_
+  std::condition_variable completed_cv_;
+  int shown_ = -1;          // guarded by mutex_
+  bool completed_ = false;  // guarded by mutex_
 };
 
 struct CoreOptions {
@@ -93,6 +115,7 @@ void Core(Context& context, const CoreOptions& options) {
       vekx::Bstr::FromUtf8(file).Get(), options.mini ? COREDUMP_TYPE_MINI : COREDUMP_TYPE_FULL);
   finished = true;
   canceller.join();
+  if (SUCCEEDED(result)) progress->AwaitCompleted(std::chrono::seconds(5));
   progress->Close();
   ref.target->UnadviseDebugEvents(sink);
   Check(result);
