@@ -39,19 +39,20 @@ IncomingDispatcher::IncomingDispatcher(const MessageFactory<CResponse>& response
       store_(store),
       queue_notification_(std::move(queue_notification)) {}
 
-IncomingDispatcher::Outcome IncomingDispatcher::Dispatch(MessageBuffer& body) {
+IncomingDispatcher::Outcome IncomingDispatcher::Dispatch(MessageBuffer& body, uint32_t* delivered) {
   uint32_t kind = 0;
   if (!ReadField(body, kind)) return Outcome::kNoKind;
   switch (static_cast<IncomingKind>(kind)) {
     case IncomingKind::kResponse:
-      return DispatchResponse(body);
+      return DispatchResponse(body, delivered);
     case IncomingKind::kNotification:
       return DispatchNotification(body);
   }
   return Outcome::kIgnoredKind;
 }
 
-IncomingDispatcher::Outcome IncomingDispatcher::DispatchResponse(MessageBuffer& body) {
+IncomingDispatcher::Outcome IncomingDispatcher::DispatchResponse(MessageBuffer& body,
+                                                                 uint32_t* delivered) {
   uint32_t type_number = 0;
   std::shared_ptr<CResponse> response;
   if (ReadField(body, type_number)) response = responses_.Create(type_number);
@@ -72,8 +73,10 @@ IncomingDispatcher::Outcome IncomingDispatcher::DispatchResponse(MessageBuffer& 
   if (LibraryLog().Enabled(Log::kPackets)) {
     LogApi(Log::kPackets, "RECV: " + platform::Utf16ToUtf8(response->GetName()));
   }
-  return store_.Deliver(std::move(response)) ? Outcome::kResponseDelivered
-                                             : Outcome::kUnawaitedResponse;
+  const uint32_t sequence = response->Sequence;
+  if (!store_.Deliver(std::move(response))) return Outcome::kUnawaitedResponse;
+  if (delivered != nullptr) *delivered = sequence;
+  return Outcome::kResponseDelivered;
 }
 
 IncomingDispatcher::Outcome IncomingDispatcher::DispatchNotification(MessageBuffer& body) {

@@ -39,10 +39,11 @@ class IncomingDispatcher {
                      const MessageFactory<CNotification>& notifications,
                      PendingResponseStore& store, NotificationSink queue_notification);
 
-  Outcome Dispatch(MessageBuffer& body);
+  // With kResponseDelivered, `delivered` (when given) is set to the response's sequence number.
+  Outcome Dispatch(MessageBuffer& body, uint32_t* delivered = nullptr);
 
  private:
-  Outcome DispatchResponse(MessageBuffer& body);
+  Outcome DispatchResponse(MessageBuffer& body, uint32_t* delivered);
   Outcome DispatchNotification(MessageBuffer& body);
 
   const MessageFactory<CResponse>& responses_;

@@ -22,10 +22,6 @@ const std::shared_ptr<std::condition_variable>& ThisThreadsWaiter() {
 }  // namespace
 
 uint64_t PendingResponseStore::Reset() {
-  {
-    std::lock_guard lock(awaited_mutex_);
-    awaited_.clear();
-  }
   std::lock_guard lock(store_mutex_);
   WakeAllLocked();
   entries_.clear();
@@ -36,9 +32,26 @@ uint64_t PendingResponseStore::Reset() {
 }
 
 void PendingResponseStore::WakeAllLocked() {
-  for (auto& [sequence, entry] : entries_) {
+  for (Entry& entry : entries_) {
     if (entry.waiter != nullptr) entry.waiter->notify_one();
   }
+}
+
+PendingResponseStore::Entry* PendingResponseStore::FindLocked(uint32_t sequence) {
+  for (Entry& entry : entries_) {
+    if (entry.sequence == sequence) return &entry;
+  }
+  return nullptr;
+}
+
+const PendingResponseStore::Entry* PendingResponseStore::FindLocked(uint32_t sequence) const {
+  return const_cast<PendingResponseStore*>(this)->FindLocked(sequence);
+}
+
+void PendingResponseStore::EraseLocked(Entry& entry) {
+  // Order does not matter: the last entry takes the place of the one that goes.
+  if (&entry != &entries_.back()) entry = std::move(entries_.back());
+  entries_.pop_back();
 }
 
 uint64_t PendingResponseStore::Epoch() const {
@@ -46,10 +59,16 @@ uint64_t PendingResponseStore::Epoch() const {
   return epoch_;
 }
 
-bool PendingResponseStore::Await(uint32_t sequence, std::shared_ptr<BulkLanding> landing) {
-  std::lock_guard lock(awaited_mutex_);
+bool PendingResponseStore::Await(uint32_t sequence, std::shared_ptr<BulkLanding> landing,
+                                 uint64_t* epoch) {
+  std::lock_guard lock(store_mutex_);
+  if (epoch != nullptr) *epoch = epoch_;
   try {
-    awaited_[sequence] = std::move(landing);
+    Entry* entry = FindLocked(sequence);
+    if (entry == nullptr) entry = &entries_.emplace_back();
+    *entry = Entry{};
+    entry->sequence = sequence;
+    entry->landing = std::move(landing);
     return true;
   } catch (const std::bad_alloc&) {
     return false;
@@ -57,37 +76,30 @@ bool PendingResponseStore::Await(uint32_t sequence, std::shared_ptr<BulkLanding>
 }
 
 std::shared_ptr<BulkLanding> PendingResponseStore::TakeLanding(uint32_t sequence) {
-  std::lock_guard lock(awaited_mutex_);
-  const auto it = awaited_.find(sequence);
-  return it != awaited_.end() ? std::move(it->second) : nullptr;
+  std::lock_guard lock(store_mutex_);
+  Entry* entry = FindLocked(sequence);
+  return entry != nullptr && !entry->ready ? std::move(entry->landing) : nullptr;
 }
 
 void PendingResponseStore::Forget(uint32_t sequence) {
-  std::lock_guard lock(awaited_mutex_);
-  awaited_.erase(sequence);
+  std::lock_guard lock(store_mutex_);
+  if (Entry* entry = FindLocked(sequence)) EraseLocked(*entry);
 }
 
 bool PendingResponseStore::Deliver(std::shared_ptr<CResponse> response) {
   if (response == nullptr) return false;
-  const uint32_t sequence = response->Sequence;
-  {
-    std::lock_guard lock(awaited_mutex_);
-    if (awaited_.erase(sequence) == 0) return false;
-  }
   std::shared_ptr<std::condition_variable> waiter;
   {
     std::lock_guard lock(store_mutex_);
-    try {
-      Entry& entry = entries_[sequence];
-      entry.ready = true;
-      entry.response = std::move(response);
-      waiter = std::move(entry.waiter);
-      // Handed to a caller that could have read it itself: the read thread stands aside for
-      // that caller's next call.
-      if (waiter != nullptr && entry.may_read) callers_read_at_ = std::chrono::steady_clock::now();
-    } catch (const std::bad_alloc&) {
-      return false;
-    }
+    Entry* entry = FindLocked(response->Sequence);
+    if (entry == nullptr || entry->ready) return false;  // awaited once, answered once
+    entry->ready = true;
+    entry->response = std::move(response);
+    entry->landing.reset();
+    waiter = std::move(entry->waiter);
+    // Handed to a caller that could have read it itself: the read thread stands aside for
+    // that caller's next call.
+    if (waiter != nullptr && entry->may_read) callers_read_at_ = std::chrono::steady_clock::now();
   }
   if (waiter != nullptr) waiter->notify_one();
   return true;
@@ -96,59 +108,75 @@ bool PendingResponseStore::Deliver(std::shared_ptr<CResponse> response) {
 std::error_code PendingResponseStore::Wait(
     uint32_t sequence, uint64_t epoch, std::shared_ptr<CResponse>& response,
     std::optional<std::chrono::steady_clock::time_point> deadline, bool may_read) {
+  std::unique_lock lock(store_mutex_);
+  return WaitLocked(sequence, epoch, response, deadline, may_read, lock);
+}
+
+std::error_code PendingResponseStore::EndCallerReadAndWait(uint32_t sequence, uint64_t epoch,
+                                                           std::shared_ptr<CResponse>& response) {
+  std::unique_lock lock(store_mutex_);
+  EndCallerReadLocked();
+  return WaitLocked(sequence, epoch, response, {}, /*may_read=*/true, lock);
+}
+
+std::error_code PendingResponseStore::WaitLocked(
+    uint32_t sequence, uint64_t epoch, std::shared_ptr<CResponse>& response,
+    std::optional<std::chrono::steady_clock::time_point> deadline, bool may_read,
+    std::unique_lock<std::mutex>& lock) {
   const std::shared_ptr<std::condition_variable>& woken = ThisThreadsWaiter();
   if (woken == nullptr) return WaitError::kWaitAbandoned;
-  std::unique_lock lock(store_mutex_);
   for (;;) {
     // Found afresh after every wake-up: a new connection may have cleared the entries.
-    auto it = entries_.find(sequence);
-    if (aborted_ || epoch_ != epoch) {
-      if (it != entries_.end() && it->second.waiter == woken) entries_.erase(it);
+    Entry* entry = epoch_ == epoch ? FindLocked(sequence) : nullptr;
+    if (aborted_ || entry == nullptr) {
+      // Not awaited on this connection (a new one came, or the number was withdrawn): the
+      // connection it went out on is over for this caller.
+      if (entry != nullptr) EraseLocked(*entry);
       return WaitError::kWaitAbort;
     }
-    if (it == entries_.end()) {
-      try {
-        it = entries_.emplace(sequence, Entry{}).first;
-      } catch (const std::bad_alloc&) {
-        return WaitError::kWaitAbandoned;
-      }
-    }
-    Entry& entry = it->second;
-    if (entry.ready) {
-      response = std::move(entry.response);
-      entries_.erase(it);
+    if (entry->ready) {
+      response = std::move(entry->response);
+      EraseLocked(*entry);
       PassThePipeLocked();
       return WaitError::kWaitSuccess;
     }
-    entry.may_read = may_read && !deadline;
-    if (entry.may_read && reader_ == Reader::kNobody) {
+    entry->may_read = may_read && !deadline;
+    if (entry->may_read && reader_ == Reader::kNobody) {
       reader_ = Reader::kCaller;
-      entry.waiter.reset();
+      entry->waiter.reset();
       return WaitError::kWaitReadYourself;
     }
-    entry.waiter = woken;
+    entry->waiter = woken;
     // A caller with a deadline cannot read the pipe itself: the read thread reads for it.
-    if (!entry.may_read && reader_ == Reader::kNobody) read_thread_cv_.notify_one();
+    if (!entry->may_read && reader_ == Reader::kNobody) read_thread_cv_.notify_one();
     if (!deadline) {
       woken->wait(lock);
     } else if (woken->wait_until(lock, *deadline) == std::cv_status::timeout) {
-      if (GiveUpLocked(sequence, lock)) {
+      // An answer filed meanwhile is taken; otherwise the number is withdrawn, and the answer
+      // is dropped when it comes.
+      entry = epoch_ == epoch ? FindLocked(sequence) : nullptr;
+      if (entry != nullptr && !entry->ready && !aborted_) {
+        EraseLocked(*entry);
         PassThePipeLocked();
         return WaitError::kWaitTimedOut;
       }
-      deadline.reset();  // the answer is being filed: it is here at once
+      deadline.reset();
     }
   }
 }
 
 bool PendingResponseStore::IsReady(uint32_t sequence) const {
   std::lock_guard lock(store_mutex_);
-  const auto it = entries_.find(sequence);
-  return it != entries_.end() && it->second.ready;
+  const Entry* entry = FindLocked(sequence);
+  return entry != nullptr && entry->ready;
 }
 
 void PendingResponseStore::EndCallerRead() {
   std::lock_guard lock(store_mutex_);
+  EndCallerReadLocked();
+}
+
+void PendingResponseStore::EndCallerReadLocked() {
   if (reader_ == Reader::kCaller) reader_ = Reader::kNobody;
   callers_read_at_ = std::chrono::steady_clock::now();
   PassThePipeLocked();
@@ -156,7 +184,7 @@ void PendingResponseStore::EndCallerRead() {
 }
 
 bool PendingResponseStore::AnyWaiterLocked(bool may_read) const {
-  for (const auto& [sequence, entry] : entries_) {
+  for (const Entry& entry : entries_) {
     if (entry.waiter != nullptr && !entry.ready && entry.may_read == may_read) return true;
   }
   return false;
@@ -164,7 +192,7 @@ bool PendingResponseStore::AnyWaiterLocked(bool may_read) const {
 
 void PendingResponseStore::PassThePipeLocked() {
   if (reader_ != Reader::kNobody || aborted_) return;
-  for (auto& [sequence, entry] : entries_) {
+  for (Entry& entry : entries_) {
     if (entry.waiter != nullptr && !entry.ready && entry.may_read) {
       entry.waiter->notify_one();
       return;
@@ -206,22 +234,6 @@ void PendingResponseStore::EndReadThreadsTurn(Found found) {
 void PendingResponseStore::AwaitNoCallerReading() {
   std::unique_lock lock(store_mutex_);
   caller_read_ended_.wait(lock, [this] { return reader_ != Reader::kCaller; });
-}
-
-bool PendingResponseStore::GiveUpLocked(uint32_t sequence, std::unique_lock<std::mutex>& lock) {
-  // The awaited mark goes first, with the store let go (no path holds both locks). A read thread
-  // that took the mark before us is filing the response: wait for it rather than leave it filed
-  // for nobody.
-  lock.unlock();
-  bool withdrawn = false;
-  {
-    std::lock_guard awaited(awaited_mutex_);
-    withdrawn = awaited_.erase(sequence) != 0;
-  }
-  lock.lock();
-  if (!withdrawn) return false;
-  entries_.erase(sequence);
-  return true;
 }
 
 void PendingResponseStore::Abort() {

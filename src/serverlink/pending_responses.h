@@ -3,8 +3,9 @@
 // its request is written; the read thread hands each arriving response in; the caller blocks until
 // its own entry is ready or the connection ends.
 //
-// Locks: the awaited set and the store have one mutex each; the read thread takes the first,
-// lets it go, then takes the second, so no path holds both.
+// Locks: one mutex guards every entry, from its Await to its taking; a call takes it four times
+// (await, wait, deliver, take), and the entries lie in one small array so that a call allocates
+// nothing once the array has grown to the number of callers.
 //
 // Wake-ups: each calling thread blocks on a condition variable of its own, which its entry
 // shares while it waits, so that a response wakes its own caller and no other. The entry's share
@@ -33,7 +34,7 @@
 #include <mutex>
 #include <optional>
 #include <system_error>
-#include <unordered_map>
+#include <vector>
 
 #include "platform/pipe.h"
 #include "serverlink/bulk_bytes.h"
@@ -51,8 +52,10 @@ class PendingResponseStore {
   uint64_t Epoch() const;
 
   // Marks `sequence` as awaited, with where its response's large byte field should land (may
-  // be null). False only when memory runs out.
-  bool Await(uint32_t sequence, std::shared_ptr<BulkLanding> landing = nullptr);
+  // be null), and reports in `epoch`, when given, the connection it belongs to. False only when
+  // memory runs out.
+  bool Await(uint32_t sequence, std::shared_ptr<BulkLanding> landing = nullptr,
+             uint64_t* epoch = nullptr);
   // Read thread: the landing awaited `sequence` came with, handed over once.
   std::shared_ptr<BulkLanding> TakeLanding(uint32_t sequence);
   // Withdraws an awaited number whose request never went out.
@@ -75,6 +78,9 @@ class PendingResponseStore {
   bool IsReady(uint32_t sequence) const;
   // A reading caller lets go of the pipe.
   void EndCallerRead();
+  // EndCallerRead, then Wait without a deadline, under one taking of the lock.
+  std::error_code EndCallerReadAndWait(uint32_t sequence, uint64_t epoch,
+                                       std::shared_ptr<CResponse>& response);
 
   // Read thread: blocks until it is to read the pipe (see above), true; or until the store is
   // aborted, false: a caller may then still be reading, and the pipe is not the read thread's.
@@ -92,10 +98,12 @@ class PendingResponseStore {
 
  private:
   struct Entry {
+    uint32_t sequence = 0;
     bool ready = false;
     bool may_read = false;  // its caller may read the pipe itself
     std::shared_ptr<CResponse> response;
     std::shared_ptr<std::condition_variable> waiter;  // set while its caller waits
+    std::shared_ptr<BulkLanding> landing;             // until the read thread takes it
   };
   enum class Reader { kNobody, kReadThread, kCaller };
   // How long the read thread stands aside after a caller last read for itself. Where it holds
@@ -112,26 +120,29 @@ class PendingResponseStore {
   // a long run of calls may be read.
   static constexpr std::chrono::microseconds kReadThreadLooksAwayAtMost{1600};
 
+  // The entry of `sequence`, or null; store_mutex_ held.
+  Entry* FindLocked(uint32_t sequence);
+  const Entry* FindLocked(uint32_t sequence) const;
+  void EraseLocked(Entry& entry);
+  std::error_code WaitLocked(uint32_t sequence, uint64_t epoch,
+                             std::shared_ptr<CResponse>& response,
+                             std::optional<std::chrono::steady_clock::time_point> deadline,
+                             bool may_read, std::unique_lock<std::mutex>& lock);
+  void EndCallerReadLocked();
   // With nobody reading, wakes a caller that may read and still waits, or the read thread when a
   // caller with a deadline waits; store_mutex_ held.
   void PassThePipeLocked();
   // The waiting callers, of either kind, whose answers have not come; store_mutex_ held.
   bool AnyWaiterLocked(bool may_read) const;
-  // A timed-out waiter withdraws `sequence`; false when its response is being filed already.
-  // `lock` holds store_mutex_ before and after.
-  bool GiveUpLocked(uint32_t sequence, std::unique_lock<std::mutex>& lock);
   // Wakes every waiting caller; store_mutex_ held.
   void WakeAllLocked();
 
-  mutable std::mutex awaited_mutex_;
-  // Awaited sequence numbers and their landings; guarded by awaited_mutex_.
-  std::unordered_map<uint32_t, std::shared_ptr<BulkLanding>> awaited_;
-
   mutable std::mutex store_mutex_;
-  std::unordered_map<uint32_t, Entry> entries_;  // guarded by store_mutex_
-  uint64_t epoch_ = 0;                           // guarded by store_mutex_
-  bool aborted_ = false;                         // guarded by store_mutex_
-  Reader reader_ = Reader::kNobody;              // guarded by store_mutex_
+  // The awaited sequence numbers, in no order; guarded by store_mutex_.
+  std::vector<Entry> entries_;
+  uint64_t epoch_ = 0;               // guarded by store_mutex_
+  bool aborted_ = false;             // guarded by store_mutex_
+  Reader reader_ = Reader::kNobody;  // guarded by store_mutex_
   // When a caller last read for itself, or was handed its answer; guarded by store_mutex_.
   std::chrono::steady_clock::time_point callers_read_at_;
   // How long the read thread stands aside now; guarded by store_mutex_.

@@ -186,9 +186,9 @@ LinkStatus ServerLink::ConnectLocked(bool& connected_now) {
   return LinkStatus::kSuccess;
 }
 
-bool ServerLink::ReadOneFrame(IncomingDispatcher::Outcome& outcome) {
+bool ServerLink::ReadOneFrame(IncomingDispatcher::Outcome& outcome, uint32_t* delivered) {
   if (channel_.ReadFrame() != PipeChannel::ReadStatus::kFrame) return false;
-  outcome = dispatcher_.Dispatch(channel_.Input());
+  outcome = dispatcher_.Dispatch(channel_.Input(), delivered);
   channel_.ReleaseRead();
   return outcome != IncomingDispatcher::Outcome::kNoKind;
 }
@@ -230,10 +230,9 @@ void ServerLink::ReadLoop() {
 void ServerLink::ReadForOwnAnswer(uint32_t sequence) {
   IncomingDispatcher::Outcome outcome{};
   bool read = true;
-  while ((read = ReadOneFrame(outcome))) {
-    if (outcome == IncomingDispatcher::Outcome::kResponseDelivered && store_.IsReady(sequence)) {
-      break;
-    }
+  uint32_t delivered = 0;
+  while ((read = ReadOneFrame(outcome, &delivered))) {
+    if (outcome == IncomingDispatcher::Outcome::kResponseDelivered && delivered == sequence) break;
   }
   // Frames read ahead go to their owners before the pipe is let go: the read thread watches the
   // pipe, and would not see them.
@@ -246,7 +245,6 @@ void ServerLink::ReadForOwnAnswer(uint32_t sequence) {
     connected_.store(false, std::memory_order_release);
     store_.Abort();
   }
-  store_.EndCallerRead();
 }
 
 void ServerLink::Disconnect() {
@@ -292,9 +290,8 @@ LinkStatus ServerLink::Write(uint32_t target_handle, const CRequest& request, ui
                              std::shared_ptr<BulkLanding> landing) {
   // The lock is refused only while the connection is being torn down.
   if (!channel_.BeginWrite()) return LinkStatus::kWaitFailed;
-  epoch = store_.Epoch();
   sequence = sequence_.Next();
-  if (expect_response && !store_.Await(sequence, std::move(landing))) {
+  if (expect_response && !store_.Await(sequence, std::move(landing), &epoch)) {
     channel_.CancelWrite();
     return LinkStatus::kWaitFailed;
   }
@@ -360,10 +357,10 @@ LinkStatus ServerLink::WaitResponse(CResponse& response, uint32_t sequence, uint
   const std::chrono::milliseconds limit = ThisThreadsAnswerLimit();
   std::optional<std::chrono::steady_clock::time_point> deadline;
   if (limit.count() > 0) deadline = std::chrono::steady_clock::now() + limit;
-  std::error_code waited;
-  while ((waited = store_.Wait(sequence, epoch, arrived, deadline, /*may_read=*/true)) ==
-         WaitError::kWaitReadYourself) {
+  std::error_code waited = store_.Wait(sequence, epoch, arrived, deadline, /*may_read=*/true);
+  while (waited == WaitError::kWaitReadYourself) {
     ReadForOwnAnswer(sequence);
+    waited = store_.EndCallerReadAndWait(sequence, epoch, arrived);
   }
   if (waited == WaitError::kWaitTimedOut) {
     LogApi(Log::kPackets, "No answer to " + LogHex(sequence) + " within " +

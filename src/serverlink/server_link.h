@@ -106,9 +106,11 @@ class ServerLink {
   LinkStatus Handshake(ConnectResponse& answer);
   void DisconnectLocked();
   void ReadLoop();
-  // Reads one frame and hands it on; false when the connection is over.
-  bool ReadOneFrame(IncomingDispatcher::Outcome& outcome);
-  // A waiting caller reads the pipe itself until its answer has come (see PendingResponseStore).
+  // Reads one frame and hands it on; false when the connection is over. `delivered`: as for
+  // IncomingDispatcher::Dispatch.
+  bool ReadOneFrame(IncomingDispatcher::Outcome& outcome, uint32_t* delivered = nullptr);
+  // A waiting caller reads the pipe itself until its answer has come (see PendingResponseStore),
+  // then lets go of it with EndCallerReadAndWait.
   void ReadForOwnAnswer(uint32_t sequence);
   // Writes one request on the open connection.
   LinkStatus Write(uint32_t target_handle, const CRequest& request, uint32_t& sequence,
