@@ -83,16 +83,17 @@ void ClientSession::Post(SharedBody body) {
   if (wake_writer) queue_cv_.notify_one();
 }
 
-void ClientSession::Send(SharedBody body) {
+void ClientSession::Send(MessageBuffer&& body) {
   bool write_now = false;
   {
     std::lock_guard lock(queue_mutex_);
     write_now = !closing_ && !writing_ && queue_.empty();
     if (write_now) writing_ = true;
   }
-  // Anything ahead of the answer goes first, so that answers and notifications keep their order.
-  if (!write_now) return Post(std::move(body));
-  const PipeChannel::WriteStatus written = channel_.WriteFrame(*body);
+  // Anything ahead of the answer goes first, so that answers and notifications keep their order;
+  // only a queued answer is moved to the heap.
+  if (!write_now) return Post(std::make_shared<const MessageBuffer>(std::move(body)));
+  const PipeChannel::WriteStatus written = channel_.WriteFrame(body);
   bool wake_writer = false;
   {
     std::lock_guard lock(queue_mutex_);
@@ -232,7 +233,7 @@ bool ClientSession::Answer(RequestDispatcher::Call& call) {
   }
   if (answer->Size() == 0) return true;  // a call that goes unanswered when it succeeds
   try {
-    Send(std::make_shared<const MessageBuffer>(std::move(*answer)));
+    Send(std::move(*answer));
     return true;
   } catch (const std::exception&) {
     return false;

@@ -91,7 +91,7 @@ class ClientSession final : public ClientSink {
   // Answers one request and queues the answer; false when the session must end.
   bool Answer(RequestDispatcher::Call& call);
   // Writes an answer at once when nothing is ahead of it, else queues it as Post does.
-  void Send(SharedBody body);
+  void Send(MessageBuffer&& body);
 
   const uint64_t id_;
   const std::u16string private_pipe_name_;

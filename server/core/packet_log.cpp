@@ -13,6 +13,7 @@ Status PacketLog::OpenLocked(const std::u16string& path, bool append) {
   file_.clear();
   file_.open(platform::Utf16ToUtf8(path),
              std::ios::out | std::ios::binary | (append ? std::ios::app : std::ios::trunc));
+  open_.store(file_.is_open(), std::memory_order_relaxed);
   if (!file_.is_open()) {
     return Status::Fail(KXAPI_SERVER_OPEN_FAILED, u"cannot open the packet log " + path);
   }
@@ -51,6 +52,7 @@ Status PacketLog::StartAlternating(const std::u16string& first, const std::u16st
 Status PacketLog::Stop() {
   std::lock_guard lock(mutex_);
   if (file_.is_open()) file_.close();
+  open_.store(false, std::memory_order_relaxed);
   size_limit_ = 0;
   return Status::Ok();
 }
@@ -67,6 +69,7 @@ void PacketLog::WriteLocked(const std::string& line) {
 
 void PacketLog::Record(const RequestContext& context, const CRequest* request,
                        const CResponse& response) {
+  if (!open_.load(std::memory_order_relaxed)) return;
   std::lock_guard lock(mutex_);
   if (!file_.is_open()) return;
   try {
@@ -95,6 +98,7 @@ void PacketLog::Record(const RequestContext& context, const CRequest* request,
 }
 
 void PacketLog::RecordNotification(uint64_t client_id, const CNotification& notification) {
+  if (!open_.load(std::memory_order_relaxed)) return;
   std::lock_guard lock(mutex_);
   if (!file_.is_open()) return;
   try {

@@ -4,6 +4,7 @@
 // START_MULTI_FILE_PACKET_LOGGING it alternates between two files of a bounded size, so that a
 // log left running keeps the latest traffic without filling the disk.
 
+#include <atomic>
 #include <cstdint>
 #include <fstream>
 #include <mutex>
@@ -34,6 +35,9 @@ class PacketLog {
   // Writes one line, turning to the other file first when it would pass the size bound.
   void WriteLocked(const std::string& line);
 
+  // Whether a file is open, read without the lock: a server with no log open takes no lock per
+  // request.
+  std::atomic<bool> open_{false};
   std::mutex mutex_;
   std::ofstream file_;  // guarded by mutex_, as is what follows
   std::u16string paths_[2];

@@ -53,25 +53,26 @@ std::optional<RequestDispatcher::Call> RequestDispatcher::Decode(uint64_t client
       return refuse(KXAPI_SERVER_INVALID_REQUEST,
                     u"unknown operation type number " + Hex(call.type_number));
     }
-    const std::u16string name(call.request->GetName());
+    // Only a refusal names the operation.
+    const auto name = [&call] { return std::u16string(call.request->GetName()); };
     if (!call.request->Deserialize(in)) {
       return refuse(KXAPI_SERVER_INVALID_REQUEST,
-                    name + u": the request's fields are truncated or malformed");
+                    name() + u": the request's fields are truncated or malformed");
     }
     if (in.Available() != 0) {
       return refuse(KXAPI_SERVER_INVALID_REQUEST,
-                    name + u": " + platform::Utf8ToUtf16(std::to_string(in.Available())) +
+                    name() + u": " + platform::Utf8ToUtf16(std::to_string(in.Available())) +
                         u" bytes follow the request's fields");
     }
-    const auto handler = handlers_.find(call.type_number);
-    if (handler == handlers_.end()) {
-      return refuse(KXAPI_SERVER_NOT_IMPLEMENTED, name + u" is not implemented by this server");
+    const auto found = operations_.find(call.type_number);
+    if (found == operations_.end() || found->second.handler == nullptr) {
+      return refuse(KXAPI_SERVER_NOT_IMPLEMENTED, name() + u" is not implemented by this server");
     }
-    call.handler = &handler->second;
-    call.may_wait = waiting_.count(call.type_number) != 0;
-    if (const auto brief = brief_.find(call.type_number); call.may_wait && brief != brief_.end())
-      call.may_wait = !brief->second(*call.request);
-    call.unanswered = unanswered_.count(call.type_number) != 0;
+    const Operation& operation = found->second;
+    call.handler = &operation.handler;
+    call.may_wait = operation.timing == Timing::kMayWait &&
+                    (operation.brief == nullptr || !operation.brief(*call.request));
+    call.unanswered = operation.timing == Timing::kUnanswered;
     return call;
   } catch (const std::exception&) {
     return std::nullopt;

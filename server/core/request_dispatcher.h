@@ -18,7 +18,6 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "server/core/status.h"
@@ -49,10 +48,10 @@ class RequestDispatcher {
   template <class Req, class Resp, class Fn>
   void Register(Fn handler, Timing timing = Timing::kImmediate) {
     static_assert(Req::kTypeNumber == Resp::kTypeNumber, "request and response differ");
-    if (timing == Timing::kMayWait) waiting_.insert(Req::kTypeNumber);
-    if (timing == Timing::kUnanswered) unanswered_.insert(Req::kTypeNumber);
-    handlers_[Req::kTypeNumber] = [handler](const RequestContext& context, CRequest& request,
-                                            CResponse& response) {
+    Operation& operation = operations_[Req::kTypeNumber];
+    operation.timing = timing;
+    operation.handler = [handler](const RequestContext& context, CRequest& request,
+                                  CResponse& response) {
       return handler(context, static_cast<Req&>(request), static_cast<Resp&>(response));
     };
   }
@@ -60,11 +59,14 @@ class RequestDispatcher {
   // `brief(const Req&)` says which, and those are answered on the reading thread.
   template <class Req, class Fn>
   void AnswerAtOnceWhen(Fn brief) {
-    brief_[Req::kTypeNumber] = [brief](const CRequest& request) {
+    operations_[Req::kTypeNumber].brief = [brief](const CRequest& request) {
       return brief(static_cast<const Req&>(request));
     };
   }
-  bool IsRegistered(uint32_t type_number) const { return handlers_.count(type_number) != 0; }
+  bool IsRegistered(uint32_t type_number) const {
+    const auto it = operations_.find(type_number);
+    return it != operations_.end() && it->second.handler != nullptr;
+  }
 
   // One request taken apart and ready for its handler; or, refused before any handler ran,
   // already answered.
@@ -103,10 +105,13 @@ class RequestDispatcher {
   // The answer that carries only the response head with `code` and `text`.
   std::optional<MessageBuffer> Refusal(const Call& call, uint32_t code, std::u16string text) const;
 
-  std::unordered_map<uint32_t, Handler> handlers_;
-  std::unordered_set<uint32_t> waiting_;
-  std::unordered_map<uint32_t, std::function<bool(const CRequest&)>> brief_;
-  std::unordered_set<uint32_t> unanswered_;
+  // What the server knows of one operation, found with one lookup per request.
+  struct Operation {
+    Handler handler;
+    Timing timing = Timing::kImmediate;
+    std::function<bool(const CRequest&)> brief;  // for kMayWait: answered at once when true
+  };
+  std::unordered_map<uint32_t, Operation> operations_;
 };
 
 }  // namespace qv::server

@@ -322,7 +322,10 @@ PipeChannel::ReadStatus PipeChannel::ReadFrame() {
       if (gate_ && body_length >= kPartBodyFrom && !gate_(body_length)) {
         return fail(ReadStatus::kStopped);
       }
-      frame_since_ = std::chrono::steady_clock::now().time_since_epoch().count();
+      // Only a body still to come from the pipe is timed: one read in whole with its header
+      // (nearly every frame) cannot stall.
+      if (staged_end_ - staged_begin_ < body_length)
+        frame_since_ = std::chrono::steady_clock::now().time_since_epoch().count();
       // A new request: a peer that waited for its answers has read them all by now.
       ReclaimLent();
       result = ReadBody(body_length);
