@@ -74,9 +74,10 @@ class StopSignal {
   // costs no system call.
   std::atomic<bool> set_{false};
   // The blocking read under way, so that Set shuts down only a descriptor that is still open
-  // (a pipe is not closed while one of its operations runs).
+  // (a pipe is not closed while one of its operations runs). Set holds the lock while it shuts
+  // the descriptor down; a read that sees the signal set waits for it before it ends.
   mutable std::mutex blocking_mutex_;
-  mutable int blocking_fd_ = -1;  // guarded by blocking_mutex_
+  mutable std::atomic<int> blocking_fd_{-1};
 #endif
 };
 

@@ -37,6 +37,8 @@ constexpr size_t kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
 
 // Gathered sends take the parts in batches of this many, so that no send needs an allocation.
 constexpr size_t kSendBatch = 64;
+// Parts of at most this many bytes in all are copied into one buffer and sent with send.
+constexpr size_t kSmallSendBytes = 512;
 
 // Pause between attempts to reach a socket that is not there yet or refuses.
 constexpr long kConnectRetryMs = 10;
@@ -176,10 +178,11 @@ bool StopSignal::IsValid() const noexcept {
 
 void StopSignal::Set() noexcept {
   if (handle_ < 0) return;
-  set_.store(true, std::memory_order_release);
+  set_.store(true, std::memory_order_seq_cst);
   {
     std::lock_guard lock(blocking_mutex_);
-    if (blocking_fd_ >= 0) shutdown(blocking_fd_, SHUT_RD);
+    const int fd = blocking_fd_.load(std::memory_order_seq_cst);
+    if (fd >= 0) shutdown(fd, SHUT_RD);
   }
   const uint64_t one = 1;
   // EAGAIN means the counter is all but full: it is set anyway.
@@ -200,17 +203,22 @@ bool StopSignal::IsSet() const noexcept {
   return handle_ >= 0 && set_.load(std::memory_order_acquire);
 }
 
+// A read and Set each write their own word and then read the other's (both sequentially
+// consistent), so at least one sees the other: a Set before the read is seen here, a Set after it
+// finds the descriptor. The lock is taken only when a Set has come, so that a Set that found the
+// descriptor has shut it down before the read ends and the pipe may close it.
 bool StopSignal::BeginBlockingRead(int fd) const noexcept {
-  std::lock_guard lock(blocking_mutex_);
-  // Checked again under the lock: a Set before it is seen here, a Set after it finds the fd.
-  if (set_.load(std::memory_order_acquire)) return false;
-  blocking_fd_ = fd;
-  return true;
+  blocking_fd_.store(fd, std::memory_order_seq_cst);
+  if (!set_.load(std::memory_order_seq_cst)) return true;
+  EndBlockingRead();
+  return false;
 }
 
 void StopSignal::EndBlockingRead() const noexcept {
-  std::lock_guard lock(blocking_mutex_);
-  blocking_fd_ = -1;
+  blocking_fd_.store(-1, std::memory_order_seq_cst);
+  if (set_.load(std::memory_order_seq_cst)) {
+    const std::lock_guard wait_for_set(blocking_mutex_);
+  }
 }
 
 // --- Pipe ---
@@ -349,10 +357,27 @@ IoResult Pipe::SendCopies(std::span<const std::span<const uint8_t>> parts,
     size_t offered = 0;
     for (size_t i = 0; i < count; ++i)
       offered += vectors[i].iov_len;
-    msghdr message{};
-    message.msg_iov = vectors;
-    message.msg_iovlen = count;
-    const ssize_t sent = sendmsg(handle_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    ssize_t sent = 0;
+    if (count == 1 || offered <= kSmallSendBytes) {
+      // One part, or a small frame's parts copied together: send takes no message header and no
+      // vector from this process's memory, which sendmsg would copy in first.
+      uint8_t joined[kSmallSendBytes];
+      const void* data = vectors[0].iov_base;
+      if (count > 1) {
+        size_t at = 0;
+        for (size_t i = 0; i < count; ++i) {
+          std::memcpy(joined + at, vectors[i].iov_base, vectors[i].iov_len);
+          at += vectors[i].iov_len;
+        }
+        data = joined;
+      }
+      sent = send(handle_, data, offered, MSG_NOSIGNAL | MSG_DONTWAIT);
+    } else {
+      msghdr message{};
+      message.msg_iov = vectors;
+      message.msg_iovlen = count;
+      sent = sendmsg(handle_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    }
     if (sent < 0) {
       const int code = errno;
       if (code == EINTR) continue;
