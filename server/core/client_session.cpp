@@ -83,7 +83,7 @@ void ClientSession::Post(SharedBody body) {
   if (wake_writer) queue_cv_.notify_one();
 }
 
-void ClientSession::Send(MessageBuffer&& body) {
+void ClientSession::Send(MessageBuffer& body) {
   bool write_now = false;
   {
     std::lock_guard lock(queue_mutex_);
@@ -225,7 +225,10 @@ void ClientSession::EndReading() {
 }
 
 bool ClientSession::Answer(RequestDispatcher::Call& call) {
-  auto answer = dispatcher_.Run(call, /*gather=*/true);
+  // The block of an answer written at once serves the next answer this thread writes (the
+  // reading may move between threads, each with its own).
+  thread_local MessageBuffer spare;
+  auto answer = dispatcher_.Run(call, /*gather=*/true, std::move(spare));
   call = {};  // the request's bytes and its budget go before the answer waits in the queue
   if (!answer.has_value()) {
     ServerLog(kLogErrors, ClientTag(id_) + ": no memory to answer with; closing");
@@ -233,11 +236,14 @@ bool ClientSession::Answer(RequestDispatcher::Call& call) {
   }
   if (answer->Size() == 0) return true;  // a call that goes unanswered when it succeeds
   try {
-    Send(std::move(*answer));
-    return true;
+    Send(*answer);
   } catch (const std::exception&) {
     return false;
   }
+  // What it referred to (a large read's pages) is let go now, not at the next answer.
+  answer->Reset();
+  if (answer->Capacity() <= kKeptAnswerBytes) spare = std::move(*answer);
+  return true;
 }
 
 bool ClientSession::FrameOverdue(std::chrono::steady_clock::time_point now,

@@ -90,8 +90,11 @@ class ClientSession final : public ClientSink {
   void EndReading();
   // Answers one request and queues the answer; false when the session must end.
   bool Answer(RequestDispatcher::Call& call);
-  // Writes an answer at once when nothing is ahead of it, else queues it as Post does.
-  void Send(MessageBuffer&& body);
+  // Writes an answer at once when nothing is ahead of it, leaving `body` as it was; else queues
+  // it as Post does, taking it.
+  void Send(MessageBuffer& body);
+  // The largest answer block a thread keeps for its next answer.
+  static constexpr size_t kKeptAnswerBytes = 64 * 1024;
 
   const uint64_t id_;
   const std::u16string private_pipe_name_;

@@ -21,14 +21,14 @@ std::u16string Hex(uint32_t value) {
 }
 
 std::optional<MessageBuffer> Encode(uint32_t type_number, const CResponse& response,
-                                    bool gather = false) {
-  MessageBuffer out;
+                                    bool gather = false, MessageBuffer&& out = MessageBuffer()) {
+  out.Reset();
   if (gather) out.GatherLargeRuns();
   if (!WriteField(out, static_cast<uint32_t>(IncomingKind::kResponse)) ||
       !WriteField(out, type_number) || !response.Serialize(out)) {
     return std::nullopt;
   }
-  return out;
+  return std::move(out);
 }
 
 }  // namespace
@@ -79,7 +79,8 @@ std::optional<RequestDispatcher::Call> RequestDispatcher::Decode(uint64_t client
   }
 }
 
-std::optional<MessageBuffer> RequestDispatcher::Run(Call& call, bool gather) const noexcept {
+std::optional<MessageBuffer> RequestDispatcher::Run(Call& call, bool gather,
+                                                    MessageBuffer&& into) const noexcept {
   try {
     if (call.answer.has_value() || call.handler == nullptr) return std::move(call.answer);
     // Only a refusal names the operation.
@@ -96,7 +97,8 @@ std::optional<MessageBuffer> RequestDispatcher::Run(Call& call, bool gather) con
     // The packet log shows the result even when it is not sent.
     if (observer) observer(call.context, call.request.get(), *call.response);
     if (call.unanswered) return MessageBuffer();
-    if (auto encoded = Encode(call.type_number, *call.response, gather)) return encoded;
+    if (auto encoded = Encode(call.type_number, *call.response, gather, std::move(into)))
+      return encoded;
     return Refusal(call, KXAPI_SERVER_EXCEPTION, name() + u": the response could not be encoded");
   } catch (const std::exception&) {
     // Out of memory while building an answer: there is nothing better to send.

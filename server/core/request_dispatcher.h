@@ -91,8 +91,10 @@ class RequestDispatcher {
   // answer, or its refusal. With `gather`, the answer refers to its large byte fields where they
   // lie instead of copying them (MessageBuffer::References), for a caller that writes it with
   // PipeChannel::WriteFrame. An empty buffer for a kUnanswered call that succeeded: nothing is
-  // to be sent. nullopt only when memory ran out. Never throws.
-  std::optional<MessageBuffer> Run(Call& call, bool gather = false) const noexcept;
+  // to be sent. nullopt only when memory ran out. Never throws. A handler's answer is written
+  // into `into` (emptied first), so that a caller may hand back the block of its last answer.
+  std::optional<MessageBuffer> Run(Call& call, bool gather = false,
+                                   MessageBuffer&& into = MessageBuffer()) const noexcept;
   // Decode, then Run.
   std::optional<MessageBuffer> Dispatch(uint64_t client_id, uint32_t process_id,
                                         const uint8_t* body, size_t size,
