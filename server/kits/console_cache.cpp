@@ -4,21 +4,12 @@
 
 namespace qv::server {
 
-void ConsoleCache::Add(ConsoleCacheRecord piece) {
-  // A full cache writes the new piece over the text of the oldest, when that has about the room:
-  // a server with many busy consoles otherwise frees, for every piece, a block it last touched a
-  // thousand pieces ago, and that costs more than the copy. Only about the room, so that one long
-  // piece does not keep its block going round for short ones.
-  if (pieces_.size() == size_) {
-    std::u16string& oldest = pieces_.front().Text;
-    const size_t room = oldest.capacity();
-    if (room >= piece.Text.size() && room <= 2 * piece.Text.size() + kRecycleSlack) {
-      oldest.assign(piece.Text);
-      piece.Text.swap(oldest);
-    }
-  }
+std::u16string ConsoleCache::Add(ConsoleCacheRecord piece) {
   pieces_.push_back(std::move(piece));
+  std::u16string dropped;
+  if (pieces_.size() > size_) dropped = std::move(pieces_.front().Text);
   Trim();
+  return dropped;
 }
 
 bool ConsoleCache::SetSize(uint32_t size) {

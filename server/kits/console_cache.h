@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <string>
 
 #include "requests/wire_types.h"
 
@@ -17,8 +18,9 @@ class ConsoleCache {
   static constexpr uint32_t kMaxSize = 1024 * 1024;  // the largest size a client may set
   static constexpr uint32_t kFetchLimit = 256;       // pieces one fetch returns at most
 
-  // Keeps `piece`, dropping the oldest beyond the size.
-  void Add(ConsoleCacheRecord piece);
+  // Keeps `piece`, dropping the oldest beyond the size; returns the text of the piece dropped
+  // (empty when none was), whose block the caller may reuse.
+  std::u16string Add(ConsoleCacheRecord piece);
   // The index the next piece gets.
   uint32_t UpperBound() const { return first_index_ + static_cast<uint32_t>(pieces_.size()); }
   uint32_t Size() const { return size_; }
@@ -33,9 +35,6 @@ class ConsoleCache {
 
  private:
   void Trim();
-
-  // Characters of a piece's text the block it reuses may have beyond twice the text's length.
-  static constexpr size_t kRecycleSlack = 64;
 
   std::deque<ConsoleCacheRecord> pieces_;
   uint32_t first_index_ = 0;  // of pieces_.front()

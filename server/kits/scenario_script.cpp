@@ -3,6 +3,7 @@
 // added to the catalogue can be scripted without a line here.
 #include "server/kits/scenario_script.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <string>
@@ -30,7 +31,7 @@ struct ScriptedKind {
   // `has_placeholders` when a text field holds '{'.
   void (*encode)(const DocNode* fields, ScriptStep& step);
   std::shared_ptr<CNotification> (*make)(const ScriptStep& step, uint32_t target_key,
-                                         uint32_t repetition);
+                                         uint32_t repetition, TextBlocks* blocks);
 };
 
 template <class Notification>
@@ -78,13 +79,38 @@ void ExpandPlaceholders(std::u16string& text, uint64_t time_ns, uint32_t repetit
   text = std::move(expanded);
 }
 
+// Gives each text field of `notification` a block from `blocks` with about the room for the
+// same field of `prototype`, before the prototype is copied in.
+template <class Notification>
+void TakeTextBlocks(const Notification& prototype, Notification& notification, TextBlocks& blocks) {
+  constexpr size_t kMostTexts = 8;
+  size_t lengths[kMostTexts];
+  size_t texts = 0;
+  Notification::VisitFields(prototype, [&](const char*, const auto& field) {
+    if constexpr (std::is_same_v<std::decay_t<decltype(field)>, std::u16string>) {
+      if (texts < kMostTexts) lengths[texts] = field.size();
+      ++texts;
+    }
+  });
+  size_t text = 0;
+  Notification::VisitFields(notification, [&](const char*, auto& field) {
+    if constexpr (std::is_same_v<std::decay_t<decltype(field)>, std::u16string>) {
+      if (text < std::min(texts, kMostTexts)) blocks.Take(lengths[text], field);
+      ++text;
+    }
+  });
+}
+
 template <class Notification>
 std::shared_ptr<CNotification> Make(const ScriptStep& step, uint32_t target_key,
-                                    uint32_t repetition) {
+                                    uint32_t repetition, TextBlocks* blocks) {
   std::shared_ptr<Notification> notification;
   if (step.decoded.notification != nullptr) {
-    notification = std::make_shared<Notification>(
-        static_cast<const Notification&>(*step.decoded.notification));
+    const auto& prototype = static_cast<const Notification&>(*step.decoded.notification);
+    notification = std::make_shared<Notification>();
+    if (blocks != nullptr) TakeTextBlocks(prototype, *notification, *blocks);
+    // Copied over, a text keeps the block it was given when that has the room.
+    *notification = prototype;
   } else {
     notification = std::make_shared<Notification>();
     MessageBuffer buffer(step.body.data(), step.body.size());
@@ -153,7 +179,7 @@ ScriptStep ReadStep(const DocNode& node) {
   if (const DocNode* value = Find(node, "after_ms"))
     step.after_ms = Milliseconds(*value, "after_ms");
   if (const DocNode* value = Find(node, "repeat")) step.repeat = Count(*value, "repeat");
-  if (!step.has_placeholders) step.decoded.notification = kind->make(step, 0, 0);
+  if (!step.has_placeholders) step.decoded.notification = kind->make(step, 0, 0, nullptr);
   return step;
 }
 
@@ -193,9 +219,9 @@ std::vector<KitScript> ReadScripts(const DocNode& node) {
 }
 
 std::shared_ptr<CNotification> ScriptedNotification(const ScriptStep& step, uint32_t target_key,
-                                                    uint32_t repetition) {
+                                                    uint32_t repetition, TextBlocks* blocks) {
   const ScriptedKind* kind = FindKind(step.type_number);
-  return kind != nullptr ? kind->make(step, target_key, repetition) : nullptr;
+  return kind != nullptr ? kind->make(step, target_key, repetition, blocks) : nullptr;
 }
 
 }  // namespace qv::server

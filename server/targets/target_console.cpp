@@ -20,7 +20,8 @@ uint64_t NowMilliseconds() {
 
 }  // namespace
 
-void TargetRegistry::EmitConsoleOutput(Target& target, CConsoleOutputNotification&& output) {
+std::u16string TargetRegistry::EmitConsoleOutput(Target& target,
+                                                 CConsoleOutputNotification&& output) {
   const auto it = subscriptions_.find({EventGroup::ConsoleOutput, target.handle});
   // The clients whose backlog has room; a piece nobody takes is not encoded.
   std::vector<std::pair<uint64_t, ConsoleFlow*>> takers;
@@ -44,13 +45,15 @@ void TargetRegistry::EmitConsoleOutput(Target& target, CConsoleOutputNotificatio
     if (observer_) logged = std::make_shared<const CConsoleOutputNotification>(output);
   }
   // The text is needed no more once encoded: the cache takes it.
-  target.console.Add({output.Port, output.Category, output.Timestamp, output.ProcessId,
-                      output.ThreadId, std::move(output.Text)});
-  if (body == nullptr) return;
+  std::u16string dropped =
+      target.console.Add({output.Port, output.Category, output.Timestamp, output.ProcessId,
+                          output.ThreadId, std::move(output.Text)});
+  if (body == nullptr) return dropped;
   for (auto& [client_id, flow] : takers) {
     flow->waiting.emplace_back(body, logged);
     DrainConsoleFlow(client_id, *flow);
   }
+  return dropped;
 }
 
 void TargetRegistry::DrainConsoleFlow(uint64_t client_id, ConsoleFlow& flow) {
@@ -219,7 +222,7 @@ void TargetRegistry::SendScripted(const std::u16string& host, const ScriptStep& 
   std::vector<std::shared_ptr<CNotification>> notifications;
   notifications.reserve(count);
   for (uint32_t i = 0; i < count; ++i) {
-    auto notification = ScriptedNotification(step, target_key, first + i);
+    auto notification = ScriptedNotification(step, target_key, first + i, &script_texts_);
     if (notification == nullptr) return;
     notifications.push_back(std::move(notification));
   }
@@ -229,8 +232,8 @@ void TargetRegistry::SendScripted(const std::u16string& host, const ScriptStep& 
   if (shutting_down_ || (target != nullptr && target->deleted)) return;
   for (auto& notification : notifications) {
     if (step.type_number == CConsoleOutputNotification::kTypeNumber && target != nullptr) {
-      EmitConsoleOutput(*target,
-                        std::move(static_cast<CConsoleOutputNotification&>(*notification)));
+      script_texts_.Give(EmitConsoleOutput(
+          *target, std::move(static_cast<CConsoleOutputNotification&>(*notification))));
     } else {
       Notify(route->group, route->group == EventGroup::Server ? kNoTarget : target_key,
              *notification);

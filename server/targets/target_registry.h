@@ -32,6 +32,7 @@
 #include "server/kits/console_cache.h"
 #include "server/kits/scenario.h"
 #include "server/kits/script_runner.h"
+#include "server/kits/text_blocks.h"
 #include "server/protocols/target_protocols.h"
 #include "server/targets/process_locks.h"
 
@@ -240,8 +241,9 @@ class TargetRegistry {
   // The message body that carries `notification`; null if it cannot be encoded.
   static SharedBody Encode(const CNotification& notification);
   // Console output of `target`: into its cache (which takes its text) and, paced, to its
-  // subscribers.
-  void EmitConsoleOutput(Target& target, CConsoleOutputNotification&& output);
+  // subscribers. Returns the text of the piece the cache dropped for it, if any, whose block the
+  // caller may reuse.
+  std::u16string EmitConsoleOutput(Target& target, CConsoleOutputNotification&& output);
   friend class TargetDebugEvents;
   // What a target's debug backend reports: console output to its console, the rest to its
   // Debug group. Dropped once the target is deleted or the server stops.
@@ -299,6 +301,9 @@ class TargetRegistry {
   ProcessLocks locks_;
   // The first-subscription scripts that have started (each runs once per server run).
   std::set<const KitScript*> scripts_started_;
+  // The blocks of texts the consoles let go, for the next scripted notifications; used only by
+  // SendScripted, so only on the script thread.
+  TextBlocks script_texts_;
   // Last: its thread calls SendScripted, so it stops before anything above goes.
   ScriptRunner scripts_;
 };

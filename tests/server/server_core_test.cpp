@@ -13,6 +13,7 @@
 #include "server/core/frame_budget.h"
 #include "server/core/worker_pool.h"
 #include "server/kits/console_cache.h"
+#include "server/kits/text_blocks.h"
 
 namespace qv::server {
 namespace {
@@ -81,15 +82,15 @@ TEST(ConsoleCacheTest, ALoopingReaderNeverSeesAGapOrARepeat) {
   EXPECT_TRUE(ReadFrom(cache, ahead).empty());
   EXPECT_EQ(ahead, cache.UpperBound());
 
-  // A full cache that writes new pieces over the oldest ones' blocks keeps each piece's own text
-  // and fields: the last two go over the blocks of the third (a shorter text) and the fourth (as
-  // long), the two before them into blocks of their own.
+  // A full cache hands back the text of the piece it drops for each new one (for its block to be
+  // reused) and keeps each piece's own text and fields.
   ASSERT_TRUE(cache.SetSize(2));
   const std::u16string texts[] = {
       u"first piece of text", u"second", u"a third piece, longer than the first",
       u"fourth piece",        u"fifth",  u"sixth piece!"};
-  for (uint32_t i = 0; i < std::size(texts); ++i)
-    cache.Add({i, 7, 900 + i, 0, 0, texts[i]});
+  for (uint32_t i = 0; i < std::size(texts); ++i) {
+    EXPECT_EQ(cache.Add({i, 7, 900 + i, 0, 0, texts[i]}), i < 2 ? u"text" : texts[i - 2]) << i;
+  }
   ConsoleCacheRecordList held;
   cache.Fetch(0, held);
   ASSERT_EQ(held.size(), 2u);
@@ -97,6 +98,32 @@ TEST(ConsoleCacheTest, ALoopingReaderNeverSeesAGapOrARepeat) {
     EXPECT_EQ(held[i].Text, texts[4 + i]);
     EXPECT_EQ(held[i].Port, 4 + i);
     EXPECT_EQ(held[i].Timestamp, 904 + i);
+  }
+}
+
+// A text is given a kept block only when the block has about its room: never one too small, and
+// never one so large that a long piece's block would go round for short ones.
+TEST(TextBlocksTest, AKeptBlockGoesOnlyToATextOfAboutItsSize) {
+  const struct {
+    size_t block;   // characters the given block holds
+    size_t length;  // of the text that asks for one
+    bool reused;
+  } cases[] = {
+      {1000, 1000, true},  {1000, 600, true},  {1000, 999, true},
+      {1000, 1001, false}, {1000, 400, false}, {16, 16, false},  // too small to be kept at all
+  };
+  for (const auto& c : cases) {
+    TextBlocks blocks;
+    std::u16string given(c.block, u'x');
+    const char16_t* block = given.data();
+    blocks.Give(std::move(given));
+    std::u16string text;
+    blocks.Take(c.length, text);
+    EXPECT_EQ(text.data() == block, c.reused) << c.block << " for " << c.length;
+    // Taken or let go, it is not offered twice.
+    std::u16string again;
+    blocks.Take(c.length, again);
+    EXPECT_TRUE(again.empty()) << c.block << " for " << c.length;
   }
 }
 
