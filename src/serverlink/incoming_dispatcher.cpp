@@ -39,43 +39,68 @@ IncomingDispatcher::IncomingDispatcher(const MessageFactory<CResponse>& response
       store_(store),
       queue_notification_(std::move(queue_notification)) {}
 
-IncomingDispatcher::Outcome IncomingDispatcher::Dispatch(MessageBuffer& body, uint32_t* delivered) {
+IncomingDispatcher::Outcome IncomingDispatcher::Dispatch(MessageBuffer& body, OwnAnswer* own) {
   uint32_t kind = 0;
   if (!ReadField(body, kind)) return Outcome::kNoKind;
   switch (static_cast<IncomingKind>(kind)) {
     case IncomingKind::kResponse:
-      return DispatchResponse(body, delivered);
+      return DispatchResponse(body, own);
     case IncomingKind::kNotification:
       return DispatchNotification(body);
   }
   return Outcome::kIgnoredKind;
 }
 
+bool IncomingDispatcher::Decode(MessageBuffer& body, CResponse& response) {
+  MessageBuffer::Source* rest = body.GetSource();
+  if (rest == nullptr) return response.Deserialize(body);
+  LandingSource landing(*rest, store_, response);
+  body.SetSource(&landing);
+  const bool decoded = response.Deserialize(body);
+  body.SetSource(rest);
+  return decoded;
+}
+
 IncomingDispatcher::Outcome IncomingDispatcher::DispatchResponse(MessageBuffer& body,
-                                                                 uint32_t* delivered) {
+                                                                 OwnAnswer* own) {
   uint32_t type_number = 0;
   std::shared_ptr<CResponse> response;
-  if (ReadField(body, type_number)) response = responses_.Create(type_number);
-  if (response == nullptr) {
+  CResponse* into = nullptr;
+  if (ReadField(body, type_number)) {
+    uint32_t own_type = 0;
+    if (own != nullptr) own->response->GetTypeNumber(own_type);
+    if (own_type != 0 && own_type == type_number) {
+      into = own->response;
+    } else {
+      response = responses_.Create(type_number);
+      into = response.get();
+    }
+  }
+  if (into == nullptr) {
     LogApi(Log::kErrors, "Un-identified response type " + std::to_string(type_number));
     return Outcome::kUnknownResponseType;
   }
-  bool decoded = false;
-  if (MessageBuffer::Source* rest = body.GetSource()) {
-    LandingSource landing(*rest, store_, *response);
-    body.SetSource(&landing);
-    decoded = response->Deserialize(body);
-    body.SetSource(rest);
-  } else {
-    decoded = response->Deserialize(body);
+  const bool decoded = Decode(body, *into);
+  if (decoded && LibraryLog().Enabled(Log::kPackets)) {
+    LogApi(Log::kPackets, "RECV: " + platform::Utf16ToUtf8(into->GetName()));
+  }
+  if (response == nullptr) {
+    if (decoded && into->Sequence == own->sequence) {
+      own->taken = true;
+      return Outcome::kResponseDelivered;
+    }
+    // Another caller's answer of the same class, or a frame that did not decode: it goes where
+    // it would have gone, and the reading caller's object is emptied again for its own answer.
+    response = responses_.Create(type_number);
+    if (response == nullptr || !response->Assign(std::shared_ptr<CResponse>(response, into)) ||
+        !into->Assign(responses_.Create(type_number))) {
+      return Outcome::kUndecodableResponse;
+    }
   }
   if (!decoded) return Outcome::kUndecodableResponse;
-  if (LibraryLog().Enabled(Log::kPackets)) {
-    LogApi(Log::kPackets, "RECV: " + platform::Utf16ToUtf8(response->GetName()));
-  }
   const uint32_t sequence = response->Sequence;
   if (!store_.Deliver(std::move(response))) return Outcome::kUnawaitedResponse;
-  if (delivered != nullptr) *delivered = sequence;
+  if (own != nullptr && sequence == own->sequence) own->filed = true;
   return Outcome::kResponseDelivered;
 }
 

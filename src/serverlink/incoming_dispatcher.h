@@ -39,11 +39,23 @@ class IncomingDispatcher {
                      const MessageFactory<CNotification>& notifications,
                      PendingResponseStore& store, NotificationSink queue_notification);
 
-  // With kResponseDelivered, `delivered` (when given) is set to the response's sequence number.
-  Outcome Dispatch(MessageBuffer& body, uint32_t* delivered = nullptr);
+  // A caller that reads the pipe for its own answer: the answer to `sequence` is decoded straight
+  // into `response` when it has the answer's class (no object is made for it, nothing is filed in
+  // the store, and `taken` is set); every other response goes to the store as usual, and `filed`
+  // is set when the caller's own answer went there.
+  struct OwnAnswer {
+    uint32_t sequence = 0;
+    CResponse* response = nullptr;
+    bool taken = false;
+    bool filed = false;
+  };
+
+  Outcome Dispatch(MessageBuffer& body, OwnAnswer* own = nullptr);
 
  private:
-  Outcome DispatchResponse(MessageBuffer& body, uint32_t* delivered);
+  Outcome DispatchResponse(MessageBuffer& body, OwnAnswer* own);
+  // Decodes the rest of `body` into `response`, its landing found by its Sequence.
+  bool Decode(MessageBuffer& body, CResponse& response);
   Outcome DispatchNotification(MessageBuffer& body);
 
   const MessageFactory<CResponse>& responses_;

@@ -171,8 +171,9 @@ bool PendingResponseStore::IsReady(uint32_t sequence) const {
   return entry != nullptr && entry->ready;
 }
 
-void PendingResponseStore::EndCallerRead() {
+void PendingResponseStore::EndCallerRead(std::optional<uint32_t> taken) {
   std::lock_guard lock(store_mutex_);
+  if (Entry* entry = taken ? FindLocked(*taken) : nullptr) EraseLocked(*entry);
   EndCallerReadLocked();
 }
 

@@ -76,8 +76,9 @@ class PendingResponseStore {
                        bool may_read = false);
   // Whether the response for `sequence` has been filed.
   bool IsReady(uint32_t sequence) const;
-  // A reading caller lets go of the pipe.
-  void EndCallerRead();
+  // A reading caller lets go of the pipe; with `taken`, it read its answer to that sequence
+  // number itself, which is then no longer awaited.
+  void EndCallerRead(std::optional<uint32_t> taken = std::nullopt);
   // EndCallerRead, then Wait without a deadline, under one taking of the lock.
   std::error_code EndCallerReadAndWait(uint32_t sequence, uint64_t epoch,
                                        std::shared_ptr<CResponse>& response);

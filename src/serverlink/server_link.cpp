@@ -186,9 +186,10 @@ LinkStatus ServerLink::ConnectLocked(bool& connected_now) {
   return LinkStatus::kSuccess;
 }
 
-bool ServerLink::ReadOneFrame(IncomingDispatcher::Outcome& outcome, uint32_t* delivered) {
+bool ServerLink::ReadOneFrame(IncomingDispatcher::Outcome& outcome,
+                              IncomingDispatcher::OwnAnswer* own) {
   if (channel_.ReadFrame() != PipeChannel::ReadStatus::kFrame) return false;
-  outcome = dispatcher_.Dispatch(channel_.Input(), delivered);
+  outcome = dispatcher_.Dispatch(channel_.Input(), own);
   channel_.ReleaseRead();
   return outcome != IncomingDispatcher::Outcome::kNoKind;
 }
@@ -227,12 +228,12 @@ void ServerLink::ReadLoop() {
   store_.Abort();
 }
 
-void ServerLink::ReadForOwnAnswer(uint32_t sequence) {
+bool ServerLink::ReadForOwnAnswer(uint32_t sequence, CResponse& response) {
   IncomingDispatcher::Outcome outcome{};
   bool read = true;
-  uint32_t delivered = 0;
-  while ((read = ReadOneFrame(outcome, &delivered))) {
-    if (outcome == IncomingDispatcher::Outcome::kResponseDelivered && delivered == sequence) break;
+  IncomingDispatcher::OwnAnswer own{sequence, &response};
+  while ((read = ReadOneFrame(outcome, &own))) {
+    if (own.taken || own.filed) break;
   }
   // Frames read ahead go to their owners before the pipe is let go: the read thread watches the
   // pipe, and would not see them.
@@ -245,6 +246,7 @@ void ServerLink::ReadForOwnAnswer(uint32_t sequence) {
     connected_.store(false, std::memory_order_release);
     store_.Abort();
   }
+  return own.taken;
 }
 
 void ServerLink::Disconnect() {
@@ -359,7 +361,10 @@ LinkStatus ServerLink::WaitResponse(CResponse& response, uint32_t sequence, uint
   if (limit.count() > 0) deadline = std::chrono::steady_clock::now() + limit;
   std::error_code waited = store_.Wait(sequence, epoch, arrived, deadline, /*may_read=*/true);
   while (waited == WaitError::kWaitReadYourself) {
-    ReadForOwnAnswer(sequence);
+    if (ReadForOwnAnswer(sequence, response)) {
+      store_.EndCallerRead(sequence);
+      return LinkStatus::kSuccess;
+    }
     waited = store_.EndCallerReadAndWait(sequence, epoch, arrived);
   }
   if (waited == WaitError::kWaitTimedOut) {

@@ -106,12 +106,14 @@ class ServerLink {
   LinkStatus Handshake(ConnectResponse& answer);
   void DisconnectLocked();
   void ReadLoop();
-  // Reads one frame and hands it on; false when the connection is over. `delivered`: as for
+  // Reads one frame and hands it on; false when the connection is over. `own`: as for
   // IncomingDispatcher::Dispatch.
-  bool ReadOneFrame(IncomingDispatcher::Outcome& outcome, uint32_t* delivered = nullptr);
-  // A waiting caller reads the pipe itself until its answer has come (see PendingResponseStore),
-  // then lets go of it with EndCallerReadAndWait.
-  void ReadForOwnAnswer(uint32_t sequence);
+  bool ReadOneFrame(IncomingDispatcher::Outcome& outcome,
+                    IncomingDispatcher::OwnAnswer* own = nullptr);
+  // A waiting caller reads the pipe itself until its answer has come (see PendingResponseStore);
+  // true when the answer was decoded straight into `response`. The caller then lets go of the
+  // pipe.
+  bool ReadForOwnAnswer(uint32_t sequence, CResponse& response);
   // Writes one request on the open connection.
   LinkStatus Write(uint32_t target_handle, const CRequest& request, uint32_t& sequence,
                    bool expect_response, uint64_t& epoch, std::shared_ptr<BulkLanding> landing);

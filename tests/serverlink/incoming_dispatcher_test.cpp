@@ -115,5 +115,44 @@ TEST_F(IncomingDispatcherTest, EveryMalformedOrUnexpectedMessageIsDropped) {
   EXPECT_EQ(arrived->Handle, 12u);
 }
 
+// A caller reading for its own answer gets it decoded into its own object; another caller's
+// answer of the same class read meanwhile reaches that caller whole, and leaves the reading
+// caller's object as it was.
+TEST_F(IncomingDispatcherTest, AReadingCallersOwnAnswerGoesStraightIntoItsObject) {
+  ASSERT_TRUE(store_.Await(5));
+  ASSERT_TRUE(store_.Await(6));
+  CGetDefaultTargetResponse other, mine;
+  other.Sequence = 6;
+  other.Handle = 66;
+  mine.Sequence = 5;
+  mine.Handle = 55;
+  const ByteVector torn = HandBytes().U32(0, CGetDefaultTargetResponse::kTypeNumber, 0).bytes();
+
+  CGetDefaultTargetResponse into;
+  IncomingDispatcher::OwnAnswer own{5, &into};
+  const auto dispatch = [&](const ByteVector& body) {
+    MessageBuffer buffer(body.data(), body.size());
+    return dispatcher_.Dispatch(buffer, &own);
+  };
+  EXPECT_EQ(dispatch(Incoming(IncomingKind::kResponse, other)), Outcome::kResponseDelivered);
+  EXPECT_EQ(dispatch(torn), Outcome::kUndecodableResponse);
+  EXPECT_FALSE(own.taken || own.filed);
+  EXPECT_EQ(into.Handle, CGetDefaultTargetResponse().Handle);
+  EXPECT_EQ(dispatch(Incoming(IncomingKind::kResponse, mine)), Outcome::kResponseDelivered);
+  EXPECT_TRUE(own.taken);
+  EXPECT_EQ(into.Handle, 55u);
+  auto theirs = std::dynamic_pointer_cast<CGetDefaultTargetResponse>(Arrived(6));
+  ASSERT_NE(theirs, nullptr);
+  EXPECT_EQ(theirs->Handle, 66u);
+
+  // An object of another class (the head alone) lets its answer go through the store.
+  CResponse head;
+  IncomingDispatcher::OwnAnswer plain{5, &head};
+  const ByteVector body = Incoming(IncomingKind::kResponse, mine);
+  MessageBuffer buffer(body.data(), body.size());
+  EXPECT_EQ(dispatcher_.Dispatch(buffer, &plain), Outcome::kResponseDelivered);
+  EXPECT_TRUE(plain.filed && !plain.taken);
+}
+
 }  // namespace
 }  // namespace qv
