@@ -1,54 +1,72 @@
 #pragma once
 // A lock whose waits also end when its owner is stopped: the pipe channel's write and read locks,
 // which a caller waits for "until it is free or the connection is being torn down".
+//
+// One atomic word holds it: taking and letting go of a free lock is one atomic operation each,
+// with no system call; only a thread that finds it held sleeps (on the word, in the system), and
+// marks the word so that the holder knows to wake someone when it lets go.
 
-#include <condition_variable>
-#include <mutex>
+#include <atomic>
+#include <cstdint>
+
+#include "platform/word_wait.h"
 
 namespace qv {
 
 class StoppableLock {
  public:
   // Takes the lock; false (without it) once Stop has been called.
-  bool Lock() {
-    std::unique_lock guard(mutex_);
-    free_.wait(guard, [this] { return stopped_ || !held_; });
-    if (stopped_) return false;
-    held_ = true;
-    return true;
-  }
+  bool Lock() { return Take(/*even_if_stopped=*/false); }
   // Takes the lock whether or not the owner has been stopped: for the owner tearing down what the
   // lock guards.
-  void LockEvenIfStopped() {
-    std::unique_lock guard(mutex_);
-    free_.wait(guard, [this] { return !held_; });
-    held_ = true;
-  }
+  void LockEvenIfStopped() { Take(/*even_if_stopped=*/true); }
   void Unlock() {
-    {
-      std::lock_guard guard(mutex_);
-      held_ = false;
+    const uint32_t was = state_.fetch_and(~(kHeld | kContended), std::memory_order_release);
+    if ((was & kContended) == 0) return;
+    // Once stopped, the waiters that only Lock leave without the lock: every waiter is woken so
+    // that one that takes it even so is not left asleep behind them.
+    if ((was & kStopped) != 0) {
+      platform::WakeAll(state_);
+    } else {
+      platform::WakeOne(state_);
     }
-    free_.notify_one();
   }
   // Ends every wait, present and future, until Reset.
   void Stop() {
-    {
-      std::lock_guard guard(mutex_);
-      stopped_ = true;
-    }
-    free_.notify_all();
+    state_.fetch_or(kStopped, std::memory_order_acq_rel);
+    platform::WakeAll(state_);
   }
-  void Reset() {
-    std::lock_guard guard(mutex_);
-    stopped_ = false;
-  }
+  void Reset() { state_.fetch_and(~kStopped, std::memory_order_acq_rel); }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable free_;
-  bool held_ = false;     // guarded by mutex_
-  bool stopped_ = false;  // guarded by mutex_
+  static constexpr uint32_t kHeld = 1;
+  static constexpr uint32_t kContended = 2;  // someone may sleep waiting for it
+  static constexpr uint32_t kStopped = 4;
+
+  bool Take(bool even_if_stopped) {
+    uint32_t seen = state_.load(std::memory_order_relaxed);
+    // A thread that slept keeps the contended mark when it takes the lock: others may still sleep.
+    uint32_t keep = 0;
+    for (;;) {
+      if ((seen & kStopped) != 0 && !even_if_stopped) return false;
+      if ((seen & kHeld) == 0) {
+        if (state_.compare_exchange_weak(seen, seen | kHeld | keep, std::memory_order_acquire,
+                                         std::memory_order_relaxed)) {
+          return true;
+        }
+        continue;
+      }
+      if ((seen & kContended) == 0 &&
+          !state_.compare_exchange_weak(seen, seen | kContended, std::memory_order_relaxed)) {
+        continue;
+      }
+      platform::WaitWhileEquals(state_, seen | kContended);
+      keep = kContended;
+      seen = state_.load(std::memory_order_relaxed);
+    }
+  }
+
+  std::atomic<uint32_t> state_{0};
 };
 
 }  // namespace qv

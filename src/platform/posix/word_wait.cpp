@@ -1,0 +1,51 @@
+#include "platform/word_wait.h"
+
+#ifdef __linux__
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <climits>
+#endif
+
+namespace qv::platform {
+
+#ifdef __linux__
+static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t), "a futex is a plain word");
+
+namespace {
+
+long Futex(std::atomic<uint32_t>& word, int operation, uint32_t value) noexcept {
+  return syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word), operation | FUTEX_PRIVATE_FLAG,
+                 value, nullptr, nullptr, 0);
+}
+
+}  // namespace
+
+void WaitWhileEquals(std::atomic<uint32_t>& word, uint32_t expected) noexcept {
+  // EAGAIN (the word changed first) and EINTR both mean: look again.
+  Futex(word, FUTEX_WAIT, expected);
+}
+
+void WakeOne(std::atomic<uint32_t>& word) noexcept {
+  Futex(word, FUTEX_WAKE, 1);
+}
+
+void WakeAll(std::atomic<uint32_t>& word) noexcept {
+  Futex(word, FUTEX_WAKE, INT_MAX);
+}
+#else
+void WaitWhileEquals(std::atomic<uint32_t>& word, uint32_t expected) noexcept {
+  word.wait(expected, std::memory_order_relaxed);
+}
+
+void WakeOne(std::atomic<uint32_t>& word) noexcept {
+  word.notify_one();
+}
+
+void WakeAll(std::atomic<uint32_t>& word) noexcept {
+  word.notify_all();
+}
+#endif
+
+}  // namespace qv::platform
