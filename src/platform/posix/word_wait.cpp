@@ -1,16 +1,13 @@
 #include "platform/word_wait.h"
 
-#ifdef __linux__
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <climits>
-#endif
 
 namespace qv::platform {
 
-#ifdef __linux__
 static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t), "a futex is a plain word");
 
 namespace {
@@ -34,18 +31,5 @@ void WakeOne(std::atomic<uint32_t>& word) noexcept {
 void WakeAll(std::atomic<uint32_t>& word) noexcept {
   Futex(word, FUTEX_WAKE, INT_MAX);
 }
-#else
-void WaitWhileEquals(std::atomic<uint32_t>& word, uint32_t expected) noexcept {
-  word.wait(expected, std::memory_order_relaxed);
-}
-
-void WakeOne(std::atomic<uint32_t>& word) noexcept {
-  word.notify_one();
-}
-
-void WakeAll(std::atomic<uint32_t>& word) noexcept {
-  word.notify_all();
-}
-#endif
 
 }  // namespace qv::platform
