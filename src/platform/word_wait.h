@@ -1,7 +1,8 @@
 #pragma once
 // Sleeping until another thread changes a 32-bit word. On Linux through the futex itself, with
 // none of the spinning and yielding that std::atomic's wait does first, which on a busy CPU only
-// holds up the thread that would change the word; on Windows through std::atomic's wait.
+// holds up the thread that would change the word; on Windows through a condition variable that
+// a few words share.
 
 #include <atomic>
 #include <cstdint>
