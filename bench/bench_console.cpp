@@ -8,7 +8,7 @@
 //                                           answers with an ACK_CONSOLE_OUTPUT-sized one
 //   BM_ConsoleOutput/targets:T/bytes:B      T kits, each with a script that writes pieces of B
 //                                           characters in bursts (together 1024 pieces every
-//                                           3 ms); one root object (as a host has) advises one
+//                                           2 ms); one root object (as a host has) advises one
 //                                           sink on all T target objects
 //   BM_ConsoleLatency/targets:T             T kits, each writing a piece a millisecond that
 //                                           carries the server's steady clock; p50/p99 of the
@@ -41,7 +41,7 @@
 #include "bench_floor.h"
 #include "bench_server_process.h"
 #include "server/kits/console_cache.h"
-#include "server/targets/target_registry.h"
+#include "server/targets/console_pacing.h"
 #include "vekxapi/bstr.h"
 #include "vekxapi/com_ptr.h"
 #include "vekxapi/event_sink.h"
@@ -55,10 +55,10 @@ constexpr int kManyTargets = 16;
 constexpr int kSmallPiece = 16;
 constexpr int kLargePiece = 1024;
 // The server lets this many pieces to one client go unacknowledged.
-constexpr size_t kWindow = qv::server::TargetRegistry::kConsoleInFlight;
+constexpr size_t kWindow = qv::server::kConsoleInFlight;
 // Pieces that wait for one client beyond the window, at most; the rest are dropped for it.
-constexpr uint64_t kBacklog = qv::server::TargetRegistry::kConsoleBacklog;
-constexpr uint32_t kBurstEveryMs = 3;
+constexpr uint64_t kBacklog = qv::server::kConsoleBacklog;
+constexpr uint32_t kBurstEveryMs = 2;
 // Pieces a kit writes at server start, before any client listens: its console cache full.
 constexpr uint32_t kCacheFill = qv::server::ConsoleCache::kDefaultSize;
 // The first piece of every script: the pieces measured come after it, once every target is

@@ -34,6 +34,7 @@
 #include "server/kits/script_runner.h"
 #include "server/kits/text_blocks.h"
 #include "server/protocols/target_protocols.h"
+#include "server/targets/console_pacing.h"
 #include "server/targets/process_locks.h"
 
 namespace qv::server {
@@ -177,12 +178,7 @@ class TargetRegistry {
   U32List ClientProcessIds() const;
 
   // Console (target_console.cpp). Output goes into the target's cache and to its ConsoleOutput
-  // subscribers, at most kConsoleInFlight unacknowledged pieces per client (a full window refills
-  // when half of it is acknowledged); a client's further pieces wait, up to kConsoleBacklog, and
-  // beyond that are dropped for that client and counted:
-  // once it acknowledges again it gets a piece saying how many it missed (docs/server.md).
-  static constexpr uint32_t kConsoleInFlight = 64;
-  static constexpr uint32_t kConsoleBacklog = 1024;
+  // subscribers, paced on each client's acknowledgements (console_pacing.h, docs/server.md).
   Status ConsoleCacheSize(uint32_t handle, uint32_t& size) const;
   Status SetConsoleCacheSize(uint32_t handle, uint32_t size);
   Status ConsoleCacheUpperBound(uint32_t handle, uint32_t& upper_bound) const;

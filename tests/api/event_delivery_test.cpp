@@ -20,6 +20,7 @@
 #include "events/notify_clients.h"
 #include "platform/wide_string.h"
 #include "requests/catalogue.h"
+#include "server/targets/console_pacing.h"
 #include "serverlink/log.h"
 #include "support/field_filler.h"
 #include "vekxapi/result_codes.h"
@@ -417,19 +418,21 @@ std::vector<std::string> Pieces(const vekx::Variant& output) {
 }
 
 TEST_F(LiveEventsTest, TheConsoleCacheIsReadForwardWhileOutputKeepsComing) {
-  constexpr int kPieces = 150;  // more than the server lets go unacknowledged
+  // Each kit writes more than the server lets go unacknowledged.
+  constexpr int kPieces = server::kConsoleInFlight + 88;
   ASSERT_NO_FATAL_FAILURE(Serve(TwoKits(
       Script({Step("CONSOLE_OUTPUT", "{Port: 1, Category: 1, Text: \"piece {n}\"}", 1, kPieces)}),
-      Script({Step("CONSOLE_OUTPUT", "{Text: x}", 0, 100)}))));
+      Script({Step("CONSOLE_OUTPUT", "{Text: x}", 0, kPieces)}))));
   const auto target = Target("kit-one");
   const auto two = Target("kit-two");
   ASSERT_TRUE(target && two);
   // Output of a target that has no sink is acknowledged too: kit-two's, subscribed to on the
-  // server only, would otherwise use up this client's 64 unacknowledged pieces and hold up
-  // kit-one's.
+  // server only, would otherwise use up this client's window of unacknowledged pieces and hold
+  // up kit-one's.
   CRequestConsoleOutputEventsResponse subscribed;
   ASSERT_OK(client_->Call(HandleOf(two), CRequestConsoleOutputEventsRequest(), subscribed));
-  EXPECT_TRUE(WaitUntil([&] { return Get(two.Get(), &ITarget::get_ConsoleCacheIndex) == 100; }));
+  EXPECT_TRUE(
+      WaitUntil([&] { return Get(two.Get(), &ITarget::get_ConsoleCacheIndex) == kPieces; }));
   const ULONG start = Get(target.Get(), &ITarget::get_ConsoleCacheIndex);
   auto* sink = NewSink();
   ASSERT_OK(target->AdviseConsoleOutputEvents(sink));  // starts the script

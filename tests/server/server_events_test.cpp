@@ -7,21 +7,29 @@
 #include <thread>
 
 #include "platform/wide_string.h"
+#include "server/targets/console_pacing.h"
 #include "server_harness.h"
 
 namespace qv::servertest {
 namespace {
 
-constexpr char kEventsScenario[] = R"(kits:
+using server::kConsoleBacklog;
+using server::kConsoleInFlight;
+
+// kit-flood writes a window and a backlog of pieces at once, and kDropped more.
+constexpr uint32_t kDropped = 112;
+constexpr uint32_t kFlood = kConsoleInFlight + kConsoleBacklog + kDropped;
+
+const std::string kEventsScenario = R"(kits:
   - {host: kit-two, power: on}
   - host: kit-flood
     power: on
     scripts:
       - steps:
           - notification: CONSOLE_OUTPUT
-            repeat: 1200
             fields: {Text: x}
-)";
+            repeat: )" + std::to_string(kFlood) +
+                                    "\n";
 
 class EventsTest : public ServerTest {
  protected:
@@ -60,15 +68,15 @@ TEST_F(EventsTest, ConsoleInputAndCacheSizeRefuseWhatTheyCannotTake) {
   EXPECT_EQ(b_.Call(two, size).Result, Code(KXAPI_SERVER_INVALID_ARG));
 }
 
-// kit-flood writes 1200 pieces at once. A client that does not acknowledge gets the first 64;
-// 1024 more wait for it and the rest are dropped for it, which it learns once it catches up.
+// A client that does not acknowledge gets the first window of kit-flood's pieces; a backlog more
+// waits for it and the rest are dropped for it, which it learns once it catches up.
 TEST_F(EventsTest, ConsoleOutputIsPacedOnAcknowledgementsAndDropsAreReported) {
   const uint32_t flood = a_.HandleOf(u"kit-flood");
   EXPECT_EQ(a_.Call(flood, CRequestConsoleOutputEventsRequest{}).Result, 0u);
-  a_.WaitNotifications(64);
-  ASSERT_TRUE(WaitUntil([&] { return UpperBound(b_, flood) == 1200; }));
+  a_.WaitNotifications(kConsoleInFlight);
+  ASSERT_TRUE(WaitUntil([&] { return UpperBound(b_, flood) == kFlood; }));
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_EQ(a_.Notifications().size(), 64u);
+  EXPECT_EQ(a_.Notifications().size(), kConsoleInFlight);
 
   // Acknowledged as the library does: without waiting for the answer.
   size_t acknowledged = 0;
@@ -81,11 +89,12 @@ TEST_F(EventsTest, ConsoleOutputIsPacedOnAcknowledgementsAndDropsAreReported) {
     }
   };
   // A full window refills once half of it is acknowledged, not piece by piece.
-  acknowledge(31);
+  acknowledge(kConsoleInFlight / 2 - 1);
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_EQ(a_.Notifications().size(), 64u);
+  EXPECT_EQ(a_.Notifications().size(), kConsoleInFlight);
   acknowledge(1);
-  EXPECT_EQ(a_.WaitNotifications(96).size(), 96u);
+  const size_t refilled = kConsoleInFlight + kConsoleInFlight / 2;
+  EXPECT_EQ(a_.WaitNotifications(refilled).size(), refilled);
   const auto last_text = [&] {
     const auto pieces = a_.Notifications();
     acknowledge(pieces.size() - acknowledged);
@@ -93,12 +102,14 @@ TEST_F(EventsTest, ConsoleOutputIsPacedOnAcknowledgementsAndDropsAreReported) {
   };
   ASSERT_TRUE(WaitUntil([&] { return last_text() != u"x"; }, 60000));
   const auto pieces = a_.Notifications();
-  EXPECT_EQ(pieces.size(), 64u + 1024u + 1u);
+  EXPECT_EQ(pieces.size(), kConsoleInFlight + kConsoleBacklog + 1);
   const std::string notice =
       platform::Utf16ToUtf8(As<CConsoleOutputNotification>(pieces.back())->Text);
-  EXPECT_NE(notice.find("112 pieces of console output were not sent"), std::string::npos) << notice;
+  EXPECT_NE(notice.find(std::to_string(kDropped) + " pieces of console output were not sent"),
+            std::string::npos)
+      << notice;
   // The cache kept its newest 1024 regardless, then the notice.
-  EXPECT_EQ(UpperBound(b_, flood), 1201u);
+  EXPECT_EQ(UpperBound(b_, flood), kFlood + 1);
   const ConsoleCacheRecordList cached = FetchAll(b_, flood);
   ASSERT_EQ(cached.size(), 1024u);
   EXPECT_EQ(platform::Utf16ToUtf8(cached.back().Text), notice);

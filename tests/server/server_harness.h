@@ -367,7 +367,7 @@ class ServerTest : public ::testing::Test {
   // Tests of a tool that serves the account's own user name pass that name.
   explicit ServerTest(std::u16string user = TestUser()) : user_(std::move(user)) {}
 
-  void StartServer(bool built_in = false, const char* scenario = kQuickScenario) {
+  void StartServer(bool built_in = false, const std::string& scenario = kQuickScenario) {
     std::vector<std::string> args{"--log-level", "2"};
     if (!built_in) args.insert(args.end(), {"--scenario", WriteScenario(scenario)});
     args.insert(args.end(), extra_args_.begin(), extra_args_.end());
