@@ -4,8 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <thread>
+
+#include "support/test_environment.h"
 
 namespace qv::platform {
 namespace {
@@ -28,10 +29,7 @@ TEST(WordWaitTest, ATurnHandedBackAndForthIsNeverLost) {
   };
   std::thread even(play, 0u);
   std::thread odd(play, 1u);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (turn.load() < kRounds && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  testing::WaitUntil([&] { return turn.load() >= kRounds; });
   const uint32_t reached = turn.load();
   turn.fetch_or(kGiveUp);
   WakeAll(turn);

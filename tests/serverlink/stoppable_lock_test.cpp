@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <atomic>
 #include <thread>
 #include <vector>
+
+#include "support/test_environment.h"
 
 namespace qv {
 namespace {
@@ -29,11 +31,7 @@ TEST(StoppableLockTest, ContendedTakingsAllGoThroughAndNoWakeIsLost) {
       finished.fetch_add(1);
     });
   }
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (finished.load() < kThreads && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  const bool in_time = finished.load() == kThreads;
+  const bool in_time = testing::WaitUntil([&] { return finished.load() == kThreads; });
   lock.Stop();  // ends the waits of a failed run; a taking still in progress is refused
   for (auto& thread : threads)
     thread.join();
